@@ -1,0 +1,39 @@
+// The framework's exception classes and raisers.
+//
+// Exceptions are C++ exceptions thrown BY VALUE: catch them as
+// `const CException&` (or a derived class), or with `catch (...)`. Nothing is
+// allocated on the heap for them, so nothing can leak whichever way they are
+// caught.
+#pragma once
+
+#include "WinTypes.h"
+
+class CException {
+public:
+    virtual ~CException() = default;
+    // A short English description, for messages and logs.
+    virtual const char* GetErrorText() const { return "framework exception"; }
+};
+
+// Raised on every indexed access outside a collection's bounds, and on invalid
+// arguments to framework functions.
+class CInvalidArgException : public CException {
+public:
+    const char* GetErrorText() const override { return "invalid argument"; }
+};
+
+class CMemoryException : public CException {
+public:
+    const char* GetErrorText() const override { return "out of memory"; }
+};
+
+class COleException : public CException {
+public:
+    explicit COleException(HRESULT sc) : m_sc(sc) {}
+    const char* GetErrorText() const override { return "OLE failure"; }
+    HRESULT m_sc;
+};
+
+[[noreturn]] void AfxThrowInvalidArgException();
+[[noreturn]] void AfxThrowMemoryException();
+[[noreturn]] void AfxThrowOleException(HRESULT sc);

@@ -1,0 +1,494 @@
+#include "rtfconverter/BaseRTFParser.h"
+
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+#include "hostlibs/VQLogger.h"
+#include "platform/WinTypes.h"
+
+namespace rtf_converter {
+
+#define RTF_CMD(kw, handler) {kw, &CBaseRTFParser::handler}
+
+const CBaseRTFParser::tagCMDASSN CBaseRTFParser::s_Cmds[CBaseRTFParser::cCmds] = {
+    RTF_CMD("pard", ApplyParCommand),                      // 0
+    RTF_CMD("par", ApplyCRCommand),
+    RTF_CMD("line", ApplyNLCommand),
+    RTF_CMD("qr", ApplyParCommand),
+    RTF_CMD("qc", ApplyParCommand),
+    RTF_CMD("ql", ApplyParCommand),                        // 5
+    RTF_CMD("li", ApplyParCommand),
+    RTF_CMD("fi", ApplyParCommand),
+    RTF_CMD("ri", ApplyParCommand),
+    RTF_CMD("tx", ApplyParCommand),
+    RTF_CMD("tb", ApplyParCommand),                        // 10
+    RTF_CMD("tldot", ApplyParCommand),
+    RTF_CMD("tlhyph", ApplyParCommand),
+    RTF_CMD("tlul", ApplyParCommand),
+    RTF_CMD("tleq", ApplyParCommand),
+    RTF_CMD("plain", ApplyPlainCommand),                   // 15
+    RTF_CMD("b", ApplyCharCommand),
+    RTF_CMD("ul", ApplyCharCommand),
+    RTF_CMD("i", ApplyCharCommand),
+    RTF_CMD("strike", ApplyCharCommand),
+    RTF_CMD("super", ApplyCharCommand),                    // 20
+    RTF_CMD("sub", ApplyCharCommand),
+    RTF_CMD("cchs", ApplyCharCommand),
+    RTF_CMD("tab", ApplyTabCommand),
+    RTF_CMD("pntext", InitPNCommand),
+    RTF_CMD("listtext", InitPNCommand),                    // 25
+    RTF_CMD("pn", InitPNCommand),
+    RTF_CMD("pnlvl", SetParagraphNumberingLevel),
+    RTF_CMD("pnstart", SetParagraphNumberingStart),
+    RTF_CMD("pndec", SetParagraphNumberingType),
+    RTF_CMD("pnlcltr", SetParagraphNumberingType),         // 30
+    RTF_CMD("pnucltr", SetParagraphNumberingType),
+    RTF_CMD("pnucrm", SetParagraphNumberingType),
+    RTF_CMD("pnlcrm", SetParagraphNumberingType),
+    RTF_CMD("pnlcrm", SetParagraphNumberingType),          // shadowed by row 33
+    RTF_CMD("pnlvlblt", SetParagraphNumberingType),        // 35
+    RTF_CMD("pntxta", SetParagraphNumberingTxtAfter),
+    RTF_CMD("pntxtb", SetParagraphNumberingTxtBefore),
+    RTF_CMD("stylesheet", InitStyleSheet),
+    RTF_CMD("sbasedon", IgnoreWholeSection),
+    RTF_CMD("ssstraux", IgnoreHidden),                     // 40
+    RTF_CMD("field", FieldInit),
+    RTF_CMD("fldinst", FieldInstruction),
+    RTF_CMD("fldrslt", FieldResult),
+    RTF_CMD("fonttbl", InitFontTable),
+    RTF_CMD("fnil", FillFontFamily),                       // 45
+    RTF_CMD("froman", FillFontFamily),
+    RTF_CMD("fswiss", FillFontFamily),
+    RTF_CMD("fmodern", FillFontFamily),
+    RTF_CMD("fscript", FillFontFamily),
+    RTF_CMD("fdecor", FillFontFamily),                     // 50
+    RTF_CMD("ftech", FillFontFamily),
+    RTF_CMD("fbidi", FillFontFamily),
+    RTF_CMD("fcharset", FillFontCharset),
+    RTF_CMD("f", GetFontNum),
+    RTF_CMD("fs", ApplyFontSize),                          // 55
+    RTF_CMD("deff", GetDefaultFontNum),
+    RTF_CMD("colortbl", InitColorTable),
+    RTF_CMD("red", FillColorTable),
+    RTF_CMD("green", FillColorTable),
+    RTF_CMD("blue", FillColorTable),                       // 60
+    RTF_CMD("cf", ApplyColorCommand),
+    RTF_CMD("cb", ApplyBKColorCommand),
+    RTF_CMD("chcfpat", ApplyBKColorCommand),
+    RTF_CMD("cfpat", ApplyBKColorCommand),
+    RTF_CMD(";", ProcessSpecial),                          // 65
+    RTF_CMD("*", MarkOptionalSection),
+    RTF_CMD("'", ProcessSpecialChar),
+    RTF_CMD("lquote", InsertSpecialChar),
+    RTF_CMD("rquote", InsertSpecialChar),
+    RTF_CMD("objattph", InitAttachment),                   // 70
+    RTF_CMD("pict", InitAttachment),
+    RTF_CMD("pngblip", SetPictureType),
+    RTF_CMD("jpegblip", SetPictureType),
+    RTF_CMD("emfblip", SetPictureType),
+    RTF_CMD("wmetafile", SetPictureType),                  // 75
+    RTF_CMD("dibitmap", SetPictureType),
+    RTF_CMD("bin", GetBinary),
+    RTF_CMD("object", InitAttachment),
+    RTF_CMD("objemb", SetPictureType),
+    RTF_CMD("objlink", SetPictureType),                    // 80
+    RTF_CMD("objdata", ObjectData),
+    RTF_CMD("result", ObjectResult),
+    RTF_CMD("trowd", ApplyStartRowCommand),
+    RTF_CMD("intbl", ApplyStartRowCommand),
+    RTF_CMD("row", ApplyEndRowCommand),                    // 85
+    RTF_CMD("lastrow", ApplyLastRowCommand),
+    RTF_CMD("cell", ApplyEndCellCommand),
+    RTF_CMD("revtbl", InitRevTable),
+    RTF_CMD("info", InitInfoGroup),                        // 89
+};
+
+#undef RTF_CMD
+
+namespace {
+
+// An open-addressing index over s_Cmds, built once, that gives the row a
+// linear first-match scan would give: each keyword is entered only at its
+// first row, so shadowed rows (the second "pnlcrm") stay unreachable.
+class CKeywordIndex {
+public:
+    static constexpr unsigned cSlots = 256;  // a power of two, well above 90
+
+    CKeywordIndex(const CBaseRTFParser::tagCMDASSN* rows, int cRows) : m_rows(rows)
+    {
+        for (int row = 0; row < cRows; ++row) {
+            unsigned slot = Hash(rows[row].szKeyword) & (cSlots - 1);
+            bool bShadowed = false;
+            for (; m_slots[slot] != 0; slot = (slot + 1) & (cSlots - 1)) {
+                if (std::strcmp(rows[m_slots[slot] - 1].szKeyword, rows[row].szKeyword) == 0) {
+                    bShadowed = true;
+                    break;
+                }
+            }
+            if (!bShadowed)
+                m_slots[slot] = static_cast<std::uint8_t>(row + 1);
+        }
+    }
+
+    int Find(const char* szKeyword) const
+    {
+        for (unsigned slot = Hash(szKeyword) & (cSlots - 1); m_slots[slot] != 0; slot = (slot + 1) & (cSlots - 1)) {
+            const int row = m_slots[slot] - 1;
+            if (std::strcmp(m_rows[row].szKeyword, szKeyword) == 0)
+                return row;
+        }
+        return -1;
+    }
+
+private:
+    static unsigned Hash(const char* sz)
+    {
+        unsigned h = 2166136261u;  // FNV-1a
+        for (const unsigned char* p = reinterpret_cast<const unsigned char*>(sz); *p; ++p)
+            h = (h ^ *p) * 16777619u;
+        return h ^ (h >> 8);
+    }
+
+    const CBaseRTFParser::tagCMDASSN* m_rows;
+    std::uint8_t m_slots[cSlots] = {};  // row + 1; 0 marks an empty slot
+};
+
+} // namespace
+
+int CBaseRTFParser::FindKeyword(const char* szKeyword)
+{
+    static const CKeywordIndex s_index(s_Cmds, cCmds);
+    return s_index.Find(szKeyword);
+}
+
+// --- life cycle and the group stack
+
+CBaseRTFParser::CBaseRTFParser(const CBaseRTFParser& other)
+    : CRTFParser(other),
+      m_rds(other.m_rds),
+      m_rdsBeforeHidden(other.m_rdsBeforeHidden),
+      m_bOptionalDest(other.m_bOptionalDest),
+      m_pnInfo(other.m_pnInfo),
+      m_numbering(other.m_numbering),
+      m_bParagraphStart(other.m_bParagraphStart),
+      m_pSave(other.m_pSave)
+{
+    AddRefSave(m_pSave);
+}
+
+CBaseRTFParser& CBaseRTFParser::operator=(const CBaseRTFParser& other)
+{
+    if (this != &other) {
+        AddRefSave(other.m_pSave);
+        ReleaseSave(m_pSave);
+        CRTFParser::operator=(other);
+        m_rds = other.m_rds;
+        m_rdsBeforeHidden = other.m_rdsBeforeHidden;
+        m_bOptionalDest = other.m_bOptionalDest;
+        m_pnInfo = other.m_pnInfo;
+        m_numbering = other.m_numbering;
+        m_bParagraphStart = other.m_bParagraphStart;
+        m_pSave = other.m_pSave;
+    }
+    return *this;
+}
+
+CBaseRTFParser::~CBaseRTFParser()
+{
+    ReleaseSave(m_pSave);
+}
+
+void CBaseRTFParser::AddRefSave(CBaseRTFParserSave* pSave)
+{
+    if (pSave)
+        ++pSave->cRef;
+}
+
+// Iterative, so that releasing a stack many thousands of groups deep cannot
+// overflow the call stack.
+void CBaseRTFParser::ReleaseSave(CBaseRTFParserSave* pSave)
+{
+    while (pSave && --pSave->cRef == 0) {
+        CBaseRTFParserSave* pNext = pSave->pNext;
+        delete pSave;
+        pSave = pNext;
+    }
+}
+
+void CBaseRTFParser::Init()
+{
+    m_rds = rdsNorm;
+    m_rdsBeforeHidden = rdsNorm;
+    m_bOptionalDest = false;
+    ReleaseSave(m_pSave);
+    m_pSave = nullptr;
+    m_bParagraphStart = true;
+    CRTFParser::Init();
+}
+
+CBaseRTFParser::CBaseRTFParserSave* CBaseRTFParser::CreateSave()
+{
+    return new (std::nothrow) CBaseRTFParserSave;
+}
+
+bool CBaseRTFParser::PushRtfState()
+{
+    CBaseRTFParserSave* pSave = CreateSave();
+    if (!pSave) {
+        VQTRACE("PushRtfState: no mem\n");
+        return false;
+    }
+    pSave->pNext = m_pSave;  // the stack's reference to the old top moves here
+    pSave->rds = m_rds;
+    m_pSave = pSave;
+    return CRTFParser::PushRtfState();
+}
+
+bool CBaseRTFParser::PopRtfState()
+{
+    VQASSERT(m_cGroup > 0);
+    if (!m_pSave) {
+        VQTRACE("PopRtfState: underflow\n");
+        return false;
+    }
+    EndGroupAction(m_rds, m_pSave->rds);
+
+    CBaseRTFParserSave* pSaveOld = m_pSave;
+    VQASSERT(pSaveOld);
+    m_rds = pSaveOld->rds;
+    m_pSave = pSaveOld->pNext;
+    AddRefSave(m_pSave);
+    ReleaseSave(pSaveOld);
+    return CRTFParser::PopRtfState();
+}
+
+// --- dispatch
+
+bool CBaseRTFParser::TranslateKeyword(const char* szKeyword, int param)
+{
+    // Inside a skipped destination nothing is looked up: neither \' escapes
+    // nor \bin counts are honoured there, and \* is not marked.
+    if (m_rds == rdsSkip)
+        return true;
+
+    const int row = FindKeyword(szKeyword);
+    if (row >= 0) {
+        m_bOptionalDest = false;
+        return (this->*s_Cmds[row].pfnHandler)(szKeyword, param);
+    }
+    if (m_bOptionalDest) {
+        m_bOptionalDest = false;
+        m_rds = rdsSkip;
+    }
+    return true;
+}
+
+bool CBaseRTFParser::EndGroupAction(RDS rdsOld, RDS rdsNew)
+{
+    if (rdsOld == rdsPNCommand && rdsNew != rdsPNCommand)
+        ApplyParagraphNumbering();
+    return true;
+}
+
+// --- destinations
+
+bool CBaseRTFParser::InitFontTable(const void*, int)
+{
+    m_rds = rdsFontTable;
+    return true;
+}
+
+bool CBaseRTFParser::InitColorTable(const void*, int)
+{
+    m_rds = rdsColorTable;
+    return true;
+}
+
+bool CBaseRTFParser::InitStyleSheet(const void*, int)
+{
+    if (m_rds != rdsSkip)
+        m_rds = rdsStyleSheet;
+    return true;
+}
+
+bool CBaseRTFParser::InitRevTable(const void*, int)
+{
+    m_rds = rdsRevTable;
+    return true;
+}
+
+bool CBaseRTFParser::InitInfoGroup(const void*, int)
+{
+    m_rds = rdsInfo;
+    return true;
+}
+
+bool CBaseRTFParser::FieldInit(const void*, int)
+{
+    if (m_rds != rdsSkip)
+        m_rds = rdsField;
+    return true;
+}
+
+bool CBaseRTFParser::FieldInstruction(const void*, int)
+{
+    if (m_rds != rdsSkip)
+        m_rds = rdsFieldInst;
+    return true;
+}
+
+bool CBaseRTFParser::IgnoreWholeSection(const void*, int)
+{
+    m_rds = rdsSkip;
+    return true;
+}
+
+bool CBaseRTFParser::MarkOptionalSection(const void*, int)
+{
+    m_bOptionalDest = true;
+    return true;
+}
+
+bool CBaseRTFParser::IgnoreHidden(const void*, int)
+{
+    if (m_rds == rdsHidden) {
+        m_rds = m_rdsBeforeHidden;
+    } else {
+        m_rdsBeforeHidden = m_rds;
+        m_rds = rdsHidden;
+    }
+    return true;
+}
+
+// --- the hexadecimal escape \'hh
+
+namespace {
+
+// 0..15 for '0'-'9', 'A'-'F' and 'a'-'f'; -1 for any other byte, whatever
+// the host's locale says.
+inline int HexDigitValue(char ch)
+{
+    if (ch >= '0' && ch <= '9') return ch - '0';
+    if (ch >= 'A' && ch <= 'F') return ch - 'A' + 10;
+    if (ch >= 'a' && ch <= 'f') return ch - 'a' + 10;
+    return -1;
+}
+
+} // namespace
+
+int CBaseRTFParser::ParseHexParam(char first)
+{
+    char ch = first;
+    int value = 0;
+    for (int k = 1; k <= 2; ++k) {
+        if (k == 2 || ch == '\0')
+            Get(ch);  // result ignored: at the end of input ch stays as it was
+        const int digit = HexDigitValue(ch);
+        if (digit < 0) {
+            Backtrack(k);
+            return noParam;
+        }
+        value = value * 16 + digit;
+    }
+    return value;
+}
+
+bool CBaseRTFParser::ProcessSpecialChar(const void*, int)
+{
+    const int value = ParseHexParam('\0');
+    if (value == noParam || value == 0 || value >= 256)
+        return true;  // \'00 produces no character
+    return ParseChar(static_cast<char>(value));
+}
+
+// --- paragraphs and numbering
+
+bool CBaseRTFParser::ApplyParCommand(const void* pKeyword, int)
+{
+    if (std::strcmp(static_cast<const char*>(pKeyword), "pard") == 0)
+        m_numbering.ResetParagraph();
+    return true;
+}
+
+bool CBaseRTFParser::ApplyCRCommand(const void*, int)
+{
+    ++m_numbering.m_number;
+    m_bParagraphStart = true;
+    return true;
+}
+
+void CBaseRTFParser::ApplyParagraphNumbering()
+{
+    m_numbering.SetCurrentInfo(m_pnInfo);
+    m_pnInfo.Clear();
+}
+
+bool CBaseRTFParser::InitPNCommand(const void*, int)
+{
+    m_rds = m_rds == rdsHyperlink ? rdsSkip : rdsPNCommand;
+    return true;
+}
+
+bool CBaseRTFParser::SetParagraphNumberingLevel(const void*, int param)
+{
+    VQASSERT(rdsPNCommand == m_rds);
+    m_pnInfo.SetLevel(param);
+    return true;
+}
+
+bool CBaseRTFParser::SetParagraphNumberingStart(const void*, int param)
+{
+    VQASSERT(rdsPNCommand == m_rds);
+    m_pnInfo.SetStartNum(param);
+    return true;
+}
+
+namespace {
+
+struct NumberingKeyword {
+    const char* szKeyword;
+    NumberingType type;
+};
+
+constexpr NumberingKeyword kNumberingKeywords[] = {
+    {"pndec", pntDecimal},       {"pnlcltr", pntLowerLetter}, {"pnucltr", pntUpperLetter},
+    {"pnucrm", pntUpperRoman},   {"pnlcrm", pntLowerRoman},   {"pnlvlblt", pntBullet},
+};
+
+} // namespace
+
+bool CBaseRTFParser::SetParagraphNumberingType(const void* pKeyword, int)
+{
+    VQASSERT(rdsPNCommand == m_rds);
+    for (const NumberingKeyword& k : kNumberingKeywords) {
+        if (std::strcmp(static_cast<const char*>(pKeyword), k.szKeyword) == 0) {
+            m_pnInfo.SetNumberingType(k.type);
+            return true;
+        }
+    }
+    VQASSERT(FALSE);
+    return true;
+}
+
+bool CBaseRTFParser::SetParagraphNumberingTxtAfter(const void*, int)
+{
+    if (m_rds != rdsSkip)
+        m_rds = rdsPNTextAfter;
+    return true;
+}
+
+bool CBaseRTFParser::SetParagraphNumberingTxtBefore(const void*, int)
+{
+    if (m_rds != rdsSkip)
+        m_rds = rdsPNTextBefore;
+    return true;
+}
+
+bool CBaseRTFParser::InitPNTxtCommand(const void*, int)
+{
+    m_rds = rdsPNText;
+    return true;
+}
+
+} // namespace rtf_converter

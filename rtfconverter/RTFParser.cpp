@@ -1,0 +1,144 @@
+#include "rtfconverter/RTFParser.h"
+
+#include "hostlibs/VQLogger.h"
+
+namespace rtf_converter {
+
+namespace {
+
+inline bool IsAsciiLetter(char ch) { return static_cast<unsigned char>((ch | 0x20) - 'a') < 26; }
+inline bool IsAsciiDigit(char ch) { return static_cast<unsigned char>(ch - '0') < 10; }
+
+} // namespace
+
+void CRTFParser::Init()
+{
+    m_bStarted = true;
+    m_cGroup = 0;
+}
+
+bool CRTFParser::PushRtfState()
+{
+    ++m_cGroup;
+    return true;
+}
+
+bool CRTFParser::PopRtfState()
+{
+    --m_cGroup;
+    return true;
+}
+
+void CRTFParser::Parse(bool& bMore)
+{
+    bMore = false;
+    if (m_bStarted) {
+        VQASSERT(m_cGroup > 0);
+        InitBuffer();
+    } else {
+        Init();
+    }
+    MarkBacktrack(0);
+
+    char ch = 0;
+    for (;;) {
+        if (Get(ch) < 0)
+            return;
+        switch (ch) {
+        case '\n':
+        case '\r':
+            break;
+        case '\\':
+            m_bSkipNextChar = false;
+            MarkBacktrack(1);
+            if (!ParseRtfKeyword()) {
+                Backtrack(-1);
+                bMore = true;
+            }
+            break;
+        case '{':
+            m_bSkipNextChar = false;
+            PushRtfState();
+            break;
+        case '}':
+            m_bSkipNextChar = false;
+            PopRtfState();
+            break;
+        default:
+            if (!ParseChar(ch))
+                bMore = true;
+            break;
+        }
+        // Runs after every byte, CR and LF included: the document must open
+        // with '{' as its very first byte, and nothing after the outermost
+        // '}' is read.
+        if (m_cGroup < 1 || bMore)
+            return;
+    }
+}
+
+bool CRTFParser::ParseRtfKeyword()
+{
+    char ch = 0;
+    if (Get(ch) < 0)
+        return true; // a backslash at the end of input is dropped
+
+    if (!IsAsciiLetter(ch)) {
+        if (ch == '\\' || ch == '{' || ch == '}')
+            return ParseChar(ch);
+        const char szSymbol[2] = {ch, '\0'};
+        return TranslateKeyword(szSymbol, 0);
+    }
+
+    // The results of these reads are ignored on purpose: at the end of input
+    // a failed read leaves ch as it was, so a word cut off by the end is
+    // padded with its last letter up to the length limit.
+    char szKeyword[maxKeywordLength + 2];
+    int cch = 0;
+    while (IsAsciiLetter(ch) && cch < maxKeywordLength) {
+        szKeyword[cch++] = ch;
+        Get(ch);
+    }
+    szKeyword[cch] = '\0';
+
+    const int param = ParseParam(ch);
+    if (param == noParam && ch != ' ')
+        Backtrack(1);
+    return TranslateKeyword(szKeyword, param);
+}
+
+int CRTFParser::ParseParam(char ch)
+{
+    if (ch == '\0')
+        Get(ch); // a NUL right after a control word is passed over
+
+    bool bNegative = false;
+    if (ch == '-') {
+        bNegative = true;
+        if (Get(ch) < 0)
+            return noParam;
+    }
+
+    int value = noParam;
+    if (IsAsciiDigit(ch)) {
+        // 32-bit arithmetic that wraps silently, however many digits follow;
+        // done unsigned so that the wrap is defined.
+        unsigned uValue = 0;
+        while (IsAsciiDigit(ch)) {
+            uValue = uValue * 10u + static_cast<unsigned>(ch - '0');
+            Get(ch);
+        }
+        if (bNegative)
+            uValue = 0u - uValue;
+        value = static_cast<int>(uValue);
+    }
+
+    if (ch == ' ')
+        return value; // the delimiting space is consumed
+    if (value == noParam)
+        return value;
+    Backtrack(1);
+    return value;
+}
+
+} // namespace rtf_converter

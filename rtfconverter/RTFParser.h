@@ -1,0 +1,73 @@
+// CRTFParser: the resumable RTF tokenizer at the root of every reader.
+//
+// The tokenizer pulls the RTF one byte at a time from a character source that
+// the derived reader supplies, recognises groups, control words, control
+// symbols and plain characters, and hands each to a virtual operation. It
+// knows nothing of what a keyword means (see CBaseRTFParser).
+//
+// Character source contract (implemented by each concrete reader):
+//   long Get(char& ch)       next byte into ch and advance; negative HRESULT
+//                            when no byte could be read. A failed read may
+//                            leave ch unchanged.
+//   void MarkBacktrack(int n) mark = read position - n.
+//   void Backtrack(int n)    n == -1: read position = mark; otherwise move the
+//                            read position back n bytes. Every byte from the
+//                            mark to the read position must stay available.
+//
+// Sink contract (declared by each converter family, not here):
+//   bool Put(char ch)        false, writing nothing, when the buffer is full.
+//   bool Put(const CString&) all or nothing: needs room for the text and a
+//                            NUL; advances by the length only.
+//   GetCBWritten()           bytes written into the current buffer.
+//
+// Resumption: ParseChar and keyword handlers return false only when the sink
+// refused output. ParseChar then calls Backtrack(1) itself; for a keyword,
+// Parse rewinds to its backslash. Parse returns with bMore true, the caller
+// drains its buffer and calls again, and parsing continues exactly there.
+// Nothing is buffered inside the parser.
+#pragma once
+
+namespace rtf_converter {
+
+class CRTFParser {
+public:
+    // The parameter value of a control word that has none, and the result of
+    // a hexadecimal escape that is not two hex digits.
+    static constexpr int noParam = 0x7FFFFFFF;
+    // A control word keeps at most this many letters.
+    static constexpr int maxKeywordLength = 30;
+
+    // bMore comes back true when parsing stopped because the output was
+    // refused, false when it ended (end of input, the outermost group closed,
+    // or the document did not begin with '{').
+    void Parse(bool& bMore);
+
+protected:
+    CRTFParser() = default;
+    CRTFParser(const CRTFParser&) = default;
+    CRTFParser& operator=(const CRTFParser&) = default;
+    // Not virtual: readers are never deleted through this base.
+    ~CRTFParser() = default;
+
+    virtual void Init();
+    virtual bool PushRtfState();
+    virtual bool PopRtfState();
+    virtual bool InitBuffer() = 0;
+    virtual long Get(char& ch) = 0;
+    virtual void MarkBacktrack(int n) = 0;
+    virtual void Backtrack(int n) = 0;
+    virtual bool ParseChar(char ch) = 0;
+    virtual bool TranslateKeyword(const char* szKeyword, int param) = 0;
+
+    bool ParseRtfKeyword();
+    int ParseParam(char ch);
+
+    bool m_bStarted = false;
+    // One-shot request to drop the next plain character; cleared at every
+    // '{', '}' and backslash.
+    bool m_bSkipNextChar = false;
+    // Number of '{' whose '}' has not been handled yet.
+    int m_cGroup = 0;
+};
+
+} // namespace rtf_converter

@@ -1,0 +1,121 @@
+// RTF to 8-bit plain text, pulled by the caller in buffers of its own size.
+//
+//     CBytePtrRTFToPlainTextPtrParser reader(rtf, cbRtf);
+//     bool bMore = true;
+//     while (bMore) {
+//         unsigned long n = reader.Read(buf, buf + sizeof buf, bMore);
+//         consume(buf, n);
+//     }
+//
+// The text keeps the document's bytes (no code-page conversion). A paragraph
+// ends with byte 0x0D, \line gives 0x0A, \tab and \cell give 0x09; numbered
+// paragraphs get their number text in front. Formatting, tables of fonts and
+// colours, pictures, objects and field instructions are dropped.
+#pragma once
+
+#include "platform/AfxString.h"
+#include "rtfconverter/BaseRTFParser.h"
+
+namespace rtf_converter {
+
+class CRTFToPlainTextParser : protected CBaseRTFParser {
+protected:
+    CRTFToPlainTextParser() = default;
+    CRTFToPlainTextParser(const CRTFToPlainTextParser&) = default;
+    CRTFToPlainTextParser& operator=(const CRTFToPlainTextParser&) = default;
+    ~CRTFToPlainTextParser() = default;
+
+    bool InitBuffer() override;
+    bool ParseChar(char ch) override;
+    bool AttachmentHandler() override;
+    bool FieldInit(const void* pKeyword, int param) override;
+    bool FieldResult(const void* pKeyword, int param) override;
+    bool InitAttachment(const void* pKeyword, int param) override;
+    bool ObjectResult(const void* pKeyword, int param) override;
+    bool ApplyCRCommand(const void* pKeyword, int param) override;
+    bool ApplyNLCommand(const void* pKeyword, int param) override;
+    bool ApplyTabCommand(const void* pKeyword, int param) override;
+    bool ApplyEndRowCommand(const void* pKeyword, int param) override;
+    bool ApplyEndCellCommand(const void* pKeyword, int param) override;
+    bool FillFontFamily(const void* pKeyword, int param) override;
+    bool FillFontCharset(const void* pKeyword, int param) override;
+    bool GetFontNum(const void* pKeyword, int param) override;
+    bool ApplyFontSize(const void* pKeyword, int param) override;
+    bool FillColorTable(const void* pKeyword, int param) override;
+    bool ApplyColorCommand(const void* pKeyword, int param) override;
+    bool ApplyBKColorCommand(const void* pKeyword, int param) override;
+    bool GetDefaultFontNum(const void* pKeyword, int param) override;
+    bool ProcessSpecial(const void* pKeyword, int param) override;
+    bool InsertSpecialChar(const void* pKeyword, int param) override;
+    bool GetBinary(const void* pKeyword, int param) override;
+    bool ApplyCharCommand(const void* pKeyword, int param) override;
+    bool ApplyPlainCommand(const void* pKeyword, int param) override;
+    bool SkipCharacters(const void* pKeyword, int param) override;
+    bool ApplyStartRowCommand(const void* pKeyword, int param) override;
+    bool ApplyLastRowCommand(const void* pKeyword, int param) override;
+    bool SetPictureType(const void* pKeyword, int param) override;
+    bool ObjectData(const void* pKeyword, int param) override;
+
+    // The sink.
+    virtual bool Put(const CString& s) = 0;
+    virtual bool Put(char ch) = 0;
+    virtual unsigned long GetCBWritten() const = 0;
+
+    bool Append(char ch);
+    bool AppendNumberingString();
+    unsigned long Read(bool& bMore);
+
+private:
+    // Writes the paragraph's number text when this is the paragraph's first
+    // output; false when the sink refused it (the number is then due again).
+    bool StartParagraphOutput();
+    // Puts a control byte, or appends it to the numbering text being read.
+    bool PutControlByte(char ch);
+    bool InNumberingText() const { return m_rds == rdsPNTextBefore || m_rds == rdsPNTextAfter; }
+};
+
+class CRTFToPlainTextPtrParser : protected CRTFToPlainTextParser {
+public:
+    // Converts into [pBegin, pEnd) and returns the number of bytes written;
+    // bMore true means call again for the rest. No NUL is written or counted.
+    unsigned long Read(char* pBegin, char* pEnd, bool& bMore);
+
+protected:
+    CRTFToPlainTextPtrParser() = default;
+    CRTFToPlainTextPtrParser(const CRTFToPlainTextPtrParser&) = default;
+    CRTFToPlainTextPtrParser& operator=(const CRTFToPlainTextPtrParser&) = default;
+    ~CRTFToPlainTextPtrParser() = default;
+
+    bool Put(const CString& s) override;
+    bool Put(char ch) override;
+    unsigned long GetCBWritten() const override;
+
+    char* m_pBegin = nullptr;
+    char* m_pEnd = nullptr;
+    char* m_pCur = nullptr;
+};
+
+class CBytePtrRTFToPlainTextPtrParser : public CRTFToPlainTextPtrParser {
+public:
+    // The bytes are not copied: they must stay valid and unchanged for the
+    // object's life. A NUL byte ends the input early.
+    CBytePtrRTFToPlainTextPtrParser(const unsigned char* pData, const unsigned long& cbData);
+    CBytePtrRTFToPlainTextPtrParser(const CBytePtrRTFToPlainTextPtrParser&) = default;
+    CBytePtrRTFToPlainTextPtrParser& operator=(const CBytePtrRTFToPlainTextPtrParser&) = default;
+    ~CBytePtrRTFToPlainTextPtrParser() = default;
+
+protected:
+    long Get(char& ch) override;
+    void MarkBacktrack(int n) override;
+    void Backtrack(int n) override;
+
+    const unsigned char* m_pData;
+    unsigned long m_cbData;
+    const unsigned char* m_pRead;
+    const unsigned char* m_pMark;
+
+private:
+    long ClampBack(int n) const;
+};
+
+} // namespace rtf_converter
