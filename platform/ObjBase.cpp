@@ -1,0 +1,228 @@
+#include "platform/ObjBase.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <stdexcept>
+#include <vector>
+
+namespace {
+
+// What a global memory handle points at.
+struct GlobalBlock {
+    std::vector<BYTE> bytes;
+    int nLocks = 0;
+};
+
+GlobalBlock* BlockFromHandle(HGLOBAL h) { return static_cast<GlobalBlock*>(h); }
+
+// A stream over a global memory block. The logical size is kept apart from
+// the block's size so that GlobalSize may exceed the stream, as on Windows.
+class CHGlobalStream final : public IStream {
+public:
+    CHGlobalStream(GlobalBlock* pBlock, bool bDeleteOnRelease)
+        : m_pBlock(pBlock), m_cbSize(pBlock->bytes.size()), m_bDeleteOnRelease(bDeleteOnRelease)
+    {
+    }
+
+    ULONG AddRef() override { return ++m_cRef; }
+    ULONG Release() override
+    {
+        ULONG cRef = --m_cRef;
+        if (cRef == 0) delete this;
+        return cRef;
+    }
+
+    HRESULT Read(void* pv, ULONG cb, ULONG* pcbRead) override
+    {
+        if (pcbRead) *pcbRead = 0;
+        if (!pv && cb) return STG_E_INVALIDPOINTER;
+        ULONG n = static_cast<ULONG>(std::min<std::uint64_t>(cb, Remaining()));
+        if (n) std::memcpy(pv, m_pBlock->bytes.data() + m_pos, n);
+        m_pos += n;
+        if (pcbRead) *pcbRead = n;
+        return S_OK;
+    }
+
+    HRESULT Write(const void* pv, ULONG cb, ULONG* pcbWritten) override
+    {
+        if (pcbWritten) *pcbWritten = 0;
+        if (!pv && cb) return STG_E_INVALIDPOINTER;
+        if (cb == 0) return S_OK;
+        std::uint64_t end = m_pos + cb;
+        if (end > m_cbSize) {
+            HRESULT hr = Resize(end);
+            if (FAILED(hr)) return hr;
+        }
+        std::memcpy(m_pBlock->bytes.data() + m_pos, pv, cb);
+        m_pos = end;
+        if (pcbWritten) *pcbWritten = cb;
+        return S_OK;
+    }
+
+    HRESULT Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* pNewPos) override
+    {
+        std::int64_t base;
+        switch (origin) {
+        case STREAM_SEEK_SET: base = 0; break;
+        case STREAM_SEEK_CUR: base = static_cast<std::int64_t>(m_pos); break;
+        case STREAM_SEEK_END: base = static_cast<std::int64_t>(m_cbSize); break;
+        default: return STG_E_INVALIDFUNCTION;
+        }
+        // Positions are limited to 32 bits, as a memory stream's block is.
+        constexpr std::int64_t nMaxPos = std::numeric_limits<DWORD>::max();
+        if (move.QuadPart > nMaxPos || move.QuadPart < -nMaxPos) return STG_E_INVALIDFUNCTION;
+        std::int64_t pos = base + move.QuadPart;
+        if (pos < 0 || pos > nMaxPos) return STG_E_INVALIDFUNCTION;
+        m_pos = static_cast<std::uint64_t>(pos);
+        if (pNewPos) pNewPos->QuadPart = m_pos;
+        return S_OK;
+    }
+
+    HRESULT SetSize(ULARGE_INTEGER newSize) override
+    {
+        if (newSize.QuadPart > std::numeric_limits<DWORD>::max()) return STG_E_MEDIUMFULL;
+        return Resize(newSize.QuadPart);
+    }
+
+    HRESULT CopyTo(IStream* pDest, ULARGE_INTEGER cb, ULARGE_INTEGER* pcbRead, ULARGE_INTEGER* pcbWritten) override
+    {
+        if (pcbRead) pcbRead->QuadPart = 0;
+        if (pcbWritten) pcbWritten->QuadPart = 0;
+        if (!pDest) return STG_E_INVALIDPOINTER;
+        ULONG n = static_cast<ULONG>(std::min<std::uint64_t>(cb.QuadPart, Remaining()));
+        const BYTE* pSource = m_pBlock->bytes.data() + m_pos;
+        // Copying into itself may grow (and move) the very block being read.
+        std::vector<BYTE> copy;
+        if (pDest == this && n) {
+            copy.assign(pSource, pSource + n);
+            pSource = copy.data();
+        }
+        m_pos += n;
+        if (pcbRead) pcbRead->QuadPart = n;
+        ULONG cbWritten = 0;
+        HRESULT hr = n ? pDest->Write(pSource, n, &cbWritten) : S_OK;
+        if (pcbWritten) pcbWritten->QuadPart = cbWritten;
+        return hr;
+    }
+
+    HRESULT Stat(STATSTG* pStat, DWORD /*grfStatFlag*/) override
+    {
+        if (!pStat) return STG_E_INVALIDPOINTER;
+        *pStat = STATSTG{};
+        pStat->type = STGTY_STREAM;
+        pStat->cbSize.QuadPart = m_cbSize;
+        return S_OK;
+    }
+
+    HGLOBAL Handle() const { return m_pBlock; }
+
+private:
+    ~CHGlobalStream() override
+    {
+        if (m_bDeleteOnRelease) GlobalFree(m_pBlock);
+    }
+
+    std::uint64_t Remaining() const { return m_pos < m_cbSize ? m_cbSize - m_pos : 0; }
+
+    // Sets the logical size; the block grows as needed (the vector's own
+    // geometric growth keeps appends amortised) and shrinks with the stream.
+    HRESULT Resize(std::uint64_t cbNew)
+    {
+        if (cbNew > std::numeric_limits<DWORD>::max()) return STG_E_MEDIUMFULL;
+        try {
+            m_pBlock->bytes.resize(static_cast<std::size_t>(cbNew));
+        } catch (const std::bad_alloc&) {
+            return E_OUTOFMEMORY;
+        } catch (const std::length_error&) {
+            return STG_E_MEDIUMFULL;
+        }
+        m_cbSize = cbNew;
+        return S_OK;
+    }
+
+    std::atomic<ULONG> m_cRef{1};
+    GlobalBlock* m_pBlock;
+    std::uint64_t m_cbSize;
+    std::uint64_t m_pos = 0;
+    bool m_bDeleteOnRelease;
+};
+
+} // namespace
+
+HGLOBAL GlobalAlloc(UINT /*flags*/, std::size_t size)
+{
+    try {
+        GlobalBlock* pBlock = new GlobalBlock;
+        try {
+            pBlock->bytes.resize(size);
+        } catch (...) {
+            delete pBlock;
+            throw;
+        }
+        return pBlock;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    } catch (const std::length_error&) {
+        return nullptr;
+    }
+}
+
+HGLOBAL GlobalFree(HGLOBAL hMem)
+{
+    delete BlockFromHandle(hMem);
+    return nullptr;
+}
+
+void* GlobalLock(HGLOBAL hMem)
+{
+    GlobalBlock* pBlock = BlockFromHandle(hMem);
+    if (!pBlock) return nullptr;
+    ++pBlock->nLocks;
+    // An empty block still yields a usable, distinct address.
+    if (pBlock->bytes.empty()) pBlock->bytes.reserve(1);
+    return pBlock->bytes.data();
+}
+
+BOOL GlobalUnlock(HGLOBAL hMem)
+{
+    GlobalBlock* pBlock = BlockFromHandle(hMem);
+    if (!pBlock || pBlock->nLocks == 0) return FALSE;
+    return --pBlock->nLocks > 0 ? TRUE : FALSE;
+}
+
+std::size_t GlobalSize(HGLOBAL hMem)
+{
+    GlobalBlock* pBlock = BlockFromHandle(hMem);
+    return pBlock ? pBlock->bytes.size() : 0;
+}
+
+HRESULT CreateStreamOnHGlobal(HGLOBAL hGlobal, BOOL fDeleteOnRelease, IStream** ppstm)
+{
+    if (!ppstm) return E_INVALIDARG;
+    *ppstm = nullptr;
+    bool bNewBlock = hGlobal == nullptr;
+    if (bNewBlock) {
+        hGlobal = GlobalAlloc(GMEM_MOVEABLE, 0);
+        if (!hGlobal) return E_OUTOFMEMORY;
+    }
+    try {
+        *ppstm = new CHGlobalStream(BlockFromHandle(hGlobal), fDeleteOnRelease != FALSE);
+    } catch (const std::bad_alloc&) {
+        if (bNewBlock) GlobalFree(hGlobal);
+        return E_OUTOFMEMORY;
+    }
+    return S_OK;
+}
+
+HRESULT GetHGlobalFromStream(IStream* pstm, HGLOBAL* phglobal)
+{
+    if (!phglobal) return E_INVALIDARG;
+    *phglobal = nullptr;
+    auto* pMemoryStream = dynamic_cast<CHGlobalStream*>(pstm);
+    if (!pMemoryStream) return E_INVALIDARG;
+    *phglobal = pMemoryStream->Handle();
+    return S_OK;
+}
