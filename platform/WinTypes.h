@@ -42,6 +42,12 @@ union ULARGE_INTEGER {
     std::uint64_t QuadPart;
 };
 
+// A width and height, as GDI reports sizes in pixels.
+struct SIZE {
+    LONG cx;
+    LONG cy;
+};
+
 constexpr COLORREF RGB(BYTE r, BYTE g, BYTE b)
 {
     return static_cast<COLORREF>(r) | (static_cast<COLORREF>(g) << 8) | (static_cast<COLORREF>(b) << 16);
