@@ -1,6 +1,7 @@
 #include "MFCKVUtils.h"
 
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -133,3 +134,140 @@ DWORD Str2DWORD(const char* psz)
     for (; *psz >= '0' && *psz <= '9'; ++psz) value = value * 10u + static_cast<DWORD>(*psz - '0');
     return value;
 }
+
+// --- Byte blocks and device-independent bitmaps of the RTF writer -----------
+
+BYTE* CSimpleRowBytes::AllocBuffer(std::size_t nSize)
+{
+    if (!m_pBytes || nSize != m_nSize) {
+        m_pBytes.reset(new BYTE[nSize ? nSize : 1]);
+        m_nSize = nSize;
+    }
+    return m_pBytes.get();
+}
+
+namespace {
+
+constexpr WORD kBmpFileType = 0x4D42; // "BM"
+// Larger than any picture a host exchanges; keeps the size arithmetic below
+// 32 bits whatever the header claims.
+constexpr std::uint64_t kMaxDibBytes = 0x40000000u;
+
+bool IsSupportedBitCount(WORD bits)
+{
+    switch (bits) {
+    case 1: case 4: case 8: case 16: case 24: case 32: return true;
+    default: return false;
+    }
+}
+
+std::uint64_t AlignedRowBytes(std::uint64_t width, WORD bits) { return (width * bits + 31) / 32 * 4; }
+
+std::uint64_t AbsHeight(LONG height) { return height < 0 ? 0 - static_cast<std::int64_t>(height) : height; }
+
+// Length of header, masks and colour table; 0 when the header is unusable.
+std::uint64_t InfoLength(const BITMAPINFOHEADER& h)
+{
+    std::uint64_t cb = h.biSize;
+    if (h.biSize == sizeof(BITMAPINFOHEADER) && h.biCompression == BI_BITFIELDS) cb += 3 * sizeof(DWORD);
+    std::uint64_t nColors = h.biClrUsed;
+    if (nColors == 0 && h.biBitCount <= 8) nColors = std::uint64_t(1) << h.biBitCount;
+    return cb + nColors * sizeof(RGBQUAD);
+}
+
+// Length of the pixel rows; compressed rows are as long as the header says.
+std::uint64_t BitsLength(const BITMAPINFOHEADER& h)
+{
+    if (h.biCompression == BI_RLE8 || h.biCompression == BI_RLE4) return h.biSizeImage;
+    return AlignedRowBytes(static_cast<std::uint64_t>(h.biWidth), h.biBitCount) * AbsHeight(h.biHeight);
+}
+
+// The header at p if it describes a bitmap we take, else false.
+bool ReadUsableHeader(const BYTE* p, std::size_t cb, BITMAPINFOHEADER& h)
+{
+    if (cb < sizeof(BITMAPINFOHEADER)) return false;
+    std::memcpy(&h, p, sizeof h);
+    return h.biSize >= sizeof(BITMAPINFOHEADER) && h.biSize <= cb && h.biWidth > 0 && h.biHeight != 0 &&
+           h.biHeight != INT32_MIN && IsSupportedBitCount(h.biBitCount) && h.biClrUsed <= 256 * 256;
+}
+
+} // namespace
+
+CDIBitmap::CDIBitmap(const void* pPackedDib, std::size_t cbData) { LoadPackedDib(pPackedDib, cbData); }
+
+bool CDIBitmap::LoadPackedDib(const void* pPackedDib, std::size_t cbData)
+{
+    m_packed.clear();
+    m_cbInfo = m_cbBits = 0;
+    const BYTE* p = static_cast<const BYTE*>(pPackedDib);
+    BITMAPINFOHEADER h;
+    if (!p || !ReadUsableHeader(p, cbData, h)) return false;
+    std::uint64_t cbInfo = InfoLength(h), cbBits = BitsLength(h);
+    if (cbInfo + cbBits > kMaxDibBytes || cbInfo + cbBits > cbData) return false;
+    m_packed.assign(p, p + cbInfo + cbBits);
+    m_cbInfo = static_cast<DWORD>(cbInfo);
+    m_cbBits = static_cast<DWORD>(cbBits);
+    return true;
+}
+
+bool CDIBitmap::LoadBmpFile(const void* pFileBytes, std::size_t cbData)
+{
+    m_packed.clear();
+    m_cbInfo = m_cbBits = 0;
+    const BYTE* p = static_cast<const BYTE*>(pFileBytes);
+    BITMAPFILEHEADER fh;
+    if (!p || cbData < sizeof fh) return false;
+    std::memcpy(&fh, p, sizeof fh);
+    BITMAPINFOHEADER h;
+    if (fh.bfType != kBmpFileType || !ReadUsableHeader(p + sizeof fh, cbData - sizeof fh, h)) return false;
+    std::uint64_t cbInfo = InfoLength(h), cbBits = BitsLength(h);
+    if (cbInfo + cbBits > kMaxDibBytes || sizeof fh + cbInfo > cbData) return false;
+    if (fh.bfOffBits < sizeof fh + cbInfo || fh.bfOffBits > cbData || cbBits > cbData - fh.bfOffBits) return false;
+    m_packed.reserve(static_cast<std::size_t>(cbInfo + cbBits));
+    m_packed.assign(p + sizeof fh, p + sizeof fh + cbInfo);
+    m_packed.insert(m_packed.end(), p + fh.bfOffBits, p + fh.bfOffBits + cbBits);
+    m_cbInfo = static_cast<DWORD>(cbInfo);
+    m_cbBits = static_cast<DWORD>(cbBits);
+    return true;
+}
+
+std::vector<BYTE> CDIBitmap::ToBmpFile() const
+{
+    std::vector<BYTE> file;
+    if (!IsValid()) return file;
+    BITMAPFILEHEADER fh{};
+    fh.bfType = kBmpFileType;
+    fh.bfOffBits = static_cast<DWORD>(sizeof fh + m_cbInfo);
+    fh.bfSize = static_cast<DWORD>(sizeof fh + m_packed.size());
+    file.resize(sizeof fh);
+    std::memcpy(file.data(), &fh, sizeof fh);
+    file.insert(file.end(), m_packed.begin(), m_packed.end());
+    return file;
+}
+
+const BITMAPINFOHEADER* CDIBitmap::Header() const
+{
+    return IsValid() ? reinterpret_cast<const BITMAPINFOHEADER*>(m_packed.data()) : nullptr;
+}
+
+int CDIBitmap::GetBitCount() const { return IsValid() ? Header()->biBitCount : 0; }
+
+DWORD CDIBitmap::DWAlignedBytesPerLine() const
+{
+    const BITMAPINFOHEADER* h = Header();
+    return h ? static_cast<DWORD>(AlignedRowBytes(static_cast<std::uint64_t>(h->biWidth), h->biBitCount)) : 0;
+}
+
+SIZE CDIBitmap::GetSize() const
+{
+    const BITMAPINFOHEADER* h = Header();
+    if (!h) return SIZE{0, 0};
+    return SIZE{h->biWidth, static_cast<LONG>(AbsHeight(h->biHeight))};
+}
+
+const BITMAPINFO* CDIBitmap::GetInfo() const
+{
+    return IsValid() ? reinterpret_cast<const BITMAPINFO*>(m_packed.data()) : nullptr;
+}
+
+const BYTE* CDIBitmap::GetImageBitsPtr() const { return IsValid() ? m_packed.data() + m_cbInfo : nullptr; }
