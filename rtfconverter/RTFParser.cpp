@@ -124,13 +124,20 @@ int CRTFParser::ParseParam(char ch)
         // 32-bit arithmetic that wraps silently, however many digits follow;
         // done unsigned so that the wrap is defined.
         unsigned uValue = 0;
-        while (IsAsciiDigit(ch)) {
+        bool bEnd = false;
+        while (IsAsciiDigit(ch) && !bEnd) {
             uValue = uValue * 10u + static_cast<unsigned>(ch - '0');
-            Get(ch);
+            // A failed read may leave the last digit in ch, and the loop
+            // would then add it forever at the end of input: there the end
+            // delimits the number instead. (A failed read that delivers a
+            // byte, such as a NUL, ends the number as any other byte does.)
+            bEnd = Get(ch) < 0 && IsAsciiDigit(ch);
         }
         if (bNegative)
             uValue = 0u - uValue;
         value = static_cast<int>(uValue);
+        if (bEnd)
+            return value;
     }
 
     if (ch == ' ')
