@@ -413,7 +413,10 @@ bool CBaseRTFParser::ApplyParCommand(const void* pKeyword, int)
 
 bool CBaseRTFParser::ApplyCRCommand(const void*, int)
 {
-    ++m_numbering.m_number;
+    // A list may start anywhere, \pnstart without a parameter at the largest
+    // int: the counter wraps around as 32-bit arithmetic does rather than
+    // overflow.
+    m_numbering.m_number = static_cast<int>(static_cast<unsigned>(m_numbering.m_number) + 1u);
     m_bParagraphStart = true;
     return true;
 }
