@@ -1,0 +1,106 @@
+// RTF to plain text throughput on the generated documents, beside two byte
+// scans of the same bytes that bound what any reader pulling one byte at a
+// time can reach.
+#include <benchmark/benchmark.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "bench_data.h"
+#include "rtfconverter/RtfToText.h"
+
+using rtf_converter::CBytePtrRTFToPlainTextPtrParser;
+
+namespace {
+
+constexpr std::size_t kReadBuffer = 64 * 1024;
+
+const std::string* InputOrSkip(benchmark::State& state, const char* name)
+{
+    std::string why;
+    const std::string* input = rtfconv_bench::LoadInput(name, &why);
+    if (!input)
+        state.SkipWithError(why.c_str());
+    return input;
+}
+
+const unsigned char* Bytes(const std::string& s) { return reinterpret_cast<const unsigned char*>(s.data()); }
+
+void RtfToText(benchmark::State& state, const char* name)
+{
+    const std::string* input = InputOrSkip(state, name);
+    if (!input)
+        return;
+    std::vector<char> buffer(kReadBuffer);
+    unsigned long cbText = 0;
+    for (auto _ : state) {
+        const unsigned long cbInput = static_cast<unsigned long>(input->size());
+        CBytePtrRTFToPlainTextPtrParser reader(Bytes(*input), cbInput);
+        cbText = 0;
+        bool bMore = true;
+        while (bMore)
+            cbText += reader.Read(buffer.data(), buffer.data() + buffer.size(), bMore);
+        benchmark::DoNotOptimize(buffer.data());
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(input->size()));
+    state.counters["text_bytes"] = static_cast<double>(cbText);
+}
+
+// The reader's own byte source, pulled through its virtual Get as the
+// tokenizer does, counting the bytes that start tokens.
+class CByteScan : public CBytePtrRTFToPlainTextPtrParser {
+public:
+    using CBytePtrRTFToPlainTextPtrParser::CBytePtrRTFToPlainTextPtrParser;
+
+    unsigned long CountDelimiters()
+    {
+        unsigned long count = 0;
+        char ch = 0;
+        while (Get(ch) >= 0)
+            count += ch == '{' || ch == '}' || ch == '\\';
+        return count;
+    }
+};
+
+void ByteScanVirtualGet(benchmark::State& state, const char* name)
+{
+    const std::string* input = InputOrSkip(state, name);
+    if (!input)
+        return;
+    for (auto _ : state) {
+        const unsigned long cbInput = static_cast<unsigned long>(input->size());
+        CByteScan scan(Bytes(*input), cbInput);
+        benchmark::DoNotOptimize(scan.CountDelimiters());
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(input->size()));
+}
+
+// The same count as a plain loop over the bytes: the compiler may unroll
+// and vectorise it, so it is the ceiling for any byte-at-a-time reader.
+void ByteScanPlainLoop(benchmark::State& state, const char* name)
+{
+    const std::string* input = InputOrSkip(state, name);
+    if (!input)
+        return;
+    for (auto _ : state) {
+        unsigned long count = 0;
+        for (const char ch : *input)
+            count += ch == '{' || ch == '}' || ch == '\\';
+        benchmark::DoNotOptimize(count);
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(input->size()));
+}
+
+} // namespace
+
+BENCHMARK_CAPTURE(RtfToText, text_heavy, rtfconv_bench::kTextHeavy)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RtfToText, markup_heavy, rtfconv_bench::kMarkupHeavy)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RtfToText, picture_heavy, rtfconv_bench::kPictureHeavy)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ByteScanVirtualGet, text_heavy, rtfconv_bench::kTextHeavy)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ByteScanVirtualGet, markup_heavy, rtfconv_bench::kMarkupHeavy)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ByteScanVirtualGet, picture_heavy, rtfconv_bench::kPictureHeavy)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ByteScanPlainLoop, text_heavy, rtfconv_bench::kTextHeavy)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ByteScanPlainLoop, markup_heavy, rtfconv_bench::kMarkupHeavy)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ByteScanPlainLoop, picture_heavy, rtfconv_bench::kPictureHeavy)->Unit(benchmark::kMillisecond);
