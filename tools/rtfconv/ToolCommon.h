@@ -1,0 +1,277 @@
+// Machinery shared by the rtfconv commands: options every command has, input
+// and output files, the pull loop over the library's readers, code pages and
+// the progress bar.
+//
+// A command registers its subcommand with the Add*Options helpers below, and
+// its action converts one input with a ConvertFn that RunConversions calls
+// once per input (in parallel with -j): the driver reads the input, opens the
+// output (standard output, -o FILE or DIR/NAME.EXT, always written through a
+// temporary file renamed on success), reports failures as one line naming the
+// file, and returns the exit status.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace rtfconv {
+
+// The tool's exit statuses.
+enum ExitCode : int {
+    exitOk = 0,
+    exitConversionFailed = 1,
+    exitUsage = 2,
+    exitIoError = 3,
+};
+
+// Raised by the shared machinery and the commands; the driver prints
+// "rtfconv: NAME: what()" and exits with `Code()`.
+class ToolError : public std::runtime_error {
+public:
+    ToolError(int code, const std::string& what) : std::runtime_error(what), m_code(code) {}
+    int Code() const { return m_code; }
+
+private:
+    int m_code;
+};
+
+// Options of the tool itself, shared by every command.
+struct ToolContext {
+    bool bQuiet = false;   // -q: no warnings, no automatic progress bar, no library reports
+    bool bVerbose = false; // -v: the library's assertion reports and traces on stderr
+    // The action of the command given on the command line, set by its callback.
+    std::function<int()> action;
+};
+
+// Adds -q and -v to `app` (the tool or one command).
+void AddVerbosityOptions(CLI::App& app, ToolContext& ctx);
+// Makes `run` the tool's action when `cmd` is the command given.
+void SetCommandAction(CLI::App& cmd, ToolContext& ctx, std::function<int()> run);
+// Installs the library's log sink for -q / -v; call once, before converting.
+void InstallLogSink(const ToolContext& ctx);
+
+// Prints "rtfconv: message" on stderr (one line), unless -q for warnings.
+void PrintError(const std::string& message);
+void PrintWarning(const ToolContext& ctx, const std::string& message);
+
+// ---------------------------------------------------------------------------
+// Inputs and outputs.
+
+struct IoOptions {
+    std::vector<std::string> inputs; // "-" is standard input; none means "-"
+    std::string outputFile;          // -o; empty or "-" is standard output
+    std::string outputDir;           // --output-dir
+    unsigned jobs = 0;               // -j; 0 is the number of cores
+    bool bProgress = false;          // --progress
+};
+
+// Adds INPUT..., -o, --output-dir, -j and --progress to `cmd`.
+void AddIoOptions(CLI::App& cmd, IoOptions& io);
+
+constexpr std::size_t kDefaultReadBuffer = 65536;
+constexpr std::size_t kMaxReadBuffer = std::size_t(16) << 20;
+// Adds --buffer N (1 .. 16 MiB) to `cmd`.
+void AddBufferOption(CLI::App& cmd, std::size_t& cbBuffer);
+
+// Reads a file, or standard input for "-", whole. Throws ToolError(exitIoError).
+std::string ReadInput(const std::string& path);
+
+// An output written to standard output, or to a file through a temporary file
+// in the same folder that is renamed over the target by Commit(). Destroyed
+// without Commit(), it removes the temporary file: a failed run never leaves a
+// half-written target. Write errors throw ToolError(exitIoError).
+class COutput {
+public:
+    explicit COutput(const std::string& path); // "" or "-": standard output
+    ~COutput();
+    COutput(const COutput&) = delete;
+    COutput& operator=(const COutput&) = delete;
+
+    void Write(const char* p, std::size_t cb);
+    void Write(const std::string& s) { Write(s.data(), s.size()); }
+    void Commit();
+    const std::string& Name() const { return m_displayName; }
+
+private:
+    void Fail(const char* what) const;
+
+    std::FILE* m_pFile = nullptr;
+    std::string m_target;      // empty for standard output
+    std::string m_tempPath;    // empty when writing straight to the target
+    std::string m_displayName;
+    bool m_bCommitted = false;
+};
+
+// ---------------------------------------------------------------------------
+// Progress bar on stderr, driven by input bytes consumed.
+
+class CProgressMeter {
+public:
+    enum class Mode { Off, Auto, On };
+    explicit CProgressMeter(Mode mode) : m_mode(mode) {}
+    ~CProgressMeter() { Finish(); }
+    CProgressMeter(const CProgressMeter&) = delete;
+    CProgressMeter& operator=(const CProgressMeter&) = delete;
+
+    // In Auto mode the bar appears once the inputs total more than this,
+    // and only when stderr is a terminal.
+    static constexpr std::uint64_t cbAutoThreshold = std::uint64_t(8) << 20;
+
+    void AddTotal(std::uint64_t cb);
+    void Advance(std::uint64_t cb)
+    {
+        if (!m_bActive.load(std::memory_order_relaxed)) return;
+        m_cbDone.fetch_add(cb, std::memory_order_relaxed);
+        MaybeDraw();
+    }
+    void Finish();
+
+private:
+    void MaybeDraw();
+    void Draw();
+
+    Mode m_mode;
+    std::atomic<bool> m_bActive{false};
+    std::atomic<std::uint64_t> m_cbTotal{0};
+    std::atomic<std::uint64_t> m_cbDone{0};
+    std::mutex m_drawMutex;
+    std::chrono::steady_clock::time_point m_lastDraw{};
+    bool m_bDrawn = false;
+};
+
+// ---------------------------------------------------------------------------
+// The conversion driver.
+
+// One input to convert into one output.
+class CConversion {
+public:
+    CConversion(const std::string& name, const std::string& data, COutput& out, CProgressMeter& progress)
+        : m_name(name), m_data(data), m_out(out), m_progress(progress)
+    {
+    }
+    // The input as named on the command line ("-" for standard input).
+    const std::string& Name() const { return m_name; }
+    const std::string& Data() const { return m_data; }
+    COutput& Out() { return m_out; }
+    // Tells the progress bar that the first `cbConsumed` input bytes are done.
+    void ReportConsumed(std::size_t cbConsumed)
+    {
+        if (cbConsumed > m_cbReported) {
+            m_progress.Advance(cbConsumed - m_cbReported);
+            m_cbReported = cbConsumed;
+        }
+    }
+
+private:
+    const std::string& m_name;
+    const std::string& m_data;
+    COutput& m_out;
+    CProgressMeter& m_progress;
+    std::size_t m_cbReported = 0;
+};
+
+using ConvertFn = std::function<void(CConversion&)>;
+
+// Converts every input of `io` with `convert`; outputs in --output-dir are
+// named after their input with `outputExtension` (".txt"). Returns the exit
+// status: 0, or the highest status of the inputs that failed.
+int RunConversions(const ToolContext& ctx, const IoOptions& io, const std::string& outputExtension,
+                   const ConvertFn& convert);
+
+// ---------------------------------------------------------------------------
+// The pull loop over a library reader with
+//     unsigned long Read(char* pBegin, char* pEnd, bool& bMore).
+//
+// `consume(char* p, std::size_t cb)` receives each piece written (it may edit
+// it in place); `afterRead()` runs after every call, for progress. A call that
+// writes nothing while more is to come means the piece due (a paragraph's
+// number text, say) does not fit: the buffer is doubled, up to 16 MiB, after
+// which the conversion fails rather than loop without progress.
+
+// The growable buffer behind PullAll.
+class CPullBuffer {
+public:
+    explicit CPullBuffer(std::size_t cb) : m_bytes(cb == 0 ? 1 : cb) {}
+    char* Begin() { return m_bytes.data(); }
+    char* End() { return m_bytes.data() + m_bytes.size(); }
+    std::size_t Size() const { return m_bytes.size(); }
+    // Doubles the buffer after a call without progress; throws past 16 MiB.
+    void GrowAfterNoProgress();
+
+private:
+    std::vector<char> m_bytes;
+};
+
+template <class TReader, class TConsume, class TAfterRead>
+void PullAll(TReader& reader, std::size_t cbBuffer, TConsume&& consume, TAfterRead&& afterRead)
+{
+    CPullBuffer buffer(cbBuffer);
+    bool bMore = true;
+    while (bMore) {
+        const std::size_t cb = reader.Read(buffer.Begin(), buffer.End(), bMore);
+        afterRead();
+        if (cb > buffer.Size())
+            throw ToolError(exitConversionFailed, "the reader reported more bytes than its buffer holds");
+        if (cb > 0)
+            consume(buffer.Begin(), cb);
+        else if (bMore)
+            buffer.GrowAfterNoProgress();
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Code pages (glibc iconv).
+
+// Adds --codepage CP to `cmd`.
+void AddCodePageOption(CLI::App& cmd, std::string& codePage);
+
+// The iconv name of a code page given as a Windows number ("1251") or by an
+// iconv name ("koi8-r"); empty when iconv does not know it.
+std::string IconvCodePageName(const std::string& codePage);
+// The N of the first \ansicpgN in an RTF document; 0 when there is none.
+unsigned long FindAnsiCodePage(const std::string& rtf);
+// The iconv name to read an RTF document's text with: `codePageOption` when
+// given (unknown: ToolError(exitUsage)), else the document's \ansicpgN when
+// iconv knows it, else CP1252.
+std::string ResolveRtfCodePage(const ToolContext& ctx, const std::string& codePageOption, const std::string& rtf,
+                               const std::string& inputName);
+
+// Converts 8-bit text in a code page to UTF-8, piece by piece. A byte the code
+// page does not define becomes U+FFFD; a multi-byte character cut by the end
+// of a piece is completed by the next one.
+class CCodePageToUtf8 {
+public:
+    explicit CCodePageToUtf8(const std::string& iconvName);
+    ~CCodePageToUtf8();
+    CCodePageToUtf8(const CCodePageToUtf8&) = delete;
+    CCodePageToUtf8& operator=(const CCodePageToUtf8&) = delete;
+
+    // Appends the UTF-8 of [p, p + cb) to `out`.
+    void Convert(const char* p, std::size_t cb, std::string& out);
+    // Ends the text: an incomplete character left over becomes U+FFFD.
+    void Finish(std::string& out);
+
+private:
+    void ConvertRun(const char* p, std::size_t cb, std::string& out);
+
+    void* m_cd; // iconv_t
+    std::string m_pending;
+};
+
+// Converts UTF-8 text to a code page. A character the code page cannot hold
+// (or a byte that is not UTF-8) throws ToolError(exitConversionFailed) naming
+// its line and column, unless `bLossy` replaces it with '?'.
+std::string Utf8ToCodePage(const std::string& utf8, const std::string& iconvName, bool bLossy);
+
+} // namespace rtfconv
