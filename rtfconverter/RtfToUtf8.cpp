@@ -1,0 +1,922 @@
+#include "rtfconverter/RtfToUtf8.h"
+
+#include <iconv.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <new>
+
+#include "platform/WinTypes.h"
+
+namespace rtf_converter {
+
+namespace {
+
+constexpr char32_t kReplacement = 0xFFFD;
+// The code page number Windows gives symbol fonts.
+constexpr int kSymbolCodePage = 42;
+constexpr int kWesternCodePage = 1252;
+
+inline bool IsHighSurrogate(char32_t cp) { return cp >= 0xD800 && cp <= 0xDBFF; }
+inline bool IsLowSurrogate(char32_t cp) { return cp >= 0xDC00 && cp <= 0xDFFF; }
+
+// Code points that must not reach the text; the 8-bit converter replaces the
+// same bytes, which frame markup commands in old-format text.
+inline bool IsReservedCodePoint(char32_t cp) { return cp <= 0x03 || cp == 0x17; }
+
+// Encodes cp (U+FFFD for what is not a Unicode scalar value) into out.
+inline int EncodeUtf8(char32_t cp, char* out)
+{
+    if (cp < 0x80) {
+        out[0] = static_cast<char>(cp);
+        return 1;
+    }
+    if (cp < 0x800) {
+        out[0] = static_cast<char>(0xC0 | (cp >> 6));
+        out[1] = static_cast<char>(0x80 | (cp & 0x3F));
+        return 2;
+    }
+    if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
+        cp = kReplacement;
+    if (cp < 0x10000) {
+        out[0] = static_cast<char>(0xE0 | (cp >> 12));
+        out[1] = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        out[2] = static_cast<char>(0x80 | (cp & 0x3F));
+        return 3;
+    }
+    out[0] = static_cast<char>(0xF0 | (cp >> 18));
+    out[1] = static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    out[2] = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out[3] = static_cast<char>(0x80 | (cp & 0x3F));
+    return 4;
+}
+
+// --- the Symbol font
+
+// What the Symbol font shows for each byte, as Unicode characters: the Adobe
+// Symbol encoding as the Unicode consortium publishes it
+// (MAPPINGS/VENDORS/ADOBE/symbol.txt), with the standard characters for the
+// bracket and arrow extension pieces (U+239B-U+23AE, U+23AF, U+23D0) where that
+// table has Adobe private-use codes, the serif and sans-serif forms of (R),
+// (C) and TM both as the plain signs, and 0xA0 the euro sign that later
+// versions of the font carry. 0: the font defines nothing there.
+constexpr char16_t kSymbol20To7F[0x60] = {
+    0x0020, 0x0021, 0x2200, 0x0023, 0x2203, 0x0025, 0x0026, 0x220B,  // 0x20
+    0x0028, 0x0029, 0x2217, 0x002B, 0x002C, 0x2212, 0x002E, 0x002F,  // 0x28
+    0x0030, 0x0031, 0x0032, 0x0033, 0x0034, 0x0035, 0x0036, 0x0037,  // 0x30
+    0x0038, 0x0039, 0x003A, 0x003B, 0x003C, 0x003D, 0x003E, 0x003F,  // 0x38
+    0x2245, 0x0391, 0x0392, 0x03A7, 0x0394, 0x0395, 0x03A6, 0x0393,  // 0x40
+    0x0397, 0x0399, 0x03D1, 0x039A, 0x039B, 0x039C, 0x039D, 0x039F,  // 0x48
+    0x03A0, 0x0398, 0x03A1, 0x03A3, 0x03A4, 0x03A5, 0x03C2, 0x03A9,  // 0x50
+    0x039E, 0x03A8, 0x0396, 0x005B, 0x2234, 0x005D, 0x22A5, 0x005F,  // 0x58
+    0xF8E5, 0x03B1, 0x03B2, 0x03C7, 0x03B4, 0x03B5, 0x03C6, 0x03B3,  // 0x60
+    0x03B7, 0x03B9, 0x03D5, 0x03BA, 0x03BB, 0x03BC, 0x03BD, 0x03BF,  // 0x68
+    0x03C0, 0x03B8, 0x03C1, 0x03C3, 0x03C4, 0x03C5, 0x03D6, 0x03C9,  // 0x70
+    0x03BE, 0x03C8, 0x03B6, 0x007B, 0x007C, 0x007D, 0x223C, 0,       // 0x78
+};
+constexpr char16_t kSymbolA0ToFF[0x60] = {
+    0x20AC, 0x03D2, 0x2032, 0x2264, 0x2044, 0x221E, 0x0192, 0x2663,  // 0xA0
+    0x2666, 0x2665, 0x2660, 0x2194, 0x2190, 0x2191, 0x2192, 0x2193,  // 0xA8
+    0x00B0, 0x00B1, 0x2033, 0x2265, 0x00D7, 0x221D, 0x2202, 0x2022,  // 0xB0
+    0x00F7, 0x2260, 0x2261, 0x2248, 0x2026, 0x23D0, 0x23AF, 0x21B5,  // 0xB8
+    0x2135, 0x2111, 0x211C, 0x2118, 0x2297, 0x2295, 0x2205, 0x2229,  // 0xC0
+    0x222A, 0x2283, 0x2287, 0x2284, 0x2282, 0x2286, 0x2208, 0x2209,  // 0xC8
+    0x2220, 0x2207, 0x00AE, 0x00A9, 0x2122, 0x220F, 0x221A, 0x22C5,  // 0xD0
+    0x00AC, 0x2227, 0x2228, 0x21D4, 0x21D0, 0x21D1, 0x21D2, 0x21D3,  // 0xD8
+    0x25CA, 0x2329, 0x00AE, 0x00A9, 0x2122, 0x2211, 0x239B, 0x239C,  // 0xE0
+    0x239D, 0x23A1, 0x23A2, 0x23A3, 0x23A7, 0x23A8, 0x23A9, 0x23AA,  // 0xE8
+    0,      0x232A, 0x222B, 0x2320, 0x23AE, 0x2321, 0x239E, 0x239F,  // 0xF0
+    0x23A0, 0x23A4, 0x23A5, 0x23A6, 0x23AB, 0x23AC, 0x23AD, 0,       // 0xF8
+};
+
+// Control bytes stay themselves; a byte the font leaves undefined gives the
+// private-use code U+F000 + byte under which Windows shows a symbol font's
+// glyph.
+char32_t SymbolCharacter(unsigned b)
+{
+    char16_t cp = 0;
+    if (b < 0x20)
+        return b;
+    if (b < 0x80)
+        cp = kSymbol20To7F[b - 0x20];
+    else if (b >= 0xA0)
+        cp = kSymbolA0ToFF[b - 0xA0];
+    return cp ? cp : 0xF000 + b;
+}
+
+// --- iconv
+
+// iconv's names for the code pages it does not know as "CP<number>".
+struct CodePageName {
+    int codePage;
+    const char* szIconvName;
+};
+constexpr CodePageName kIconvNames[] = {
+    {10000, "MACINTOSH"}, {10007, "MAC-CYRILLIC"}, {10017, "MACUKRAINIAN"},
+    {10029, "MAC-CENTRALEUROPE"}, {10079, "MAC-IS"}, {20127, "ANSI_X3.4-1968"},
+    {28591, "ISO-8859-1"}, {28592, "ISO-8859-2"}, {28595, "ISO-8859-5"},
+    {28597, "ISO-8859-7"}, {28605, "ISO-8859-15"},
+};
+
+std::string IconvName(int codePage)
+{
+    for (const CodePageName& name : kIconvNames)
+        if (name.codePage == codePage)
+            return name.szIconvName;
+    char sz[16];
+    std::snprintf(sz, sizeof sz, "CP%d", codePage);
+    return sz;
+}
+
+// One conversion descriptor from a code page to UTF-32LE, converting one
+// character at a time from the initial state.
+class CIconvDecoder {
+public:
+    enum Result { resChar, resInvalid, resIncomplete };
+
+    explicit CIconvDecoder(const std::string& name) : m_cd(iconv_open("UTF-32LE", name.c_str())) {}
+    ~CIconvDecoder()
+    {
+        if (IsOpen())
+            iconv_close(m_cd);
+    }
+    CIconvDecoder(const CIconvDecoder&) = delete;
+    CIconvDecoder& operator=(const CIconvDecoder&) = delete;
+
+    bool IsOpen() const { return m_cd != reinterpret_cast<iconv_t>(-1); }
+
+    Result Decode(const unsigned char* pb, std::size_t cb, char32_t& cp)
+    {
+        iconv(m_cd, nullptr, nullptr, nullptr, nullptr);
+        char* pIn = const_cast<char*>(reinterpret_cast<const char*>(pb));
+        std::size_t cbIn = cb;
+        unsigned char out[32];
+        char* pOut = reinterpret_cast<char*>(out);
+        std::size_t cbOut = sizeof out;
+        if (iconv(m_cd, &pIn, &cbIn, &pOut, &cbOut) == static_cast<std::size_t>(-1))
+            return errno == EINVAL ? resIncomplete : resInvalid;
+        if (cbIn != 0)
+            return resInvalid;
+        // Pages that combine a letter with a following accent (1258) hold
+        // the letter back until they see what follows.
+        iconv(m_cd, nullptr, nullptr, &pOut, &cbOut);
+        if (sizeof out - cbOut < 4)
+            return resInvalid;
+        cp = static_cast<char32_t>(out[0]) | static_cast<char32_t>(out[1]) << 8
+            | static_cast<char32_t>(out[2]) << 16 | static_cast<char32_t>(out[3]) << 24;
+        return resChar;
+    }
+
+private:
+    iconv_t m_cd;
+};
+
+} // namespace
+
+// --- code pages
+
+// The decoding of one code page: a table of the single bytes, which bytes
+// lead a two-byte character, and, for each lead byte, a table of its trail
+// bytes, built the first time the lead byte is met. Built from iconv (the
+// Symbol font from the table above); immutable once built, except for the
+// trail tables, each built under its own once-flag, so that any number of
+// readers in any threads share a page.
+class CCodePage {
+public:
+    static constexpr char32_t invalidPair = 0xFFFFFFFF;
+
+    // Null when neither iconv nor this file knows the page.
+    static const CCodePage* Get(int codePage);
+    // ISO 8859-1, for a system whose iconv knows not even 1252.
+    static const CCodePage& Fallback();
+
+    bool IsLeadByte(unsigned char b) const { return m_bLead[b]; }
+    char32_t Single(unsigned char b) const { return m_single[b]; }
+    // The character of a lead and a trail byte; invalidPair when the trail
+    // byte does not complete the lead byte.
+    char32_t Pair(unsigned char lead, unsigned char trail) const;
+
+    CCodePage() = default;
+    CCodePage(const CCodePage&) = delete;
+    CCodePage& operator=(const CCodePage&) = delete;
+
+private:
+    static std::unique_ptr<CCodePage> Build(int codePage);
+    void BuildTrailTable(unsigned char lead) const;
+
+    std::string m_iconvName;
+    char32_t m_single[256] = {};
+    bool m_bLead[256] = {};
+    mutable std::once_flag m_trailOnce[256];
+    mutable std::unique_ptr<char32_t[]> m_trail[256];
+};
+
+const CCodePage* CCodePage::Get(int codePage)
+{
+    static std::mutex s_mutex;
+    // Pages iconv does not know are kept as null, so that they are asked for once.
+    static std::map<int, std::unique_ptr<CCodePage>> s_pages;
+
+    if (codePage <= 0 || codePage > 0xFFFF)
+        return nullptr;
+    std::lock_guard<std::mutex> lock(s_mutex);
+    auto it = s_pages.find(codePage);
+    if (it == s_pages.end())
+        it = s_pages.emplace(codePage, Build(codePage)).first;
+    return it->second.get();
+}
+
+const CCodePage& CCodePage::Fallback()
+{
+    static const std::unique_ptr<CCodePage> s_pLatin1 = [] {
+        std::unique_ptr<CCodePage> p(new CCodePage);
+        for (unsigned b = 0; b < 256; ++b)
+            p->m_single[b] = b;
+        return p;
+    }();
+    return *s_pLatin1;
+}
+
+std::unique_ptr<CCodePage> CCodePage::Build(int codePage)
+{
+    std::unique_ptr<CCodePage> p(new (std::nothrow) CCodePage);
+    if (!p)
+        return p;
+    if (codePage == kSymbolCodePage) {
+        for (unsigned b = 0; b < 256; ++b)
+            p->m_single[b] = SymbolCharacter(b);
+        return p;
+    }
+
+    p->m_iconvName = IconvName(codePage);
+    CIconvDecoder decoder(p->m_iconvName);
+    if (!decoder.IsOpen())
+        return nullptr;
+    for (unsigned b = 0; b < 256; ++b) {
+        const unsigned char byte = static_cast<unsigned char>(b);
+        char32_t cp = kReplacement;
+        switch (decoder.Decode(&byte, 1, cp)) {
+        case CIconvDecoder::resChar:
+            p->m_single[b] = cp;
+            break;
+        case CIconvDecoder::resIncomplete:
+            p->m_bLead[b] = true;
+            p->m_single[b] = kReplacement;
+            break;
+        case CIconvDecoder::resInvalid:
+            p->m_single[b] = kReplacement;
+            break;
+        }
+    }
+    return p;
+}
+
+char32_t CCodePage::Pair(unsigned char lead, unsigned char trail) const
+{
+    if (!m_bLead[lead])
+        return invalidPair;
+    std::call_once(m_trailOnce[lead], [this, lead] { BuildTrailTable(lead); });
+    return m_trail[lead] ? m_trail[lead][trail] : invalidPair;
+}
+
+void CCodePage::BuildTrailTable(unsigned char lead) const
+{
+    std::unique_ptr<char32_t[]> table(new (std::nothrow) char32_t[256]);
+    CIconvDecoder decoder(m_iconvName);
+    if (!table || !decoder.IsOpen())
+        return;
+    for (unsigned trail = 0; trail < 256; ++trail) {
+        const unsigned char pair[2] = {lead, static_cast<unsigned char>(trail)};
+        char32_t cp = 0;
+        table[trail] = decoder.Decode(pair, 2, cp) == CIconvDecoder::resChar ? cp : invalidPair;
+    }
+    m_trail[lead] = std::move(table);
+}
+
+namespace {
+
+// The code page of each \fcharsetN; 0: the document's own page.
+struct CharsetPage {
+    int charset;
+    int codePage;
+};
+constexpr CharsetPage kCharsetPages[] = {
+    {0, 0},        // ANSI
+    {1, 0},        // default
+    {2, kSymbolCodePage},
+    {77, 10000},   // Macintosh Roman
+    {128, 932},    // Shift-JIS
+    {129, 949},    // Hangul
+    {130, 1361},   // Johab
+    {134, 936},    // GB 2312
+    {136, 950},    // Big5
+    {161, 1253},   // Greek
+    {162, 1254},   // Turkish
+    {163, 1258},   // Vietnamese
+    {177, 1255},   // Hebrew
+    {178, 1256},   // Arabic
+    {186, 1257},   // Baltic
+    {204, 1251},   // Cyrillic
+    {222, 874},    // Thai
+    {238, 1250},   // Central European
+    {254, 437},    // PC 437
+    {255, 850},    // OEM
+};
+
+// Null: the document's page, for the ANSI and default character sets and for
+// those no page is known for.
+const CCodePage* PageOfCharset(int charset)
+{
+    for (const CharsetPage& row : kCharsetPages)
+        if (row.charset == charset)
+            return row.codePage ? CCodePage::Get(row.codePage) : nullptr;
+    return nullptr;
+}
+
+} // namespace
+
+// --- the reader's own keywords
+
+namespace {
+
+constexpr bool KeywordLess(const char* a, const char* b)
+{
+    while (*a && *a == *b) {
+        ++a;
+        ++b;
+    }
+    return static_cast<unsigned char>(*a) < static_cast<unsigned char>(*b);
+}
+
+template <typename Row, std::size_t N>
+constexpr bool IsSortedByKeyword(const Row (&rows)[N])
+{
+    for (std::size_t i = 1; i < N; ++i)
+        if (!KeywordLess(rows[i - 1].szKeyword, rows[i].szKeyword))
+            return false;
+    return true;
+}
+
+} // namespace
+
+const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(const char* szKeyword)
+{
+    typedef CRTFToUTF8Parser P;
+    // What the core's keyword table does not know, or knows only as a byte
+    // for 8-bit text. Sorted by keyword (byte order) for the binary search.
+    static constexpr UnicodeKeyword s_rows[] = {
+        {"-", &P::InsertCharacter, 0, false},              // optional hyphen: invisible
+        {"_", &P::InsertCharacter, 0x2011, false},         // non-breaking hyphen
+        {"ansi", &P::SetDocumentCodePage, 1252, false},
+        {"ansicpg", &P::SetDocumentCodePage, 0, false},
+        {"bin", &P::SkipBinary, 0, true},
+        {"bullet", &P::InsertCharacter, 0x2022, false},
+        {"cpg", &P::SetFontCodePage, 0, false},
+        {"emdash", &P::InsertCharacter, 0x2014, false},
+        {"emspace", &P::InsertCharacter, 0x2003, false},
+        {"endash", &P::InsertCharacter, 0x2013, false},
+        {"enspace", &P::InsertCharacter, 0x2002, false},
+        {"ldblquote", &P::InsertCharacter, 0x201C, false},
+        {"lquote", &P::InsertCharacter, 0x2018, false},
+        {"ltrmark", &P::InsertCharacter, 0x200E, false},
+        {"mac", &P::SetDocumentCodePage, 10000, false},
+        {"page", &P::ApplyPageBreak, 0, false},
+        {"pc", &P::SetDocumentCodePage, 437, false},
+        {"pca", &P::SetDocumentCodePage, 850, false},
+        {"qmspace", &P::InsertCharacter, 0x2005, false},
+        {"rdblquote", &P::InsertCharacter, 0x201D, false},
+        {"rquote", &P::InsertCharacter, 0x2019, false},
+        {"rtlmark", &P::InsertCharacter, 0x200F, false},
+        {"sect", &P::ApplySectionBreak, 0, false},
+        {"u", &P::InsertUnicode, 0, false},
+        {"uc", &P::SetUnicodeSkip, 0, false},
+        {"ud", &P::ReadUnicodeAlternative, 0, true},
+        {"upr", &P::SkipAnsiAlternative, 0, false},
+        {"v", &P::SetHidden, 0, false},
+        {"zwj", &P::InsertCharacter, 0x200D, false},
+        {"zwnj", &P::InsertCharacter, 0x200C, false},
+        {"~", &P::InsertCharacter, 0x00A0, false},         // non-breaking space
+    };
+    static_assert(IsSortedByKeyword(s_rows), "the keyword rows must stay sorted");
+
+    const UnicodeKeyword* const pEnd = s_rows + sizeof s_rows / sizeof s_rows[0];
+    const UnicodeKeyword* pRow = std::lower_bound(s_rows, pEnd, szKeyword,
+        [](const UnicodeKeyword& row, const char* sz) { return KeywordLess(row.szKeyword, sz); });
+    return pRow != pEnd && std::strcmp(pRow->szKeyword, szKeyword) == 0 ? pRow : nullptr;
+}
+
+// --- life cycle
+
+CRTFToUTF8Parser::CRTFToUTF8Parser() = default;
+
+void CRTFToUTF8Parser::SetNewline(Newline newline)
+{
+    static const char* const s_szNewlines[] = {"\n", "\r\n", "\r"};
+    const char* sz = s_szNewlines[newline == newlineCRLF ? 1 : newline == newlineCR ? 2 : 0];
+    m_cchNewline = static_cast<int>(std::strlen(sz));
+    std::memcpy(m_szNewline, sz, static_cast<std::size_t>(m_cchNewline) + 1);
+}
+
+void CRTFToUTF8Parser::SetCodePage(int codePage)
+{
+    m_forcedCodePage = codePage;
+}
+
+void CRTFToUTF8Parser::Init()
+{
+    m_state = GroupState();
+    m_fonts.clear();
+    m_iFontEntry = -1;
+    m_iDefaultFont = 0;
+    m_pDocPage = CCodePage::Get(m_forcedCodePage ? m_forcedCodePage : kWesternCodePage);
+    if (!m_pDocPage)
+        m_pDocPage = CCodePage::Get(kWesternCodePage);
+    if (!m_pDocPage)
+        m_pDocPage = &CCodePage::Fallback();
+    m_cchUnicodeSkip = 0;
+    m_chLeadByte = 0;
+    m_highSurrogate = 0;
+    m_cGroupUpr = 0;
+    CBaseRTFParser::Init();
+}
+
+unsigned long CRTFToUTF8Parser::Read(char* pBegin, char* pEnd, bool& bMore)
+{
+    m_pBegin = m_pCur = pBegin;
+    m_pEnd = pEnd;
+    if (!m_bParseEnded) {
+        Parse(bMore);
+        if (bMore)
+            return static_cast<unsigned long>(m_pCur - m_pBegin);
+        // Not parsed again: the core would read past the document's end.
+        m_bParseEnded = true;
+    }
+    // A lead byte or high surrogate the document ended without completing.
+    bMore = !FlushPending();
+    return static_cast<unsigned long>(m_pCur - m_pBegin);
+}
+
+bool CRTFToUTF8Parser::InitBuffer() { return true; }
+
+// --- groups
+
+CBaseRTFParser::CBaseRTFParserSave* CRTFToUTF8Parser::CreateSave()
+{
+    CUTF8Save* pSave = new (std::nothrow) CUTF8Save;
+    if (pSave)
+        pSave->state = m_state;
+    return pSave;
+}
+
+bool CRTFToUTF8Parser::PushRtfState()
+{
+    m_cchUnicodeSkip = 0;  // a brace ends a \uN fallback
+    return CBaseRTFParser::PushRtfState();
+}
+
+bool CRTFToUTF8Parser::PopRtfState()
+{
+    m_cchUnicodeSkip = 0;
+    if (!m_pSave)
+        return CBaseRTFParser::PopRtfState();  // reports the underflow
+
+    // Every record on the stack comes from CreateSave above.
+    const GroupState saved = static_cast<CUTF8Save*>(m_pSave)->state;
+    const bool bFontTableEnds = m_rds == rdsFontTable && m_pSave->rds != rdsFontTable;
+    const bool bOk = CBaseRTFParser::PopRtfState();
+    m_state = saved;
+    // Text before any \f is in the default font, whose character set the
+    // font table has only now told.
+    if (bFontTableEnds)
+        SelectFont(m_state.iFont);
+    if (m_cGroup < m_cGroupUpr)
+        m_cGroupUpr = 0;  // the \upr group has ended
+    return bOk;
+}
+
+// --- dispatch
+
+bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
+{
+    // A \u ends the fallback before it: some writers give a surrogate pair's
+    // fallback only after its second half.
+    if (m_cchUnicodeSkip > 0) {
+        if (std::strcmp(szKeyword, "u") != 0)
+            return SkipFallbackKeyword(szKeyword);
+        m_cchUnicodeSkip = 0;
+    }
+    const UnicodeKeyword* pRow = FindUnicodeKeyword(szKeyword);
+    if (!pRow)
+        return CBaseRTFParser::TranslateKeyword(szKeyword, param);
+    if (m_rds == rdsSkip && !pRow->bInSkip)
+        return true;
+    m_bOptionalDest = false;
+    return (this->*pRow->pfnHandler)(pRow->cp, param);
+}
+
+bool CRTFToUTF8Parser::SkipFallbackKeyword(const char* szKeyword)
+{
+    --m_cchUnicodeSkip;
+    if (szKeyword[0] == '\'' && szKeyword[1] == '\0')
+        ParseHexParam('\0');
+    return true;
+}
+
+// --- characters
+
+bool CRTFToUTF8Parser::IsTextDestination() const
+{
+    switch (m_rds) {
+    case rdsNorm:
+    case rdsField:
+    case rdsHyperlink:
+    case rdsPNCommand:  // the number text of \pntext and \listtext
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool CRTFToUTF8Parser::ParseChar(char ch)
+{
+    if (m_cchUnicodeSkip > 0) {
+        --m_cchUnicodeSkip;
+        return true;
+    }
+    if (!IsTextDestination()) {
+        // As in the 8-bit converter: these tables consume a pending skip,
+        // the other destinations leave it pending.
+        if (m_rds == rdsStyleSheet || m_rds == rdsRevTable || m_rds == rdsInfo || m_rds == rdsPNText)
+            m_bSkipNextChar = false;
+        return true;
+    }
+    if (m_bSkipNextChar) {
+        m_bSkipNextChar = false;
+        return true;
+    }
+    if (m_state.bHidden)
+        return true;
+    if (!DecodeByte(static_cast<unsigned char>(ch))) {
+        Backtrack(1);
+        return false;
+    }
+    return true;
+}
+
+const CCodePage& CRTFToUTF8Parser::CurrentPage() const
+{
+    return *(m_state.pPage ? m_state.pPage : m_pDocPage);
+}
+
+bool CRTFToUTF8Parser::DecodeByte(unsigned char b)
+{
+    const CCodePage& page = CurrentPage();
+    if (m_chLeadByte) {
+        const char32_t cp = page.Pair(m_chLeadByte, b);
+        if (cp != CCodePage::invalidPair) {
+            if (!PutCodePoint(cp))
+                return false;
+            m_chLeadByte = 0;
+            return true;
+        }
+        // b does not complete the lead byte: the lead byte alone is
+        // undefined, and b is read on its own.
+        if (!FlushPending())
+            return false;
+    }
+    if (page.IsLeadByte(b)) {
+        if (!FlushPending())
+            return false;
+        m_chLeadByte = b;
+        return true;
+    }
+    return EmitCodePoint(page.Single(b));
+}
+
+bool CRTFToUTF8Parser::EmitCodePoint(char32_t cp)
+{
+    if (IsReservedCodePoint(cp))
+        cp = ' ';
+    return FlushPending() && PutCodePoint(cp);
+}
+
+bool CRTFToUTF8Parser::EmitUnicode(char32_t cp)
+{
+    if (IsHighSurrogate(cp)) {
+        if (!FlushPending())
+            return false;
+        m_highSurrogate = cp;
+        return true;
+    }
+    if (!IsLowSurrogate(cp))
+        return EmitCodePoint(cp);
+    if (!m_highSurrogate)
+        return EmitCodePoint(kReplacement);
+    const char32_t full = 0x10000 + ((m_highSurrogate - 0xD800) << 10) + (cp - 0xDC00);
+    if (!PutCodePoint(full))
+        return false;
+    m_highSurrogate = 0;
+    return true;
+}
+
+bool CRTFToUTF8Parser::EmitControl(const char* pch, int cch)
+{
+    return FlushPending() && PutBytes(pch, cch);
+}
+
+bool CRTFToUTF8Parser::FlushPending()
+{
+    if (!m_chLeadByte && !m_highSurrogate)
+        return true;
+    if (!PutCodePoint(kReplacement))
+        return false;
+    m_chLeadByte = 0;
+    m_highSurrogate = 0;
+    return true;
+}
+
+bool CRTFToUTF8Parser::PutCodePoint(char32_t cp)
+{
+    if (cp < 0x80) {
+        if (m_pCur == m_pEnd)
+            return false;
+        *m_pCur++ = static_cast<char>(cp);
+        return true;
+    }
+    char sz[4];
+    return PutBytes(sz, EncodeUtf8(cp, sz));
+}
+
+bool CRTFToUTF8Parser::PutBytes(const char* pch, int cch)
+{
+    if (m_pEnd - m_pCur < cch)
+        return false;
+    std::memcpy(m_pCur, pch, static_cast<std::size_t>(cch));
+    m_pCur += cch;
+    return true;
+}
+
+// --- fonts and code pages
+
+const CCodePage* CRTFToUTF8Parser::PageOfFont(int iFont) const
+{
+    const auto it = m_fonts.find(iFont < 0 ? m_iDefaultFont : iFont);
+    return it != m_fonts.end() ? it->second : nullptr;
+}
+
+void CRTFToUTF8Parser::SelectFont(int iFont)
+{
+    m_state.iFont = iFont;
+    m_state.pPage = PageOfFont(iFont);
+}
+
+bool CRTFToUTF8Parser::GetFontNum(const void*, int param)
+{
+    if (param == noParam)
+        return true;
+    if (m_rds == rdsFontTable) {
+        // A new entry, in the document's page until its \fcharset says otherwise.
+        m_iFontEntry = param;
+        m_fonts[param] = nullptr;
+    } else {
+        SelectFont(param);
+    }
+    return true;
+}
+
+bool CRTFToUTF8Parser::FillFontCharset(const void*, int param)
+{
+    if (m_rds == rdsFontTable && m_iFontEntry >= 0)
+        m_fonts[m_iFontEntry] = PageOfCharset(param);
+    return true;
+}
+
+bool CRTFToUTF8Parser::SetFontCodePage(char32_t, int param)
+{
+    if (m_rds == rdsFontTable && m_iFontEntry >= 0) {
+        if (const CCodePage* pPage = CCodePage::Get(param))
+            m_fonts[m_iFontEntry] = pPage;
+    }
+    return true;
+}
+
+bool CRTFToUTF8Parser::GetDefaultFontNum(const void*, int param)
+{
+    if (param != noParam)
+        m_iDefaultFont = param;
+    return true;
+}
+
+// \ansicpgN, or \ansi, \mac, \pc, \pca with their fixed pages.
+bool CRTFToUTF8Parser::SetDocumentCodePage(char32_t cp, int param)
+{
+    if (m_forcedCodePage)
+        return true;
+    if (const CCodePage* pPage = CCodePage::Get(cp ? static_cast<int>(cp) : param))
+        m_pDocPage = pPage;
+    return true;
+}
+
+bool CRTFToUTF8Parser::ApplyPlainCommand(const void*, int)
+{
+    m_state.bHidden = false;
+    SelectFont(-1);
+    return true;
+}
+
+// --- \u, \uc, \upr, \ud
+
+bool CRTFToUTF8Parser::InsertUnicode(char32_t, int param)
+{
+    if (param == noParam)
+        return true;
+    // A signed 16-bit value; some writers give the unsigned one instead.
+    const long value = param < 0 ? static_cast<long>(param) + 65536 : param;
+    const char32_t cp = value < 0 || value > 0x10FFFF ? kReplacement : static_cast<char32_t>(value);
+    if (IsVisibleText() && !EmitUnicode(cp))
+        return false;
+    m_cchUnicodeSkip = m_state.cchUnicodeFallback;
+    return true;
+}
+
+bool CRTFToUTF8Parser::SetUnicodeSkip(char32_t, int param)
+{
+    m_state.cchUnicodeFallback = param == noParam ? 1 : std::max(param, 0);
+    return true;
+}
+
+// {\upr{8-bit text}{\*\ud{Unicode text}}}: the 8-bit alternative is skipped
+// and the \ud group, a direct child, read in the destination \upr found.
+bool CRTFToUTF8Parser::SkipAnsiAlternative(char32_t, int)
+{
+    m_rdsBeforeUpr = m_rds;
+    m_cGroupUpr = m_cGroup;
+    m_rds = rdsSkip;
+    return true;
+}
+
+bool CRTFToUTF8Parser::ReadUnicodeAlternative(char32_t, int)
+{
+    if (m_cGroupUpr > 0 && m_cGroup == m_cGroupUpr + 1 && m_rds == rdsSkip)
+        m_rds = m_rdsBeforeUpr;
+    return true;
+}
+
+// --- characters and breaks
+
+bool CRTFToUTF8Parser::InsertCharacter(char32_t cp, int)
+{
+    if (cp == 0 || !IsVisibleText())
+        return true;
+    return EmitCodePoint(cp);
+}
+
+bool CRTFToUTF8Parser::SetHidden(char32_t, int param)
+{
+    m_state.bHidden = param != 0;
+    return true;
+}
+
+bool CRTFToUTF8Parser::ApplyCRCommand(const void* pKeyword, int param)
+{
+    if (IsVisibleText() && !EmitNewline())
+        return false;
+    return CBaseRTFParser::ApplyCRCommand(pKeyword, param);
+}
+
+bool CRTFToUTF8Parser::ApplyNLCommand(const void*, int)
+{
+    return !IsVisibleText() || EmitNewline();
+}
+
+bool CRTFToUTF8Parser::ApplyTabCommand(const void*, int)
+{
+    return !IsVisibleText() || EmitControl("\t", 1);
+}
+
+bool CRTFToUTF8Parser::ApplyEndRowCommand(const void* pKeyword, int param)
+{
+    return ApplyCRCommand(pKeyword, param);
+}
+
+bool CRTFToUTF8Parser::ApplyEndCellCommand(const void* pKeyword, int param)
+{
+    return ApplyTabCommand(pKeyword, param);
+}
+
+// A page break ends the line it is in; after a paragraph mark it shows as an
+// empty line.
+bool CRTFToUTF8Parser::ApplyPageBreak(char32_t, int)
+{
+    return ApplyNLCommand(nullptr, noParam);
+}
+
+// A section break ends its paragraph, as the paragraph mark it replaces would.
+bool CRTFToUTF8Parser::ApplySectionBreak(char32_t, int)
+{
+    return ApplyCRCommand("sect", noParam);
+}
+
+// The N raw bytes after \binN are data, never RTF, in every destination.
+bool CRTFToUTF8Parser::SkipBinary(char32_t, int param)
+{
+    if (param > 0 && param != noParam)
+        Get(param, nullptr);
+    return true;
+}
+
+// --- destinations
+
+bool CRTFToUTF8Parser::FieldResult(const void*, int)
+{
+    if (m_rds != rdsSkip)
+        m_rds = rdsNorm;  // a field's result is text
+    return true;
+}
+
+bool CRTFToUTF8Parser::InitAttachment(const void*, int)
+{
+    m_rds = rdsPicture;
+    return true;
+}
+
+bool CRTFToUTF8Parser::ObjectResult(const void*, int)
+{
+    m_rds = rdsObject;
+    return true;
+}
+
+// --- keywords that have no effect on the text
+
+bool CRTFToUTF8Parser::AttachmentHandler() { return true; }
+bool CRTFToUTF8Parser::FieldInit(const void*, int) { return true; }
+bool CRTFToUTF8Parser::FillFontFamily(const void*, int) { return true; }
+bool CRTFToUTF8Parser::ApplyFontSize(const void*, int) { return true; }
+bool CRTFToUTF8Parser::FillColorTable(const void*, int) { return true; }
+bool CRTFToUTF8Parser::ApplyColorCommand(const void*, int) { return true; }
+bool CRTFToUTF8Parser::ApplyBKColorCommand(const void*, int) { return true; }
+bool CRTFToUTF8Parser::ProcessSpecial(const void*, int) { return true; }
+// \lquote and \rquote are the reader's own keywords; this row of the core's
+// table is never reached.
+bool CRTFToUTF8Parser::InsertSpecialChar(const void*, int) { return true; }
+// \bin is the reader's own keyword (SkipBinary); never reached.
+bool CRTFToUTF8Parser::GetBinary(const void*, int) { return true; }
+bool CRTFToUTF8Parser::ApplyCharCommand(const void*, int) { return true; }
+bool CRTFToUTF8Parser::SkipCharacters(const void*, int) { return true; }
+bool CRTFToUTF8Parser::ApplyStartRowCommand(const void*, int) { return true; }
+bool CRTFToUTF8Parser::ApplyLastRowCommand(const void*, int) { return true; }
+bool CRTFToUTF8Parser::SetPictureType(const void*, int) { return true; }
+bool CRTFToUTF8Parser::ObjectData(const void*, int) { return true; }
+
+// --- the byte-pointer source
+
+CBytePtrRTFToUTF8PtrParser::CBytePtrRTFToUTF8PtrParser(const unsigned char* pData, const unsigned long& cbData)
+    : m_pData(pData), m_cbData(pData ? cbData : 0), m_pRead(pData), m_pMark(nullptr)
+{
+}
+
+long CBytePtrRTFToUTF8PtrParser::Get(char& ch)
+{
+    if (m_pRead == m_pData + m_cbData)
+        return E_UNEXPECTED;
+    ch = static_cast<char>(*m_pRead++);
+    return ch != '\0' ? S_OK : E_UNEXPECTED;
+}
+
+long CBytePtrRTFToUTF8PtrParser::Get(int n, unsigned char* pDest)
+{
+    const unsigned long cbLeft = static_cast<unsigned long>(m_pData + m_cbData - m_pRead);
+    const unsigned long cb = n <= 0 ? 0 : std::min(static_cast<unsigned long>(n), cbLeft);
+    if (pDest && cb)
+        std::memcpy(pDest, m_pRead, cb);
+    m_pRead += cb;
+    return n >= 0 && cb == static_cast<unsigned long>(n) ? S_OK : E_UNEXPECTED;
+}
+
+// The tokenizer never steps back over bytes it has not read; the clamps keep
+// the read position within the caller's bytes all the same.
+void CBytePtrRTFToUTF8PtrParser::MarkBacktrack(int n)
+{
+    m_pMark = m_pRead - ClampBack(n);
+}
+
+void CBytePtrRTFToUTF8PtrParser::Backtrack(int n)
+{
+    if (n == -1)
+        m_pRead = m_pMark ? m_pMark : m_pData;
+    else
+        m_pRead -= ClampBack(n);
+}
+
+long CBytePtrRTFToUTF8PtrParser::ClampBack(int n) const
+{
+    const long cbRead = static_cast<long>(m_pRead - m_pData);
+    return n < 0 ? 0 : (n > cbRead ? cbRead : n);
+}
+
+} // namespace rtf_converter
