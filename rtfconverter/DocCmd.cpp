@@ -552,4 +552,697 @@ void CFontCmd::SetDefault(FontCmdMasks mask)
     if (mask & fcmCharset) SetCharset(DEFAULT_CHARSET);
 }
 
+// ============================================================================
+// CLayoutCmd
+// ============================================================================
+
+namespace {
+
+constexpr char kJustifyLetters[] = "CLR";
+constexpr char kJustifyLeft = 'L';
+constexpr char kJustifyCenter = 'C';
+constexpr char kJustifyRight = 'R';
+constexpr char kIndentPlus = '+';
+constexpr char kIndentMinus = '-';
+constexpr double kMaxInches = 9.99;
+
+bool IsIndentSign(char ch) { return ch == kIndentPlus || ch == kIndentMinus; }
+
+// Three digits d1 d2 d3 read as the text "d1.d2d3".
+CString InchesText(char d1, char d2, char d3)
+{
+    const char text[] = {d1, '.', d2, d3, '\0'};
+    return CString(text);
+}
+
+CString FormatInches(double inches)
+{
+    CString text;
+    text.Format(kInchesFormat, inches);
+    return text;
+}
+
+} // namespace
+
+const CString CLayoutCmd::DefaultCmd(kDefaultLayoutCmdText);
+
+CLayoutCmd::CLayoutCmd() { SetCmd(CString(kDefaultLayoutCmdText)); }
+
+CLayoutCmd::CLayoutCmd(const CString& cmd) { SetCmd(cmd); }
+
+CLayoutCmd::~CLayoutCmd() = default;
+
+CLayoutCmd& CLayoutCmd::operator=(const CLayoutCmd& rCmd)
+{
+    m_cmd = rCmd.m_cmd;
+    m_type = rCmd.m_type;
+    m_mode = rCmd.m_mode;
+    return *this;
+}
+
+CLayoutCmd& CLayoutCmd::operator=(const CString& cmd)
+{
+    SetCmd(cmd);
+    return *this;
+}
+
+bool CLayoutCmd::IsValidCmd() const
+{
+    const int len = GetLength();
+    if (!CDocCmd::IsValidCmd() || len < CmdLengthMin) return false;
+    if (At(1) != 'L' || !IsOneOf(At(posJustify), kJustifyLetters)) return false;
+    for (int i = posLeftMargin; i < posFirstLineIndent; ++i)
+        if (!IsDigit(At(i))) return false;
+    if (At(posEndMin) == chCmdEnd) return len == CmdLengthMin;
+    int tabs = posFirstLineIndent;
+    if (IsIndentSign(At(posFirstLineIndent))) {
+        for (int i = posFirstLineIndent + 1; i < posFirstLineIndent + lenIndent; ++i)
+            if (!IsDigit(At(i))) return false;
+        tabs = posFirstLineIndent + lenIndent;
+        if (tabs == len - 1) return true;
+    }
+    // Tab stops: three digits and a leader byte, which is not checked.
+    int i = tabs;
+    for (; i < len - 1; i += lenTab) {
+        if (i + lenTab > len - 1) return false;
+        for (int j = i; j < i + lenMargin; ++j)
+            if (!IsDigit(At(j))) return false;
+    }
+    return At(i) == chCmdEnd;
+}
+
+void CLayoutCmd::ReportIfInvalid() const { VQASSERT(IsValidCmd()); }
+
+bool CLayoutCmd::HasIndentField() const { return IsIndentSign(At(posFirstLineIndent)); }
+
+int CLayoutCmd::TabsStart() const { return HasIndentField() ? posFirstLineIndent + lenIndent : posFirstLineIndent; }
+
+void CLayoutCmd::SetJustify(char letter)
+{
+    ReportIfInvalid();
+    PutAt(posJustify, letter);
+}
+
+void CLayoutCmd::Left() { SetJustify(kJustifyLeft); }
+void CLayoutCmd::Center() { SetJustify(kJustifyCenter); }
+void CLayoutCmd::Right() { SetJustify(kJustifyRight); }
+
+int CLayoutCmd::IsLeft() const
+{
+    ReportIfInvalid();
+    return At(posJustify) == kJustifyLeft;
+}
+
+int CLayoutCmd::IsCenter() const
+{
+    ReportIfInvalid();
+    return At(posJustify) == kJustifyCenter;
+}
+
+int CLayoutCmd::IsRight() const
+{
+    ReportIfInvalid();
+    return At(posJustify) == kJustifyRight;
+}
+
+void CLayoutCmd::GetMarginStr(CString& out, int bLeft) const
+{
+    const int pos = bLeft ? posLeftMargin : posRightMargin;
+    out = InchesText(At(pos), At(pos + 1), At(pos + 2));
+}
+
+void CLayoutCmd::SetMarginStr(const char* psz, int bLeft)
+{
+    if (!psz) return;
+    const int pos = bLeft ? posLeftMargin : posRightMargin;
+    // Digits fill the field in order wherever the point stands: "12.5" is 1.25.
+    int taken = 0;
+    for (; *psz && taken < lenMargin; ++psz) {
+        if (IsDigit(*psz))
+            PutAt(pos + taken++, *psz);
+        else if (*psz != '.')
+            VQASSERT(false);
+    }
+}
+
+void CLayoutCmd::SetMarginValue(double inches, int bLeft)
+{
+    ReportIfInvalid();
+    if (inches < 0.0)
+        inches = 0.0;
+    else if (inches > kMaxInches)
+        inches = kMaxInches;
+    SetMarginStr(FormatInches(inches), bLeft);
+}
+
+double CLayoutCmd::GetLeftMargin() const
+{
+    CString text;
+    GetLeftMargin(text);
+    return std::atof(text);
+}
+
+double CLayoutCmd::GetRightMargin() const
+{
+    CString text;
+    GetRightMargin(text);
+    return std::atof(text);
+}
+
+void CLayoutCmd::GetLeftMargin(CString& out) const
+{
+    ReportIfInvalid();
+    GetMarginStr(out, TRUE);
+}
+
+void CLayoutCmd::GetRightMargin(CString& out) const
+{
+    ReportIfInvalid();
+    GetMarginStr(out, FALSE);
+}
+
+void CLayoutCmd::SetLeftMargin(double inches) { SetMarginValue(inches, TRUE); }
+void CLayoutCmd::SetRightMargin(double inches) { SetMarginValue(inches, FALSE); }
+
+void CLayoutCmd::SetLeftMargin(const char* psz)
+{
+    ReportIfInvalid();
+    SetMarginStr(psz, TRUE);
+}
+
+void CLayoutCmd::SetRightMargin(const char* psz)
+{
+    ReportIfInvalid();
+    SetMarginStr(psz, FALSE);
+}
+
+double CLayoutCmd::GetFirstLineIndent() const
+{
+    CString text;
+    GetFirstLineIndent(text);
+    return std::atof(text);
+}
+
+void CLayoutCmd::GetFirstLineIndent(CString& out) const
+{
+    ReportIfInvalid();
+    if (!HasIndentField()) {
+        out = "0.00";
+        return;
+    }
+    const int pos = posFirstLineIndent;
+    out = InchesText(At(pos + 1), At(pos + 2), At(pos + 3));
+    if (At(pos) == kIndentMinus) out = '-' + out;
+}
+
+void CLayoutCmd::SetFirstLineIndent(double inches)
+{
+    if (inches < -kMaxInches)
+        inches = -kMaxInches;
+    else if (inches > kMaxInches)
+        inches = kMaxInches;
+    SetFirstLineIndent(FormatInches(inches).GetString());
+}
+
+void CLayoutCmd::SetFirstLineIndent(const char* psz)
+{
+    ReportIfInvalid();
+    char field[lenIndent + 1] = {kIndentPlus, '0', '0', '0', '\0'};
+    int taken = 0;
+    bool bSignSeen = false;
+    bool bNonZero = false;
+    for (; psz && *psz && taken < lenMargin; ++psz) {
+        const char ch = *psz;
+        if (IsIndentSign(ch)) {
+            // Only a sign in front of the digits counts.
+            if (!bSignSeen && taken == 0) {
+                field[0] = ch;
+                bSignSeen = true;
+            } else {
+                VQASSERT(FALSE);
+            }
+        } else if (IsDigit(ch)) {
+            field[1 + taken++] = ch;
+            bNonZero = bNonZero || ch != '0';
+        } else if (ch != '.') {
+            VQASSERT(false);
+        }
+    }
+    // A zero indent is always written as no field at all, whatever its sign.
+    if (bNonZero) {
+        if (HasIndentField()) {
+            for (int i = 0; i < lenIndent; ++i) PutAt(posFirstLineIndent + i, field[i]);
+        } else {
+            m_cmd.Insert(posFirstLineIndent, field);
+        }
+    } else if (HasIndentField()) {
+        m_cmd.Delete(posFirstLineIndent, lenIndent);
+    }
+}
+
+int CLayoutCmd::GetTabs(CTabArray& tabs) const
+{
+    ReportIfInvalid();
+    const int start = TabsStart();
+    const int count = std::max(0, (GetLength() - start - 1) / lenTab);
+    tabs.SetSize(count);
+    for (int i = 0; i < count; ++i) {
+        const int pos = start + i * lenTab;
+        TabDescription& tab = tabs[i];
+        tab.m_position = std::atof(InchesText(At(pos), At(pos + 1), At(pos + 2)));
+        tab.m_leader = At(pos + lenMargin);
+    }
+    return count;
+}
+
+void CLayoutCmd::SetTabs(const CTabArray& tabs)
+{
+    ReportIfInvalid();
+    CString tabText;
+    for (INT_PTR i = 0; i < tabs.GetSize(); ++i) {
+        if (!VQCHECK(tabs[i].m_position > 0.0 && tabs[i].m_position < 10.0)) continue;
+        // Truncated, not rounded: 1.15 (114.999... hundredths) is stored as 114.
+        tabText.AppendFormat("%03d", static_cast<int>(tabs[i].m_position * 100.0));
+        tabText += tabs[i].m_leader;
+    }
+    CString edited = m_cmd.Left(TabsStart());
+    edited += tabText;
+    edited += chCmdEnd;
+    m_cmd = edited;
+}
+
+// ============================================================================
+// CCommentCmd
+// ============================================================================
+
+namespace {
+
+constexpr char kCommentSubtypes[] = "RHNT";
+constexpr char kProtocolSeparator[] = "://";
+
+} // namespace
+
+const CString CCommentCmd::DefaultCmd(kDefaultCommentCmdText);
+
+CCommentCmd::CCommentCmd() { SetCmd(CString(kDefaultCommentCmdText)); }
+
+CCommentCmd::CCommentCmd(OTHERCMD_TYPE type)
+{
+    SetCmd(CString(kDefaultCommentCmdText));
+    PutAt(idxType, static_cast<char>(type));
+    VQASSERT(IsValidCmd());
+}
+
+CCommentCmd::CCommentCmd(const CString& cmd)
+{
+    m_cmd = cmd;
+    VQASSERT(IsValidCmd());
+}
+
+CCommentCmd::CCommentCmd(const char* lpsz, int len)
+{
+    VQASSERT(NULL != lpsz && len);
+    if (lpsz && len) {
+        if (len < 0) {
+            // Up to and including the first end byte, or the whole string.
+            const char* end = std::strchr(lpsz, chCmdEnd);
+            len = end ? static_cast<int>(end - lpsz) + 1 : static_cast<int>(std::strlen(lpsz));
+        }
+        if (len > 0) {
+            const char end = chCmdEnd;
+            const char* ptr = lpsz + len;
+            VQASSERT(end == ptr[-1]);
+        }
+        m_cmd = CString(lpsz, len);
+    }
+    VQASSERT(IsValidCmd());
+}
+
+CCommentCmd::CCommentCmd(const CCommentCmd& rCmd) : CDocCmd()
+{
+    SetCmd(rCmd.m_cmd);
+    VQASSERT(IsValidCmd());
+}
+
+CCommentCmd::~CCommentCmd() = default;
+
+CCommentCmd& CCommentCmd::operator=(const CCommentCmd& rCmd)
+{
+    if (this != &rCmd) SetCmd(rCmd.m_cmd);
+    return *this;
+}
+
+bool CCommentCmd::IsValidCmd() const
+{
+    // The type letter at index 1 is deliberately not examined.
+    return CDocCmd::IsValidCmd() && IsOneOf(At(idxType), kCommentSubtypes) && At(idxSeparator) == chTextSeparator;
+}
+
+int CCommentCmd::GetType() const { return static_cast<unsigned char>(At(idxType)); }
+
+void CCommentCmd::SetType(OTHERCMD_TYPE type)
+{
+    PutAt(idxType, static_cast<char>(type));
+    VQASSERT(IsValidCmd());
+}
+
+bool CCommentCmd::FindField(int n, int& start, int& end, int& separatorsFound) const
+{
+    const int len = GetLength();
+    int i = idxText;
+    separatorsFound = 0;
+    for (; separatorsFound < n; ++separatorsFound) {
+        while (i < len && At(i) != chDataSeparator && At(i) != chCmdEnd) ++i;
+        if (i >= len || At(i) == chCmdEnd) {
+            start = end = std::min(i, len);
+            return false;
+        }
+        ++i; // over the separator
+    }
+    if (i > len) {
+        start = end = len;
+        return false;
+    }
+    start = end = i;
+    while (end < len && At(end) != chDataSeparator && At(end) != chCmdEnd) ++end;
+    return true;
+}
+
+CString CCommentCmd::GetData(int n) const
+{
+    if (!VQCHECK(n >= 0)) return CString();
+    int start = 0, end = 0, separators = 0;
+    return FindField(n, start, end, separators) ? m_cmd.Mid(start, end - start) : CString();
+}
+
+void CCommentCmd::SetData(const CString& data, int n)
+{
+    VQASSERT(IsValidCmd());
+    if (!VQCHECK(n >= 0)) return;
+    int start = 0, end = 0, separators = 0;
+    if (FindField(n, start, end, separators)) {
+        m_cmd = m_cmd.Left(start) + data + m_cmd.Mid(end);
+    } else {
+        // The missing fields are created empty, in front of the closing byte.
+        m_cmd = m_cmd.Left(start) + CString(chDataSeparator, n - separators) + data + m_cmd.Mid(start);
+    }
+    VQASSERT(IsValidCmd());
+}
+
+CString CCommentCmd::RemoveProtocol(const CString& address)
+{
+    const int pos = address.Find(kProtocolSeparator);
+    return pos < 0 ? address : address.Mid(pos + static_cast<int>(sizeof kProtocolSeparator) - 1);
+}
+
+CString CCommentCmd::GetDescription(int bDetailed) const
+{
+    const CString text = GetData(0);
+    const CString target = GetData(1);
+    switch (GetType()) {
+    case ot_Hyperlink:
+        // Addresses that differ only in their protocol are not worth showing.
+        if (bDetailed && RemoveProtocol(text) != RemoveProtocol(target)) return text + " (" + target + ")";
+        return text;
+    case ot_Reference:
+        if (bDetailed && !target.IsEmpty()) {
+            const int colon = target.Find(':');
+            const CString name = colon < 0 ? target : target.Mid(colon + 1);
+            if (name != text) return text + " [" + target + "]";
+        }
+        return text;
+    default:
+        return text;
+    }
+}
+
+// ============================================================================
+// CNumberCmd
+// ============================================================================
+
+namespace {
+
+enum NumberStyle { nsNone, nsDecimal, nsLetter, nsRoman, nsBullet };
+
+struct NumberFormat {
+    NumberStyle style;
+    const char* prefix;
+    const char* suffix;
+    bool bLower;
+    unsigned char bullet;
+    const char* bulletFont;
+};
+
+constexpr char kSymbolFont[] = "Symbol";
+constexpr char kWingDingsFont[] = "WingDings";
+
+// Indexed by numbering type, nt_None to nt_Last.
+constexpr NumberFormat kNumberFormats[nt_Last + 1] = {
+    {nsNone, "", "", false, 0, ""},                   // nt_None
+    {nsDecimal, "", ".", false, 0, ""},               // nt_Decimal
+    {nsDecimal, "", ")", false, 0, ""},               // nt_DecimalParen
+    {nsRoman, "", ".", false, 0, ""},                 // nt_UpperRoman
+    {nsLetter, "", ".", false, 0, ""},                // nt_UpperLetter
+    {nsLetter, "", ")", true, 0, ""},                 // nt_LowerLetterParen
+    {nsLetter, "(", ")", true, 0, ""},                // nt_LowerLetterBoth
+    {nsRoman, "", ".", true, 0, ""},                  // nt_LowerRoman
+    {nsDecimal, "(", ")", false, 0, ""},              // nt_DecimalBoth
+    {nsRoman, "(", ")", true, 0, ""},                 // nt_LowerRomanBoth
+    {nsNone, "", "", false, 0, ""},                   // 10
+    {nsNone, "", "", false, 0, ""},                   // 11
+    {nsNone, "", "", false, 0, ""},                   // 12
+    {nsNone, "", "", false, 0, ""},                   // 13
+    {nsNone, "", "", false, 0, ""},                   // 14
+    {nsNone, "", "", false, 0, ""},                   // 15
+    {nsNone, "", "", false, 0, kSymbolFont},          // 16
+    {nsBullet, "", "", false, 0xB7, kSymbolFont},     // nt_Bullet1
+    {nsBullet, "", "", false, 0x57, kWingDingsFont},  // nt_Bullet2
+    {nsBullet, "", "", false, 0x9F, kWingDingsFont},  // nt_Bullet3
+    {nsBullet, "", "", false, 0x71, kWingDingsFont},  // nt_Bullet4
+    {nsBullet, "", "", false, 0x76, kWingDingsFont},  // nt_Bullet5
+    {nsBullet, "", "", false, 0xD8, kWingDingsFont},  // nt_Bullet6
+    {nsBullet, "", "", false, 0xFC, kWingDingsFont},  // nt_Bullet7
+    {nsNone, "", "", false, 0, kSymbolFont},          // nt_Last
+};
+
+// Types 1 to 15 are written as 0x40 + type ('A'..'O'), 16 to 24 as 0x50 + type
+// (0x60, then 'a'..'h'); the reader takes 'A'..'Z' and 'a'..'z' back, so 16
+// does not survive the round trip.
+constexpr int kUpperTypeBase = 0x40;
+constexpr int kLowerTypeBase = 0x50;
+constexpr int kFirstLowerType = 16;
+constexpr int kFirstBulletType = nt_Bullet1;
+constexpr double kDefaultTabWidth = 0.25;
+constexpr char kLetters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+constexpr int kLetterCount = 26;
+constexpr int kMaxLetterRepeat = 10; // letters beyond 260 are shown as '*'
+constexpr int kMaxRomanNumber = 9999;
+constexpr char kNumberOverflow[] = "*";
+constexpr int kMaxLevel = 9;
+
+// Roman digits as patterns over a unit ('1'), a five ('5') and a ten ('X') letter.
+constexpr const char* kRomanDigitPatterns[10] = {"", "1", "11", "111", "15", "5", "51", "511", "5111", "1X"};
+struct RomanPlace {
+    int value;
+    char unit, five, ten;
+};
+constexpr RomanPlace kRomanPlaces[] = {{100, 'C', 'D', 'M'}, {10, 'X', 'L', 'C'}, {1, 'I', 'V', 'X'}};
+
+bool IsNumberingType(int nType) { return nType >= nt_None && nType <= nt_Last; }
+
+CString LetterNumber(int n)
+{
+    if (n < 1) return CString(kNumberOverflow); // no letter stands for 0
+    const int m = n - 1;
+    if (m / kLetterCount >= kMaxLetterRepeat) return CString(kNumberOverflow);
+    return CString(kLetters[m % kLetterCount], m / kLetterCount + 1);
+}
+
+CString RomanNumber(int n)
+{
+    if (n < 0 || n > kMaxRomanNumber) return CString(kNumberOverflow);
+    CString text('M', n / 1000);
+    for (const RomanPlace& place : kRomanPlaces) {
+        for (const char* p = kRomanDigitPatterns[(n / place.value) % 10]; *p; ++p)
+            text += *p == '1' ? place.unit : *p == '5' ? place.five : place.ten;
+    }
+    return text;
+}
+
+} // namespace
+
+const CString CNumberCmd::DefaultNumberCmd(kDefaultNumberCmdText);
+
+CNumberCmd::CNumberCmd()
+{
+    SetCmd(CString(kDefaultNumberCmdText));
+    SetTabWidth(kDefaultTabWidth);
+}
+
+CNumberCmd::CNumberCmd(const CString& cmd) { m_cmd = cmd; }
+
+CNumberCmd::~CNumberCmd() = default;
+
+CString CNumberCmd::FormatNumber(int number, int type)
+{
+    if (type == nt_None) return CString();
+    if (!IsNumberingType(type)) {
+        VQASSERT(0);
+        return CString();
+    }
+    const NumberFormat& format = kNumberFormats[type];
+    CString body;
+    switch (format.style) {
+    case nsDecimal: body.Format("%d", number); break;
+    case nsLetter: body = LetterNumber(number); break;
+    case nsRoman: body = RomanNumber(number); break;
+    case nsBullet: return CString(static_cast<char>(format.bullet));
+    case nsNone: VQASSERT(0); return CString();
+    }
+    if (format.bLower) body.MakeLower();
+    return format.prefix + body + format.suffix;
+}
+
+int CNumberCmd::GetNumType() const
+{
+    const CString field = GetData(fldType);
+    const char letter = field.IsEmpty() ? '\0' : field.GetAt(0);
+    if (IsInRange(letter, 'A', 'Z')) return letter - kUpperTypeBase;
+    if (IsInRange(letter, 'a', 'z')) return letter - kLowerTypeBase;
+    return nt_None;
+}
+
+void CNumberCmd::SetNumType(int nType)
+{
+    if (!VQCHECK(nType >= nt_None && nType <= nt_Last)) return;
+    if (nType == nt_None) {
+        SetData(CString(), fldType);
+        SetData(CString(), fldBulletFont);
+        return;
+    }
+    const int base = nType < kFirstLowerType ? kUpperTypeBase : kLowerTypeBase;
+    SetData(CString(static_cast<char>(base + nType)), fldType);
+    SetData(CString(kNumberFormats[nType].bulletFont), fldBulletFont);
+}
+
+double CNumberCmd::GetTabWidth() const
+{
+    CString field = GetData(fldTabWidth);
+    if (field.IsEmpty()) return kDefaultTabWidth;
+    field.Insert(1, '.');
+    return std::atof(field);
+}
+
+void CNumberCmd::SetTabWidth(double tabWidth)
+{
+    VQASSERT(tabWidth >= 0.0 && tabWidth < 10.0);
+    CString field;
+    // The default width, zero and anything out of range are all written empty.
+    if (tabWidth > 0.0 && tabWidth < 10.0 && tabWidth != kDefaultTabWidth) {
+        field = FormatInches(tabWidth);
+        field.Replace(".", "");
+    }
+    SetData(field, fldTabWidth);
+}
+
+int CNumberCmd::GetLevel() const
+{
+    const CString field = GetData(fldLevel);
+    if (field.IsEmpty()) return 0;
+    int level = field.GetAt(0) - '0';
+    if (!VQCHECK(level >= 0 && level <= 9)) level = std::clamp(level, 0, kMaxLevel);
+    return level;
+}
+
+int CNumberCmd::GetListKind() const
+{
+    const CString field = GetData(fldLevel);
+    if (field.GetLength() < 2) return mlt_None;
+    const int mType = field.GetAt(1) - kUpperTypeBase;
+    return VQCHECK(mType > mlt_None && mType < mlt_Last) ? mType : mlt_None;
+}
+
+int CNumberCmd::GetNumber(int level) const
+{
+    if (!VQCHECK(level >= 0 && level <= 9)) level = std::clamp(level, 0, kMaxLevel);
+    if (level == 0) level = GetLevel();
+    const int field = level > 0 ? fldFirstNumber + level - 1 : fldFirstNumber;
+    return static_cast<int>(Str2DWORD(GetData(field)));
+}
+
+void CNumberCmd::SetNumber(int number, int level)
+{
+    VQASSERT(number >= 0);
+    if (!VQCHECK(level >= 0 && level <= 9)) level = std::clamp(level, 0, kMaxLevel);
+    const int nType = GetNumType();
+    VQASSERT(nType != nt_None);
+    CString text;
+    if (nType < kFirstLowerType && number >= 1) text.Format("%d", number);
+    if (level == 0) level = GetLevel();
+    // Bullets keep their number in the first number field whatever the level.
+    const int field = (level > 0 && nType < kFirstBulletType) ? fldFirstNumber + level - 1 : fldFirstNumber;
+    SetData(text, field);
+    UpdateText();
+}
+
+void CNumberCmd::UpdateText()
+{
+    const int nType = GetNumType();
+    const int level = GetLevel();
+    CString text;
+    if (GetListKind() == mlt_Multilevel) {
+        for (int k = 1; k <= std::max(level, 1); ++k) text += FormatNumber(GetNumber(k), nType);
+    } else {
+        text = FormatNumber(GetNumber(level), nType);
+    }
+    SetData(text.Left(nMaxText), fldText);
+}
+
+// ============================================================================
+// CPrintCmd
+// ============================================================================
+
+const char* const CPrintCmd::s_onCmd = kPrintOnText;
+const char* const CPrintCmd::s_offCmd = kPrintOffText;
+const char* const CPrintCmd::s_ejectCmd = kPrintEjectText;
+const int CPrintCmd::s_nEjectLen = static_cast<int>(sizeof kPrintEjectText) - 1;
+
+namespace {
+constexpr char kPrintStates[] = "01E";
+}
+
+CPrintCmd::CPrintCmd() { SetCmd(CString(kPrintOnText)); }
+
+CPrintCmd::CPrintCmd(const CString& cmd) { SetCmd(cmd); }
+
+CPrintCmd::~CPrintCmd() = default;
+
+CPrintCmd& CPrintCmd::operator=(const CPrintCmd& rCmd)
+{
+    if (this != &rCmd) SetCmd(rCmd.m_cmd);
+    return *this;
+}
+
+bool CPrintCmd::IsValidCmd() const
+{
+    return CDocCmd::IsValidCmd() && GetLength() == s_nEjectLen && At(1) == 'P' && IsOneOf(At(2), kPrintStates);
+}
+
+void CPrintCmd::On() { m_cmd = kPrintOnText; }
+void CPrintCmd::Off() { m_cmd = kPrintOffText; }
+void CPrintCmd::Eject() { m_cmd = kPrintEjectText; }
+int CPrintCmd::IsEject() const { return m_cmd == kPrintEjectText; }
+
+// ============================================================================
+// CAttachmentCmd
+// ============================================================================
+
+CAttachmentCmd::~CAttachmentCmd() = default;
+
+CAttachmentCmd& CAttachmentCmd::operator=(const CAttachmentCmd& rCmd)
+{
+    if (this != &rCmd) SetCmd(rCmd.m_cmd);
+    return *this;
+}
+
 } // namespace rtf_converter
