@@ -195,6 +195,7 @@ public:
     // ISO 8859-1, for a system whose iconv knows not even 1252.
     static const CCodePage& Fallback();
 
+    bool IsSymbol() const { return m_bSymbol; }
     bool IsLeadByte(unsigned char b) const { return m_bLead[b]; }
     char32_t Single(unsigned char b) const { return m_single[b]; }
     // The character of a lead and a trail byte; invalidPair when the trail
@@ -210,6 +211,7 @@ private:
     void BuildTrailTable(unsigned char lead) const;
 
     std::string m_iconvName;
+    bool m_bSymbol = false;
     char32_t m_single[256] = {};
     bool m_bLead[256] = {};
     mutable std::once_flag m_trailOnce[256];
@@ -248,6 +250,7 @@ std::unique_ptr<CCodePage> CCodePage::Build(int codePage)
     if (!p)
         return p;
     if (codePage == kSymbolCodePage) {
+        p->m_bSymbol = true;
         for (unsigned b = 0; b < 256; ++b)
             p->m_single[b] = SymbolCharacter(b);
         return p;
@@ -737,7 +740,12 @@ bool CRTFToUTF8Parser::InsertUnicode(char32_t, int param)
         return true;
     // A signed 16-bit value; some writers give the unsigned one instead.
     const long value = param < 0 ? static_cast<long>(param) + 65536 : param;
-    const char32_t cp = value < 0 || value > 0x10FFFF ? kReplacement : static_cast<char32_t>(value);
+    char32_t cp = value < 0 || value > 0x10FFFF ? kReplacement : static_cast<char32_t>(value);
+    // Writers give a symbol font's characters as U+F000 + byte, the codes
+    // under which Windows shows its glyphs (Word's list bullet is \u-3913,
+    // U+F0B7): in such a font they are the characters the font shows.
+    if (cp >= 0xF020 && cp <= 0xF0FF && CurrentPage().IsSymbol())
+        cp = CurrentPage().Single(static_cast<unsigned char>(cp & 0xFF));
     if (IsVisibleText() && !EmitUnicode(cp))
         return false;
     m_cchUnicodeSkip = m_state.cchUnicodeFallback;

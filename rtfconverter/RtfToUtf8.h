@@ -20,8 +20,10 @@
 //                  or of the document (\ansicpg, \mac, \pc, \pca; 1252 when
 //                  none is given). Double-byte pages (932, 936, 949, 950, ...)
 //                  pair a lead byte with the next byte. \fcharset2 (Symbol)
-//                  gives the characters the Symbol font shows. A byte the page
-//                  does not define gives U+FFFD.
+//                  gives the characters the Symbol font shows (also for
+//                  \uN of U+F020 to U+F0FF, the codes Windows shows a symbol
+//                  font's glyphs under). A byte the page does not define
+//                  gives U+FFFD.
 //   \upr, \ud      the Unicode alternative is read, the 8-bit one skipped.
 //   \emdash ...    the typographic characters of RTF (see the keyword table).
 // Paragraph marks (\par, \sect, \row) and \line, \page give the newline chosen

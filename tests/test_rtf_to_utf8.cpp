@@ -1,0 +1,231 @@
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <string>
+#include <vector>
+
+#include "rtfconverter/RtfToUtf8.h"
+#include "test_util.h"
+
+using rtf_converter::CBytePtrRTFToUTF8PtrParser;
+using rtf_converter::CRTFToUTF8Parser;
+
+namespace {
+
+struct Options {
+    std::size_t cbBuffer = 1 << 16;
+    CRTFToUTF8Parser::Newline newline = CRTFToUTF8Parser::newlineLF;
+    int codePage = 0;
+};
+
+// Converts with Read calls of cbBuffer bytes until bMore comes back false.
+std::string ToUtf8(const std::string& rtf, const Options& options = Options())
+{
+    unsigned long cb = static_cast<unsigned long>(rtf.size());
+    CBytePtrRTFToUTF8PtrParser reader(reinterpret_cast<const unsigned char*>(rtf.data()), cb);
+    reader.SetNewline(options.newline);
+    reader.SetCodePage(options.codePage);
+    std::vector<char> buf(options.cbBuffer);
+    std::string out;
+    bool bMore = true;
+    for (int cCalls = 0; bMore; ++cCalls) {
+        if (cCalls > 1000000) {
+            ADD_FAILURE() << "no progress";
+            break;
+        }
+        const unsigned long n = reader.Read(buf.data(), buf.data() + buf.size(), bMore);
+        EXPECT_LE(n, buf.size());
+        out.append(buf.data(), n);
+    }
+    return out;
+}
+
+bool IsValidUtf8(const std::string& s)
+{
+    for (std::size_t i = 0; i < s.size();) {
+        const unsigned char b = static_cast<unsigned char>(s[i]);
+        const int cch = b < 0x80 ? 1 : (b & 0xE0) == 0xC0 ? 2 : (b & 0xF0) == 0xE0 ? 3 : (b & 0xF8) == 0xF0 ? 4 : 0;
+        if (cch == 0 || i + cch > s.size())
+            return false;
+        for (int k = 1; k < cch; ++k)
+            if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80)
+                return false;
+        i += cch;
+    }
+    return true;
+}
+
+struct Row {
+    const char* label;
+    std::string rtf;
+    std::string utf8;
+};
+
+void ExpectRows(const std::vector<Row>& rows)
+{
+    for (const Row& row : rows)
+        EXPECT_EQ(ToUtf8(row.rtf), row.utf8) << row.label << ": " << row.rtf;
+}
+
+} // namespace
+
+TEST(RtfToUtf8, SingleByteCodePagesFromAnsicpg)
+{
+    ExpectRows({
+        {"1250", R"({\rtf1\ansi\ansicpg1250 \'8a\'b9\'9c\'f8})", "Šąśř"},
+        {"1251", R"({\rtf1\ansi\ansicpg1251 \'cf\'f0\'e8\'e2\'e5\'f2})", "Привет"},
+        {"1252", R"({\rtf1\ansi\ansicpg1252 \'80\'e9\'9f})", "€éŸ"},
+        {"1252 undefined byte", R"({\rtf1\ansi\ansicpg1252 a\'81b})", "a\uFFFDb"},
+        {"1252 by default", R"({\rtf1 \'e9})", "é"},
+        {"1253", R"({\rtf1\ansi\ansicpg1253 \'c1\'e1\'a2})", "ΑαΆ"},
+        {"1254", R"({\rtf1\ansi\ansicpg1254 \'f0\'dd\'fe})", "ğİş"},
+        {"874", R"({\rtf1\ansi\ansicpg874 \'a1\'e0})", "กเ"},
+        {"10000", R"({\rtf1\mac\ansicpg10000 \'8e\'a5\'d2})", "é•“"},
+        {"\\mac alone", R"({\rtf1\mac \'8e})", "é"},
+        {"raw 8-bit bytes", "{\\rtf1\\ansi\\ansicpg1251 \xcf\xf0}", "Пр"},
+        {"unknown page keeps 1252", R"({\rtf1\ansi\ansicpg99999 \'e9})", "é"},
+    });
+}
+
+TEST(RtfToUtf8, FontCharsetSelectsThePage)
+{
+    const std::string fonts = R"({\fonttbl{\f0\fswiss\fcharset0 Arial;}{\f1\fcharset204 Arial Cyr;}{\f2\fcharset161 Arial Greek;}{\f3\fcharset2 Symbol;}{\f4\fcharset128 MS Mincho;}})";
+    ExpectRows({
+        {"charset over ansicpg", R"({\rtf1\ansi\ansicpg1252)" + fonts + R"(\f1 \'cf{\f2 \'e1}\'cf\f0 \'e9})", "ПαПé"},
+        {"\\plain returns to the default font", R"({\rtf1\ansi\deff1)" + fonts + R"(\'cf\f2 \'e1\plain \'cf})", "ПαП"},
+        {"a font entry's \\cpg", R"({\rtf1\ansi{\fonttbl{\f5\cpg1253 X;}}\f5 \'e1})", "α"},
+        {"Symbol", R"({\rtf1\ansi)" + fonts + R"({\f3 \'b7 a\'d4\'f0}})", "• α™\uF0F0"},
+        {"Symbol private-use \\u", R"({\rtf1\ansi)" + fonts + R"({\f3 \u-3913?}\u-3913?})", "•\uF0B7"},
+        {"Symbol bullet of a list", R"({\rtf1\ansi)" + fonts + R"({\pntext\f3\'b7\tab}Item\par})", "•\tItem\n"},
+        {"ANSI fonts follow the document page", R"({\rtf1\ansi\ansicpg1252)" + fonts + R"(\f1 \'cf\f0 \'cf})", "ПÏ"},
+    });
+    Options cyrillic;
+    cyrillic.codePage = 1251;
+    EXPECT_EQ(ToUtf8(R"({\rtf1\ansi\ansicpg1252 \'cf)" + fonts + R"(\f2 \'e1})", cyrillic), "Пα");
+}
+
+TEST(RtfToUtf8, DoubleByteCodePages)
+{
+    ExpectRows({
+        {"932", R"({\rtf1\ansi\ansicpg932 \'82\'a0\'83\'5c})", "あソ"},
+        {"936", R"({\rtf1\ansi\ansicpg936 \'d6\'d0\'ce\'c4})", "中文"},
+        {"949", R"({\rtf1\ansi\ansicpg949 \'c7\'d1})", "한"},
+        {"950", R"({\rtf1\ansi\ansicpg950 \'a4\'a4})", "中"},
+        {"by \\fcharset128", R"({\rtf1\ansi{\fonttbl{\f1\fcharset128 M;}}a{\f1 \'82\'a0}b})", "aあb"},
+        {"raw bytes", "{\\rtf1\\ansi\\ansicpg932 \x82\xa0!}", "あ!"},
+        {"single-byte katakana", R"({\rtf1\ansi\ansicpg932 \'b1})", "ｱ"},
+        {"invalid trail is read alone", R"({\rtf1\ansi\ansicpg932 \'82!})", "\uFFFD!"},
+        {"lead before \\par", R"({\rtf1\ansi\ansicpg932 \'82\par x})", "\uFFFD\nx"},
+        {"lead at the end", R"({\rtf1\ansi\ansicpg932 x\'82})", "x\uFFFD"},
+    });
+}
+
+TEST(RtfToUtf8, UnicodeAndItsFallback)
+{
+    ExpectRows({
+        {"\\uc0", R"({\rtf1\uc0\u8212 x})", "—x"},
+        {"\\uc1 escape", R"({\rtf1\uc1\u8212\'97x})", "—x"},
+        {"\\uc1 by default", R"({\rtf1\u8212?x})", "—x"},
+        {"\\uc1 plain", R"({\rtf1\uc1\u945 ax})", "αx"},
+        {"\\uc2 double-byte", R"({\rtf1\ansicpg932\uc2\u12354\'82\'a0x})", "あx"},
+        {"\\uc2 plain", R"({\rtf1\uc2\u945 abx})", "αx"},
+        {"keyword counts as one", R"({\rtf1\uc1\u8220\ldblquote x})", "“x"},
+        {"\\uc ends with its group", R"({\rtf1\uc2{\uc0\u8212 a}\u8212 ab c})", "—a— c"},
+        {"a brace ends the skipping", R"({\rtf1\uc3\u8212{x}})", "—x"},
+        {"negative", R"({\rtf1\u-191?})", "ａ"},
+        {"surrogate pair", R"({\rtf1\u-10179?\u-8704?})", "😀"},
+        {"pair with its fallback after it", R"({\rtf1\uc2\u55357\u56832??x})", "😀x"},
+        {"unpaired high", R"({\rtf1\u-10179?x})", "\uFFFDx"},
+        {"unpaired low", R"({\rtf1 a\u-8704?b})", "a\uFFFDb"},
+        {"high at the end", R"({\rtf1 a\u-10179?})", "a\uFFFD"},
+        {"out of range", R"({\rtf1\u-70000?x})", "\uFFFDx"},
+        {"\\upr takes \\ud", R"({\rtf1 a{\upr{\'e9t\'e9}{\*\ud{\uc0\u233 t\u233 }}}b})", "aétéb"},
+        {"reserved control code", R"({\rtf1 a\u2?b})", "a b"},
+    });
+}
+
+TEST(RtfToUtf8, KeywordsAndDestinations)
+{
+    ExpectRows({
+        {"typography", R"({\rtf1\emdash\endash\bullet\lquote\rquote\ldblquote\rdblquote\~\_\-.})", "—–•‘’“”\u00A0‑."},
+        {"paragraph, line, tab, cell, row", R"({\rtf1 a\par b\line c\tab d\cell e\row f})", "a\nb\nc\td\te\nf"},
+        {"page and section breaks", R"({\rtf1 a\par\page b\sect c})", "a\n\nb\nc"},
+        {"hidden text", R"({\rtf1 a{\v hidden\par}b\v c\v0 d})", "abd"},
+        {"\\plain ends hidden text", R"({\rtf1 a\v b\plain c})", "ac"},
+        {"field result only", R"({\rtf1 {\field{\*\fldinst HYPERLINK "x"}{\fldrslt link}}.})", "link."},
+        {"picture and object", R"({\rtf1 a{\pict\pngblip 0a0b}{\object{\*\objdata 01}{\result{r}}}b})", "ab"},
+        {"\\bin data is skipped", std::string("{\\rtf1 a{\\*\\blip\\bin4 ") + std::string("}{\\\0", 4) + "}b}", "ab"},
+        {"tables of the document", R"({\rtf1{\fonttbl{\f0 Arial;}}{\colortbl;\red1;}{\stylesheet{\s1 H;}}{\info{\title T}}x})", "x"},
+        {"\\par in the info group", R"({\rtf1{\info\par}x})", "x"},
+    });
+}
+
+TEST(RtfToUtf8, NewlineChoice)
+{
+    const std::string rtf = R"({\rtf1 a\par b\line c})";
+    const struct {
+        CRTFToUTF8Parser::Newline newline;
+        const char* utf8;
+    } rows[] = {
+        {CRTFToUTF8Parser::newlineLF, "a\nb\nc"},
+        {CRTFToUTF8Parser::newlineCRLF, "a\r\nb\r\nc"},
+        {CRTFToUTF8Parser::newlineCR, "a\rb\rc"},
+    };
+    for (const auto& row : rows) {
+        Options options;
+        options.newline = row.newline;
+        EXPECT_EQ(ToUtf8(rtf, options), row.utf8) << row.newline;
+    }
+}
+
+TEST(RtfToUtf8, EveryBufferSizeGivesTheSameOutput)
+{
+    const std::string rtf =
+        R"({\rtf1\ansi\ansicpg1251{\fonttbl{\f1\fcharset128 M;}{\f2\fcharset2 S;}}\'cf\'f0\par)"
+        R"({\f1 \'82\'a0\'82}x\u-10179?\u-8704?\uc2\u945 ab{\f2 \'b7}\emdash\page\tab)"
+        "\xe9{\\v hid}\\u-10179 q\\'82 end}";
+    const std::string whole = ToUtf8(rtf);
+    ASSERT_TRUE(IsValidUtf8(whole));
+    for (std::size_t cb = 4; cb <= 64; ++cb) {
+        for (auto newline : {CRTFToUTF8Parser::newlineLF, CRTFToUTF8Parser::newlineCRLF}) {
+            Options options;
+            options.cbBuffer = cb;
+            options.newline = newline;
+            Options big;
+            big.newline = newline;
+            EXPECT_EQ(ToUtf8(rtf, options), ToUtf8(rtf, big)) << "buffer " << cb;
+        }
+    }
+}
+
+TEST(RtfToUtf8, CorpusGivesValidUtf8)
+{
+    DIR* pDir = opendir(RTFCONV_CORPUS_DIR);
+    ASSERT_NE(pDir, nullptr);
+    int cFiles = 0;
+    while (dirent* pEntry = readdir(pDir)) {
+        const std::string name = pEntry->d_name;
+        if (name.size() < 4 || name.compare(name.size() - 4, 4, ".rtf") != 0)
+            continue;
+        ++cFiles;
+        rtfconv_test::CRecordingLogSink sink;
+        const std::string rtf = rtfconv_test::ReadFileBytes(std::string(RTFCONV_CORPUS_DIR) + "/" + name);
+        Options small;
+        small.cbBuffer = 29;
+        const std::string utf8 = ToUtf8(rtf);
+        EXPECT_TRUE(IsValidUtf8(utf8)) << name;
+        EXPECT_EQ(ToUtf8(rtf, small), utf8) << name;
+    }
+    closedir(pDir);
+    EXPECT_GT(cFiles, 50);
+}
+
+TEST(RtfToUtf8, CorpusFilesWithKnownText)
+{
+    auto convertFile = [](const char* name) {
+        return ToUtf8(rtfconv_test::ReadFileBytes(std::string(RTFCONV_CORPUS_DIR) + "/" + name));
+    };
+    EXPECT_EQ(convertFile("pandoc__unicode.rtf"), "“hi”‘hi’\uF0B7αä\n");
+    EXPECT_EQ(convertFile("rtf-stream-parser__cpg1200.rtf"), "Plain text body: ! < > \" ' € œ ¤ ´ ¼ ½ 𠜎 𩶘 😀\n");
+}
