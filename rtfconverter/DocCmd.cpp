@@ -1237,6 +1237,8 @@ int CPrintCmd::IsEject() const { return m_cmd == kPrintEjectText; }
 // CAttachmentCmd
 // ============================================================================
 
+const char* const CAttachmentCmd::lpszFormat = "\x01" "A%02.2d" "\x02";
+
 CAttachmentCmd::~CAttachmentCmd() = default;
 
 CAttachmentCmd& CAttachmentCmd::operator=(const CAttachmentCmd& rCmd)

@@ -20,10 +20,11 @@
 #include "platform/AfxColl.h"
 #include "platform/AfxObject.h"
 #include "platform/AfxString.h"
+#include "platform/ObjBase.h"
 #include "platform/WinGdi.h"
 #include "platform/WinTypes.h"
 
-class IStream;
+// The host utility library's bitmap; only pointers to it travel here.
 class CDIBitmap;
 
 namespace rtf_converter {
@@ -447,7 +448,10 @@ public:
     static constexpr int lenIndex = 2;
     static constexpr int posEnd = 4;
     static constexpr int CmdLength = 5;
-    static constexpr const char* lpszFormat = "\x01" "A%02.2d" "\x02";
+    // 0x01 "A%02.2d" 0x02. Defined out of line: the compiler would warn about
+    // the zero flag beside the precision, which is the format as it has always
+    // been written.
+    static const char* const lpszFormat;
 
     CAttachmentCmd() = default;
     CAttachmentCmd(const CAttachmentCmd&) = default;
