@@ -99,9 +99,10 @@ void SetCommandAction(CLI::App& cmd, ToolContext& ctx, std::function<int()> run)
 // ---------------------------------------------------------------------------
 // Options.
 
-void AddIoOptions(CLI::App& cmd, IoOptions& io)
+void AddIoOptions(CLI::App& cmd, IoOptions& io, const std::string& inputKind)
 {
-    cmd.add_option("INPUT", io.inputs, "Input files; - (the default) reads standard input")->type_name("FILE");
+    cmd.add_option("INPUT", io.inputs, inputKind + " to convert; - (the default) reads standard input")
+        ->type_name("FILE");
     CLI::Option* output = cmd.add_option(
         "-o,--output", io.outputFile,
         "Write to FILE instead of standard output; FILE is replaced only when the conversion succeeds");
@@ -461,11 +462,11 @@ struct WindowsCodePage {
     const char* iconvName;
 };
 constexpr WindowsCodePage kWindowsCodePages[] = {
-    {874, "WINDOWS-874"},  {10000, "MACINTOSH"},   {20127, "ASCII"},       {20866, "KOI8-R"},
-    {21866, "KOI8-U"},     {28591, "ISO-8859-1"},  {28592, "ISO-8859-2"},  {28593, "ISO-8859-3"},
-    {28594, "ISO-8859-4"}, {28595, "ISO-8859-5"},  {28596, "ISO-8859-6"},  {28597, "ISO-8859-7"},
-    {28598, "ISO-8859-8"}, {28599, "ISO-8859-9"},  {28603, "ISO-8859-13"}, {28605, "ISO-8859-15"},
-    {65001, "UTF-8"},
+    {874, "WINDOWS-874"},    {10000, "MACINTOSH"},   {10001, "SHIFT_JIS"},   {10029, "MAC-CENTRALEUROPE"},
+    {20127, "ASCII"},        {20866, "KOI8-R"},      {21866, "KOI8-U"},      {28591, "ISO-8859-1"},
+    {28592, "ISO-8859-2"},   {28593, "ISO-8859-3"},  {28594, "ISO-8859-4"},  {28595, "ISO-8859-5"},
+    {28596, "ISO-8859-6"},   {28597, "ISO-8859-7"},  {28598, "ISO-8859-8"},  {28599, "ISO-8859-9"},
+    {28603, "ISO-8859-13"},  {28605, "ISO-8859-15"}, {65001, "UTF-8"},
 };
 
 constexpr const char* kUtf8 = "UTF-8";

@@ -76,8 +76,9 @@ struct IoOptions {
     bool bProgress = false;          // --progress
 };
 
-// Adds INPUT..., -o, --output-dir, -j and --progress to `cmd`.
-void AddIoOptions(CLI::App& cmd, IoOptions& io);
+// Adds INPUT..., -o, --output-dir, -j and --progress to `cmd`; `inputKind`
+// names the inputs in --help ("RTF files").
+void AddIoOptions(CLI::App& cmd, IoOptions& io, const std::string& inputKind = "Files");
 
 constexpr std::size_t kDefaultReadBuffer = 65536;
 constexpr std::size_t kMaxReadBuffer = std::size_t(16) << 20;

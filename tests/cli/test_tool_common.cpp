@@ -1,0 +1,183 @@
+// Unit tests of the tool's shared machinery: what the command-line scripts
+// cannot reach (a reader that never progresses, a write abandoned half-way,
+// multi-byte characters cut between pieces, UTF-8 to code page errors).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include "tools/rtfconv/ToolCommon.h"
+
+using namespace rtfconv;
+
+namespace {
+
+// A reader that writes `text` but refuses (returns 0, more to come) every
+// buffer smaller than `cbNeeded`, as the plain-text reader does with a
+// paragraph's number text.
+struct CRefusingReader {
+    std::string text;
+    std::size_t cbNeeded;
+    std::size_t pos = 0;
+    unsigned long Read(char* pBegin, char* pEnd, bool& bMore)
+    {
+        const std::size_t cbRoom = static_cast<std::size_t>(pEnd - pBegin);
+        bMore = true;
+        if (cbRoom < cbNeeded) return 0;
+        const std::size_t cb = std::min(cbRoom, text.size() - pos);
+        std::memcpy(pBegin, text.data() + pos, cb);
+        pos += cb;
+        bMore = pos < text.size();
+        return static_cast<unsigned long>(cb);
+    }
+};
+
+std::string PullText(CRefusingReader& reader, std::size_t cbBuffer)
+{
+    std::string out;
+    PullAll(reader, cbBuffer, [&](char* p, std::size_t cb) { out.append(p, cb); }, [] {});
+    return out;
+}
+
+std::string ToUtf8(const std::string& codePage, const std::vector<std::string>& pieces)
+{
+    CCodePageToUtf8 converter(IconvCodePageName(codePage));
+    std::string out;
+    for (const std::string& piece : pieces) converter.Convert(piece.data(), piece.size(), out);
+    converter.Finish(out);
+    return out;
+}
+
+std::string FileText(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::vector<std::string> DirEntries(const std::string& dir)
+{
+    std::vector<std::string> names;
+    if (DIR* d = ::opendir(dir.c_str())) {
+        while (const dirent* e = ::readdir(d))
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+        ::closedir(d);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+} // namespace
+
+TEST(PullAll, GrowsTheBufferUntilTheReaderProgresses)
+{
+    CRefusingReader reader{std::string(1000, 'n'), 300};
+    EXPECT_EQ(PullText(reader, 1), std::string(1000, 'n'));
+    CRefusingReader fits{"abcdefghij", 1};
+    EXPECT_EQ(PullText(fits, 3), "abcdefghij");
+}
+
+TEST(PullAll, FailsPast16MiBInsteadOfLoopingForever)
+{
+    CRefusingReader reader{"never", kMaxReadBuffer + 1};
+    try {
+        PullText(reader, kDefaultReadBuffer);
+        FAIL() << "no error";
+    } catch (const ToolError& e) {
+        EXPECT_EQ(e.Code(), exitConversionFailed);
+        EXPECT_NE(std::string(e.what()).find("16 MiB"), std::string::npos) << e.what();
+    }
+}
+
+TEST(CodePages, NamesAndTheDocumentsAnsiCodePage)
+{
+    const struct {
+        const char* given;
+        const char* iconvName;
+    } names[] = {
+        {"1252", "CP1252"}, {"1251", "CP1251"},  {"932", "CP932"},      {"65001", "UTF-8"},
+        {"20866", "KOI8-R"}, {"koi8-r", "koi8-r"}, {"nosuchpage", ""}, {"99999", ""},
+    };
+    for (const auto& row : names) EXPECT_EQ(IconvCodePageName(row.given), row.iconvName) << row.given;
+
+    const struct {
+        const char* rtf;
+        unsigned long codePage;
+    } docs[] = {
+        {"{\\rtf1\\ansi\\ansicpg1251\\deff0 x}", 1251},
+        {"{\\rtf1\\ansi x}", 0},
+        {"{\\rtf1\\ansi\\ansicpg x}", 0},
+        {"{\\rtf1\\ansicpg99999999999999999999 x}", 0},
+    };
+    for (const auto& row : docs) EXPECT_EQ(FindAnsiCodePage(row.rtf), row.codePage) << row.rtf;
+}
+
+TEST(CodePageToUtf8, ConvertsPieceByPiece)
+{
+    const struct {
+        const char* label;
+        const char* codePage;
+        std::vector<std::string> pieces;
+        std::string utf8;
+    } rows[] = {
+        {"cp1252 letters and the euro", "1252", {"caf\xE9 \x80"}, "caf\xC3\xA9 \xE2\x82\xAC"},
+        {"cp1252 undefined byte", "1252", {"a\x81z"}, "a\xEF\xBF\xBDz"},
+        {"cp1251", "1251", {"\xCF\xF0", "\xE8"}, "\xD0\x9F\xD1\x80\xD0\xB8"},
+        {"cp932 character cut between pieces", "932", {"x\x82", "\xA0y"}, "x\xE3\x81\x82y"},
+        {"cp932 character cut by the end", "932", {"x\x82"}, "x\xEF\xBF\xBD"},
+        {"UTF-8 page with a stray byte", "65001", {"\xC3", "\xA9\xFF"}, "\xC3\xA9\xEF\xBF\xBD"},
+    };
+    for (const auto& row : rows) EXPECT_EQ(ToUtf8(row.codePage, row.pieces), row.utf8) << row.label;
+}
+
+TEST(Utf8ToCodePage, NamesLineAndColumnUnlessLossy)
+{
+    EXPECT_EQ(Utf8ToCodePage("\xD0\x9F\xD1\x80\xD0\xB8", "CP1251", false), "\xCF\xF0\xE8");
+    // U+00E9 has no place in cp1251; the column counts characters, not bytes.
+    const std::string text = "ab\n\xD0\x9F" "c\xC3\xA9z";
+    try {
+        Utf8ToCodePage(text, "CP1251", false);
+        FAIL() << "no error";
+    } catch (const ToolError& e) {
+        EXPECT_EQ(e.Code(), exitConversionFailed);
+        EXPECT_NE(std::string(e.what()).find("line 2, column 3"), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(Utf8ToCodePage(text, "CP1251", true), "ab\n\xCF" "c?z");
+    EXPECT_EQ(Utf8ToCodePage("a\xFF" "b", "CP1252", true), "a?b");
+}
+
+TEST(Output, ReplacesTheTargetOnlyOnCommit)
+{
+    std::string dir = testing::TempDir() + "rtfconv_output_XXXXXX";
+    ASSERT_NE(::mkdtemp(&dir[0]), nullptr);
+    const std::string target = dir + "/out.txt";
+    std::ofstream(target) << "OLD";
+
+    {
+        COutput abandoned(target);
+        abandoned.Write("half of a new text");
+        // Leaves scope without Commit, as when a conversion throws.
+    }
+    EXPECT_EQ(FileText(target), "OLD");
+    EXPECT_EQ(DirEntries(dir), std::vector<std::string>{"out.txt"});
+
+    {
+        COutput committed(target);
+        committed.Write("NEW");
+        committed.Commit();
+    }
+    EXPECT_EQ(FileText(target), "NEW");
+    EXPECT_EQ(DirEntries(dir), std::vector<std::string>{"out.txt"});
+
+    ::unlink(target.c_str());
+    ::rmdir(dir.c_str());
+}
