@@ -2,6 +2,9 @@
 // and output files, the pull loop over the library's readers, code pages and
 // the progress bar.
 //
+// Sources: ToolCommon.cpp (options, logging, the driver), Files.cpp (inputs
+// and outputs), Progress.cpp, CodePages.cpp.
+//
 // A command registers its subcommand with the Add*Options helpers below, and
 // its action converts one input with a ConvertFn that RunConversions calls
 // once per input (in parallel with -j): the driver reads the input, opens the
@@ -64,6 +67,10 @@ void InstallLogSink(const ToolContext& ctx);
 // Prints "rtfconv: message" on stderr (one line), unless -q for warnings.
 void PrintError(const std::string& message);
 void PrintWarning(const ToolContext& ctx, const std::string& message);
+// Held while writing to stderr, so that the lines of several threads never mix.
+std::mutex& StderrMutex();
+// An input's name for messages: "<stdin>" for "-".
+std::string DisplayName(const std::string& input);
 
 // ---------------------------------------------------------------------------
 // Inputs and outputs.
