@@ -1,0 +1,790 @@
+#include "rtfconverter/OldToRTF.h"
+
+#include <climits>
+#include <cmath>
+#include <cstring>
+
+#include "hostlibs/KVBase.h"
+#include "hostlibs/VQLogger.h"
+#include "rtfconverter/DocCmd.h"
+
+namespace rtf_converter {
+
+DWORD COldToRTF::s_dwBufferSize = 0x2000;
+
+namespace {
+
+// --- shared formatting ---------------------------------------------------------
+
+// Family words by the high nibble of lfPitchAndFamily; the rest are "fnil ".
+const char* const kFamilyWords[16] = {
+    "fnil ", "froman ", "fswiss ", "fmodern ", "fscript ", "fdecor ", "fnil ", "fnil ",
+    "fnil ", "fnil ",   "fnil ",   "fnil ",    "fnil ",    "fnil ",   "fnil ", "fnil ",
+};
+
+// The family of a numbering symbol font, and its character set (SYMBOL_CHARSET).
+const char* const kBulletFontFamily = "fnil ";
+const int kBulletFontCharset = 2;
+
+// --- the scan ---------------------------------------------------------------------
+
+// What ConvertText does with each byte of the text.
+enum ByteClass : unsigned char {
+    bcPlain,     // joins the pending run
+    bcEnd,       // 0: end of text
+    bcCmdStart,  // 1: a markup command starts
+    bcStrayEnd,  // 2: a command end without a start
+    bcDropped,   // 0x17: never reaches the RTF
+    bcTab,       // 9
+    bcLineFeed,  // 10
+    bcReturn,    // 13
+    bcEscaped,   // \ { }: written after a backslash
+};
+
+struct ByteClassTable {
+    ByteClass cls[256];
+    constexpr ByteClassTable() : cls()
+    {
+        for (ByteClass& c : cls) c = bcPlain;
+        cls[0x00] = bcEnd;
+        cls[0x01] = bcCmdStart;
+        cls[0x02] = bcStrayEnd;
+        cls[0x17] = bcDropped;
+        cls[0x09] = bcTab;
+        cls[0x0A] = bcLineFeed;
+        cls[0x0D] = bcReturn;
+        cls[static_cast<unsigned char>('\\')] = bcEscaped;
+        cls[static_cast<unsigned char>('{')] = bcEscaped;
+        cls[static_cast<unsigned char>('}')] = bcEscaped;
+    }
+};
+constexpr ByteClassTable kByteClass;
+
+// The control word (with its blank) for the plain-text control bytes.
+const char* ControlWordOf(ByteClass c)
+{
+    switch (c) {
+    case bcTab: return "\\tab ";
+    case bcLineFeed: return "\\line ";
+    default: return "\\par ";
+    }
+}
+
+// --- fonts -----------------------------------------------------------------------
+
+// The character attributes of the font writer, in the order their words are
+// written.
+struct AttributeWord {
+    bool (CFontCmd::*isOn)() const;
+    bool COldToRTF::*state;
+    const char* pszOn;
+    const char* pszOff;
+};
+
+// --- layout ----------------------------------------------------------------------
+
+struct TabLeaderWord {
+    char leader;
+    const char* pszWord;
+};
+constexpr TabLeaderWord kTabLeaderWords[] = {
+    {'-', "\\tlhyph"},
+    {'.', "\\tldot"},
+    {'=', "\\tleq"},
+    {'_', "\\tlul"},
+};
+
+const char* TabLeaderWord(char leader)
+{
+    for (const auto& w : kTabLeaderWords)
+        if (w.leader == leader) return w.pszWord;
+    return "";
+}
+
+// Inches to twips, truncated toward zero. Valid commands hold at most 9.99
+// inches; the clamp only keeps texts that slipped past validation (whose
+// digits the decimal conversion may read as exponents) inside an int.
+int InchesToTwips(double inches)
+{
+    double twips = std::trunc(inches * 1440.0);
+    if (!(twips > INT_MIN)) return twips != twips ? 0 : INT_MIN;
+    if (twips > INT_MAX) return INT_MAX;
+    return static_cast<int>(twips);
+}
+
+// A valid numbering command holds a tab width of at most 9.99 inches, four
+// blanks per inch; a malformed width field must not turn into millions of blanks.
+const int kMaxNumberTabBlanks = 40;
+
+// --- attachments -----------------------------------------------------------------
+
+struct HexPairTable {
+    char pair[256][2];
+    constexpr HexPairTable() : pair()
+    {
+        const char digits[] = "0123456789abcdef";
+        for (int i = 0; i < 256; ++i) {
+            pair[i][0] = digits[i >> 4];
+            pair[i][1] = digits[i & 15];
+        }
+    }
+};
+constexpr HexPairTable kHexPairs;
+
+// Releases the stream and deletes the bitmap the filter handed over if the
+// writing of an attachment is cut short by an exception; on the normal path the
+// writers have released them already.
+class CAttachmentOwnership {
+public:
+    explicit CAttachmentOwnership(AttachmentInfo& info) : m_info(info) {}
+    ~CAttachmentOwnership()
+    {
+        if (!m_bUnwinding) return;
+        if (m_info.pStm) m_info.pStm->Release();
+        m_info.pStm = nullptr;
+        if (AttachmentInfo::IsOleType(m_info.aType)) {
+            delete m_info.m_pDIBitmap;
+            m_info.m_pDIBitmap = nullptr;
+        }
+    }
+    void Done() { m_bUnwinding = false; }
+    CAttachmentOwnership(const CAttachmentOwnership&) = delete;
+    CAttachmentOwnership& operator=(const CAttachmentOwnership&) = delete;
+
+private:
+    AttachmentInfo& m_info;
+    bool m_bUnwinding = true;
+};
+
+CString FaceNameOf(const LOGFONT& lf)
+{
+    // lfFaceName need not be terminated when it is full.
+    return CString(lf.lfFaceName, static_cast<int>(strnlen(lf.lfFaceName, LF_FACESIZE)));
+}
+
+} // namespace
+
+CString GetFamilyWord(const LOGFONT& lf) { return kFamilyWords[(lf.lfPitchAndFamily & 0xF0) >> 4]; }
+
+CString FormatColorEntry(COLORREF cr)
+{
+    CString s;
+    s.Format("\\red%d\\green%d\\blue%d;", GetRValue(cr), GetGValue(cr), GetBValue(cr));
+    return s;
+}
+
+// =================================================================================
+// The object, Convert and the scan
+// =================================================================================
+
+COldToRTF::COldToRTF(IStream& out)
+    : m_csHeader(szRtfDocumentHeader), m_pDataBuffer(new char[nDataBufSize + 1]), m_pOutStream(&out)
+{
+}
+
+COldToRTF::~COldToRTF() = default;
+
+void COldToRTF::SetAttachmentFilter(AttachmentFilter filter, void* param1, void* param2)
+{
+    m_pfnAttachmentFilter = filter;
+    m_pFilterParam1 = param1;
+    m_pFilterParam2 = param2;
+}
+
+long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
+{
+    long hr = E_FAIL;
+    try {
+        m_pszText = pszText ? pszText : "";
+        InitBuffer();
+        InitBaseFont(pBaseFont);
+        ResetParagraphAttributes();
+
+        m_fontTable.SetSize(1, 10);
+        FontTableStruct& base = m_fontTable[0];
+        base.nFontNumber = 0;
+        base.csFaceName = FaceNameOf(m_logFont);
+        base.csFamily = GetFamilyWord(m_logFont);
+        base.nCharset = m_logFont.lfCharSet;
+        m_nCurrentPoints = PixY2Pts(m_logFont.lfHeight);
+
+        m_colorTable.SetSize(1, 10);
+        m_colorTable[0] = 0;
+        m_crDefaultText = GetSysColor(COLOR_WINDOWTEXT);
+        m_nCurrentColor = static_cast<int>(m_crDefaultText);
+        const INT_PTR nDefaultColorIndex = m_colorTable.GetSize();
+        m_colorTable.Add(m_crDefaultText);
+
+        CString start;
+        start.Format("\\pard\\f0\\fs%d\\cf%d ", 2 * m_nCurrentPoints, static_cast<int>(nDefaultColorIndex));
+        AddToBuffer(start);
+        ConvertText(m_pszText);
+        AddToBuffer('}');
+        FlushBuffer();
+        hr = S_OK;
+    } catch (...) {
+        hr = E_FAIL;
+    }
+    return hr;
+}
+
+void COldToRTF::InitBaseFont(const LOGFONT* pBaseFont)
+{
+    if (pBaseFont) {
+        m_logFont = *pBaseFont;
+        return;
+    }
+    CDC dc;
+    dc.Attach(GetDC(nullptr));
+    int logPixelsY = dc.GetDeviceCaps(LOGPIXELSY);
+    ReleaseDC(nullptr, dc.Detach());
+    InitDefaultScreenFont(m_logFont, "Arial", 10, logPixelsY);
+}
+
+void COldToRTF::ResetParagraphAttributes()
+{
+    m_bBold = m_bUnderline = m_bItalic = m_bStrikeout = m_bSuperscript = m_bSubscript = false;
+    m_nCurrentPoints = -1;
+    // The colour value itself, not its table index: the first font command
+    // therefore always writes an explicit \cf.
+    m_nCurrentColor = static_cast<int>(m_crDefaultText);
+    m_nCurrentBackColor = 0;
+    m_nCurrentFont = 0;
+}
+
+void COldToRTF::ConvertText(const char* pszText)
+{
+    const char* p = pszText;
+    const char* pRun = p;    // start of the pending run of plain characters
+    unsigned char chLast = 0; // the last plain character, for the final paragraph mark
+    int nTextPos = 0;         // characters shown so far, as an editor counts them
+
+    // Appends the pending run; its last byte becomes the last plain character.
+    auto flushRun = [&]() {
+        int n = static_cast<int>(p - pRun);
+        if (n > 0) {
+            AddToBuffer(pRun, n);
+            chLast = static_cast<unsigned char>(p[-1]);
+            nTextPos += n;
+        }
+    };
+
+    for (;; ++p) {
+        const ByteClass c = kByteClass.cls[static_cast<unsigned char>(*p)];
+        if (c == bcPlain) continue;
+        flushRun();
+        switch (c) {
+        case bcEnd:
+            if (chLast != 13) AddToBuffer("\\par ", 5);
+            return;
+        case bcTab:
+        case bcLineFeed:
+        case bcReturn:
+            AddToBuffer(ControlWordOf(c), static_cast<int>(std::strlen(ControlWordOf(c))));
+            chLast = static_cast<unsigned char>(*p);
+            ++nTextPos;
+            pRun = p + 1;
+            break;
+        case bcEscaped:
+            AddToBuffer('\\');
+            pRun = p; // the character itself is written with the next run
+            break;
+        case bcStrayEnd:
+            VQASSERT(0);
+            pRun = p + 1;
+            break;
+        case bcDropped:
+            pRun = p + 1;
+            break;
+        case bcCmdStart: {
+            const char end = CDocCmd::chCmdEnd;
+            const char* ptr = p + 1;
+            while (*ptr != end && *ptr != '\0') ++ptr;
+            if (*ptr == '\0') return; // an unterminated command ends the text
+            ++ptr;
+            VQASSERT(ptr[-1] == end);
+            const CString cmd(p, static_cast<int>(ptr - p));
+            switch (p[1]) {
+            case CDocCmd::attachment: nTextPos += AddOleCmdToBuffer(cmd, nTextPos); break;
+            case CDocCmd::comment: nTextPos += AddCommentCmdToBuffer(cmd, nTextPos); break;
+            case CDocCmd::font: nTextPos += AddFontCmdToBuffer(cmd); break;
+            case CDocCmd::layout: nTextPos += AddLayoutCmdToBuffer(cmd); break;
+            case CDocCmd::print: nTextPos += AddPrintCmdToBuffer(cmd); break;
+            default: VQASSERT(0); break;
+            }
+            p = ptr - 1;
+            pRun = ptr;
+            break;
+        }
+        case bcPlain:
+            break;
+        }
+    }
+}
+
+void COldToRTF::ReplaceSpecSymbols(CString& s)
+{
+    s.Replace("\\", "\\\\");
+    s.Replace("{", "\\{");
+    s.Replace("}", "\\}");
+}
+
+CString COldToRTF::GetStylesheet() const
+{
+    CString s;
+    s.Format("{\\stylesheet{\\f0\\fs%d Normal;}}", 2 * PixY2Pts(m_logFont.lfHeight));
+    return s;
+}
+
+// =================================================================================
+// Output buffers
+// =================================================================================
+
+void COldToRTF::InitBuffer()
+{
+    // Releasing the previous stream once is enough: the smart pointer resets
+    // itself before it releases, so a stream is never released twice.
+    m_pBufferStream.Release();
+    HRESULT hr = CreateStreamOnHGlobal(nullptr, TRUE, &m_pBufferStream);
+    if (FAILED(hr)) VQASSERT(SUCCEEDED(hr));
+    else if (!m_pBufferStream) VQASSERT(NULL != m_pBufferStream);
+    m_quickBuffer.AllocBuffer(s_dwBufferSize);
+    m_dwQuickBufferPosition = 0;
+}
+
+long COldToRTF::FlushQuickBuffer()
+{
+    if (m_dwQuickBufferPosition == 0) return 0;
+    if (!m_pBufferStream) {
+        VQASSERT(NULL != m_pBufferStream);
+        return E_FAIL;
+    }
+    HRESULT hRes = m_pBufferStream->Write(m_quickBuffer.GetBuffer(), m_dwQuickBufferPosition, nullptr);
+    if (SUCCEEDED(hRes)) {
+        m_dwQuickBufferPosition = 0;
+        return hRes;
+    }
+    VQASSERT(SUCCEEDED(hRes));
+    CString text;
+    text.Format("FlushQuickBuffer error: %x", static_cast<unsigned>(hRes));
+    VQTRACE("%s", text.GetString());
+    CKVWException::RaiseError(text, nullptr, nullptr, -1);
+}
+
+void COldToRTF::AddToBufferDirect(const char* p, int n)
+{
+    // Negative counts come from no caller; they would read before p.
+    if (n < 0) {
+        VQASSERT(n >= 0);
+        return;
+    }
+    HRESULT hRes = FlushQuickBuffer();
+    if (FAILED(hRes)) {
+        VQASSERT(SUCCEEDED(hRes));
+        return;
+    }
+    if (!m_pBufferStream) {
+        VQASSERT(NULL != m_pBufferStream);
+        return;
+    }
+    hRes = m_pBufferStream->Write(p, static_cast<ULONG>(n), nullptr);
+    if (SUCCEEDED(hRes)) return;
+    VQASSERT(SUCCEEDED(hRes));
+    CString text;
+    text.Format("Error during conversion to RTF: %x", static_cast<unsigned>(hRes));
+    VQTRACE("%s", text.GetString());
+    CKVWException::RaiseError(text, nullptr, nullptr, -1);
+}
+
+HRESULT COldToRTF::WriteToOutStream(const CString& s)
+{
+    return m_pOutStream->Write(s.GetString(), static_cast<ULONG>(s.GetLength()), nullptr);
+}
+
+long COldToRTF::FlushBuffer()
+{
+    HRESULT hr = WriteToOutStream(m_csHeader);
+    if (SUCCEEDED(hr)) hr = WriteToOutStream(GetFontTable());
+    if (SUCCEEDED(hr)) hr = WriteToOutStream(GetColorTable());
+    if (SUCCEEDED(hr)) hr = WriteToOutStream(GetStylesheet());
+
+    if (!m_pBufferStream) {
+        VQASSERT(NULL != m_pBufferStream);
+        return hr;
+    }
+    hr = FlushQuickBuffer();
+    if (FAILED(hr)) {
+        VQASSERT(SUCCEEDED(hr));
+        return hr;
+    }
+    STATSTG stat;
+    hr = m_pBufferStream->Stat(&stat, STATFLAG_NONAME);
+    if (FAILED(hr)) {
+        VQASSERT(SUCCEEDED(hr));
+        return hr;
+    }
+    if (stat.cbSize.QuadPart == 0) return hr;
+
+    // Terminates the memory block as a string; not part of what is copied.
+    const char zero = 0;
+    HRESULT hZeroWriteRes = m_pBufferStream->Write(&zero, 1, nullptr);
+    if (FAILED(hZeroWriteRes)) VQASSERT(SUCCEEDED(hZeroWriteRes));
+
+    LARGE_INTEGER start;
+    start.QuadPart = 0;
+    hr = m_pBufferStream->Seek(start, STREAM_SEEK_SET, nullptr);
+    if (FAILED(hr)) {
+        VQASSERT(SUCCEEDED(hr));
+        return hr;
+    }
+    ULARGE_INTEGER cbRead, cbWritten;
+    cbRead.QuadPart = cbWritten.QuadPart = 0;
+    hr = m_pBufferStream->CopyTo(m_pOutStream, stat.cbSize, &cbRead, &cbWritten);
+    if (FAILED(hr)) {
+        VQASSERT(SUCCEEDED(hr));
+        return hr;
+    }
+    VQASSERT(0 < cbRead.QuadPart);
+    VQASSERT(0 < cbWritten.QuadPart);
+    VQASSERT(cbRead.QuadPart == cbWritten.QuadPart);
+    return hr;
+}
+
+// =================================================================================
+// Fonts and colours
+// =================================================================================
+
+int COldToRTF::AddToFontTableIfNecessary(const LOGFONT& lf)
+{
+    FontTableStruct fts;
+    fts.csFaceName = FaceNameOf(lf);
+    fts.csFamily = GetFamilyWord(lf);
+    fts.nCharset = lf.lfCharSet;
+    for (INT_PTR i = 0; i < m_fontTable.GetSize(); ++i) {
+        const FontTableStruct& entry = m_fontTable[i];
+        if (entry.csFaceName == fts.csFaceName && entry.csFamily == fts.csFamily && entry.nCharset == fts.nCharset)
+            return static_cast<int>(i);
+    }
+    fts.nFontNumber = ++m_nFontCount;
+    return static_cast<int>(m_fontTable.Add(fts));
+}
+
+int COldToRTF::AddToFontTableIfNecessary(const CFontCmd& cmd)
+{
+    LOGFONT lf;
+    cmd.GetLogFont(lf, m_logFont);
+    return AddToFontTableIfNecessary(lf);
+}
+
+void COldToRTF::SetFontNumber(FontTableStruct& fts)
+{
+    fts.nFontNumber = -1;
+    for (INT_PTR i = 0; i < m_fontTable.GetSize(); ++i) {
+        const FontTableStruct& entry = m_fontTable[i];
+        if (entry.csFaceName == fts.csFaceName && entry.csFamily == fts.csFamily && entry.nCharset == fts.nCharset) {
+            fts.nFontNumber = static_cast<int>(i);
+            return;
+        }
+    }
+    // The count serves as the index here; on a fresh object it is the end of
+    // the table.
+    ++m_nFontCount;
+    m_fontTable.SetSize(m_nFontCount + 1, 10);
+    FontTableStruct& entry = m_fontTable[m_nFontCount];
+    entry.nFontNumber = m_nFontCount;
+    entry.csFaceName = fts.csFaceName;
+    entry.csFamily = fts.csFamily;
+    entry.nCharset = fts.nCharset;
+    fts.nFontNumber = m_nFontCount;
+}
+
+int COldToRTF::AddToColorTableIfNecessary(COLORREF cr)
+{
+    for (INT_PTR i = m_colorTable.GetSize() - 1; i >= 1; --i)
+        if (m_colorTable[i] == cr) return static_cast<int>(i);
+    return static_cast<int>(m_colorTable.Add(cr));
+}
+
+CString COldToRTF::GetFontTable() const
+{
+    CString s("{\\fonttbl");
+    for (INT_PTR i = 0; i < m_fontTable.GetSize(); ++i) {
+        const FontTableStruct& entry = m_fontTable[i];
+        s.AppendFormat("{\\f%d\\fcharset%d\\", entry.nFontNumber, entry.nCharset);
+        s += entry.csFamily;
+        s += entry.csFaceName;
+        s += ";}";
+    }
+    s += '}';
+    return s;
+}
+
+CString COldToRTF::GetColorTable() const
+{
+    CString s("{\\colortbl;");
+    for (INT_PTR i = 1; i < m_colorTable.GetSize(); ++i) s += FormatColorEntry(m_colorTable[i]);
+    s += '}';
+    return s;
+}
+
+int COldToRTF::AddFontCmdToBuffer(const CString& sFontCmd)
+{
+    static const AttributeWord kAttributeWords[] = {
+        {&CFontCmd::IsBold, &COldToRTF::m_bBold, "\\b", "\\b0"},
+        {&CFontCmd::IsUnderline, &COldToRTF::m_bUnderline, "\\ul", "\\ul0"},
+        {&CFontCmd::IsItalic, &COldToRTF::m_bItalic, "\\i", "\\i0"},
+        {&CFontCmd::IsStrikeout, &COldToRTF::m_bStrikeout, "\\strike", "\\strike0"},
+        {&CFontCmd::IsSuperscript, &COldToRTF::m_bSuperscript, "\\super", "\\nosupersub"},
+        {&CFontCmd::IsSubscript, &COldToRTF::m_bSubscript, "\\sub", "\\nosupersub"},
+    };
+    const char font = CDocCmd::font;
+    VQASSERT(font == sFontCmd[1]);
+
+    const CFontCmd cmd(sFontCmd);
+    CString words;
+
+    int idx = AddToFontTableIfNecessary(cmd);
+    if (idx != m_nCurrentFont) {
+        m_nCurrentFont = idx;
+        words.AppendFormat("\\f%d", m_fontTable[idx].nFontNumber);
+    }
+    int pts = cmd.GetPoints(m_logFont);
+    if (pts != m_nCurrentPoints) {
+        m_nCurrentPoints = pts;
+        words.AppendFormat("\\fs%d", 2 * pts);
+    }
+    int color = cmd.IsDefaultColor() ? 1 : AddToColorTableIfNecessary(ColorCharToRGB(cmd.GetColor()));
+    if (color != m_nCurrentColor) {
+        m_nCurrentColor = color;
+        words.AppendFormat("\\cf%d", color);
+    }
+    char backLetter = cmd.GetBackColor();
+    int backColor = backLetter ? AddToColorTableIfNecessary(BackColorCharToRGB(backLetter)) : 0;
+    if (backColor != m_nCurrentBackColor) {
+        m_nCurrentBackColor = backColor;
+        words.AppendFormat("\\cb%d\\chcbpat%d", backColor, backColor);
+    }
+    for (const AttributeWord& attr : kAttributeWords) {
+        bool bOn = (cmd.*attr.isOn)();
+        if (bOn != this->*attr.state) {
+            this->*attr.state = bOn;
+            words += bOn ? attr.pszOn : attr.pszOff;
+        }
+    }
+    if (!words.IsEmpty()) {
+        words += ' ';
+        AddToBuffer(words);
+    }
+    return 0;
+}
+
+// =================================================================================
+// Layout, print and comment commands
+// =================================================================================
+
+int COldToRTF::AddLayoutCmdToBuffer(const CString& sLayoutCmd)
+{
+    const char layout = CDocCmd::layout;
+    VQASSERT(sLayoutCmd[1] == layout);
+
+    const CLayoutCmd cmd(sLayoutCmd);
+    CString words("\\pard");
+    if (cmd.IsCenter()) words += "\\qc";
+    else if (cmd.IsRight()) words += "\\qr";
+    int li = InchesToTwips(cmd.GetLeftMargin());
+    if (li > 0) words.AppendFormat("\\li%d", li);
+    int ri = InchesToTwips(cmd.GetRightMargin());
+    if (ri > 0) words.AppendFormat("\\ri%d", ri);
+    int fi = InchesToTwips(cmd.GetFirstLineIndent());
+    if (fi != 0) words.AppendFormat("\\fi%d", fi);
+
+    CTabArray tabs;
+    cmd.GetTabs(tabs);
+    for (INT_PTR i = 0; i < tabs.GetSize(); ++i) {
+        words += TabLeaderWord(tabs[i].m_leader);
+        words.AppendFormat("\\tx%d", InchesToTwips(tabs[i].m_position));
+    }
+    words += ' ';
+    AddToBuffer(words);
+    return 0;
+}
+
+int COldToRTF::AddPrintCmdToBuffer(const CString& sPrintCmd)
+{
+    const char print = CDocCmd::print;
+    VQASSERT(sPrintCmd[1] == print);
+    if (CPrintCmd(sPrintCmd).IsEject()) AddToBuffer("\\pagebb ", 8);
+    return 0;
+}
+
+int COldToRTF::AddCommentCmdToBuffer(const CString& scmd, int /*nTextPos*/)
+{
+    const char comment = CDocCmd::comment;
+    VQASSERT(scmd[1] == comment);
+
+    const CCommentCmd cmd(scmd);
+    switch (cmd.GetType()) {
+    case ot_Hyperlink:
+    case ot_Reference:
+        return AddHyperlinkToBuffer(cmd);
+    case ot_Numbering:
+        return AddNumberToBuffer(scmd);
+    default: {
+        CString desc = cmd.GetDescription(1);
+        if (desc.GetLength() < 1) return 0;
+        AddToBuffer(desc);
+        return desc.GetLength();
+    }
+    }
+}
+
+// The text position advances by the length of the escaped address, not of the
+// shown text: callers count hyperlinks that way.
+int COldToRTF::AddHyperlinkToBuffer(const CCommentCmd& cmd)
+{
+    CString csData0 = cmd.GetData(0);
+    CString csData1 = cmd.GetData(1);
+    ReplaceSpecSymbols(csData0);
+    ReplaceSpecSymbols(csData1);
+    // The underline around the field is not part of the tracked character state.
+    CString csHyperlinkTeg("\\ul{\\field{\\*\\fldinst{HYPERLINK ");
+    csHyperlinkTeg += csData1;
+    csHyperlinkTeg += "}}{\\fldrslt ";
+    csHyperlinkTeg += csData0;
+    csHyperlinkTeg += "}}\\ul0 ";
+    VQASSERT(0 < csHyperlinkTeg.GetLength());
+    AddToBuffer(csHyperlinkTeg);
+    return csData1.GetLength();
+}
+
+int COldToRTF::AddNumberToBuffer(const CString& scmd)
+{
+    const CNumberCmd cmd(scmd);
+    const CString csFace = cmd.GetData(CNumberCmd::fldBulletFont);
+    if (!csFace.IsEmpty()) {
+        FontTableStruct fts;
+        fts.csFaceName = csFace;
+        fts.csFamily = kBulletFontFamily;
+        fts.nCharset = kBulletFontCharset;
+        SetFontNumber(fts);
+        CString word;
+        word.Format("\\f%d ", fts.nFontNumber);
+        AddToBuffer(word);
+    }
+    CString desc = cmd.GetData(CNumberCmd::fldText);
+    double blanks = std::trunc(cmd.GetTabWidth() * 4.0);
+    int nBlanks = blanks > kMaxNumberTabBlanks ? kMaxNumberTabBlanks : blanks > 0 ? static_cast<int>(blanks) : 0;
+    desc += CString(' ', nBlanks);
+    VQASSERT(0 < desc.GetLength());
+    AddToBuffer(desc);
+    if (!csFace.IsEmpty()) {
+        CString word;
+        word.Format("\\f%d ", m_fontTable[m_nCurrentFont].nFontNumber);
+        AddToBuffer(word);
+    }
+    return cmd.GetLength();
+}
+
+// =================================================================================
+// Attachments
+// =================================================================================
+
+int COldToRTF::AddOleCmdToBuffer(const CString& cmd, int nTextPos)
+{
+    const char attachment = CDocCmd::attachment;
+    VQASSERT(cmd[1] == attachment);
+    if (!m_pfnAttachmentFilter) return 0;
+
+    AttachmentInfo info;
+    info.pStm = nullptr;
+    if (!m_pfnAttachmentFilter(nTextPos, cmd, info, m_pFilterParam1, m_pFilterParam2)) return 0;
+
+    CAttachmentOwnership ownership(info);
+    if (info.aType == AttachmentInfo::AT_PLACEHOLDER) AddToBuffer("\\objattph\\'20", 13);
+    else if (AttachmentInfo::IsOleType(info.aType)) AddOleToBuffer(info);
+    if (info.pStm) {
+        info.pStm->Release();
+        info.pStm = nullptr;
+    }
+    ownership.Done();
+    return 0;
+}
+
+int COldToRTF::AddOleToBuffer(AttachmentInfo& info)
+{
+    VQASSERT(info.aType >= AttachmentInfo::AT_OLE_FIRST && info.aType <= AttachmentInfo::AT_OLE_LAST);
+    if (info.aType == AttachmentInfo::AT_OLE_PICTURE) {
+        VQASSERT(info.m_pDIBitmap);
+        if (info.m_pDIBitmap) AddDibToBuffer(*info.m_pDIBitmap);
+    } else if (AttachmentInfo::IsOleType(info.aType)) {
+        VQASSERT(info.pStm != NULL);
+        STATSTG stat;
+        HGLOBAL hGlobal = nullptr;
+        if (info.pStm && info.pStm->Stat(&stat, STATFLAG_NONAME) == S_OK &&
+            GetHGlobalFromStream(info.pStm, &hGlobal) == S_OK) {
+            const void* pData = GlobalLock(hGlobal);
+            if (pData == NULL) {
+                VQASSERT(pData != NULL);
+            } else {
+                // The block holds the stream from offset 0 and is never shorter.
+                unsigned long cb = static_cast<DWORD>(stat.cbSize.QuadPart);
+                if (cb > GlobalSize(hGlobal)) cb = static_cast<unsigned long>(GlobalSize(hGlobal));
+                AddToBuffer(info.aType == AttachmentInfo::AT_OLE_LAST ? CString("{\\object\\objlink{\\*\\objdata ")
+                                                                      : CString("{\\object\\objemb{\\*\\objdata "));
+                AddDataToBuffer(static_cast<const unsigned char*>(pData), cb);
+                AddToBuffer('}');
+                GlobalUnlock(hGlobal);
+                if (info.m_pDIBitmap) AddOleResultToBuffer(*info.m_pDIBitmap);
+                AddToBuffer('}');
+            }
+        }
+        if (info.pStm) info.pStm->Release();
+        info.pStm = nullptr;
+    }
+    delete info.m_pDIBitmap;
+    info.m_pDIBitmap = nullptr;
+    return 0;
+}
+
+int COldToRTF::AddDibToBuffer(const CDIBitmap& dib) { return AddPictureGroup(dib, "{\\pict", "}"); }
+
+int COldToRTF::AddOleResultToBuffer(const CDIBitmap& dib) { return AddPictureGroup(dib, "{\\result{\\pict", "}}"); }
+
+int COldToRTF::AddPictureGroup(const CDIBitmap& dib, const char* pszOpening, const char* pszClosing)
+{
+    const SIZE size = dib.GetSize();
+    CString opening(pszOpening);
+    opening.AppendFormat("\\dibitmap0\\wbmbitspixel%d\\wbmplanes1\\wbmwidthbytes%lu\\picw%ld\\pich%ld ",
+                         dib.GetBitCount(), static_cast<unsigned long>(dib.DWAlignedBytesPerLine()),
+                         static_cast<long>(size.cx), static_cast<long>(size.cy));
+    AddToBuffer(opening);
+    AddDataToBuffer(reinterpret_cast<const unsigned char*>(dib.GetInfo()), dib.GetInfoLength());
+    AddDataToBuffer(dib.GetImageBitsPtr(), dib.GetBitsSize());
+    AddToBuffer(pszClosing, static_cast<int>(std::strlen(pszClosing)));
+    return 0;
+}
+
+// Full blocks of digits take the same way as any other append: with the
+// default quick buffer they are larger than it and go straight to the stream.
+void COldToRTF::AddDataToBuffer(const unsigned char* p, unsigned long n)
+{
+    char* const pDigits = m_pDataBuffer.get();
+    int nFill = 0;
+    for (unsigned long i = 0; i < n; ++i) {
+        const char* pair = kHexPairs.pair[p[i]];
+        pDigits[nFill] = pair[0];
+        pDigits[nFill + 1] = pair[1];
+        nFill += 2;
+        if (nFill == nDataBufSize) {
+            AddToBuffer(pDigits, nFill);
+            nFill = 0;
+        }
+    }
+    if (nFill) AddToBuffer(pDigits, nFill);
+}
+
+int COldToRTF::AddFileToBuffer(AttachmentInfo& /*info*/) { return 0; }
+
+int COldToRTF::AddPictureToBuffer(AttachmentInfo& info) { return AddFileToBuffer(info); }
+
+} // namespace rtf_converter

@@ -1,0 +1,179 @@
+// Old-format text to RTF.
+//
+// COldToRTF scans the old-format text once. Plain text is copied in runs with
+// the RTF specials escaped; each markup command is decoded with its command
+// class and turned into RTF control words. The font and colour tables can only
+// be printed once the whole body has been seen, so the body goes into a
+// private memory stream first, and at the end the header, the tables and the
+// stylesheet are written to the caller's stream with the body copied behind:
+//
+//     {\rtf1\ansi\deff0\deflang1024{\fonttbl...}{\colortbl;...}{\stylesheet...}
+//     \pard\f0\fs20\cf1 body...}
+//
+// Every byte of the body passes through a quick buffer of s_dwBufferSize bytes
+// on its way to the private stream (see AddToBuffer).
+#pragma once
+
+#include <cstring>
+#include <memory>
+
+#include "hostlibs/MFCKVUtils.h"
+#include "platform/AfxColl.h"
+#include "platform/AfxString.h"
+#include "platform/ObjBase.h"
+#include "platform/WinGdi.h"
+#include "platform/WinTypes.h"
+
+struct AttachmentInfo;
+class CDIBitmap;
+
+namespace rtf_converter {
+
+class CCommentCmd;
+class CFontCmd;
+
+// The opening of every document the writers produce.
+constexpr const char* szRtfDocumentHeader = "{\\rtf1\\ansi\\deff0\\deflang1024";
+
+// The font-table family word of a font, with its trailing blank ("fswiss "),
+// from the family nibble of lfPitchAndFamily.
+CString GetFamilyWord(const LOGFONT& lf);
+// A colour-table entry: "\redR\greenG\blueB;".
+CString FormatColorEntry(COLORREF cr);
+
+class COldToRTF {
+public:
+    // The writer's attachment filter: the command's text position, the command,
+    // the record to fill, and the two values given to SetAttachmentFilter.
+    typedef bool (*AttachmentFilter)(int nTextPos, const CString& cmd, AttachmentInfo& info, void* pParam1, void* pParam2);
+
+    // One font of the font table.
+    struct FontTableStruct {
+        int nFontNumber = 0;
+        CString csFaceName;
+        CString csFamily; // family word with its trailing blank
+        int nCharset = 0;
+    };
+
+    static const int nDataBufSize = 16384;
+
+    // The caller keeps `out` alive for the object's lifetime; no reference is taken.
+    explicit COldToRTF(IStream& out);
+    ~COldToRTF();
+    COldToRTF(const COldToRTF&) = delete;
+    COldToRTF& operator=(const COldToRTF&) = delete;
+
+    // Converts the zero-terminated old-format text (null reads as empty) and
+    // writes the whole document to the output stream. pBaseFont null means
+    // Arial 10 at the screen's resolution. S_OK, or E_FAIL when anything
+    // raised during the conversion.
+    long Convert(const char* pszText, const LOGFONT* pBaseFont);
+
+    // A null filter leaves attachments out of the RTF.
+    void SetAttachmentFilter(AttachmentFilter filter, void* param1, void* param2);
+    // Kept for the caller; the conversion does not read it.
+    void SetBackgroundColor(unsigned int color) { m_nBackgroundColor = color; }
+    unsigned int GetBackgroundColor() const { return m_nBackgroundColor; }
+
+protected:
+    // The capacity of the quick buffer. A derived class or the host may change
+    // it before a conversion starts, never during one.
+    static DWORD s_dwBufferSize;
+    static unsigned long GetQuickBufferSize() { return s_dwBufferSize; }
+    unsigned long GetQuickBufferPosition() const { return m_dwQuickBufferPosition; }
+
+    // --- output buffers ---
+    // Invariant: m_dwQuickBufferPosition < s_dwBufferSize, or both are 0. A
+    // block that does not fit strictly into the free space is written straight
+    // to the private stream after the quick buffer has been flushed.
+    void InitBuffer();
+    long FlushQuickBuffer();
+    long FlushBuffer();
+    // The free space is measured against the block allocated by InitBuffer,
+    // which is s_dwBufferSize bytes; a size changed in mid-conversion against
+    // the rule above could otherwise overrun the block.
+    void AddToBuffer(const char* p, int n)
+    {
+        if (n >= 0 && static_cast<std::size_t>(n) < m_quickBuffer.GetBufferSize() - m_dwQuickBufferPosition) {
+            CopyToQuickBuffer(p, static_cast<DWORD>(n));
+            return;
+        }
+        AddToBufferDirect(p, n);
+    }
+    void AddToBuffer(char c) { AddToBuffer(&c, 1); }
+    void AddToBuffer(const CString& s) { AddToBuffer(s.GetString(), s.GetLength()); }
+
+    // --- the scan and the per-command writers ---
+    void ConvertText(const char* pszText);
+    static void ReplaceSpecSymbols(CString& s);
+    void ResetParagraphAttributes();
+    CString GetStylesheet() const;
+
+    int AddFontCmdToBuffer(const CString& sFontCmd);
+    int AddLayoutCmdToBuffer(const CString& sLayoutCmd);
+    int AddPrintCmdToBuffer(const CString& sPrintCmd);
+    int AddCommentCmdToBuffer(const CString& scmd, int nTextPos);
+    int AddOleCmdToBuffer(const CString& cmd, int nTextPos);
+
+    // --- fonts and colours ---
+    int AddToFontTableIfNecessary(const LOGFONT& lf);
+    int AddToFontTableIfNecessary(const CFontCmd& cmd);
+    void SetFontNumber(FontTableStruct& fts);
+    int AddToColorTableIfNecessary(COLORREF cr);
+    CString GetFontTable() const;
+    CString GetColorTable() const;
+
+    // --- attachments ---
+    int AddOleToBuffer(AttachmentInfo& info);
+    int AddDibToBuffer(const CDIBitmap& dib);
+    int AddOleResultToBuffer(const CDIBitmap& dib);
+    void AddDataToBuffer(const unsigned char* p, unsigned long n);
+    // Kept for derived writers; the conversion writes files and pictures only
+    // through the kinds of AddOleToBuffer.
+    int AddFileToBuffer(AttachmentInfo& info);
+    int AddPictureToBuffer(AttachmentInfo& info);
+
+private:
+    void CopyToQuickBuffer(const char* p, DWORD n)
+    {
+        if (n) {
+            std::memcpy(m_quickBuffer.GetBuffer() + m_dwQuickBufferPosition, p, n);
+            m_dwQuickBufferPosition += n;
+        }
+    }
+    void AddToBufferDirect(const char* p, int n);
+    HRESULT WriteToOutStream(const CString& s);
+    void InitBaseFont(const LOGFONT* pBaseFont);
+    int AddHyperlinkToBuffer(const CCommentCmd& cmd);
+    int AddNumberToBuffer(const CString& cmd);
+    int AddPictureGroup(const CDIBitmap& dib, const char* pszOpening, const char* pszClosing);
+
+    CSimpleRowBytes m_quickBuffer;
+    DWORD m_dwQuickBufferPosition = 0;
+    CString m_csHeader;
+    CArray<FontTableStruct, FontTableStruct&> m_fontTable;
+    int m_nCurrentFont = 0;
+    int m_nFontCount = 0;
+    int m_nCurrentPoints = -1;
+    bool m_bBold = false;
+    bool m_bUnderline = false;
+    bool m_bItalic = false;
+    bool m_bStrikeout = false;
+    bool m_bSuperscript = false;
+    bool m_bSubscript = false;
+    CArray<COLORREF, COLORREF> m_colorTable;
+    int m_nCurrentColor = 0;
+    int m_nCurrentBackColor = 0;
+    const char* m_pszText = nullptr;
+    LOGFONT m_logFont{};
+    COLORREF m_crDefaultText = 0;
+    AttachmentFilter m_pfnAttachmentFilter = nullptr;
+    void* m_pFilterParam1 = nullptr;
+    void* m_pFilterParam2 = nullptr;
+    unsigned int m_nBackgroundColor = 16;
+    std::unique_ptr<char[]> m_pDataBuffer;
+    IStream* m_pOutStream;
+    CComPtr<IStream> m_pBufferStream;
+};
+
+} // namespace rtf_converter
