@@ -68,10 +68,12 @@ void _vqassert_(const char* expr, const char* file, int line)
 
 void _vqtrace_(const char* format, ...)
 {
-    char text[1024];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof text, format ? format : "", args);
-    va_end(args);
+    char text[1024] = "";
+    if (format) {
+        va_list args;
+        va_start(args, format);
+        std::vsnprintf(text, sizeof text, format, args);
+        va_end(args);
+    }
     CurrentSink().OnTrace(text);
 }
