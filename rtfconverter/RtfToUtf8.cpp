@@ -365,13 +365,34 @@ constexpr bool IsSortedByKeyword(const Row (&rows)[N])
     return true;
 }
 
+// The rows of a sorted table whose keywords begin with each byte, so that
+// most of the core's keywords are turned away with one look.
+struct FirstByteIndex {
+    unsigned char begin[256];
+    unsigned char end[256];  // 0: no keyword begins with the byte
+};
+
+template <typename Row, std::size_t N>
+constexpr FirstByteIndex IndexByFirstByte(const Row (&rows)[N])
+{
+    static_assert(N < 256, "row numbers are kept in bytes");
+    FirstByteIndex index{};
+    for (std::size_t i = N; i-- > 0;) {
+        const unsigned char first = static_cast<unsigned char>(rows[i].szKeyword[0]);
+        index.begin[first] = static_cast<unsigned char>(i);
+        if (index.end[first] == 0)
+            index.end[first] = static_cast<unsigned char>(i + 1);
+    }
+    return index;
+}
+
 } // namespace
 
 const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(const char* szKeyword)
 {
     typedef CRTFToUTF8Parser P;
     // What the core's keyword table does not know, or knows only as a byte
-    // for 8-bit text. Sorted by keyword (byte order) for the binary search.
+    // for 8-bit text. Sorted by keyword (byte order).
     static constexpr UnicodeKeyword s_rows[] = {
         {"-", &P::InsertCharacter, 0, false},              // optional hyphen: invisible
         {"_", &P::InsertCharacter, 0x2011, false},         // non-breaking hyphen
@@ -406,11 +427,13 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(con
         {"~", &P::InsertCharacter, 0x00A0, false},         // non-breaking space
     };
     static_assert(IsSortedByKeyword(s_rows), "the keyword rows must stay sorted");
+    static constexpr FirstByteIndex s_index = IndexByFirstByte(s_rows);
 
-    const UnicodeKeyword* const pEnd = s_rows + sizeof s_rows / sizeof s_rows[0];
-    const UnicodeKeyword* pRow = std::lower_bound(s_rows, pEnd, szKeyword,
-        [](const UnicodeKeyword& row, const char* sz) { return KeywordLess(row.szKeyword, sz); });
-    return pRow != pEnd && std::strcmp(pRow->szKeyword, szKeyword) == 0 ? pRow : nullptr;
+    const unsigned char first = static_cast<unsigned char>(szKeyword[0]);
+    for (unsigned row = s_index.begin[first]; row < s_index.end[first]; ++row)
+        if (std::strcmp(s_rows[row].szKeyword, szKeyword) == 0)
+            return &s_rows[row];
+    return nullptr;
 }
 
 // --- life cycle
@@ -532,19 +555,6 @@ bool CRTFToUTF8Parser::SkipFallbackKeyword(const char* szKeyword)
 
 // --- characters
 
-bool CRTFToUTF8Parser::IsTextDestination() const
-{
-    switch (m_rds) {
-    case rdsNorm:
-    case rdsField:
-    case rdsHyperlink:
-    case rdsPNCommand:  // the number text of \pntext and \listtext
-        return true;
-    default:
-        return false;
-    }
-}
-
 bool CRTFToUTF8Parser::ParseChar(char ch)
 {
     if (m_cchUnicodeSkip > 0) {
@@ -564,16 +574,23 @@ bool CRTFToUTF8Parser::ParseChar(char ch)
     }
     if (m_state.bHidden)
         return true;
-    if (!DecodeByte(static_cast<unsigned char>(ch))) {
+
+    // Most text is single bytes that stand for ASCII characters, with nothing
+    // waiting to be completed: they are written here.
+    const unsigned char b = static_cast<unsigned char>(ch);
+    const CCodePage& page = CurrentPage();
+    if (!m_chLeadByte && !m_highSurrogate && !page.IsLeadByte(b)) {
+        const char32_t cp = page.Single(b);
+        if (cp < 0x80 && !IsReservedCodePoint(cp) && m_pCur != m_pEnd) {
+            *m_pCur++ = static_cast<char>(cp);
+            return true;
+        }
+    }
+    if (!DecodeByte(b)) {
         Backtrack(1);
         return false;
     }
     return true;
-}
-
-const CCodePage& CRTFToUTF8Parser::CurrentPage() const
-{
-    return *(m_state.pPage ? m_state.pPage : m_pDocPage);
 }
 
 bool CRTFToUTF8Parser::DecodeByte(unsigned char b)

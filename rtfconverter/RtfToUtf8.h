@@ -149,9 +149,13 @@ private:
         GroupState state;
     };
 
-    bool IsTextDestination() const;
+    // The destinations whose characters are text: the document, fields and
+    // their results, hyperlinks, and the number text of \pntext and \listtext.
+    static constexpr unsigned textDestinations =
+        1u << rdsNorm | 1u << rdsField | 1u << rdsHyperlink | 1u << rdsPNCommand;
+    bool IsTextDestination() const { return (textDestinations >> (m_rds & 31)) & 1u; }
     bool IsVisibleText() const { return !m_state.bHidden && IsTextDestination(); }
-    const CCodePage& CurrentPage() const;
+    const CCodePage& CurrentPage() const { return *(m_state.pPage ? m_state.pPage : m_pDocPage); }
     const CCodePage* PageOfFont(int iFont) const;
     void SelectFont(int iFont);
 
