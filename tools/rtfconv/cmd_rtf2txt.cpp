@@ -1,14 +1,17 @@
 // rtfconv rtf2txt: RTF to plain text.
 //
-// By default the text is for people: the library's CR paragraph marks become
-// LF (a \line is LF already) and the 8-bit text is converted from the code
-// page to UTF-8. --raw writes the library's bytes exactly.
+// By default the text is for people: UTF-8 from the library's Unicode reader,
+// which decodes \uN, \ansicpg and each font's character set, with LF (or
+// --newline) line ends. --raw writes the 8-bit converter's bytes exactly. A
+// --codepage given by an iconv name rather than a Windows number is applied
+// to the 8-bit converter's text, the Unicode reader knowing pages by number.
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <memory>
 
 #include "rtfconverter/RtfToText.h"
+#include "rtfconverter/RtfToUtf8.h"
 #include "tools/rtfconv/Commands.h"
 #include "tools/rtfconv/ToolCommon.h"
 
@@ -20,6 +23,7 @@ struct Rtf2TxtOptions {
     IoOptions io;
     std::size_t cbBuffer = kDefaultReadBuffer;
     std::string codePage;
+    std::string newline = "lf";
     bool bRaw = false;
     bool bUtf8 = false;
     bool bLossy = false;
@@ -31,6 +35,42 @@ public:
     using CBytePtrRTFToPlainTextPtrParser::CBytePtrRTFToPlainTextPtrParser;
     std::size_t BytesConsumed() const { return static_cast<std::size_t>(m_pRead - m_pData); }
 };
+
+class CUtf8TextReader : public rtf_converter::CBytePtrRTFToUTF8PtrParser {
+public:
+    using CBytePtrRTFToUTF8PtrParser::CBytePtrRTFToUTF8PtrParser;
+    std::size_t BytesConsumed() const { return static_cast<std::size_t>(m_pRead - m_pData); }
+};
+
+const char* NewlineText(const std::string& newline)
+{
+    return newline == "crlf" ? "\r\n" : newline == "cr" ? "\r" : "\n";
+}
+
+rtf_converter::CRTFToUTF8Parser::Newline NewlineKind(const std::string& newline)
+{
+    using rtf_converter::CRTFToUTF8Parser;
+    return newline == "crlf" ? CRTFToUTF8Parser::newlineCRLF
+        : newline == "cr"    ? CRTFToUTF8Parser::newlineCR
+                             : CRTFToUTF8Parser::newlineLF;
+}
+
+bool IsCodePageNumber(const std::string& codePage)
+{
+    return !codePage.empty() && std::all_of(codePage.begin(), codePage.end(), [](char ch) { return ch >= '0' && ch <= '9'; });
+}
+
+void ConvertRtfToUtf8(const Rtf2TxtOptions& options, CConversion& conversion)
+{
+    const std::string& rtf = conversion.Data();
+    const unsigned long cbRtf = rtf.size();
+    auto reader = std::make_unique<CUtf8TextReader>(reinterpret_cast<const unsigned char*>(rtf.data()), cbRtf);
+    reader->SetNewline(NewlineKind(options.newline));
+    if (IsCodePageNumber(options.codePage))
+        reader->SetCodePage(std::stoi(options.codePage));
+    PullAll(*reader, options.cbBuffer, [&](char* p, std::size_t cb) { conversion.Out().Write(p, cb); },
+            [&] { conversion.ReportConsumed(reader->BytesConsumed()); });
+}
 
 void ConvertRtfToText(const ToolContext& ctx, const Rtf2TxtOptions& options, CConversion& conversion)
 {
@@ -45,12 +85,24 @@ void ConvertRtfToText(const ToolContext& ctx, const Rtf2TxtOptions& options, CCo
                 reportProgress);
         return;
     }
-    CCodePageToUtf8 toUtf8(ResolveRtfCodePage(ctx, options.codePage, rtf, conversion.Name()));
+    // Checks the page and warns about one iconv does not know.
+    const std::string iconvName = ResolveRtfCodePage(ctx, options.codePage, rtf, conversion.Name());
+    if (options.codePage.empty() || IsCodePageNumber(options.codePage)) {
+        ConvertRtfToUtf8(options, conversion);
+        return;
+    }
+    CCodePageToUtf8 toUtf8(iconvName);
+    const std::string newline = NewlineText(options.newline);
     std::string utf8;
     auto writeUtf8 = [&](char* p, std::size_t cb) {
-        std::replace(p, p + cb, '\r', '\n');
         utf8.clear();
-        toUtf8.Convert(p, cb, utf8);
+        for (const char* q = p; q < p + cb;) {
+            const char* cr = std::find_if(q, static_cast<const char*>(p + cb), [](char ch) { return ch == '\r' || ch == '\n'; });
+            toUtf8.Convert(q, static_cast<std::size_t>(cr - q), utf8);
+            if (cr < p + cb)
+                utf8 += newline;
+            q = cr < p + cb ? cr + 1 : cr;
+        }
         conversion.Out().Write(utf8);
     };
     PullAll(*reader, options.cbBuffer, writeUtf8, reportProgress);
@@ -64,7 +116,8 @@ void ConvertRtfToText(const ToolContext& ctx, const Rtf2TxtOptions& options, CCo
 void RegisterRtf2Txt(CLI::App& app, ToolContext& ctx)
 {
     CLI::App* cmd = app.add_subcommand("rtf2txt", "RTF to plain text");
-    cmd->footer("Paragraphs end with LF and the text is UTF-8, converted from the document's code page;\n"
+    cmd->footer("The text is UTF-8, decoded from \\u, \\ansicpg and each font's character set, and lines end\n"
+                "with LF (or --newline);\n"
                 "--raw writes the library's own bytes instead (8-bit text, CR paragraph marks).");
     auto options = std::make_shared<Rtf2TxtOptions>();
     AddVerbosityOptions(*cmd, ctx);
@@ -75,6 +128,9 @@ void RegisterRtf2Txt(CLI::App& app, ToolContext& ctx)
         cmd->add_flag("--raw", options->bRaw, "Write the library's bytes exactly: 8-bit text, CR paragraph marks");
     CLI::Option* utf8 = cmd->add_flag("--utf8", options->bUtf8, "Write UTF-8 with LF line ends (the default)");
     raw->excludes(utf8);
+    CLI::Option* newline = cmd->add_option("--newline", options->newline, "Line ends of the UTF-8 text: lf (default), crlf or cr")
+                               ->check(CLI::IsMember({"lf", "crlf", "cr"}));
+    raw->excludes(newline);
     cmd->add_flag("--lossy", options->bLossy,
                   "Accepted for symmetry with txt2rtf; no effect here, since every byte has a UTF-8 form "
                   "(undefined bytes become U+FFFD)");
