@@ -28,6 +28,11 @@ expect_file_bytes "$TMP/out" '\320\271'
 expect_status 0 "$RTFCONV" rtf2txt --codepage KOI8-R "$TMP/cp1251.rtf"
 expect_file_bytes "$TMP/out" '\320\276\320\237\320\245\320\221\320\225\320\240\n\320\233\320\245\320\237' # KOI8-R reads it as "оПХБЕР", "ЛХП"
 
+# \uN with its fallback, a Cyrillic font in a cp1252 document, and --newline.
+printf '{\\rtf1\\ansi\\ansicpg1252{\\fonttbl{\\f1\\fcharset204 A;}}\\u8212\\'"'"'97{\\f1 \\'"'"'cf}\\par x}' >"$TMP/unicode.rtf"
+expect_status 0 "$RTFCONV" rtf2txt --newline crlf "$TMP/unicode.rtf"
+expect_file_bytes "$TMP/out" '\342\200\224\320\237\r\nx'
+
 # A code page iconv does not know: read as cp1252, with one warning unless -q.
 printf '{\\rtf1\\ansi\\ansicpg99999 \\'"'"'e9}' >"$TMP/oddcp.rtf"
 expect_status 0 "$RTFCONV" rtf2txt "$TMP/oddcp.rtf"

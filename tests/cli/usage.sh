@@ -43,8 +43,8 @@ expect_status 0 "$RTFCONV" -q rtf2txt "$TMP/bad.rtf"
 printf 'not rtf at all' >"$TMP/plain.txt"
 expect_status 0 "$RTFCONV" rtf2txt - <"$TMP/plain.txt"
 
-# -v shows the library's assertion reports (a full buffer at a paragraph end reports "bOk").
-expect_status 0 "$RTFCONV" rtf2txt -v --buffer 1 "$TMP/doc.rtf"
+# -v shows the library's assertion reports (the 8-bit converter's full buffer at a paragraph end reports "bOk").
+expect_status 0 "$RTFCONV" rtf2txt -v --raw --buffer 1 "$TMP/doc.rtf"
 grep -q '"bOk"' "$TMP/err" || fail "-v did not show the library's assertion: $(cat "$TMP/err")"
 
 finish
