@@ -46,7 +46,7 @@
 
 namespace rtf_converter {
 
-// A code page's decoding tables; built once per page and shared by readers.
+// A code page's decoding tables (rtfconverter/CodePages.h).
 class CCodePage;
 
 class CRTFToUTF8Parser : protected CBaseRTFParser {

@@ -1,0 +1,309 @@
+#include "rtfconverter/CodePages.h"
+
+#include <iconv.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <map>
+#include <new>
+
+namespace rtf_converter {
+
+namespace {
+
+constexpr char32_t kReplacement = 0xFFFD;
+
+// --- the Symbol font
+
+// What the Symbol font shows for each byte, as Unicode characters: the Adobe
+// Symbol encoding as the Unicode consortium publishes it
+// (MAPPINGS/VENDORS/ADOBE/symbol.txt), with the standard characters for the
+// bracket and arrow extension pieces (U+239B-U+23AE, U+23AF, U+23D0) where that
+// table has Adobe private-use codes, the serif and sans-serif forms of (R),
+// (C) and TM both as the plain signs, and 0xA0 the euro sign that later
+// versions of the font carry. 0: the font defines nothing there.
+constexpr char16_t kSymbol20To7F[0x60] = {
+    0x0020, 0x0021, 0x2200, 0x0023, 0x2203, 0x0025, 0x0026, 0x220B,  // 0x20
+    0x0028, 0x0029, 0x2217, 0x002B, 0x002C, 0x2212, 0x002E, 0x002F,  // 0x28
+    0x0030, 0x0031, 0x0032, 0x0033, 0x0034, 0x0035, 0x0036, 0x0037,  // 0x30
+    0x0038, 0x0039, 0x003A, 0x003B, 0x003C, 0x003D, 0x003E, 0x003F,  // 0x38
+    0x2245, 0x0391, 0x0392, 0x03A7, 0x0394, 0x0395, 0x03A6, 0x0393,  // 0x40
+    0x0397, 0x0399, 0x03D1, 0x039A, 0x039B, 0x039C, 0x039D, 0x039F,  // 0x48
+    0x03A0, 0x0398, 0x03A1, 0x03A3, 0x03A4, 0x03A5, 0x03C2, 0x03A9,  // 0x50
+    0x039E, 0x03A8, 0x0396, 0x005B, 0x2234, 0x005D, 0x22A5, 0x005F,  // 0x58
+    0xF8E5, 0x03B1, 0x03B2, 0x03C7, 0x03B4, 0x03B5, 0x03C6, 0x03B3,  // 0x60
+    0x03B7, 0x03B9, 0x03D5, 0x03BA, 0x03BB, 0x03BC, 0x03BD, 0x03BF,  // 0x68
+    0x03C0, 0x03B8, 0x03C1, 0x03C3, 0x03C4, 0x03C5, 0x03D6, 0x03C9,  // 0x70
+    0x03BE, 0x03C8, 0x03B6, 0x007B, 0x007C, 0x007D, 0x223C, 0,       // 0x78
+};
+constexpr char16_t kSymbolA0ToFF[0x60] = {
+    0x20AC, 0x03D2, 0x2032, 0x2264, 0x2044, 0x221E, 0x0192, 0x2663,  // 0xA0
+    0x2666, 0x2665, 0x2660, 0x2194, 0x2190, 0x2191, 0x2192, 0x2193,  // 0xA8
+    0x00B0, 0x00B1, 0x2033, 0x2265, 0x00D7, 0x221D, 0x2202, 0x2022,  // 0xB0
+    0x00F7, 0x2260, 0x2261, 0x2248, 0x2026, 0x23D0, 0x23AF, 0x21B5,  // 0xB8
+    0x2135, 0x2111, 0x211C, 0x2118, 0x2297, 0x2295, 0x2205, 0x2229,  // 0xC0
+    0x222A, 0x2283, 0x2287, 0x2284, 0x2282, 0x2286, 0x2208, 0x2209,  // 0xC8
+    0x2220, 0x2207, 0x00AE, 0x00A9, 0x2122, 0x220F, 0x221A, 0x22C5,  // 0xD0
+    0x00AC, 0x2227, 0x2228, 0x21D4, 0x21D0, 0x21D1, 0x21D2, 0x21D3,  // 0xD8
+    0x25CA, 0x2329, 0x00AE, 0x00A9, 0x2122, 0x2211, 0x239B, 0x239C,  // 0xE0
+    0x239D, 0x23A1, 0x23A2, 0x23A3, 0x23A7, 0x23A8, 0x23A9, 0x23AA,  // 0xE8
+    0,      0x232A, 0x222B, 0x2320, 0x23AE, 0x2321, 0x239E, 0x239F,  // 0xF0
+    0x23A0, 0x23A4, 0x23A5, 0x23A6, 0x23AB, 0x23AC, 0x23AD, 0,       // 0xF8
+};
+
+// Control bytes stay themselves; a byte the font leaves undefined gives the
+// private-use code U+F000 + byte under which Windows shows a symbol font's
+// glyph.
+char32_t SymbolCharacter(unsigned b)
+{
+    char16_t cp = 0;
+    if (b < 0x20)
+        return b;
+    if (b < 0x80)
+        cp = kSymbol20To7F[b - 0x20];
+    else if (b >= 0xA0)
+        cp = kSymbolA0ToFF[b - 0xA0];
+    return cp ? cp : 0xF000 + b;
+}
+
+// --- iconv
+
+// iconv's names for the code pages it does not know as "CP<number>".
+struct CodePageName {
+    int codePage;
+    const char* szIconvName;
+};
+constexpr CodePageName kIconvNames[] = {
+    {10000, "MACINTOSH"}, {10007, "MAC-CYRILLIC"}, {10017, "MACUKRAINIAN"},
+    {10029, "MAC-CENTRALEUROPE"}, {10079, "MAC-IS"}, {20127, "ANSI_X3.4-1968"},
+    {28591, "ISO-8859-1"}, {28592, "ISO-8859-2"}, {28595, "ISO-8859-5"},
+    {28597, "ISO-8859-7"}, {28605, "ISO-8859-15"},
+};
+
+std::string IconvName(int codePage)
+{
+    for (const CodePageName& name : kIconvNames)
+        if (name.codePage == codePage)
+            return name.szIconvName;
+    char sz[16];
+    std::snprintf(sz, sizeof sz, "CP%d", codePage);
+    return sz;
+}
+
+// One conversion descriptor from a code page to UTF-32LE, converting one
+// character at a time from the initial state.
+class CIconvDecoder {
+public:
+    enum Result { resChar, resInvalid, resIncomplete };
+
+    explicit CIconvDecoder(const std::string& name) : m_cd(iconv_open("UTF-32LE", name.c_str())) {}
+    ~CIconvDecoder()
+    {
+        if (IsOpen())
+            iconv_close(m_cd);
+    }
+    CIconvDecoder(const CIconvDecoder&) = delete;
+    CIconvDecoder& operator=(const CIconvDecoder&) = delete;
+
+    bool IsOpen() const { return m_cd != reinterpret_cast<iconv_t>(-1); }
+
+    Result Decode(const unsigned char* pb, std::size_t cb, char32_t& cp)
+    {
+        iconv(m_cd, nullptr, nullptr, nullptr, nullptr);
+        char* pIn = const_cast<char*>(reinterpret_cast<const char*>(pb));
+        std::size_t cbIn = cb;
+        unsigned char out[32];
+        char* pOut = reinterpret_cast<char*>(out);
+        std::size_t cbOut = sizeof out;
+        if (iconv(m_cd, &pIn, &cbIn, &pOut, &cbOut) == static_cast<std::size_t>(-1))
+            return errno == EINVAL ? resIncomplete : resInvalid;
+        if (cbIn != 0)
+            return resInvalid;
+        // Pages that combine a letter with a following accent (1258) hold
+        // the letter back until they see what follows.
+        iconv(m_cd, nullptr, nullptr, &pOut, &cbOut);
+        if (sizeof out - cbOut < 4)
+            return resInvalid;
+        cp = static_cast<char32_t>(out[0]) | static_cast<char32_t>(out[1]) << 8
+            | static_cast<char32_t>(out[2]) << 16 | static_cast<char32_t>(out[3]) << 24;
+        return resChar;
+    }
+
+private:
+    iconv_t m_cd;
+};
+
+} // namespace
+
+// --- code pages
+
+    bool m_bLead[256] = {};
+    mutable std::once_flag m_trailOnce[256];
+    mutable std::unique_ptr<char32_t[]> m_trail[256];
+};
+
+const CCodePage* CCodePage::Get(int codePage)
+{
+    static std::mutex s_mutex;
+    // Pages iconv does not know are kept as null, so that they are asked for once.
+    static std::map<int, std::unique_ptr<CCodePage>> s_pages;
+
+    if (codePage <= 0 || codePage > 0xFFFF)
+        return nullptr;
+    std::lock_guard<std::mutex> lock(s_mutex);
+    auto it = s_pages.find(codePage);
+    if (it == s_pages.end())
+        it = s_pages.emplace(codePage, Build(codePage)).first;
+    return it->second.get();
+}
+
+const CCodePage& CCodePage::Fallback()
+{
+    static const std::unique_ptr<CCodePage> s_pLatin1 = [] {
+        std::unique_ptr<CCodePage> p(new CCodePage);
+        for (unsigned b = 0; b < 256; ++b)
+            p->m_single[b] = b;
+        return p;
+    }();
+    return *s_pLatin1;
+}
+
+std::unique_ptr<CCodePage> CCodePage::Build(int codePage)
+{
+    std::unique_ptr<CCodePage> p(new (std::nothrow) CCodePage);
+    if (!p)
+        return p;
+    p->m_number = codePage;
+    if (codePage == symbol) {
+        for (unsigned b = 0; b < 256; ++b)
+            p->m_single[b] = SymbolCharacter(b);
+        return p;
+    }
+
+    p->m_iconvName = IconvName(codePage);
+    CIconvDecoder decoder(p->m_iconvName);
+    if (!decoder.IsOpen())
+        return nullptr;
+    for (unsigned b = 0; b < 256; ++b) {
+        const unsigned char byte = static_cast<unsigned char>(b);
+        char32_t cp = kReplacement;
+        switch (decoder.Decode(&byte, 1, cp)) {
+        case CIconvDecoder::resChar:
+            p->m_single[b] = cp;
+            break;
+        case CIconvDecoder::resIncomplete:
+            p->m_bLead[b] = true;
+            p->m_single[b] = kReplacement;
+            break;
+        case CIconvDecoder::resInvalid:
+            p->m_single[b] = kReplacement;
+            break;
+        }
+    }
+    return p;
+}
+
+char32_t CCodePage::Pair(unsigned char lead, unsigned char trail) const
+{
+    if (!m_bLead[lead])
+        return invalidPair;
+    std::call_once(m_trailOnce[lead], [this, lead] { BuildTrailTable(lead); });
+    return m_trail[lead] ? m_trail[lead][trail] : invalidPair;
+}
+
+void CCodePage::BuildTrailTable(unsigned char lead) const
+{
+    std::unique_ptr<char32_t[]> table(new (std::nothrow) char32_t[256]);
+    CIconvDecoder decoder(m_iconvName);
+    if (!table || !decoder.IsOpen())
+        return;
+    for (unsigned trail = 0; trail < 256; ++trail) {
+        const unsigned char pair[2] = {lead, static_cast<unsigned char>(trail)};
+        char32_t cp = 0;
+        table[trail] = decoder.Decode(pair, 2, cp) == CIconvDecoder::resChar ? cp : invalidPair;
+    }
+    m_trail[lead] = std::move(table);
+}
+
+void CCodePage::BuildEncoding() const
+{
+    // Single bytes first, then pairs in byte order: where a page gives one
+    // character two forms, the first is written.
+    for (unsigned b = 0x80; b < 256; ++b)
+        if (!m_bLead[b] && m_single[b] != kReplacement)
+            m_encoding.emplace(m_single[b], static_cast<unsigned short>(b));
+    for (unsigned lead = 0x80; lead < 256; ++lead) {
+        if (!m_bLead[lead])
+            continue;
+        for (unsigned trail = 0; trail < 256; ++trail) {
+            const char32_t cp = Pair(static_cast<unsigned char>(lead), static_cast<unsigned char>(trail));
+            if (cp != invalidPair && cp != kReplacement)
+                m_encoding.emplace(cp, static_cast<unsigned short>(lead << 8 | trail));
+        }
+    }
+}
+
+int CCodePage::Encode(char32_t cp, unsigned char out[2]) const
+{
+    std::call_once(m_encodingOnce, [this] { BuildEncoding(); });
+    const auto it = m_encoding.find(cp);
+    if (it == m_encoding.end())
+        return 0;
+    if (it->second < 0x100) {
+        out[0] = static_cast<unsigned char>(it->second);
+        return 1;
+    }
+    out[0] = static_cast<unsigned char>(it->second >> 8);
+    out[1] = static_cast<unsigned char>(it->second & 0xFF);
+    return 2;
+}
+
+namespace {
+
+// The code page of each \fcharsetN; 0: the document's own page.
+struct CharsetPage {
+    int charset;
+    int codePage;
+};
+constexpr CharsetPage kCharsetPages[] = {
+    {0, 0},        // ANSI: the document's page
+    {1, 0},        // default: the document's page
+    {2, CCodePage::symbol},
+    {77, 10000},   // Macintosh Roman
+    {128, 932},    // Shift-JIS
+    {129, 949},    // Hangul
+    {130, 1361},   // Johab
+    {134, 936},    // GB 2312
+    {136, 950},    // Big5
+    {161, 1253},   // Greek
+    {162, 1254},   // Turkish
+    {163, 1258},   // Vietnamese
+    {177, 1255},   // Hebrew
+    {178, 1256},   // Arabic
+    {186, 1257},   // Baltic
+    {204, 1251},   // Cyrillic
+    {222, 874},    // Thai
+    {238, 1250},   // Central European
+    {254, 437},    // PC 437
+    {255, 850},    // OEM
+};
+
+} // namespace
+
+int CodePageOfCharset(int charset)
+{
+    for (const CharsetPage& row : kCharsetPages)
+        if (row.charset == charset)
+            return row.codePage;
+    return 0;
+}
+
+int CharsetOfCodePage(int codePage)
+{
+    for (const CharsetPage& row : kCharsetPages)
+        if (row.codePage == codePage && codePage != 0)
+            return row.charset;
+    return 1;
+}
+
+} // namespace rtf_converter

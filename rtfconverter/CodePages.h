@@ -1,0 +1,69 @@
+// Windows code pages for the Unicode reader and writer: decoding tables built
+// at run time from glibc's iconv, one per page, shared by every reader and
+// writer in the process, and the Symbol font's characters, which iconv does
+// not know.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+namespace rtf_converter {
+
+// The decoding of one code page: a table of the single bytes, which bytes
+// lead a two-byte character (932, 936, 949, 950, 1361), and, for each lead
+// byte, a table of its trail bytes, built the first time the lead byte is
+// met; and the encoding, built from the decoding the first time it is asked
+// for. Immutable once built, except for those lazily built tables, each under
+// its own once-flag, so that any number of threads share a page.
+class CCodePage {
+public:
+    // The number Windows gives the code page of symbol fonts.
+    static constexpr int symbol = 42;
+    static constexpr char32_t invalidPair = 0xFFFFFFFF;
+
+    // Null when neither iconv nor this unit knows the page.
+    static const CCodePage* Get(int codePage);
+    // ISO 8859-1, for a system whose iconv knows not even 1252.
+    static const CCodePage& Fallback();
+
+    int GetNumber() const { return m_number; }
+    bool IsSymbol() const { return m_number == symbol; }
+    bool IsLeadByte(unsigned char b) const { return m_bLead[b]; }
+    // A byte's character; U+FFFD where the page defines none.
+    char32_t Single(unsigned char b) const { return m_single[b]; }
+    // The character of a lead and a trail byte; invalidPair when the trail
+    // byte does not complete the lead byte.
+    char32_t Pair(unsigned char lead, unsigned char trail) const;
+    // The bytes of a character other than ASCII in this page: their number
+    // (1 or 2) with the bytes in out, or 0 when the page has none for it. The
+    // bytes always decode to cp again.
+    int Encode(char32_t cp, unsigned char out[2]) const;
+
+    CCodePage() = default;
+    CCodePage(const CCodePage&) = delete;
+    CCodePage& operator=(const CCodePage&) = delete;
+
+private:
+    static std::unique_ptr<CCodePage> Build(int codePage);
+    void BuildTrailTable(unsigned char lead) const;
+    void BuildEncoding() const;
+
+    int m_number = 0;
+    std::string m_iconvName;
+    char32_t m_single[256] = {};
+    bool m_bLead[256] = {};
+    mutable std::once_flag m_trailOnce[256];
+    mutable std::unique_ptr<char32_t[]> m_trail[256];
+    mutable std::once_flag m_encodingOnce;
+    mutable std::unordered_map<char32_t, unsigned short> m_encoding;  // bytes: lead << 8 | trail
+};
+
+// The code page of the character set \fcharsetN names; 0 for the ANSI and
+// default sets, whose page is the document's, and for unknown sets.
+int CodePageOfCharset(int charset);
+// The \fcharsetN of a code page's fonts; 1 (default) when no set has it.
+int CharsetOfCodePage(int codePage);
+
+} // namespace rtf_converter
