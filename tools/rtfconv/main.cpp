@@ -33,6 +33,8 @@ int main(int argc, char** argv)
     rtfconv::AddVerbosityOptions(app, ctx);
 
     rtfconv::RegisterRtf2Txt(app, ctx);
+    rtfconv::RegisterOld2Rtf(app, ctx);
+    rtfconv::RegisterTxt2Rtf(app, ctx);
 
     try {
         app.parse(argc, argv);

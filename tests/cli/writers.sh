@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# old2rtf and txt2rtf: the documents, --font, --attachments, UTF-8 input and usage errors.
+source "$(dirname "$0")/lib.sh"
+
+front='{\\rtf1\\ansi\\deff0\\deflang1024{\\fonttbl{\\f0\\fcharset0\\fswiss Arial;}}{\\colortbl;\\red0\\green0\\blue0;}'
+
+# old2rtf: the library's document, old-format bytes taken as they are.
+printf 'Hi \001F12-B:-\002bold\r\351' >"$TMP/note.old"
+expect_status 0 "$RTFCONV" old2rtf "$TMP/note.old"
+expect_file_bytes "$TMP/out" "$front"'{\\stylesheet{\\f0\\fs20 Normal;}}\\pard\\f0\\fs20\\cf1 Hi \\fs24\\cf1\\b bold\\par \351\\par }'
+expect_status 0 "$RTFCONV" old2rtf --font 'Times New Roman:12:204' -o "$TMP/note.rtf" "$TMP/note.old"
+grep -qF '{\f0\fcharset204\froman Times New Roman;}' "$TMP/note.rtf" || fail "--font: $(head -c 200 "$TMP/note.rtf")"
+grep -qF '{\stylesheet{\f0\fs24 Normal;}}\pard\f0\fs24\cf1 Hi \cf1\b bold' "$TMP/note.rtf" || fail "--font size: $(cat "$TMP/note.rtf")"
+# --utf8: the text is converted to the code page first.
+printf 'caf\303\251' | "$RTFCONV" old2rtf --utf8 >"$TMP/out" || fail "old2rtf --utf8"
+grep -qF "$(printf 'caf\351\\par }')" "$TMP/out" || fail "old2rtf --utf8: $(cat "$TMP/out")"
+
+# --attachments: 00.bmp a picture, 01.ole an object with 01.bmp as its picture,
+# 02.link a link, 03 nothing (a placeholder). A 1x1 24-bit bitmap:
+bmp='BM\072\000\000\000\000\000\000\000\066\000\000\000\050\000\000\000\001\000\000\000\001\000\000\000\001\000\030\000\000\000\000\000\004\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\377\000\000\000'
+mkdir "$TMP/att"
+printf "$bmp" >"$TMP/att/00.bmp"
+printf "$bmp" >"$TMP/att/01.bmp"
+printf 'OLE' >"$TMP/att/01.ole"
+printf 'LNK' >"$TMP/att/02.link"
+printf 'a\001A00\002b\001A01\002c\001A02\002d\001A03\002' >"$TMP/att.old"
+expect_status 0 "$RTFCONV" old2rtf --attachments "$TMP/att" "$TMP/att.old"
+dib='28000000010000000100000001001800000000000400000000000000000000000000000000000000ff000000'
+pict="{\\pict\\dibitmap0\\wbmbitspixel24\\wbmplanes1\\wbmwidthbytes4\\picw1\\pich1 $dib}"
+grep -qF "a${pict}b{\\object\\objemb{\\*\\objdata 4f4c45}{\\result${pict}}}c{\\object\\objlink{\\*\\objdata 4c4e4b}}d\\objattph\\'20\\par }" "$TMP/out" ||
+    fail "--attachments: $(cat "$TMP/out")"
+expect_status 0 "$RTFCONV" old2rtf "$TMP/att.old"
+grep -qF '\pard\f0\fs20\cf1 abcd\par }' "$TMP/out" || fail "no --attachments: $(cat "$TMP/out")"
+printf 'not a bitmap' >"$TMP/att/03.bmp"
+expect_status 0 "$RTFCONV" old2rtf --attachments "$TMP/att" "$TMP/att.old"
+expect_one_error_line "03.bmp"
+grep -qF "d\\objattph\\'20" "$TMP/out" || fail "a bad bitmap is a placeholder: $(cat "$TMP/out")"
+
+# txt2rtf: UTF-8 lines become paragraphs in cp1252; --raw keeps the bytes.
+printf 'a{b}\tc\nd\r\ncaf\303\251\n' >"$TMP/notes.txt"
+expect_status 0 "$RTFCONV" txt2rtf "$TMP/notes.txt"
+expect_file_bytes "$TMP/out" "$front"'\\pard\\f0\\fs20\\cf0 a\\{b\\}\\tab c\\par d\\par caf\351\\par }'
+expect_status 0 "$RTFCONV" txt2rtf --raw "$TMP/notes.txt"
+expect_file_bytes "$TMP/out" "$front"'\\pard\\f0\\fs20\\cf0 a\\{b\\}\\tab c\\line d\\par \\line caf\303\251\\line \\par }'
+expect_status 0 "$RTFCONV" txt2rtf --font Courier:8 "$TMP/notes.txt"
+grep -qF '\pard\f0\fs16\cf0 ' "$TMP/out" || fail "txt2rtf --font: $(cat "$TMP/out")"
+printf '\342\202\254 \320\226' >"$TMP/euro.txt"
+expect_status 1 "$RTFCONV" txt2rtf "$TMP/euro.txt"
+expect_one_error_line "euro.txt"
+expect_status 0 "$RTFCONV" txt2rtf --lossy "$TMP/euro.txt"
+grep -qF "$(printf '\\cf0 \200 ?\\par }')" "$TMP/out" || fail "txt2rtf --lossy: $(cat "$TMP/out")"
+
+# Usage errors come before any file is read.
+expect_status 2 "$RTFCONV" old2rtf --font 'Arial:0' "$TMP/note.old"
+expect_one_error_line "POINTS"
+expect_status 2 "$RTFCONV" txt2rtf --font 'Arial:10:300' "$TMP/notes.txt"
+expect_one_error_line "CHARSET"
+expect_status 2 "$RTFCONV" txt2rtf --font ':10' "$TMP/notes.txt"
+expect_status 2 "$RTFCONV" old2rtf --attachments "$TMP/missing" "$TMP/note.old"
+expect_status 2 "$RTFCONV" txt2rtf --codepage nonesuch "$TMP/notes.txt"
+
+finish

@@ -1,0 +1,99 @@
+// rtfconv txt2rtf: plain text to RTF.
+//
+// By default the text is for people: UTF-8, converted to the code page
+// (--codepage, default 1252), with each line end (LF or CR LF) a paragraph
+// mark. --raw takes the input's bytes as they are: the library turns CR into a
+// paragraph mark and LF into a line break.
+#include <CLI/CLI.hpp>
+
+#include <memory>
+#include <string>
+
+#include "rtfconverter/PlainTextToRTF.h"
+#include "tools/rtfconv/Commands.h"
+#include "tools/rtfconv/FontOption.h"
+#include "tools/rtfconv/ToolCommon.h"
+
+namespace rtfconv {
+
+namespace {
+
+struct Txt2RtfOptions {
+    IoOptions io;
+    FontOption font;
+    std::string codePage;
+    bool bRaw = false;
+    bool bUtf8 = false;
+    bool bLossy = false;
+};
+
+constexpr char kDefaultCodePage[] = "1252";
+
+// LF and CR LF become the library's paragraph mark, CR.
+std::string LineEndsToParagraphMarks(const std::string& text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n') continue;
+        out += text[i] == '\n' ? '\r' : text[i];
+    }
+    return out;
+}
+
+void ConvertTextToRtf(const ToolContext& ctx, const Txt2RtfOptions& options, CConversion& conversion)
+{
+    std::string text = conversion.Data();
+    if (!options.bRaw) {
+        text = Utf8ToCodePage(text, IconvCodePageName(options.codePage.empty() ? kDefaultCodePage : options.codePage),
+                              options.bLossy);
+        text = LineEndsToParagraphMarks(text);
+    }
+    const std::size_t nul = text.find('\0');
+    if (nul != std::string::npos)
+        PrintWarning(ctx, DisplayName(conversion.Name()) + ": a NUL byte at offset " + std::to_string(nul) +
+                              " ends the text there");
+    LOGFONT lf;
+    const bool bFont = options.font.GetLogFont(lf);
+    rtf_converter::CPlainTextToRTF writer;
+    writer.Convert(text.c_str(), bFont ? &lf : nullptr);
+    const CString rtf = writer.Export();
+    conversion.ReportConsumed(conversion.Data().size());
+    conversion.Out().Write(rtf.GetString(), static_cast<std::size_t>(rtf.GetLength()));
+}
+
+} // namespace
+
+void RegisterTxt2Rtf(CLI::App& app, ToolContext& ctx)
+{
+    CLI::App* cmd = app.add_subcommand("txt2rtf", "plain text to RTF");
+    cmd->footer("The text is read as UTF-8 and converted to the code page (--codepage, default 1252); each line\n"
+                "becomes a paragraph. A character the code page cannot hold is an error, or '?' with --lossy.\n"
+                "--raw takes the bytes as they are: CR ends a paragraph, LF breaks a line.");
+    auto options = std::make_shared<Txt2RtfOptions>();
+    AddVerbosityOptions(*cmd, ctx);
+    AddIoOptions(*cmd, options->io, "Text files");
+    AddFontOption(*cmd, options->font);
+    AddCodePageOption(*cmd, options->codePage);
+    CLI::Option* raw = cmd->add_flag("--raw", options->bRaw, "Take the input's bytes as they are (8-bit text)");
+    CLI::Option* utf8 = cmd->add_flag("--utf8", options->bUtf8, "Read UTF-8 (the default)");
+    raw->excludes(utf8);
+    cmd->add_flag("--lossy", options->bLossy, "Write '?' for characters the code page cannot hold");
+
+    SetCommandAction(*cmd, ctx, [&ctx, options] {
+        // Wrong usage is reported before any file is read.
+        try {
+            LOGFONT lf;
+            options->font.GetLogFont(lf);
+            if (!options->codePage.empty() && IconvCodePageName(options->codePage).empty())
+                throw ToolError(exitUsage, "unknown code page: " + options->codePage);
+        } catch (const ToolError& e) {
+            PrintError(e.what());
+            return e.Code();
+        }
+        return RunConversions(ctx, options->io, ".rtf",
+                              [&ctx, options](CConversion& conversion) { ConvertTextToRtf(ctx, *options, conversion); });
+    });
+}
+
+} // namespace rtfconv
