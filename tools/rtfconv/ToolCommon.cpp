@@ -166,6 +166,9 @@ int ConvertOne(const std::string& input, const std::string& outputPath, CProgres
         PrintError(DisplayName(input) + ": conversion failed: out of memory");
     } catch (const std::exception& e) {
         PrintError(DisplayName(input) + ": conversion failed: " + e.what());
+    } catch (...) {
+        // Whatever it was, it must not end a worker thread (and the process) unreported.
+        PrintError(DisplayName(input) + ": conversion failed: unknown exception");
     }
     return exitConversionFailed;
 }
