@@ -137,11 +137,6 @@ private:
 
 // --- code pages
 
-    bool m_bLead[256] = {};
-    mutable std::once_flag m_trailOnce[256];
-    mutable std::unique_ptr<char32_t[]> m_trail[256];
-};
-
 const CCodePage* CCodePage::Get(int codePage)
 {
     static std::mutex s_mutex;
