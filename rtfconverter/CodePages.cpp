@@ -295,6 +295,8 @@ int CodePageOfCharset(int charset)
 
 int CharsetOfCodePage(int codePage)
 {
+    if (codePage == 1252)
+        return 0;  // the ANSI set, whose page is Western wherever the reader is
     for (const CharsetPage& row : kCharsetPages)
         if (row.codePage == codePage && codePage != 0)
             return row.charset;

@@ -1,0 +1,60 @@
+// UTF-8 text to RTF, losing no character.
+//
+//     CUTF8TextToRTF writer;
+//     writer.SetCodePage(1251);          // 1252 unless set
+//     writer.Convert(pszUtf8, nullptr);  // Arial 10 when no font is given
+//     CString rtf = writer.Export();
+//
+// The sibling of the 8-bit plain-text writer, with the same document shape
+// (one font, the automatic colour), for text as Linux writes it:
+//   - characters of the chosen code page are written as themselves: a byte
+//     above 0x7F as it is, a double-byte character as two \'hh escapes (its
+//     trail byte may be a backslash or a brace); \, { and } are escaped;
+//   - every other character is \uN with a ? fallback under \uc1 (a pair of
+//     \uN for a character beyond U+FFFF); a byte that is not UTF-8 is U+FFFD;
+//   - LF, CR LF and a lone CR end a paragraph (\par), and a final line end
+//     does not add an empty paragraph; TAB is \tab; byte 0x17 is dropped.
+// The header declares \ansicpgN and the font the matching \fcharsetN, so that
+// UTF-8 text -> RTF -> UTF-8 text (CRTFToUTF8Parser) gives back the text, line
+// ends as LF and the bytes 0x01 to 0x03, which readers turn into spaces, aside.
+#pragma once
+
+#include "platform/AfxString.h"
+#include "platform/WinGdi.h"
+
+namespace rtf_converter {
+
+class CCodePage;
+
+class CUTF8TextToRTF {
+public:
+    CUTF8TextToRTF();
+    CUTF8TextToRTF(const CUTF8TextToRTF&) = default;
+    CUTF8TextToRTF& operator=(const CUTF8TextToRTF&) = default;
+    ~CUTF8TextToRTF() = default;
+
+    // The code page whose characters are written as bytes; one that iconv
+    // does not know, or Symbol, gives 1252. Before Convert.
+    void SetCodePage(int codePage);
+    // Builds the body for the zero-terminated UTF-8 text (null reads as
+    // empty) in the font pBaseFont, or Arial 10 at the screen's resolution
+    // when null. A second call replaces the body and the font of the first.
+    void Convert(const char* pszText, const LOGFONT* pBaseFont);
+    // The whole document. Only after Convert.
+    CString Export() const;
+
+protected:
+    void ConvertText(const char* pszText);
+    void AppendCharacter(char32_t cp);
+    void AppendUnicode(char32_t cp);
+    CString GetHeader() const;
+    CString GetFontTable() const;
+    CString GetColorTable() const;
+
+private:
+    const CCodePage* m_pPage;
+    LOGFONT m_logFont;
+    CString m_csBuffer;
+};
+
+} // namespace rtf_converter
