@@ -1,0 +1,1250 @@
+#include "rtfconverter/RTFToOld.h"
+
+#include <cstddef>
+#include <cstring>
+#include <new>
+
+#include "hostlibs/VQLogger.h"
+
+// The assertion texts of the numbering styles name the text macro of the
+// string literals they compare with.
+#ifndef _T
+#define _T(x) x
+#endif
+
+namespace rtf_converter {
+
+namespace {
+
+// Bytes that must never reach old-format text: 0x01 to 0x03 frame markup
+// commands there.
+inline bool IsReservedByte(char ch)
+{
+    const unsigned char b = static_cast<unsigned char>(ch);
+    return b <= 0x03 || b == 0x17;
+}
+
+inline bool IsHexDigit(char ch)
+{
+    return (ch >= '0' && ch <= '9') || (ch >= 'A' && ch <= 'F') || (ch >= 'a' && ch <= 'f');
+}
+
+inline bool KeywordIs(const void* pKeyword, const char* psz)
+{
+    return std::strcmp(static_cast<const char*>(pKeyword), psz) == 0;
+}
+
+// A style keyword turns its style off only with an explicit 0.
+inline int IsStyleOn(int param) { return param == CRTFParser::noParam || param != 0 ? 1 : 0; }
+
+inline double TwipsToInches(int twips) { return twips / 1440.0; }
+
+// \b \i \ul \strike \super \sub: the font command setter of each, in the
+// order the keywords are tested.
+struct CharStyleKeyword {
+    const char* szKeyword;
+    void (CFontCmd::*pfnSetter)(int bOn);
+};
+const CharStyleKeyword kCharStyleKeywords[] = {
+    {"b", &CFontCmd::SetBold},
+    {"i", &CFontCmd::SetItalic},
+    {"ul", &CFontCmd::SetUnderline},
+    {"strike", &CFontCmd::SetStrikeout},
+    {"super", &CFontCmd::SetSuperscript},
+    {"sub", &CFontCmd::SetSubscript},
+};
+
+// Font family codes of the font table; \fnil, \fswiss and anything else: 0.
+struct FontFamilyKeyword {
+    const char* szKeyword;
+    int family;
+};
+const FontFamilyKeyword kFontFamilyKeywords[] = {
+    {"froman", 1}, {"fmodern", 3}, {"fscript", 4}, {"fdecor", 5}, {"ftech", 6}, {"fbidi", 7},
+};
+
+// Tab leaders that apply to the next \tx.
+struct TabLeaderKeyword {
+    const char* szKeyword;
+    char chLeader;
+};
+const TabLeaderKeyword kTabLeaderKeywords[] = {
+    {"tldot", '.'}, {"tlhyph", '-'}, {"tlul", '_'}, {"tleq", '='},
+};
+
+// Picture and object kinds, and the destination in which each is honoured.
+struct AttachmentTypeKeyword {
+    const char* szKeyword;
+    RDS rds;
+    LONG aType;
+};
+const AttachmentTypeKeyword kAttachmentTypeKeywords[] = {
+    {"pngblip", rdsPicture, AttachmentInfo::AT_PNG},
+    {"jpegblip", rdsPicture, AttachmentInfo::AT_JPEG},
+    {"dibitmap", rdsPicture, AttachmentInfo::AT_DIB},
+    {"wmetafile", rdsPicture, AttachmentInfo::AT_WMF},
+    {"emfblip", rdsPicture, AttachmentInfo::AT_EMF},
+    {"objemb", rdsObject, AttachmentInfo::AT_OLE_EMBEDDED},
+    {"objlink", rdsObject, AttachmentInfo::AT_OLE_LAST},
+};
+
+// The field instruction prefixes of a hyperlink: the result is collected
+// after the word, the target taken after the word and its space.
+const char szHyperlink[] = "HYPERLINK";
+const int cchHyperlink = 9;
+const char szHyperlinkPrefix[] = "HYPERLINK ";
+const int cchHyperlinkPrefix = 10;
+
+} // namespace
+
+// ============================================================================
+// Set-up and life cycle
+// ============================================================================
+
+void CRTFImport::SetAttachmentFilter(PFNATTACHMENTFILTER pfnFilter, void* p1, void* p2)
+{
+    m_pfnAttachmentFilter = pfnFilter;
+    m_pFilterParam1 = p1;
+    m_pFilterParam2 = p2;
+}
+
+CRTFImport::~CRTFImport()
+{
+    ReleaseAttachmentStream();
+    delete[] m_pBuffer;
+}
+
+void CRTFImport::ReleaseAttachmentStream()
+{
+    if (m_attachmentInfo.pStm) {
+        IStream* pStm = m_attachmentInfo.pStm;
+        m_attachmentInfo.pStm = nullptr;
+        pStm->Release();
+    }
+}
+
+void CRTFImport::Init()
+{
+    CBaseRTFParser::Init();
+    // The font and colour arrays are deliberately not emptied: only their
+    // counters restart.
+    m_nLastFont = -1;
+    m_nColorEntries = 0;
+    m_chTabLeader = ' ';
+}
+
+CBaseRTFParser::CBaseRTFParserSave* CRTFImport::CreateSave()
+{
+    return new (std::nothrow) CRTFImportSave;
+}
+
+bool CRTFImport::PushRtfState()
+{
+    if (!CBaseRTFParser::PushRtfState())
+        return false;
+    CRTFImportSave* pSave = GetSave();
+    if (!pSave) {
+        VQASSERT(pSave);
+        return true;
+    }
+    pSave->m_layoutCmd = m_layoutCmd;
+    pSave->m_fontCmd = m_fontCmd;
+    return true;
+}
+
+bool CRTFImport::PopRtfState()
+{
+    CRTFImportSave* pSave = GetSave();
+    if (!pSave) {
+        VQASSERT(pSave);
+    } else {
+        m_layoutCmd = pSave->m_layoutCmd;
+        m_fontCmd = pSave->m_fontCmd;
+        m_bFontChanged = true;
+    }
+    return CBaseRTFParser::PopRtfState();
+}
+
+// Each buffer after the first begins with the complete current layout and
+// font, so that it can be interpreted on its own. This also covers a command
+// that was recorded as sent but did not fit into the previous buffer.
+bool CRTFImport::InitBuffer()
+{
+    if (!Put(m_layoutCmd.GetCmd()))
+        return false;
+    if (!Put(m_fontCmd.GetCmd()))
+        return false;
+    m_bFontChanged = false;
+    m_lastLayoutCmd = m_layoutCmd;
+    m_lastFontCmd = m_fontCmd;
+    return true;
+}
+
+int CRTFImport::Read(bool& bMore)
+{
+    Parse(bMore);
+    return GetCBWritten();
+}
+
+// ============================================================================
+// Output
+// ============================================================================
+
+bool CRTFImport::Emit(const CString& s)
+{
+    if (m_pRedirect) {
+        *m_pRedirect += s;
+        return true;
+    }
+    return Put(s);
+}
+
+bool CRTFImport::AppendOwedCommands()
+{
+    if (!InNumberingDestination()) {
+        if (m_bParagraphStart && m_layoutCmd.GetCmd() != m_lastLayoutCmd.GetCmd()) {
+            m_lastLayoutCmd = m_layoutCmd;
+            if (!Emit(m_lastLayoutCmd.GetCmd()))
+                return false;
+        }
+        if (m_bParagraphStart && m_numbering.GetCurrentInfo().GetNumberingOn()) {
+            if (!AppendNumberingCommand())
+                return false;  // still at the paragraph start: built again
+        }
+        m_bParagraphStart = false;
+        if (!m_strPending.IsEmpty()) {
+            if (!Emit(m_strPending))
+                return false;
+            m_strPending.Empty();
+        }
+    }
+    if (m_bFontChanged && m_fontCmd.GetCmd() != m_lastFontCmd.GetCmd()) {
+        m_lastFontCmd = m_fontCmd;
+        if (m_rds == rdsPNCommand)
+            m_strPending += m_fontCmd.GetCmd();
+        else if (!Emit(m_fontCmd.GetCmd()))
+            return false;
+    }
+    m_bFontChanged = false;
+    return true;
+}
+
+bool CRTFImport::Append(char ch)
+{
+    if (IsReservedByte(ch))
+        ch = ' ';
+    if (!AppendOwedCommands())
+        return false;
+    switch (m_rds) {
+    case rdsPNCommand:
+        m_strPending += ch;
+        return true;
+    case rdsPNTextBefore:
+        m_pnInfo.AppendCharBefore(ch);
+        return true;
+    case rdsPNTextAfter:
+        m_pnInfo.AppendCharAfter(ch);
+        return true;
+    default:
+        if (m_pRedirect) {
+            *m_pRedirect += ch;
+            return true;
+        }
+        return Put(ch);
+    }
+}
+
+bool CRTFImport::Append(const CString& s)
+{
+    if (s.IsEmpty())
+        return true;
+    if (!AppendOwedCommands())
+        return false;
+    switch (m_rds) {
+    case rdsPNCommand:
+        m_strPending += s;
+        return true;
+    case rdsPNTextBefore:
+        m_pnInfo.AppendTextBefore(s);
+        return true;
+    case rdsPNTextAfter:
+        m_pnInfo.AppendTextAfter(s);
+        return true;
+    default:
+        return Emit(s);
+    }
+}
+
+// ============================================================================
+// Characters
+// ============================================================================
+
+bool CRTFImport::ParseChar(char ch)
+{
+    switch (m_rds) {
+    case rdsNorm:
+    case rdsField:
+    case rdsHyperlink:
+    case rdsPNCommand:
+    case rdsPNTextBefore:
+    case rdsPNTextAfter:
+        if (m_bSkipNextChar) {
+            m_bSkipNextChar = false;
+            return true;
+        }
+        if (m_pfnFilter)
+            m_pfnFilter(ch);
+        if (!Append(ch)) {
+            Backtrack(1);
+            return false;
+        }
+        return true;
+    case rdsFieldInst:
+        m_strFieldInst += ch;
+        return true;
+    case rdsFontTable:
+        FillFontName(ch);
+        return true;
+    case rdsColorTable:
+        if (ch == ';') {
+            AddAutomaticColorEntry();
+            ++m_nColorEntries;
+        }
+        return true;
+    case rdsStyleSheet:
+    case rdsRevTable:
+    case rdsInfo:
+    case rdsPNText:
+        m_bSkipNextChar = false;
+        return true;
+    case rdsPicture:
+    case rdsObject:
+        return ParseAttachmentData(ch);
+    default:
+        return true;
+    }
+}
+
+bool CRTFImport::InsertSpecialChar(const void* lpv, int)
+{
+    VQASSERT(NULL != lpv);
+    if (!lpv)
+        return true;
+    char ch;
+    if (KeywordIs(lpv, "lquote"))
+        ch = '\x91';
+    else if (KeywordIs(lpv, "rquote"))
+        ch = '\x92';
+    else
+        return true;
+    if (m_pfnFilter)
+        m_pfnFilter(ch);
+    return Append(ch);
+}
+
+bool CRTFImport::ProcessSpecialChar(const void* pKeyword, int param)
+{
+    if (m_bSkipNextChar) {
+        m_bSkipNextChar = false;
+        return true;
+    }
+    return CBaseRTFParser::ProcessSpecialChar(pKeyword, param);
+}
+
+bool CRTFImport::ProcessSpecial(const void*, int) { return true; }
+bool CRTFImport::SkipCharacters(const void*, int) { return true; }
+
+// ============================================================================
+// Character formatting
+// ============================================================================
+
+bool CRTFImport::ApplyCharCommand(const void* pKeyword, int param)
+{
+    for (const CharStyleKeyword& k : kCharStyleKeywords) {
+        if (KeywordIs(pKeyword, k.szKeyword)) {
+            (m_fontCmd.*k.pfnSetter)(IsStyleOn(param));
+            m_bFontChanged = true;
+            return true;
+        }
+    }
+    if (KeywordIs(pKeyword, "cchs")) {
+        m_fontCmd.SetCharset(param == noParam ? 1 : param);
+        m_bFontChanged = true;
+    }
+    return true;
+}
+
+bool CRTFImport::ApplyPlainCommand(const void*, int)
+{
+    m_fontCmd.SetDefault(fcmAll);
+    if (m_nDefaultFont >= 0) {
+        const int i = FindFontEntry(m_nDefaultFont);
+        if (i >= 0) {
+            m_fontCmd.SetFaceName(m_FontTable[i].FontName);
+            m_fontCmd.SetCharset(m_FontTable[i].FontCharset);
+        }
+    }
+    m_bFontChanged = true;
+    return true;
+}
+
+bool CRTFImport::ApplyFontSize(const void*, int param)
+{
+    if (m_rds == rdsPNText)
+        return true;
+    const int halfPoints = param == noParam ? 24 : param;
+    m_fontCmd.SetPoints(halfPoints / 2, 0);
+    m_bFontChanged = true;
+    return true;
+}
+
+bool CRTFImport::ApplyColorCommand(const void*, int param)
+{
+    const int idxColor = param == noParam ? 0 : param;
+    if (!(idxColor < m_nColorEntries)) {
+        VQASSERT(idxColor < m_nColorEntries);
+        return true;
+    }
+    // A negative index raises the framework's invalid-argument exception.
+    const RTFCOLOR& color = m_ColorTable[idxColor];
+    if (color.bAutomatic) {
+        if (!m_fontCmd.IsDefaultColor()) {
+            m_fontCmd.SetDefault(fcmColor);
+            m_bFontChanged = true;
+        }
+        return true;
+    }
+    const int index = FindNearestColor(color.red, color.green, color.blue);
+    if (index >= 0) {
+        m_fontCmd.SetColor(static_cast<char>('A' + index), 0);
+        m_bFontChanged = true;
+    }
+    return true;
+}
+
+bool CRTFImport::ApplyBKColorCommand(const void*, int param)
+{
+    const int idxColor = param == noParam ? 0 : param;
+    if (!(idxColor < m_nColorEntries)) {
+        VQASSERT(idxColor < m_nColorEntries);
+        return true;
+    }
+    const RTFCOLOR& color = m_ColorTable[idxColor];
+    if (color.bAutomatic) {
+        if (m_fontCmd.GetBackColor() != 0) {
+            m_fontCmd.SetDefault(fcmBackColor);
+            m_bFontChanged = true;
+        }
+        return true;
+    }
+    const int index = FindNearestColor(color.red, color.green, color.blue);
+    if (index >= 0) {
+        m_fontCmd.SetBackColor(static_cast<char>('a' + index), 0);
+        m_bFontChanged = true;
+    }
+    return true;
+}
+
+// ============================================================================
+// Font and colour tables
+// ============================================================================
+
+int CRTFImport::FindFontEntry(int fontNum) const
+{
+    for (int i = m_nLastFont; i >= 0; --i) {
+        if (m_FontTable[i].FontNum == fontNum)
+            return i;
+    }
+    return -1;
+}
+
+bool CRTFImport::GetFontNum(const void*, int param)
+{
+    if (m_rds == rdsFontTable) {
+        ++m_nLastFont;
+        m_FontTable.SetSize(m_nLastFont + 1, 10);
+        FontTableStruct& entry = m_FontTable[m_nLastFont];
+        entry.FontNum = param;
+        entry.FontCharset = 1;
+        entry.FontFamily = 0;
+        return true;
+    }
+    if (m_rds == rdsPNText)
+        return true;
+
+    const int FontNumber = param;
+    const int i = FindFontEntry(FontNumber);
+    if (i < 0) {
+        VQTRACE("GetFontNum: wrong font number!(rds=%d)\n", static_cast<int>(m_rds));
+        return true;
+    }
+    VQASSERT(m_FontTable[i].FontNum == FontNumber);
+    m_fontCmd.SetFaceName(m_FontTable[i].FontName);
+    m_fontCmd.SetCharset(m_FontTable[i].FontCharset);
+    m_bFontChanged = true;
+    return true;
+}
+
+bool CRTFImport::FillFontFamily(const void* pKeyword, int)
+{
+    int family = 0;
+    for (const FontFamilyKeyword& k : kFontFamilyKeywords) {
+        if (KeywordIs(pKeyword, k.szKeyword)) {
+            family = k.family;
+            break;
+        }
+    }
+    // Before the first \f of the table this is index -1, which raises.
+    m_FontTable[m_nLastFont].FontFamily = family;
+    return true;
+}
+
+bool CRTFImport::FillFontCharset(const void*, int param)
+{
+    VQASSERT(m_rds == rdsFontTable);
+    m_FontTable[m_nLastFont].FontCharset = param;
+    return true;
+}
+
+void CRTFImport::FillFontName(char ch)
+{
+    if (ch == ';')
+        return;
+    m_FontTable[m_nLastFont].FontName += ch;
+}
+
+bool CRTFImport::GetDefaultFontNum(const void*, int param)
+{
+    m_nDefaultFont = param;
+    return true;
+}
+
+bool CRTFImport::InitColorTable(const void* pKeyword, int param)
+{
+    CBaseRTFParser::InitColorTable(pKeyword, param);
+    // A second table restarts the count but appends: its colours overwrite
+    // the first table's entries from index 0 while its semicolons add new
+    // entries at the end.
+    AddAutomaticColorEntry();
+    m_nColorEntries = 1;
+    return true;
+}
+
+void CRTFImport::AddAutomaticColorEntry()
+{
+    RTFCOLOR automatic;
+    m_ColorTable.Add(automatic);
+}
+
+bool CRTFImport::FillColorTable(const void* pKeyword, int param)
+{
+    RTFCOLOR& color = m_ColorTable[m_nColorEntries - 1];
+    const BYTE value = static_cast<BYTE>(param & 0xFF);
+    if (KeywordIs(pKeyword, "red"))
+        color.red = value;
+    else if (KeywordIs(pKeyword, "green"))
+        color.green = value;
+    else
+        color.blue = value;
+    color.bAutomatic = 0;
+    return true;
+}
+
+// ============================================================================
+// Paragraph formatting, paragraph marks, line breaks and tabs
+// ============================================================================
+
+bool CRTFImport::ApplyParCommand(const void* pKeyword, int param)
+{
+    CBaseRTFParser::ApplyParCommand(pKeyword, param);
+
+    if (KeywordIs(pKeyword, "pard")) {
+        m_layoutCmd = CLayoutCmd::DefaultCmd;
+        m_chTabLeader = ' ';
+        // No m_bFontChanged: the removed background reaches the output only
+        // with the next font change.
+        m_fontCmd.SetDefault(fcmBackColor);
+    } else if (KeywordIs(pKeyword, "ql")) {
+        m_layoutCmd.Left();
+    } else if (KeywordIs(pKeyword, "qc")) {
+        m_layoutCmd.Center();
+    } else if (KeywordIs(pKeyword, "qr")) {
+        m_layoutCmd.Right();
+    } else if (KeywordIs(pKeyword, "li")) {
+        m_layoutCmd.SetLeftMargin(TwipsToInches(param));
+    } else if (KeywordIs(pKeyword, "fi")) {
+        m_layoutCmd.SetFirstLineIndent(TwipsToInches(param));
+    } else if (KeywordIs(pKeyword, "ri")) {
+        m_layoutCmd.SetRightMargin(TwipsToInches(param));
+    } else if (m_rds != rdsPNCommand) {
+        for (const TabLeaderKeyword& k : kTabLeaderKeywords) {
+            if (KeywordIs(pKeyword, k.szKeyword)) {
+                m_chTabLeader = k.chLeader;
+                return true;
+            }
+        }
+        if (KeywordIs(pKeyword, "tx")) {
+            InsertTabStop(param);
+        } else if (KeywordIs(pKeyword, "tb")) {
+            // A bar tab clears the paragraph's tab stops instead of adding one.
+            m_layoutCmd.SetTabs(CTabArray());
+            m_chTabLeader = ' ';
+        }
+    }
+    return true;
+}
+
+void CRTFImport::InsertTabStop(int param)
+{
+    CTabArray tabs;
+    m_layoutCmd.GetTabs(tabs);
+
+    TabDescription tab;
+    tab.m_position = TwipsToInches(param);
+    tab.m_leader = m_chTabLeader;
+    m_chTabLeader = ' ';
+
+    INT_PTR i = 0;
+    while (i < tabs.GetSize() && tabs[i].m_position < tab.m_position)
+        ++i;
+    if (i < tabs.GetSize() && tabs[i].m_position == tab.m_position)
+        return;  // a duplicate stop is dropped, its leader too
+    tabs.InsertAt(i, tab);
+    m_layoutCmd.SetTabs(tabs);
+}
+
+bool CRTFImport::ApplyCRCommand(const void* pKeyword, int param)
+{
+    const bool bOk = Append('\r');
+    if (!bOk) {
+        // Fires at every full buffer at a paragraph end; the core re-reads
+        // \par in the next call.
+        VQASSERT(bOk);
+        return false;
+    }
+    const bool bResult = CBaseRTFParser::ApplyCRCommand(pKeyword, param);
+    m_strPending.Empty();
+    return bResult;
+}
+
+bool CRTFImport::ApplyNLCommand(const void*, int) { return Append('\n'); }
+bool CRTFImport::ApplyTabCommand(const void*, int) { return Append('\t'); }
+
+// ============================================================================
+// Fields and hyperlinks
+// ============================================================================
+
+bool CRTFImport::FieldInit(const void* pKeyword, int param)
+{
+    if (m_rds != rdsSkip) {
+        m_strFieldInst.Empty();
+        m_strFieldResult.Empty();
+        m_fontAtField = m_lastFontCmd;
+    }
+    return CBaseRTFParser::FieldInit(pKeyword, param);
+}
+
+bool CRTFImport::FieldResult(const void*, int)
+{
+    if (m_rds == rdsSkip)
+        return true;
+    if (m_strFieldInst.Left(cchHyperlink) != szHyperlink) {
+        m_rds = rdsNorm;  // the result of any other field is ordinary text
+        return true;
+    }
+    m_rds = rdsHyperlink;
+    m_pRedirect = &m_strFieldResult;
+    return true;
+}
+
+bool CRTFImport::EndGroupAction(RDS rdsOld, RDS rdsNew)
+{
+    CBaseRTFParser::EndGroupAction(rdsOld, rdsNew);
+    if (rdsOld == rdsField && rdsNew != rdsField)
+        EndField();
+    if ((rdsOld == rdsPicture || rdsOld == rdsObject) && m_attachmentInfo.pStm && m_pBuffer)
+        EndAttachment(rdsOld);
+    return true;
+}
+
+void CRTFImport::EndField()
+{
+    m_pRedirect = nullptr;
+    if (m_strFieldInst.IsEmpty() || m_strFieldInst.Left(cchHyperlinkPrefix) != szHyperlinkPrefix) {
+        // Empty for ordinary fields; for an instruction such as "HYPERLINKx"
+        // the collected display text goes out as it is.
+        Put(m_strFieldResult);
+        return;
+    }
+
+    StripMarkup(m_strFieldInst);
+    CString target = m_strFieldInst.Mid(cchHyperlinkPrefix);
+    const int len = target.GetLength();
+    if (!(len > 0)) {
+        VQASSERT(len > 0);
+        return;
+    }
+
+    // The font commands produced while the display text was collected never
+    // reached the output: what was last sent is the font of the field's start.
+    CRTFImportSave* pSave = GetSave();
+    if (!pSave)
+        VQASSERT(pSave);
+    else
+        m_fontCmd = pSave->m_fontCmd;
+    m_lastFontCmd = m_fontAtField;
+    m_bFontChanged = true;
+
+    if (target[0] == '"' && target[len - 1] == '"')
+        target = len >= 2 ? target.Mid(1, len - 2) : CString();
+    StripMarkup(target);
+
+    // Eleven characters against the ten-letter word: only a target that is
+    // exactly "javascript" (in any case) is refused here.
+    if (target.Left(11).CompareNoCase("javascript") == 0)
+        return;
+    if (target.Find('.') < 0)
+        return;
+
+    CCommentCmd cmd(ot_Hyperlink);
+    cmd.SetData(m_strFieldResult, 0);
+    cmd.SetData(target, 1);
+    Append(cmd.GetCmd());
+}
+
+void CRTFImport::StripMarkup(CString& s)
+{
+    const int len = s.GetLength();
+    if (len == 0)
+        return;
+    const char* p = s.GetString();
+    const bool bTrailing17 = p[len - 1] == '\x17';
+    CString out;
+    out.Preallocate(len);
+    for (int i = 0; i < len; ++i) {
+        const unsigned char b = static_cast<unsigned char>(p[i]);
+        if (b == 0x01) {
+            while (i + 1 < len && p[i + 1] != '\x02')
+                ++i;
+            ++i;  // the closing 0x02, or past the end
+        } else if (b < 0x20 && b != 0x09) {
+            out += ' ';
+        } else {
+            out += static_cast<char>(b);
+        }
+    }
+    if (bTrailing17 && !out.IsEmpty())
+        out.Delete(out.GetLength() - 1);
+    s = out;
+}
+
+// ============================================================================
+// Tables
+// ============================================================================
+
+bool CRTFImport::PutCommentCmd(int type, const char* pszData)
+{
+    CCommentCmd cmd(static_cast<OTHERCMD_TYPE>(type));
+    cmd.SetData(pszData, 0);
+    return Append(cmd.GetCmd());
+}
+
+bool CRTFImport::ApplyStartRowCommand(const void*, int)
+{
+    return m_bPasteWithTableTags ? PutCommentCmd(ot_Table, "StartRow") : true;
+}
+
+bool CRTFImport::ApplyEndRowCommand(const void* pKeyword, int param)
+{
+    return m_bPasteWithTableTags ? PutCommentCmd(ot_Table, "EndRow") : ApplyCRCommand(pKeyword, param);
+}
+
+bool CRTFImport::ApplyLastRowCommand(const void*, int)
+{
+    return m_bPasteWithTableTags ? PutCommentCmd(ot_Table, "LastRow") : true;
+}
+
+bool CRTFImport::ApplyEndCellCommand(const void* pKeyword, int param)
+{
+    return m_bPasteWithTableTags ? PutCommentCmd(ot_Table, "EndCell") : ApplyTabCommand(pKeyword, param);
+}
+
+// ============================================================================
+// Pictures, objects and attachments
+// ============================================================================
+
+bool CRTFImport::InitAttachment(const void* pKeyword, int)
+{
+    m_attachmentInfo.aType = AttachmentInfo::AT_NONE;
+    m_attachmentInfo.nReserved1 = -1;
+    m_attachmentInfo.nReserved2 = -1;
+    m_attachmentInfo.csExtra.Empty();
+    ReleaseAttachmentStream();
+    m_attachmentInfo.dwDataSize = 0;
+
+    if (KeywordIs(pKeyword, "objattph"))
+        return AttachmentHandler();
+
+    if (KeywordIs(pKeyword, "object")) {
+        m_rds = rdsObject;
+        m_attachmentInfo.aType = AttachmentInfo::AT_OLE_EMBEDDED;
+        m_bObjectInserted = FALSE;
+    } else {
+        m_rds = rdsPicture;
+    }
+
+    const HRESULT hr = CreateStreamOnHGlobal(nullptr, TRUE, &m_attachmentInfo.pStm);
+    if (FAILED(hr))
+        AfxThrowOleException(hr);
+    VQASSERT(NULL != m_attachmentInfo.pStm);
+
+    if (!m_pBuffer) {
+        m_pBuffer = new (std::nothrow) BYTE[nDataBufSize]();
+        VQASSERT(m_pBuffer != NULL);
+    }
+    m_nBufferPos = 0;
+    return true;
+}
+
+bool CRTFImport::AttachmentHandler()
+{
+    if (!m_pfnAttachmentFilter)
+        return true;
+    m_attachmentInfo.aType = AttachmentInfo::AT_PLACEHOLDER;
+    CString text;
+    if (!m_pfnAttachmentFilter(m_attachmentInfo, text, m_pFilterParam1, m_pFilterParam2))
+        return true;
+    // The placeholder character that follows \objattph is dropped.
+    m_bSkipNextChar = true;
+    return Put(text);
+}
+
+bool CRTFImport::SetPictureType(const void* pKeyword, int)
+{
+    VQASSERT(m_rds == rdsPicture || m_rds == rdsObject);
+    for (const AttachmentTypeKeyword& k : kAttachmentTypeKeywords) {
+        if (KeywordIs(pKeyword, k.szKeyword)) {
+            if (m_rds == k.rds)
+                m_attachmentInfo.aType = k.aType;
+            break;
+        }
+    }
+    return true;
+}
+
+bool CRTFImport::ObjectData(const void*, int)
+{
+    VQASSERT(m_rds == rdsObject);
+    return true;
+}
+
+bool CRTFImport::ObjectResult(const void*, int)
+{
+    VQASSERT(m_rds == rdsObject);
+    // An inserted object's presentation is skipped; a rejected object's stays
+    // in rdsObject, so that a picture in it is offered to the filter instead.
+    if (m_bObjectInserted)
+        m_rds = rdsSkip;
+    return true;
+}
+
+bool CRTFImport::ParseAttachmentData(char ch)
+{
+    VQASSERT(m_attachmentInfo.pStm != NULL);
+    VQASSERT(m_pBuffer != NULL);
+    if (!m_attachmentInfo.pStm || !m_pBuffer)
+        return true;
+
+    const int value = ParseHexParam(ch);
+    if (value == noParam) {
+        VQASSERT(0);
+        DropUndecodableHexByte();
+        return true;
+    }
+    // \bin data may have filled the buffer to its last byte and left it so.
+    if (m_nBufferPos >= nDataBufSize) {
+        WriteAttachmentBuffer(m_nBufferPos);
+        m_nBufferPos = 0;
+    }
+    m_pBuffer[m_nBufferPos++] = static_cast<BYTE>(value);
+    if (m_nBufferPos == nDataBufSize) {
+        WriteAttachmentBuffer(m_nBufferPos);
+        m_nBufferPos = 0;
+    }
+    return true;
+}
+
+// The hex decoder un-reads a pair it cannot decode, down to its first byte:
+// a non-hex byte (a space, a line break inside a pair) or a lone digit before
+// the closing brace would come back here on every attempt and the conversion
+// would never advance. Stepping over that first byte drops it; whatever
+// followed is read again and handled as usual.
+void CRTFImport::DropUndecodableHexByte()
+{
+    char chDropped = 0;
+    Get(chDropped);
+}
+
+void CRTFImport::WriteAttachmentBuffer(int cb)
+{
+    ULONG cbWritten = 0;
+    const HRESULT hr = m_attachmentInfo.pStm->Write(m_pBuffer, static_cast<ULONG>(cb), &cbWritten);
+    if (FAILED(hr))
+        AfxThrowOleException(hr);
+    m_attachmentInfo.dwDataSize += cbWritten;
+}
+
+bool CRTFImport::GetBinary(const void*, int param)
+{
+    int n = param;
+    if ((m_rds == rdsPicture || m_rds == rdsObject) && m_attachmentInfo.pStm && m_pBuffer) {
+        while (n > 0) {
+            if (m_nBufferPos >= nDataBufSize) {
+                WriteAttachmentBuffer(m_nBufferPos);
+                m_nBufferPos = 0;
+            }
+            const int cbFree = nDataBufSize - m_nBufferPos;
+            const int chunk = n < cbFree ? n : cbFree;
+            // A source fails only at the end of its input. Refusing the
+            // keyword would have it read again in every later call, ending
+            // the same way each time; the conversion ends here instead.
+            if (Get(chunk, m_pBuffer + m_nBufferPos) < 0)
+                return true;
+            m_nBufferPos += chunk;
+            n -= chunk;
+        }
+        return true;
+    }
+    // As above: a count past the end of input ends the conversion.
+    Get(n, nullptr);
+    return true;
+}
+
+void CRTFImport::EndAttachment(RDS rdsOld)
+{
+    if (m_nBufferPos > 0)
+        WriteAttachmentBuffer(m_nBufferPos);
+
+    ULARGE_INTEGER size;
+    size.QuadPart = m_attachmentInfo.dwDataSize;
+    const HRESULT hr = m_attachmentInfo.pStm->SetSize(size);
+    if (FAILED(hr))
+        AfxThrowOleException(hr);
+
+    if (m_pfnAttachmentFilter) {
+        CString text;
+        if (m_pfnAttachmentFilter(m_attachmentInfo, text, m_pFilterParam1, m_pFilterParam2)) {
+            // Straight to the sink: no owed command precedes it and no
+            // redirection applies. Text that does not fit is lost.
+            if (Put(text) && rdsOld == rdsObject)
+                m_bObjectInserted = TRUE;
+        }
+    }
+    ReleaseAttachmentStream();
+}
+
+// ============================================================================
+// Numbering
+// ============================================================================
+
+bool CRTFImport::InitPNCommand(const void* pKeyword, int param)
+{
+    // The numbering group that comes last before the paragraph's text
+    // decides: a \pn group discards the literal text of a \pntext before it.
+    if (m_rds != rdsHyperlink)
+        m_strPending.Empty();
+    return CBaseRTFParser::InitPNCommand(pKeyword, param);
+}
+
+namespace {
+
+// The numbering command's type for the current numbering; -1 leaves the
+// command's type as it is.
+int NumberCmdType(const CNumberingState& ns)
+{
+    const CString textBefore = ns.GetCurrentInfo().GetTextBefore();
+    const CString textAfter = ns.GetCurrentInfo().GetTextAfter();
+    switch (ns.GetCurrentInfo().GetNumberingType()) {
+    case pntDecimal:
+        if (textBefore == "(") {
+            VQASSERT(_T(")") == ns.GetCurrentInfo().GetTextAfter());
+            return nt_DecimalBoth;
+        }
+        if (textAfter == ")")
+            return nt_DecimalParen;
+        VQASSERT(_T(".") == ns.GetCurrentInfo().GetTextAfter());
+        return nt_Decimal;
+    case pntLowerLetter:
+        if (textBefore == "(") {
+            VQASSERT(_T(")") == ns.GetCurrentInfo().GetTextAfter());
+            return nt_LowerLetterBoth;
+        }
+        return nt_LowerLetterParen;
+    case pntUpperLetter:
+        return nt_UpperLetter;
+    case pntUpperRoman:
+        return nt_UpperRoman;
+    case pntLowerRoman:
+        return nt_LowerRoman;
+    case pntBullet:
+        return nt_Bullet1;
+    default:
+        VQASSERT(FALSE);
+        return -1;
+    }
+}
+
+} // namespace
+
+// Free so that both numbering operations share it; `ns` names the state in
+// the assertion texts.
+static bool BuildNumberCmd(const CNumberingState& ns, CNumberCmd& cmd)
+{
+    const bool bRes = ns.GetCurrentInfo().GetNumberingOn();
+    if (!bRes) {
+        VQASSERT(bRes);
+        return false;
+    }
+    const int code = NumberCmdType(ns);
+    if (code >= 0)
+        cmd.SetNumType(code);
+
+    const int type = cmd.GetNumType();
+    if (type >= 1 && type <= 15)
+        cmd.SetNumber(ns.m_number, ns.GetCurrentInfo().GetLevel());
+    else if (type > 16)
+        cmd.SetNumber(0, 0);
+    return true;
+}
+
+bool CRTFImport::FillNumberCmd(CNumberCmd& cmd)
+{
+    const bool bRes = m_numbering.GetCurrentInfo().GetNumberingOn();
+    if (!bRes) {
+        VQASSERT(bRes);
+        return false;
+    }
+    return BuildNumberCmd(m_numbering, cmd);
+}
+
+bool CRTFImport::AppendNumberingCommand()
+{
+    CNumberCmd cmd;
+    bool bOk = false;
+    const bool bRes = m_numbering.GetCurrentInfo().GetNumberingOn();
+    if (!bRes)
+        VQASSERT(bRes);
+    else
+        bOk = BuildNumberCmd(m_numbering, cmd);
+    if (!bOk) {
+        VQASSERT(bOk);
+        return false;
+    }
+    if (m_pRedirect) {
+        // Through the command's text conversion, which reports an invalid
+        // command.
+        *m_pRedirect += static_cast<const char*>(cmd);
+        return true;
+    }
+    return Put(cmd.GetCmd());
+}
+
+// ============================================================================
+// CRTFImportToPtr: the caller's buffer
+// ============================================================================
+
+int CRTFImportToPtr::Read(char* b, char* e, bool& bMore)
+{
+    VQASSERT(NULL != b && NULL != e);
+    if (!b || !e || e < b)
+        e = b = nullptr;  // nothing can be written: every put is refused
+    m_pBegin = m_pCur = b;
+    m_pEnd = e;
+    return CRTFImport::Read(bMore);
+}
+
+bool CRTFImportToPtr::Put(char ch)
+{
+    if (m_pCur == m_pEnd)
+        return false;
+    *m_pCur++ = ch;
+    return true;
+}
+
+// A string needs one byte more room than its length, for the copy's NUL,
+// which the next put overwrites; a character may fill the last byte.
+bool CRTFImportToPtr::Put(const CString& s)
+{
+    const std::size_t len = static_cast<std::size_t>(s.GetLength());
+    if (len >= static_cast<std::size_t>(m_pEnd - m_pCur))
+        return false;
+    std::memcpy(m_pCur, s.GetString(), len + 1);
+    m_pCur += len;
+    return true;
+}
+
+int CRTFImportToPtr::GetCBWritten() const
+{
+    return static_cast<int>(m_pCur - m_pBegin);
+}
+
+// ============================================================================
+// CRTFPtrImport: a NUL-terminated text
+// ============================================================================
+
+CRTFPtrImport::CRTFPtrImport(const char* text)
+    : m_pStart(text ? text : ""), m_cchText(std::strlen(m_pStart))
+{
+}
+
+// The NUL ends the input. A read there, or after it, fails with a NUL in ch
+// and still moves the position on, as reading the terminator would; so the
+// tokenizer's counted rewinds come out right, while nothing past the
+// terminator is touched.
+long CRTFPtrImport::Get(char& ch)
+{
+    if (m_ichCur >= m_cchText) {
+        ++m_ichCur;
+        ch = '\0';
+        return E_UNEXPECTED;
+    }
+    ch = m_pStart[m_ichCur++];
+    return S_OK;
+}
+
+// A block that reaches past the terminator (or a negative count) fails as the
+// stream source does: what is there is copied and the input ends.
+long CRTFPtrImport::Get(int n, unsigned char* pDest)
+{
+    const std::size_t cchLeft = m_ichCur < m_cchText ? m_cchText - m_ichCur : 0;
+    if (n < 0 || static_cast<std::size_t>(n) > cchLeft) {
+        if (pDest && cchLeft)
+            std::memcpy(pDest, m_pStart + m_ichCur, cchLeft);
+        if (m_ichCur < m_cchText)
+            m_ichCur = m_cchText;
+        return E_UNEXPECTED;
+    }
+    if (pDest && n)
+        std::memcpy(pDest, m_pStart + m_ichCur, static_cast<std::size_t>(n));
+    m_ichCur += static_cast<std::size_t>(n);
+    return S_OK;
+}
+
+void CRTFPtrImport::MarkBacktrack(int n)
+{
+    const std::size_t back = n < 0 ? 0 : static_cast<std::size_t>(n);
+    m_ichMark = back < m_ichCur ? m_ichCur - back : 0;
+}
+
+void CRTFPtrImport::Backtrack(int n)
+{
+    if (n == -1) {
+        m_ichCur = m_ichMark;
+        return;
+    }
+    const std::size_t back = n < 0 ? 0 : static_cast<std::size_t>(n);
+    m_ichCur = back < m_ichCur ? m_ichCur - back : 0;
+}
+
+// ============================================================================
+// CRTFStreamImport: an IStream through a read buffer with history
+// ============================================================================
+
+CRTFStreamImport::CRTFStreamImport(IStream* pStream) : m_pStream(pStream)
+{
+    m_pBase = m_strBuffer.GetBufferSetLength(nReadBufferSize);
+    VQASSERT(NULL != m_pBase);
+    m_pCur = m_pMark = m_pEnd = m_pBase;
+}
+
+long CRTFStreamImport::Get(char& ch)
+{
+    if (m_pCur >= m_pEnd) {
+        const long hr = ReadNewBuffer();
+        if (hr < 0)
+            return hr;
+    }
+    ch = *m_pCur++;
+    return S_OK;
+}
+
+long CRTFStreamImport::ReadNewBuffer()
+{
+    if (m_bEof)
+        return E_UNEXPECTED;
+    return RefillBuffer();
+}
+
+long CRTFStreamImport::RefillBuffer()
+{
+    char* pKeep = m_pCur - nHistorySize > m_pBase ? m_pCur - nHistorySize : m_pBase;
+    const std::ptrdiff_t shift = pKeep - m_pBase;
+    if (shift > 0)
+        std::memmove(m_pBase, pKeep, nHistorySize);
+    m_pCur -= shift;
+    // A mark within the kept history moves with it; an older one is lost and
+    // a rewind then goes to the refill point.
+    if (m_pMark > pKeep)
+        m_pMark -= shift;
+    else
+        m_pMark = m_pCur;
+
+    ULONG cbRead = 0;
+    if (m_pStream)
+        m_pStream->Read(m_pCur, nBlockSize, &cbRead);  // only the count matters
+    if (cbRead > static_cast<ULONG>(nBlockSize))
+        cbRead = nBlockSize;
+    if (cbRead < static_cast<ULONG>(nBlockSize))
+        m_bEof = true;
+    m_pEnd = m_pCur + cbRead;
+    if (cbRead == 0)
+        return E_UNEXPECTED;
+    return S_OK;
+}
+
+// Bytes that lie wholly in the read buffer are skipped, not copied; only the
+// bytes that cross a refill reach pDest. That is how this source delivers
+// \bin data.
+long CRTFStreamImport::Get(int n, unsigned char* pDest)
+{
+    if (n < 0) {
+        // A negative count would move the read position backwards, out of
+        // the buffer: the input ends here instead.
+        m_pCur = m_pEnd;
+        m_bEof = true;
+        return E_UNEXPECTED;
+    }
+    std::size_t cbLeft = static_cast<std::size_t>(n);
+    while (cbLeft > static_cast<std::size_t>(m_pEnd - m_pCur)) {
+        const std::size_t cbAvail = static_cast<std::size_t>(m_pEnd - m_pCur);
+        if (pDest && cbAvail) {
+            std::memcpy(pDest, m_pCur, cbAvail);
+            pDest += cbAvail;
+        }
+        cbLeft -= cbAvail;
+        m_pCur = m_pEnd;
+        if (m_bEof)
+            return E_UNEXPECTED;
+        if (RefillBuffer() < 0)
+            return E_UNEXPECTED;
+    }
+    m_pCur += cbLeft;
+    return S_OK;
+}
+
+void CRTFStreamImport::MarkBacktrack(int n)
+{
+    m_pMark = n > m_pCur - m_pBase ? m_pBase : m_pCur - n;
+}
+
+// Clamped to the buffer: after reads that failed at the end of the stream the
+// tokenizer may rewind by more bytes than it actually took.
+void CRTFStreamImport::Backtrack(int n)
+{
+    if (n == -1)
+        m_pCur = m_pMark;
+    else
+        m_pCur = n > m_pCur - m_pBase ? m_pBase : m_pCur - n;
+}
+
+} // namespace rtf_converter

@@ -1,0 +1,280 @@
+// RTF to old-format text, pulled by the host in buffers of its own size.
+//
+//     CRTFPtrImport reader(rtfText);            // or CRTFStreamImport(pStream)
+//     reader.SetFilter(MyCharFilter);           // optional
+//     reader.SetAttachmentFilter(MyAttachmentFilter, pUser1, pUser2);
+//     reader.SetPasteWithTableTags(true);
+//     bool bMore = true;
+//     while (bMore) {
+//         int n = reader.Read(buf, buf + sizeof buf, bMore);
+//         consume(buf, n);                      // not NUL-terminated
+//     }
+//
+// Formatting reaches the text as markup commands in front of the text they
+// govern: a layout command at the first output of a paragraph whose layout
+// differs from the last one sent, a numbering command for numbered
+// paragraphs, a font command in front of the first output after a change of
+// character formatting. Every buffer after the first begins with the complete
+// current layout and font commands, so that each can be read on its own.
+//
+// Sink (CRTFImportToPtr):
+//   Put(char)             false, writing nothing, when the buffer is full; a
+//                         character may fill the last byte.
+//   Put(const CString&)   all or nothing, and only with room for the text and
+//                         one NUL (which the next put overwrites). A command
+//                         of n bytes is therefore refused with n bytes left.
+// Sources:
+//   CRTFPtrImport         a NUL-terminated text; the NUL ends the input.
+//   CRTFStreamImport      an IStream read in 10240-byte blocks; 30 bytes of
+//                         history survive each refill so that a control word
+//                         split by a refill can be read again.
+//   Get(n, p)             the block read of \binN: copies n bytes to p, or
+//                         skips them when p is null; negative at the end of
+//                         input. The stream source copies only the bytes that
+//                         crossed a refill and skips the rest.
+//
+// Framework exceptions leave Read: an invalid-argument exception for a colour
+// or font table entry at index -1 (a negative \cf, \red before \colortbl, a
+// font family before the first \f), an OLE exception when an attachment
+// stream fails.
+#pragma once
+
+#include <cstddef>
+
+#include "platform/AfxColl.h"
+#include "platform/AfxString.h"
+#include "platform/ObjBase.h"
+#include "platform/WinTypes.h"
+#include "rtfconverter/BaseRTFParser.h"
+#include "rtfconverter/DocCmd.h"
+
+namespace rtf_converter {
+
+class CRTFImport : public CBaseRTFParser {
+public:
+    typedef void (*PFNCHARFILTER)(char& ch);
+    // Receives the filled record and an empty string; returns true with the
+    // text to stand in the attachment's place, false to drop the attachment.
+    typedef bool (*PFNATTACHMENTFILTER)(AttachmentInfo& info, CString& text, void* p1, void* p2);
+
+    // Called for each plain text character before output; may change it.
+    void SetFilter(PFNCHARFILTER pfnFilter) { m_pfnFilter = pfnFilter; }
+    void SetAttachmentFilter(PFNATTACHMENTFILTER pfnFilter, void* p1, void* p2);
+    // Table rows and cells as table tag commands instead of paragraph marks
+    // and tabs. May be called before or between Read calls.
+    void SetPasteWithTableTags(bool bTags) { m_bPasteWithTableTags = bTags; }
+
+    // One font table entry.
+    struct FontTableStruct {
+        int FontNum = 0;      // N of \fN
+        CString FontName;     // collected character by character
+        int FontFamily = 0;   // recorded, not carried into font commands
+        int FontCharset = 1;  // \fcharsetN; DEFAULT_CHARSET until set
+    };
+    // One colour table entry. An automatic entry names no colour.
+    struct RTFCOLOR {
+        BYTE bAutomatic = 1;
+        BYTE red = 0;
+        BYTE green = 0;
+        BYTE blue = 0;
+    };
+
+    // Size of the staging buffer that attachment data passes through on its
+    // way into the attachment stream.
+    static constexpr int nDataBufSize = 16384;
+
+    CRTFImport(const CRTFImport&) = delete;
+    CRTFImport& operator=(const CRTFImport&) = delete;
+    // Releases the attachment stream still held and the staging buffer.
+    virtual ~CRTFImport();
+
+protected:
+    CRTFImport() = default;
+
+    // The per-group save record: the destination (base) plus the paragraph
+    // layout and character formatting in force when the group opened.
+    class CRTFImportSave : public CBaseRTFParserSave {
+    public:
+        CLayoutCmd m_layoutCmd;
+        CFontCmd m_fontCmd;
+    };
+
+    // --- the reader core's virtual operations
+    void Init() override;
+    bool PushRtfState() override;
+    bool PopRtfState() override;
+    bool InitBuffer() override;
+    bool ParseChar(char ch) override;
+    bool EndGroupAction(RDS rdsOld, RDS rdsNew) override;
+    bool FillFontFamily(const void* pKeyword, int param) override;
+    bool FillFontCharset(const void* pKeyword, int param) override;
+    bool GetFontNum(const void* pKeyword, int param) override;
+    bool ApplyFontSize(const void* pKeyword, int param) override;
+    bool AttachmentHandler() override;
+    bool InitColorTable(const void* pKeyword, int param) override;
+    bool FillColorTable(const void* pKeyword, int param) override;
+    bool ApplyColorCommand(const void* pKeyword, int param) override;
+    bool ApplyBKColorCommand(const void* pKeyword, int param) override;
+    bool InitPNCommand(const void* pKeyword, int param) override;
+    bool FieldInit(const void* pKeyword, int param) override;
+    bool FieldResult(const void* pKeyword, int param) override;
+    bool GetDefaultFontNum(const void* pKeyword, int param) override;
+    bool ProcessSpecial(const void* pKeyword, int param) override;
+    bool ProcessSpecialChar(const void* pKeyword, int param) override;
+    bool InsertSpecialChar(const void* lpv, int param) override;
+    bool GetBinary(const void* pKeyword, int param) override;
+    bool ApplyCharCommand(const void* pKeyword, int param) override;
+    bool ApplyTabCommand(const void* pKeyword, int param) override;
+    bool ApplyPlainCommand(const void* pKeyword, int param) override;
+    bool ApplyParCommand(const void* pKeyword, int param) override;
+    bool SkipCharacters(const void* pKeyword, int param) override;
+    bool ApplyCRCommand(const void* pKeyword, int param) override;
+    bool ApplyNLCommand(const void* pKeyword, int param) override;
+    bool ApplyStartRowCommand(const void* pKeyword, int param) override;
+    bool ApplyEndRowCommand(const void* pKeyword, int param) override;
+    bool ApplyLastRowCommand(const void* pKeyword, int param) override;
+    bool ApplyEndCellCommand(const void* pKeyword, int param) override;
+    bool InitAttachment(const void* pKeyword, int param) override;
+    bool SetPictureType(const void* pKeyword, int param) override;
+    bool ObjectData(const void* pKeyword, int param) override;
+    bool ObjectResult(const void* pKeyword, int param) override;
+    CBaseRTFParserSave* CreateSave() override;
+
+    // --- the sink and the block read, supplied by the derived classes
+    virtual bool Put(char ch) = 0;
+    virtual bool Put(const CString& s) = 0;
+    virtual long Get(int n, unsigned char* pDest) = 0;
+    virtual int GetCBWritten() const = 0;
+    using CBaseRTFParser::Get;
+
+    // The single path of text characters to the output, with the layout,
+    // numbering, held-back and font commands they are owed in front.
+    bool Append(char ch);
+    // The same for a markup command built by a handler.
+    bool Append(const CString& s);
+    bool AppendNumberingCommand();
+    bool FillNumberCmd(CNumberCmd& cmd);
+    void FillFontName(char ch);
+    CRTFImportSave* GetSave() { return static_cast<CRTFImportSave*>(m_pSave); }
+    int Read(bool& bMore);
+
+    // Removes markup commands from s and turns control bytes other than TAB
+    // into spaces; a trailing 0x17 is dropped.
+    static void StripMarkup(CString& s);
+
+    PFNCHARFILTER m_pfnFilter = nullptr;
+    PFNATTACHMENTFILTER m_pfnAttachmentFilter = nullptr;
+    void* m_pFilterParam1 = nullptr;
+    void* m_pFilterParam2 = nullptr;
+    CArray<FontTableStruct, const FontTableStruct&> m_FontTable;
+    int m_nLastFont = -1;      // entry being or last defined; -1: none
+    CArray<RTFCOLOR, RTFCOLOR&> m_ColorTable;
+    int m_nColorEntries = 0;   // entries of the current colour table
+    CString m_strFieldInst;
+    CString m_strFieldResult;  // display text of a hyperlink field
+    CFontCmd m_fontAtField;    // last font sent when the field began
+    CString* m_pRedirect = nullptr;  // when set, output is collected here
+    CLayoutCmd m_lastLayoutCmd;      // last layout command sent
+    CLayoutCmd m_layoutCmd;          // current paragraph layout
+    char m_chTabLeader = ' ';        // leader of the next \tx; space: none
+    CFontCmd m_lastFontCmd;          // last font command sent
+    CFontCmd m_fontCmd;              // current character formatting
+    bool m_bFontChanged = false;
+    CString m_strPending;            // held-back numbering text
+    int m_nDefaultFont = -1;         // \deffN; -1: none
+    AttachmentInfo m_attachmentInfo;
+    BYTE* m_pBuffer = nullptr;       // nDataBufSize bytes, on first use
+    int m_nBufferPos = 0;
+    BOOL m_bObjectInserted = FALSE;
+    bool m_bPasteWithTableTags = false;
+
+private:
+    // Steps shared by both Append operations: the paragraph-start commands,
+    // the held-back text and the font command.
+    bool AppendOwedCommands();
+    // Sends s to the redirect string or the sink.
+    bool Emit(const CString& s);
+    bool InNumberingDestination() const
+    {
+        return m_rds == rdsPNCommand || m_rds == rdsPNTextBefore || m_rds == rdsPNTextAfter;
+    }
+    bool PutCommentCmd(int type, const char* pszData);
+    bool ParseAttachmentData(char ch);
+    void DropUndecodableHexByte();
+    void WriteAttachmentBuffer(int cb);
+    void EndAttachment(RDS rdsOld);
+    void EndField();
+    void InsertTabStop(int param);
+    int FindFontEntry(int fontNum) const;
+    void AddAutomaticColorEntry();
+    void ReleaseAttachmentStream();
+};
+
+class CRTFImportToPtr : public CRTFImport {
+public:
+    // Converts into [b, e) and returns the number of bytes written; bMore
+    // true means: call again, with the buffer drained, for the rest.
+    int Read(char* b, char* e, bool& bMore);
+
+protected:
+    CRTFImportToPtr() = default;
+
+    bool Put(char ch) override;
+    bool Put(const CString& s) override;
+    int GetCBWritten() const override;
+
+    char* m_pBegin = nullptr;
+    char* m_pEnd = nullptr;
+    char* m_pCur = nullptr;
+};
+
+class CRTFPtrImport : public CRTFImportToPtr {
+public:
+    // The text is not copied: it must outlive the object.
+    explicit CRTFPtrImport(const char* text);
+
+protected:
+    long Get(char& ch) override;
+    long Get(int n, unsigned char* pDest) override;
+    void MarkBacktrack(int n) override;
+    void Backtrack(int n) override;
+
+    // Positions are offsets into the text. They may run past its end by the
+    // reads that failed there, so that the tokenizer's rewinds stay exact,
+    // but no byte beyond the terminating NUL is ever touched.
+    const char* m_pStart;
+    std::size_t m_cchText;
+    std::size_t m_ichCur = 0;
+    std::size_t m_ichMark = 0;
+};
+
+class CRTFStreamImport : public CRTFImportToPtr {
+public:
+    // Reads from the stream's current position. The stream is not owned: it
+    // is neither AddRef'd nor released.
+    explicit CRTFStreamImport(IStream* pStream);
+
+    static constexpr int nReadBufferSize = 10300;
+    static constexpr int nBlockSize = 10240;
+    static constexpr int nHistorySize = 30;
+
+protected:
+    long Get(char& ch) override;
+    long Get(int n, unsigned char* pDest) override;
+    void MarkBacktrack(int n) override;
+    void Backtrack(int n) override;
+
+    long ReadNewBuffer();
+    // Keeps the history before the read position and reads the next block.
+    long RefillBuffer();
+
+    IStream* m_pStream;
+    CString m_strBuffer;  // owns the read buffer's memory
+    char* m_pBase = nullptr;
+    char* m_pCur = nullptr;
+    char* m_pMark = nullptr;
+    char* m_pEnd = nullptr;
+    bool m_bEof = false;
+};
+
+} // namespace rtf_converter
