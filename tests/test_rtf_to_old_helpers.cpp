@@ -1,0 +1,107 @@
+#include "test_rtf_to_old_helpers.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+namespace rtfconv_test {
+
+using rtf_converter::CRTFImportToPtr;
+using rtf_converter::CRTFPtrImport;
+using rtf_converter::CRTFStreamImport;
+
+HRESULT CTestReadStream::Read(void* pv, ULONG cb, ULONG* pcbRead)
+{
+    ++cReads;
+    const std::size_t n = std::min<std::size_t>(cb, m_bytes.size() - m_pos);
+    std::memcpy(pv, m_bytes.data() + m_pos, n);
+    m_pos += n;
+    if (pcbRead)
+        *pcbRead = static_cast<ULONG>(n);
+    return n < cb ? S_FALSE : S_OK;
+}
+
+bool RecordingAttachmentFilter(AttachmentInfo& info, CString& text, void* pLog, void*)
+{
+    AttachmentLog& log = *static_cast<AttachmentLog*>(pLog);
+    SeenAttachment seen;
+    seen.aType = info.aType;
+    seen.dwDataSize = info.dwDataSize;
+    seen.bHasStream = info.pStm != nullptr;
+    if (info.pStm) {
+        STATSTG stat;
+        info.pStm->Stat(&stat, STATFLAG_NONAME);
+        seen.streamSize = stat.cbSize.QuadPart;
+        LARGE_INTEGER zero;
+        zero.QuadPart = 0;
+        ULARGE_INTEGER pos;
+        info.pStm->Seek(zero, STREAM_SEEK_CUR, &pos);
+        seen.position = pos.QuadPart;
+        HGLOBAL hGlobal = nullptr;
+        GetHGlobalFromStream(info.pStm, &hGlobal);
+        const char* p = static_cast<const char*>(GlobalLock(hGlobal));
+        seen.data.assign(p, static_cast<std::size_t>(seen.streamSize));
+        GlobalUnlock(hGlobal);
+    }
+    const std::size_t index = log.seen.size();
+    log.seen.push_back(seen);
+    if (index < log.accept.size() && !log.accept[index])
+        return false;
+    text.Format("\x01" "A%02d" "\x02", static_cast<int>(index));
+    return true;
+}
+
+std::string Cmd(const std::string& body) { return "\x01" + body + "\x02"; }
+
+bool HoldsOnlyResentCommands(const std::string& buffer)
+{
+    for (std::size_t i = 0; i < buffer.size(); ++i) {
+        if (buffer[i] != '\x01' || i + 1 >= buffer.size() || (buffer[i + 1] != 'L' && buffer[i + 1] != 'F'))
+            return false;
+        i = buffer.find('\x02', i);
+        if (i == std::string::npos)
+            return false;
+    }
+    return true;
+}
+
+ImportResult PullOldText(const std::string& rtf, const ImportOptions& options)
+{
+    CTestReadStream stream(rtf);
+    std::unique_ptr<CRTFImportToPtr> pReader;
+    if (options.source == ImportSource::Ptr)
+        pReader.reset(new CRTFPtrImport(rtf.c_str()));
+    else
+        pReader.reset(new CRTFStreamImport(&stream));
+    pReader->SetPasteWithTableTags(options.bTableTags);
+    if (options.pAttachments)
+        pReader->SetAttachmentFilter(RecordingAttachmentFilter, options.pAttachments, nullptr);
+    if (options.pfnCharFilter)
+        pReader->SetFilter(options.pfnCharFilter);
+
+    ImportResult result;
+    std::vector<char> buf(options.cbBuffer);
+    bool bMore = true;
+    while (bMore) {
+        const int n = pReader->Read(buf.data(), buf.data() + buf.size(), bMore);
+        result.buffers.emplace_back(buf.data(), static_cast<std::size_t>(n));
+        result.text.append(buf.data(), static_cast<std::size_t>(n));
+        if (bMore && HoldsOnlyResentCommands(result.buffers.back())) {
+            // What is due next does not fit: grow as the tool does.
+            if (buf.size() >= (std::size_t(16) << 20)) {
+                result.bStalled = true;
+                break;
+            }
+            buf.resize(buf.size() * 2);
+            ++result.cGrowths;
+        }
+    }
+    return result;
+}
+
+std::string OldText(const std::string& rtf, const ImportOptions& options)
+{
+    return PullOldText(rtf, options).text;
+}
+
+} // namespace rtfconv_test
