@@ -239,9 +239,9 @@ std::vector<BYTE> CDIBitmap::ToBmpFile() const
     fh.bfType = kBmpFileType;
     fh.bfOffBits = static_cast<DWORD>(sizeof fh + m_cbInfo);
     fh.bfSize = static_cast<DWORD>(sizeof fh + m_packed.size());
-    file.resize(sizeof fh);
+    file.resize(sizeof fh + m_packed.size());
     std::memcpy(file.data(), &fh, sizeof fh);
-    file.insert(file.end(), m_packed.begin(), m_packed.end());
+    std::memcpy(file.data() + sizeof fh, m_packed.data(), m_packed.size());
     return file;
 }
 
