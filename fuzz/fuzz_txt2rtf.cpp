@@ -1,0 +1,38 @@
+// Plain text to RTF on arbitrary bytes. Besides the sanitizers' checks, the
+// document reads back through our RTF reader, which consumes all of it and
+// ends at group depth 0.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "fuzz/fuzz_util.h"
+#include "rtfconverter/PlainTextToRTF.h"
+#include "rtfconverter/RtfToText.h"
+
+namespace {
+
+class CGroupProbe : public rtf_converter::CBytePtrRTFToPlainTextPtrParser {
+public:
+    CGroupProbe(const unsigned char* p, const unsigned long& cb) : CBytePtrRTFToPlainTextPtrParser(p, cb), m_pEnd(p + cb) {}
+    std::string ReadText() { return rtfconv_fuzz::ReadAll(*this, 4096); }
+    bool Balanced() const { return m_cGroup == 0 && m_pRead == m_pEnd; }
+
+private:
+    const unsigned char* m_pEnd;
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    rtf_converter::CPlainTextToRTF writer;
+    writer.Convert(text.c_str(), nullptr);
+    const CString doc = writer.Export();
+
+    const unsigned long cb = static_cast<unsigned long>(doc.GetLength());
+    CGroupProbe probe(reinterpret_cast<const unsigned char*>(doc.GetString()), cb);
+    probe.ReadText();
+    FUZZ_CHECK(probe.Balanced(), "the document does not read back with balanced groups");
+    return 0;
+}
