@@ -29,5 +29,6 @@ struct ToolContext;
 void RegisterRtf2Txt(CLI::App& app, ToolContext& ctx);
 void RegisterOld2Rtf(CLI::App& app, ToolContext& ctx);
 void RegisterTxt2Rtf(CLI::App& app, ToolContext& ctx);
+void RegisterShow(CLI::App& app, ToolContext& ctx);
 
 } // namespace rtfconv

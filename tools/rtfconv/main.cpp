@@ -35,6 +35,7 @@ int main(int argc, char** argv)
     rtfconv::RegisterRtf2Txt(app, ctx);
     rtfconv::RegisterOld2Rtf(app, ctx);
     rtfconv::RegisterTxt2Rtf(app, ctx);
+    rtfconv::RegisterShow(app, ctx);
 
     try {
         app.parse(argc, argv);
