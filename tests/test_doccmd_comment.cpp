@@ -341,3 +341,65 @@ TEST(AttachmentCmd, FormatIndexAndBaseValidity)
     EXPECT_TRUE(AttachmentInfo::IsOleType(AttachmentInfo::AT_OLE_PICTURE));
     EXPECT_FALSE(AttachmentInfo::IsOleType(AttachmentInfo::AT_PLACEHOLDER));
 }
+
+// ---------------------------------------------------------------------------
+// Malformed texts: every accessor of every class stays inside the text.
+// ---------------------------------------------------------------------------
+
+TEST(DocCmdRobustness, ArbitraryTextsThroughEveryAccessor)
+{
+    CRecordingLogSink quiet;
+    // Short texts over an alphabet rich in framing bytes, separators, signs and digits.
+    const char alphabet[] = "\x01\x02\x03:+-.05AaCFHLNPRTYZpB\xC0\xCA\xD3";
+    unsigned state = 12345;
+    auto next = [&state] { return (state = state * 1103515245u + 12345u) >> 16; };
+    LOGFONT base{};
+    for (int round = 0; round < 3000; ++round) {
+        std::string text;
+        const unsigned len = next() % 24;
+        for (unsigned i = 0; i < len; ++i) text += alphabet[next() % (sizeof alphabet - 1)];
+        if (next() % 2 && !text.empty()) text[0] = '\x01';
+        const CString cs(text.c_str(), static_cast<int>(text.size()));
+
+        CFontCmd font(cs);
+        LOGFONT lf;
+        CString face;
+        font.GetLogFont(lf, base);
+        font.GetFaceName(face, base);
+        font.GetBackColor();
+        font.SetBold(1);
+        font.SetCharset(RUSSIAN_CHARSET);
+        font.SetBackColor('c', 0);
+        font.SetPoints(12, 0);
+        font.SetColor('J', 0);
+        font.SetFaceName("Arial");
+        font.SetDefault(fcmBold);
+
+        CLayoutCmd layout(cs);
+        CTabArray tabs;
+        layout.GetTabs(tabs);
+        layout.GetFirstLineIndent();
+        layout.GetLeftMargin();
+        layout.SetFirstLineIndent(-1.5);
+        layout.SetRightMargin(2.5);
+        TabDescription tab;
+        tab.m_position = 1.5;
+        tabs.Add(tab);
+        layout.SetTabs(tabs);
+        layout.GetTabs(tabs);
+
+        CNumberCmd number(cs);
+        number.GetNumType();
+        number.GetListKind();
+        number.GetTabWidth();
+        number.SetNumType(nt_UpperRoman);
+        number.SetNumber(1994, 3);
+        CCommentCmd comment(text.c_str(), static_cast<int>(text.size()));
+        comment.GetDescription(1);
+        comment.SetData("x", 2);
+
+        CPrintCmd print(cs);
+        print.IsEject();
+    }
+    SUCCEED();
+}
