@@ -223,9 +223,17 @@ TEST(RtfToUtf8, CorpusGivesValidUtf8)
 
 TEST(RtfToUtf8, CorpusFilesWithKnownText)
 {
-    auto convertFile = [](const char* name) {
-        return ToUtf8(rtfconv_test::ReadFileBytes(std::string(RTFCONV_CORPUS_DIR) + "/" + name));
+    const struct {
+        const char* file;
+        const char* utf8;
+    } rows[] = {
+        {"pandoc__unicode.rtf", "“hi”‘hi’\uF0B7αä\n"},
+        {"pandoc__accent.rtf", " le café où on ne fume pas "},
+        {"rtf-stream-parser__cpg1200.rtf", "Plain text body: ! < > \" ' € œ ¤ ´ ¼ ½ 𠜎 𩶘 😀\n"},
+        {"rtfparserkit__testJapaneseJisEncoding.rtf", "中國"},
+        {"rtfparserkit__test874Encoding.rtf", "1. Test Heading\n• Some test text \n• Some more test text"},
+        {"striprtf-py__nbsp.rtf", "This is some bold text with non\u00A0breaking\u00A0spaces.\n"},
     };
-    EXPECT_EQ(convertFile("pandoc__unicode.rtf"), "“hi”‘hi’\uF0B7αä\n");
-    EXPECT_EQ(convertFile("rtf-stream-parser__cpg1200.rtf"), "Plain text body: ! < > \" ' € œ ¤ ´ ¼ ½ 𠜎 𩶘 😀\n");
+    for (const auto& row : rows)
+        EXPECT_EQ(ToUtf8(rtfconv_test::ReadFileBytes(std::string(RTFCONV_CORPUS_DIR) + "/" + row.file)), row.utf8) << row.file;
 }
