@@ -6,7 +6,7 @@ JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_SECONDS ?= 60
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build demo test asan bench fuzz corpus clean
+.PHONY: all deps configure build demo test asan bench fuzz corpus interop clean
 
 all: build
 
@@ -56,6 +56,21 @@ fuzz: deps
 	  -DRTFCONV_BUILD_TESTS=OFF -DRTFCONV_BUILD_BENCH=OFF -DRTFCONV_BUILD_TOOLS=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(BUILD_FUZZ) -j $(JOBS)
 	@bash fuzz/run.sh $(BUILD_FUZZ)/fuzz $(FUZZ_SECONDS)
+
+# Does LibreOffice read the RTF we write as we mean it? Not part of `make test`:
+# installs libreoffice-writer and poppler-utils when missing (as root), compares
+# LibreOffice's text of our documents with ours and renders one page to PNG.
+interop: build
+	@if ! command -v soffice >/dev/null || ! command -v pdftoppm >/dev/null; then \
+	  if [ "$$(id -u)" = 0 ] && command -v apt-get >/dev/null; then \
+	    echo "Installing: libreoffice-writer poppler-utils"; \
+	    (apt-get install -y --no-install-recommends libreoffice-writer poppler-utils || \
+	     (apt-get update && apt-get install -y --no-install-recommends libreoffice-writer poppler-utils)) >/dev/null; \
+	  else \
+	    echo "Please install these Debian packages: libreoffice-writer poppler-utils" >&2; exit 1; \
+	  fi; \
+	fi
+	@bash tests/interop/interop.sh $(BUILD)/tools/rtfconv/rtfconv $(BUILD)/interop
 
 clean:
 	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_FUZZ)
