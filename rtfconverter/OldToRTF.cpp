@@ -1,5 +1,6 @@
 #include "rtfconverter/OldToRTF.h"
 
+#include <charconv>
 #include <climits>
 #include <cmath>
 #include <cstring>
@@ -60,13 +61,17 @@ struct ByteClassTable {
 };
 constexpr ByteClassTable kByteClass;
 
-// The control word (with its blank) for the plain-text control bytes.
-const char* ControlWordOf(ByteClass c)
+// The control word (with its blank) for a plain-text control byte.
+struct ControlWord {
+    const char* psz;
+    int n;
+};
+ControlWord ControlWordOf(ByteClass c)
 {
     switch (c) {
-    case bcTab: return "\\tab ";
-    case bcLineFeed: return "\\line ";
-    default: return "\\par ";
+    case bcTab: return {"\\tab ", 5};
+    case bcLineFeed: return {"\\line ", 6};
+    default: return {"\\par ", 5};
     }
 }
 
@@ -155,6 +160,17 @@ private:
     AttachmentInfo& m_info;
     bool m_bUnwinding = true;
 };
+
+// Appends a control word and its decimal parameter ("\fs" and 24 give
+// "\fs24"). Control words are the bulk of what commands write; this keeps
+// printf formatting off that path.
+void AppendWord(CString& s, const char* pszWord, int n)
+{
+    char digits[16];
+    const std::to_chars_result r = std::to_chars(digits, digits + sizeof digits, n);
+    s += pszWord;
+    s.Append(digits, static_cast<int>(r.ptr - digits));
+}
 
 CString FaceNameOf(const LOGFONT& lf)
 {
@@ -279,12 +295,14 @@ void COldToRTF::ConvertText(const char* pszText)
             return;
         case bcTab:
         case bcLineFeed:
-        case bcReturn:
-            AddToBuffer(ControlWordOf(c), static_cast<int>(std::strlen(ControlWordOf(c))));
+        case bcReturn: {
+            const ControlWord word = ControlWordOf(c);
+            AddToBuffer(word.psz, word.n);
             chLast = static_cast<unsigned char>(*p);
             ++nTextPos;
             pRun = p + 1;
             break;
+        }
         case bcEscaped:
             AddToBuffer('\\');
             pRun = p; // the character itself is written with the next run
@@ -456,16 +474,18 @@ long COldToRTF::FlushBuffer()
 
 int COldToRTF::AddToFontTableIfNecessary(const LOGFONT& lf)
 {
-    FontTableStruct fts;
-    fts.csFaceName = FaceNameOf(lf);
-    fts.csFamily = GetFamilyWord(lf);
-    fts.nCharset = lf.lfCharSet;
+    const CString csFaceName = FaceNameOf(lf);
+    const char* const pszFamily = kFamilyWords[(lf.lfPitchAndFamily & 0xF0) >> 4];
     for (INT_PTR i = 0; i < m_fontTable.GetSize(); ++i) {
         const FontTableStruct& entry = m_fontTable[i];
-        if (entry.csFaceName == fts.csFaceName && entry.csFamily == fts.csFamily && entry.nCharset == fts.nCharset)
+        if (entry.csFaceName == csFaceName && entry.csFamily == pszFamily && entry.nCharset == lf.lfCharSet)
             return static_cast<int>(i);
     }
+    FontTableStruct fts;
     fts.nFontNumber = ++m_nFontCount;
+    fts.csFaceName = csFaceName;
+    fts.csFamily = pszFamily;
+    fts.nCharset = lf.lfCharSet;
     return static_cast<int>(m_fontTable.Add(fts));
 }
 
@@ -546,23 +566,24 @@ int COldToRTF::AddFontCmdToBuffer(const CString& sFontCmd)
     int idx = AddToFontTableIfNecessary(cmd);
     if (idx != m_nCurrentFont) {
         m_nCurrentFont = idx;
-        words.AppendFormat("\\f%d", m_fontTable[idx].nFontNumber);
+        AppendWord(words, "\\f", m_fontTable[idx].nFontNumber);
     }
     int pts = cmd.GetPoints(m_logFont);
     if (pts != m_nCurrentPoints) {
         m_nCurrentPoints = pts;
-        words.AppendFormat("\\fs%d", 2 * pts);
+        AppendWord(words, "\\fs", 2 * pts);
     }
     int color = cmd.IsDefaultColor() ? 1 : AddToColorTableIfNecessary(ColorCharToRGB(cmd.GetColor()));
     if (color != m_nCurrentColor) {
         m_nCurrentColor = color;
-        words.AppendFormat("\\cf%d", color);
+        AppendWord(words, "\\cf", color);
     }
     char backLetter = cmd.GetBackColor();
     int backColor = backLetter ? AddToColorTableIfNecessary(BackColorCharToRGB(backLetter)) : 0;
     if (backColor != m_nCurrentBackColor) {
         m_nCurrentBackColor = backColor;
-        words.AppendFormat("\\cb%d\\chcbpat%d", backColor, backColor);
+        AppendWord(words, "\\cb", backColor);
+        AppendWord(words, "\\chcbpat", backColor);
     }
     for (const AttributeWord& attr : kAttributeWords) {
         bool bOn = (cmd.*attr.isOn)();
@@ -592,17 +613,17 @@ int COldToRTF::AddLayoutCmdToBuffer(const CString& sLayoutCmd)
     if (cmd.IsCenter()) words += "\\qc";
     else if (cmd.IsRight()) words += "\\qr";
     int li = InchesToTwips(cmd.GetLeftMargin());
-    if (li > 0) words.AppendFormat("\\li%d", li);
+    if (li > 0) AppendWord(words, "\\li", li);
     int ri = InchesToTwips(cmd.GetRightMargin());
-    if (ri > 0) words.AppendFormat("\\ri%d", ri);
+    if (ri > 0) AppendWord(words, "\\ri", ri);
     int fi = InchesToTwips(cmd.GetFirstLineIndent());
-    if (fi != 0) words.AppendFormat("\\fi%d", fi);
+    if (fi != 0) AppendWord(words, "\\fi", fi);
 
     CTabArray tabs;
     cmd.GetTabs(tabs);
     for (INT_PTR i = 0; i < tabs.GetSize(); ++i) {
         words += TabLeaderWord(tabs[i].m_leader);
-        words.AppendFormat("\\tx%d", InchesToTwips(tabs[i].m_position));
+        AppendWord(words, "\\tx", InchesToTwips(tabs[i].m_position));
     }
     words += ' ';
     AddToBuffer(words);
