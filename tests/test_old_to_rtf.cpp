@@ -384,3 +384,20 @@ TEST(OldToRTF, ReplaceSpecSymbolsAndBackgroundColour)
     writer.SetBackgroundColor(3);
     EXPECT_EQ(writer.GetBackgroundColor(), 3u);
 }
+
+TEST(OldToRTF, SecondConvertOnOneObject)
+{
+    // One object serves one conversion: a second one releases the first private
+    // stream only once, and its font numbers go on from the first conversion's.
+    CComPtr<IStream> out;
+    ASSERT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &out), S_OK);
+    LOGFONT lf = ArialTen();
+    COldToRTF writer(*out);
+    const std::string text = Cmd("F---:Times") + "x";
+    ASSERT_EQ(writer.Convert(text.c_str(), &lf), S_OK);
+    const std::string first = StreamBytes(out);
+    EXPECT_EQ(first, DocumentAround("\\pard\\f0\\fs20\\cf1 \\f1\\cf1 x\\par }", "{\\f1\\fcharset0\\fswiss Times;}"));
+    ASSERT_EQ(writer.Convert(text.c_str(), &lf), S_OK);
+    EXPECT_EQ(StreamBytes(out).substr(first.size()),
+              DocumentAround("\\pard\\f0\\fs20\\cf1 \\f2\\cf1 x\\par }", "{\\f2\\fcharset0\\fswiss Times;}"));
+}
