@@ -144,10 +144,19 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(con
     static_assert(IsSortedByKeyword(s_rows), "the keyword rows must stay sorted");
     static constexpr FirstByteIndex s_index = IndexByFirstByte(s_rows);
 
+    // The first bytes are equal within a range; most keywords differ at the
+    // second, so the rest is compared here rather than by strcmp.
     const unsigned char first = static_cast<unsigned char>(szKeyword[0]);
-    for (unsigned row = s_index.begin[first]; row < s_index.end[first]; ++row)
-        if (std::strcmp(s_rows[row].szKeyword, szKeyword) == 0)
+    for (unsigned row = s_index.begin[first]; row < s_index.end[first]; ++row) {
+        const char* a = s_rows[row].szKeyword + 1;
+        const char* b = szKeyword + 1;
+        while (*a && *a == *b) {
+            ++a;
+            ++b;
+        }
+        if (*a == *b)
             return &s_rows[row];
+    }
     return nullptr;
 }
 
@@ -290,15 +299,25 @@ bool CRTFToUTF8Parser::ParseChar(char ch)
     if (m_state.bHidden)
         return true;
 
-    // Most text is single bytes that stand for ASCII characters, with nothing
-    // waiting to be completed: they are written here.
+    // Most text is single bytes with nothing waiting to be completed: they
+    // are written here, ASCII the quickest.
     const unsigned char b = static_cast<unsigned char>(ch);
     const CCodePage& page = CurrentPage();
     if (!m_chLeadByte && !m_highSurrogate && !page.IsLeadByte(b)) {
         const char32_t cp = page.Single(b);
-        if (cp < 0x80 && !IsReservedCodePoint(cp) && m_pCur != m_pEnd) {
-            *m_pCur++ = static_cast<char>(cp);
-            return true;
+        if (cp < 0x80) {
+            if (!IsReservedCodePoint(cp) && m_pCur != m_pEnd) {
+                *m_pCur++ = static_cast<char>(cp);
+                return true;
+            }
+        } else {
+            char sz[4];
+            const int cch = EncodeUtf8(cp, sz);
+            if (m_pEnd - m_pCur >= cch) {
+                std::memcpy(m_pCur, sz, static_cast<std::size_t>(cch));
+                m_pCur += cch;
+                return true;
+            }
         }
     }
     if (!DecodeByte(b)) {
