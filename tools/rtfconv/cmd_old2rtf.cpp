@@ -157,8 +157,8 @@ void RegisterOld2Rtf(CLI::App& app, ToolContext& ctx)
     AddIoOptions(*cmd, options->io, "Old-format text files");
     AddFontOption(*cmd, options->font);
     cmd->add_option("--attachments", options->attachmentDir, "Answer attachment commands from the files of DIR")
-        ->type_name("DIR")
-        ->check(CLI::ExistingDirectory);
+        ->check(CLI::Validator(CLI::ExistingDirectory).description(""))
+        ->type_name("DIR");
     CLI::Option* utf8 = cmd->add_flag("--utf8", options->bUtf8, "The input is UTF-8, not 8-bit old-format text");
     cmd->add_option("--codepage", options->codePage, "Code page of the old-format text for --utf8 (default 1252)")
         ->type_name("CP")
