@@ -1,6 +1,9 @@
 // Plain text to RTF on arbitrary bytes. Besides the sanitizers' checks, the
 // document reads back through our RTF reader, which consumes all of it and
-// ends at group depth 0.
+// ends at group depth 0, to the text written: the input up to its first NUL,
+// without 0x17 (which the writer drops), with 0x01 to 0x03 as blanks (which
+// the reader never lets through), and a final paragraph mark unless the text
+// ends with one.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -21,6 +24,21 @@ private:
     const unsigned char* m_pEnd;
 };
 
+std::string ExpectedText(const std::string& input)
+{
+    std::string text;
+    unsigned char last = 0;
+    for (const char c : input) {
+        const unsigned char b = static_cast<unsigned char>(c);
+        if (b == 0) break;
+        if (b == 0x17) continue;
+        text += b <= 0x03 ? ' ' : c;
+        last = b;
+    }
+    if (last != '\r') text += '\r';
+    return text;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -32,7 +50,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     const unsigned long cb = static_cast<unsigned long>(doc.GetLength());
     CGroupProbe probe(reinterpret_cast<const unsigned char*>(doc.GetString()), cb);
-    probe.ReadText();
+    const std::string read = probe.ReadText();
     FUZZ_CHECK(probe.Balanced(), "the document does not read back with balanced groups");
+    FUZZ_CHECK(read == ExpectedText(text), "the document does not read back to the text");
     return 0;
 }
