@@ -27,6 +27,7 @@ namespace rtfconv {
 struct ToolContext;
 
 void RegisterRtf2Txt(CLI::App& app, ToolContext& ctx);
+void RegisterRtf2Old(CLI::App& app, ToolContext& ctx);
 void RegisterOld2Rtf(CLI::App& app, ToolContext& ctx);
 void RegisterTxt2Rtf(CLI::App& app, ToolContext& ctx);
 void RegisterShow(CLI::App& app, ToolContext& ctx);

@@ -33,6 +33,7 @@ int main(int argc, char** argv)
     rtfconv::AddVerbosityOptions(app, ctx);
 
     rtfconv::RegisterRtf2Txt(app, ctx);
+    rtfconv::RegisterRtf2Old(app, ctx);
     rtfconv::RegisterOld2Rtf(app, ctx);
     rtfconv::RegisterTxt2Rtf(app, ctx);
     rtfconv::RegisterShow(app, ctx);
