@@ -164,7 +164,7 @@ private:
 // Appends a control word and its decimal parameter ("\fs" and 24 give
 // "\fs24"). Control words are the bulk of what commands write; this keeps
 // printf formatting off that path.
-void AppendWord(CString& s, const char* pszWord, int n)
+void AppendWord(CString& s, const char* pszWord, long long n)
 {
     char digits[16];
     const std::to_chars_result r = std::to_chars(digits, digits + sizeof digits, n);
@@ -179,6 +179,8 @@ CString FaceNameOf(const LOGFONT& lf)
 }
 
 } // namespace
+
+long long HalfPoints(int points) { return 2LL * points; }
 
 CString GetFamilyWord(const LOGFONT& lf) { return kFamilyWords[(lf.lfPitchAndFamily & 0xF0) >> 4]; }
 
@@ -232,7 +234,7 @@ long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
         m_colorTable.Add(m_crDefaultText);
 
         CString start;
-        start.Format("\\pard\\f0\\fs%d\\cf%d ", 2 * m_nCurrentPoints, static_cast<int>(nDefaultColorIndex));
+        start.Format("\\pard\\f0\\fs%lld\\cf%d ", HalfPoints(m_nCurrentPoints), static_cast<int>(nDefaultColorIndex));
         AddToBuffer(start);
         ConvertText(m_pszText);
         AddToBuffer('}');
@@ -350,7 +352,7 @@ void COldToRTF::ReplaceSpecSymbols(CString& s)
 CString COldToRTF::GetStylesheet() const
 {
     CString s;
-    s.Format("{\\stylesheet{\\f0\\fs%d Normal;}}", 2 * PixY2Pts(m_logFont.lfHeight));
+    s.Format("{\\stylesheet{\\f0\\fs%lld Normal;}}", HalfPoints(PixY2Pts(m_logFont.lfHeight)));
     return s;
 }
 
@@ -571,7 +573,7 @@ int COldToRTF::AddFontCmdToBuffer(const CString& sFontCmd)
     int pts = cmd.GetPoints(m_logFont);
     if (pts != m_nCurrentPoints) {
         m_nCurrentPoints = pts;
-        AppendWord(words, "\\fs", 2 * pts);
+        AppendWord(words, "\\fs", HalfPoints(pts));
     }
     int color = cmd.IsDefaultColor() ? 1 : AddToColorTableIfNecessary(ColorCharToRGB(cmd.GetColor()));
     if (color != m_nCurrentColor) {

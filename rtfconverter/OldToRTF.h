@@ -40,6 +40,9 @@ constexpr const char* szRtfDocumentHeader = "{\\rtf1\\ansi\\deff0\\deflang1024";
 CString GetFamilyWord(const LOGFONT& lf);
 // A colour-table entry: "\redR\greenG\blueB;".
 CString FormatColorEntry(COLORREF cr);
+// Twice a point size, as RTF counts font sizes in half-points; wide enough
+// for any LOGFONT height a caller may pass.
+long long HalfPoints(int points);
 
 class COldToRTF {
 public:

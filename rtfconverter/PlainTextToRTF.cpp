@@ -36,7 +36,7 @@ void CPlainTextToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
         ReleaseDC(nullptr, hdc);
         InitDefaultScreenFont(m_logFont, "Arial", 10, logPixelsY);
     }
-    m_csBuffer.Format("\\pard\\f0\\fs%d\\cf%d ", 2 * PixY2Pts(m_logFont.lfHeight), 0);
+    m_csBuffer.Format("\\pard\\f0\\fs%lld\\cf%d ", HalfPoints(PixY2Pts(m_logFont.lfHeight)), 0);
     ConvertText(m_pszText);
     AddToBuffer('}');
 }

@@ -401,3 +401,13 @@ TEST(OldToRTF, SecondConvertOnOneObject)
     EXPECT_EQ(StreamBytes(out).substr(first.size()),
               DocumentAround("\\pard\\f0\\fs20\\cf1 \\f2\\cf1 x\\par }", "{\\f2\\fcharset0\\fswiss Times;}"));
 }
+
+TEST(OldToRTF, ExtremeBaseFontHeight)
+{
+    // The largest heights a caller can pass still give a well-formed size word.
+    LOGFONT lf = ArialTen();
+    lf.lfHeight = INT32_MIN;
+    std::string doc = OldToRtf(Cmd("F---B:-") + "x", &lf);
+    EXPECT_NE(doc.find("{\\stylesheet{\\f0\\fs3221225472 Normal;}}\\pard\\f0\\fs3221225472\\cf1 \\cf1\\b x"),
+              std::string::npos);
+}
