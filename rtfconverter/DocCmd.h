@@ -138,7 +138,7 @@ public:
     // The default text with mode single and kind none (not through SetCmd).
     CFontCmd();
     CFontCmd(const CFontCmd&) = default;
-    explicit CFontCmd(const CString& cmd);
+    CFontCmd(const CString& cmd);
     ~CFontCmd() override;
 
     // Copies text, kind and mode as they are, after reporting an invalid source.
@@ -251,7 +251,7 @@ public:
 
     CLayoutCmd();
     CLayoutCmd(const CLayoutCmd&) = default;
-    explicit CLayoutCmd(const CString& cmd);
+    CLayoutCmd(const CString& cmd);
     ~CLayoutCmd() override;
 
     // Copies text, kind and mode as they are.
@@ -352,7 +352,7 @@ public:
 
     CCommentCmd();
     explicit CCommentCmd(OTHERCMD_TYPE type);
-    explicit CCommentCmd(const CString& cmd);
+    CCommentCmd(const CString& cmd);
     // len -1: up to and including the first 0x02, or to the end of the string.
     CCommentCmd(const char* p, int len);
     CCommentCmd(const CCommentCmd& rCmd);
@@ -396,7 +396,7 @@ public:
     static const CString DefaultNumberCmd;
 
     CNumberCmd();
-    explicit CNumberCmd(const CString& cmd);
+    CNumberCmd(const CString& cmd);
     CNumberCmd(const CNumberCmd&) = default;
     ~CNumberCmd() override;
     using CCommentCmd::operator=;
@@ -425,7 +425,7 @@ public:
     static const int s_nEjectLen;
 
     CPrintCmd();
-    explicit CPrintCmd(const CString& cmd);
+    CPrintCmd(const CString& cmd);
     CPrintCmd(const CPrintCmd&) = default;
     ~CPrintCmd() override;
 
