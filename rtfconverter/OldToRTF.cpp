@@ -275,7 +275,9 @@ void COldToRTF::ConvertText(const char* pszText)
     const char* p = pszText;
     const char* pRun = p;    // start of the pending run of plain characters
     unsigned char chLast = 0; // the last plain character, for the final paragraph mark
-    int nTextPos = 0;         // characters shown so far, as an editor counts them
+    // Characters shown so far, as an editor counts them. Kept unsigned so that
+    // texts beyond 2 GB wrap instead of overflowing; the writers see it as int.
+    unsigned nTextPos = 0;
 
     // Appends the pending run; its last byte becomes the last plain character.
     auto flushRun = [&]() {
@@ -283,7 +285,7 @@ void COldToRTF::ConvertText(const char* pszText)
         if (n > 0) {
             AddToBuffer(pRun, n);
             chLast = static_cast<unsigned char>(p[-1]);
-            nTextPos += n;
+            nTextPos += static_cast<unsigned>(n);
         }
     };
 
@@ -324,14 +326,17 @@ void COldToRTF::ConvertText(const char* pszText)
             ++ptr;
             VQASSERT(ptr[-1] == end);
             const CString cmd(p, static_cast<int>(ptr - p));
+            const int nPos = static_cast<int>(nTextPos);
+            int nAdvance = 0;
             switch (p[1]) {
-            case CDocCmd::attachment: nTextPos += AddOleCmdToBuffer(cmd, nTextPos); break;
-            case CDocCmd::comment: nTextPos += AddCommentCmdToBuffer(cmd, nTextPos); break;
-            case CDocCmd::font: nTextPos += AddFontCmdToBuffer(cmd); break;
-            case CDocCmd::layout: nTextPos += AddLayoutCmdToBuffer(cmd); break;
-            case CDocCmd::print: nTextPos += AddPrintCmdToBuffer(cmd); break;
+            case CDocCmd::attachment: nAdvance = AddOleCmdToBuffer(cmd, nPos); break;
+            case CDocCmd::comment: nAdvance = AddCommentCmdToBuffer(cmd, nPos); break;
+            case CDocCmd::font: nAdvance = AddFontCmdToBuffer(cmd); break;
+            case CDocCmd::layout: nAdvance = AddLayoutCmdToBuffer(cmd); break;
+            case CDocCmd::print: nAdvance = AddPrintCmdToBuffer(cmd); break;
             default: VQASSERT(0); break;
             }
+            nTextPos += static_cast<unsigned>(nAdvance);
             p = ptr - 1;
             pRun = ptr;
             break;
