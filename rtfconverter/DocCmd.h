@@ -497,14 +497,3 @@ struct AttachmentInfo {
 
     static bool IsOleType(LONG type) { return type >= AT_OLE_FIRST && type <= AT_OLE_LAST; }
 };
-
-namespace rtf_converter {
-
-// The writer's filter: n as given for the command, the command text, the record
-// to fill, and the two user pointers. Returns true when the record is filled.
-typedef bool (*OldToRTFAttachmentFilter)(int n, const CString& cmd, AttachmentInfo& info, void* pUser1, void* pUser2);
-// The importer's filter: the record as collected, the command text to fill, and
-// the two user pointers. Returns true when `cmd` is to go into the text.
-typedef bool (*RTFImportAttachmentFilter)(AttachmentInfo& info, CString& cmd, void* pUser1, void* pUser2);
-
-} // namespace rtf_converter
