@@ -164,11 +164,12 @@ private:
 // Appends a control word and its decimal parameter ("\fs" and 24 give
 // "\fs24"). Control words are the bulk of what commands write; this keeps
 // printf formatting off that path.
-void AppendWord(CString& s, const char* pszWord, long long n)
+template <std::size_t N>
+void AppendWord(CString& s, const char (&word)[N], long long n)
 {
-    char digits[16];
+    char digits[24];
     const std::to_chars_result r = std::to_chars(digits, digits + sizeof digits, n);
-    s += pszWord;
+    s.Append(word, static_cast<int>(N - 1));
     s.Append(digits, static_cast<int>(r.ptr - digits));
 }
 
