@@ -36,16 +36,20 @@ expect_status 0 "$RTFCONV" old2rtf --attachments "$TMP/att" "$TMP/att.old"
 expect_one_error_line "03.bmp"
 grep -qF "d\\objattph\\'20" "$TMP/out" || fail "a bad bitmap is a placeholder: $(cat "$TMP/out")"
 
-# txt2rtf: UTF-8 lines become paragraphs in cp1252; --raw keeps the bytes.
+# txt2rtf: UTF-8 lines become paragraphs, cp1252 characters as bytes and the
+# rest as \uN; --raw keeps the bytes.
+unicode_front='{\\rtf1\\ansi\\ansicpg1252\\deff0\\deflang1024{\\fonttbl{\\f0\\fcharset0\\fswiss Arial;}}{\\colortbl;\\red0\\green0\\blue0;}\\uc1'
 printf 'a{b}\tc\nd\r\ncaf\303\251\n' >"$TMP/notes.txt"
 expect_status 0 "$RTFCONV" txt2rtf "$TMP/notes.txt"
-expect_file_bytes "$TMP/out" "$front"'\\pard\\f0\\fs20\\cf0 a\\{b\\}\\tab c\\par d\\par caf\351\\par }'
+expect_file_bytes "$TMP/out" "$unicode_front"'\\pard\\f0\\fs20\\cf0 a\\{b\\}\\tab c\\par d\\par caf\351\\par }'
 expect_status 0 "$RTFCONV" txt2rtf --raw "$TMP/notes.txt"
 expect_file_bytes "$TMP/out" "$front"'\\pard\\f0\\fs20\\cf0 a\\{b\\}\\tab c\\line d\\par \\line caf\303\251\\line \\par }'
 expect_status 0 "$RTFCONV" txt2rtf --font Courier:8 "$TMP/notes.txt"
 grep -qF '\pard\f0\fs16\cf0 ' "$TMP/out" || fail "txt2rtf --font: $(cat "$TMP/out")"
 printf '\342\202\254 \320\226' >"$TMP/euro.txt"
-expect_status 1 "$RTFCONV" txt2rtf "$TMP/euro.txt"
+expect_status 0 "$RTFCONV" txt2rtf "$TMP/euro.txt"
+grep -qF "$(printf '\\cf0 \200 \\u1046?}')" "$TMP/out" || fail "txt2rtf keeps every character: $(cat "$TMP/out")"
+expect_status 1 "$RTFCONV" txt2rtf --codepage ISO-8859-1 "$TMP/euro.txt"
 expect_one_error_line "euro.txt"
 expect_status 0 "$RTFCONV" txt2rtf --lossy "$TMP/euro.txt"
 grep -qF "$(printf '\\cf0 \200 ?\\par }')" "$TMP/out" || fail "txt2rtf --lossy: $(cat "$TMP/out")"

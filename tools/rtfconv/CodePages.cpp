@@ -64,6 +64,11 @@ std::string IconvCodePageName(const std::string& codePage)
     return IconvKnows(name) ? name : std::string();
 }
 
+bool IsCodePageNumber(const std::string& codePage)
+{
+    return AllDigits(codePage) && codePage.size() <= 5;
+}
+
 unsigned long FindAnsiCodePage(const std::string& rtf)
 {
     static const std::string keyword = "\\ansicpg";

@@ -247,6 +247,8 @@ void AddCodePageOption(CLI::App& cmd, std::string& codePage);
 // The iconv name of a code page given as a Windows number ("1251") or by an
 // iconv name ("koi8-r"); empty when iconv does not know it.
 std::string IconvCodePageName(const std::string& codePage);
+// True when `codePage` is a Windows code page number ("1251"), not a name.
+bool IsCodePageNumber(const std::string& codePage);
 // The N of the first \ansicpgN in an RTF document; 0 when there is none.
 unsigned long FindAnsiCodePage(const std::string& rtf);
 // The iconv name to read an RTF document's text with: `codePageOption` when

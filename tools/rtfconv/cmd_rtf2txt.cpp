@@ -55,11 +55,6 @@ rtf_converter::CRTFToUTF8Parser::Newline NewlineKind(const std::string& newline)
                              : CRTFToUTF8Parser::newlineLF;
 }
 
-bool IsCodePageNumber(const std::string& codePage)
-{
-    return !codePage.empty() && std::all_of(codePage.begin(), codePage.end(), [](char ch) { return ch >= '0' && ch <= '9'; });
-}
-
 void ConvertRtfToUtf8(const Rtf2TxtOptions& options, CConversion& conversion)
 {
     const std::string& rtf = conversion.Data();

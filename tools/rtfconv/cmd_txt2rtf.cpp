@@ -1,15 +1,19 @@
 // rtfconv txt2rtf: plain text to RTF.
 //
-// By default the text is for people: UTF-8, converted to the code page
-// (--codepage, default 1252), with each line end (LF or CR LF) a paragraph
-// mark. --raw takes the input's bytes as they are: the library turns CR into a
-// paragraph mark and LF into a line break.
+// By default the text is for people: UTF-8, with each line end (LF, CR LF or
+// CR) a paragraph mark, written losslessly: characters of the code page
+// (--codepage, default 1252) as themselves, every other one as \uN. With
+// --lossy, or a code page given by iconv name, the text is converted to the
+// code page first and written by the 8-bit writer ('?' for what the page
+// cannot hold). --raw takes the input's bytes as they are: the 8-bit writer
+// turns CR into a paragraph mark and LF into a line break.
 #include <CLI/CLI.hpp>
 
 #include <memory>
 #include <string>
 
 #include "rtfconverter/PlainTextToRTF.h"
+#include "rtfconverter/Utf8ToRTF.h"
 #include "tools/rtfconv/Commands.h"
 #include "tools/rtfconv/FontOption.h"
 #include "tools/rtfconv/ToolCommon.h"
@@ -41,8 +45,30 @@ std::string LineEndsToParagraphMarks(const std::string& text)
     return out;
 }
 
+bool UsesUnicodeWriter(const Txt2RtfOptions& options)
+{
+    return !options.bRaw && !options.bLossy && (options.codePage.empty() || IsCodePageNumber(options.codePage));
+}
+
+CString ConvertUtf8TextToRtf(const Txt2RtfOptions& options, const std::string& text, const LOGFONT* pFont)
+{
+    rtf_converter::CUTF8TextToRTF writer;
+    writer.SetCodePage(std::stoi(options.codePage.empty() ? kDefaultCodePage : options.codePage));
+    writer.Convert(text.c_str(), pFont);
+    return writer.Export();
+}
+
 void ConvertTextToRtf(const ToolContext& ctx, const Txt2RtfOptions& options, CConversion& conversion)
 {
+    LOGFONT lf;
+    const bool bFont = options.font.GetLogFont(lf);
+    if (UsesUnicodeWriter(options)) {
+        const CString rtf = ConvertUtf8TextToRtf(options, conversion.Data(), bFont ? &lf : nullptr);
+        conversion.ReportConsumed(conversion.Data().size());
+        conversion.Out().Write(rtf.GetString(), static_cast<std::size_t>(rtf.GetLength()));
+        return;
+    }
+
     std::string text = conversion.Data();
     if (!options.bRaw) {
         text = Utf8ToCodePage(text, IconvCodePageName(options.codePage.empty() ? kDefaultCodePage : options.codePage),
@@ -53,8 +79,6 @@ void ConvertTextToRtf(const ToolContext& ctx, const Txt2RtfOptions& options, CCo
     if (nul != std::string::npos)
         PrintWarning(ctx, DisplayName(conversion.Name()) + ": a NUL byte at offset " + std::to_string(nul) +
                               " ends the text there");
-    LOGFONT lf;
-    const bool bFont = options.font.GetLogFont(lf);
     rtf_converter::CPlainTextToRTF writer;
     writer.Convert(text.c_str(), bFont ? &lf : nullptr);
     const CString rtf = writer.Export();
@@ -67,9 +91,11 @@ void ConvertTextToRtf(const ToolContext& ctx, const Txt2RtfOptions& options, CCo
 void RegisterTxt2Rtf(CLI::App& app, ToolContext& ctx)
 {
     CLI::App* cmd = app.add_subcommand("txt2rtf", "plain text to RTF");
-    cmd->footer("The text is read as UTF-8 and converted to the code page (--codepage, default 1252); each line\n"
-                "becomes a paragraph. A character the code page cannot hold is an error, or '?' with --lossy.\n"
-                "--raw takes the bytes as they are: CR ends a paragraph, LF breaks a line.");
+    cmd->footer("The text is read as UTF-8; each line becomes a paragraph. Characters of the code page\n"
+                "(--codepage, default 1252) are written as themselves, every other one as \\uN, so no\n"
+                "character is lost. With --lossy (or a code page named for iconv) the text is converted to the\n"
+                "code page and a character it cannot hold becomes '?'; without --lossy such a character is then\n"
+                "an error. --raw takes the bytes as they are: CR ends a paragraph, LF breaks a line.");
     auto options = std::make_shared<Txt2RtfOptions>();
     AddVerbosityOptions(*cmd, ctx);
     AddIoOptions(*cmd, options->io, "Text files");
@@ -78,7 +104,7 @@ void RegisterTxt2Rtf(CLI::App& app, ToolContext& ctx)
     CLI::Option* raw = cmd->add_flag("--raw", options->bRaw, "Take the input's bytes as they are (8-bit text)");
     CLI::Option* utf8 = cmd->add_flag("--utf8", options->bUtf8, "Read UTF-8 (the default)");
     raw->excludes(utf8);
-    cmd->add_flag("--lossy", options->bLossy, "Write '?' for characters the code page cannot hold");
+    cmd->add_flag("--lossy", options->bLossy, "Write 8-bit RTF with '?' for characters the code page cannot hold");
 
     SetCommandAction(*cmd, ctx, [&ctx, options] {
         // Wrong usage is reported before any file is read.
