@@ -44,7 +44,7 @@ WORDS = ("the of and to in is that for it as was with be by on not he this are o
  "process control quarter annual period increase decrease forecast estimate "
  "account balance revenue expense department manager committee proposal "
  "document version draft final approval signature company office address "
- "telephone number reference attachment condition requirement specification "
+ "telephone number reference attachment condition requirement stipulation "
  "performance standard procedure operation maintenance equipment material "
  "supplier purchase order shipment warehouse inventory").split()
 ACCENTED = [("caf", "\\'e9"), ("na", "\\'efve"), ("r", "\\'e9sum\\'e9"), ("Gr", "\\'fc\\'dfe"),

@@ -26,15 +26,15 @@ int ParseNumber(const std::string& text, int lo, int hi, const std::string& what
 
 bool FontOption::GetLogFont(LOGFONT& lf) const
 {
-    if (spec.empty()) return false;
-    const std::size_t colon1 = spec.find(':');
-    const std::string face = spec.substr(0, colon1);
+    if (text.empty()) return false;
+    const std::size_t colon1 = text.find(':');
+    const std::string face = text.substr(0, colon1);
     int points = 10;
     int charset = -1;
     if (colon1 != std::string::npos) {
-        const std::size_t colon2 = spec.find(':', colon1 + 1);
-        points = ParseNumber(spec.substr(colon1 + 1, colon2 - colon1 - 1), 1, 99, "POINTS");
-        if (colon2 != std::string::npos) charset = ParseNumber(spec.substr(colon2 + 1), 0, 255, "CHARSET");
+        const std::size_t colon2 = text.find(':', colon1 + 1);
+        points = ParseNumber(text.substr(colon1 + 1, colon2 - colon1 - 1), 1, 99, "POINTS");
+        if (colon2 != std::string::npos) charset = ParseNumber(text.substr(colon2 + 1), 0, 255, "CHARSET");
     }
     if (face.empty() || face.size() >= LF_FACESIZE)
         throw ToolError(exitUsage, "--font: FACE must have 1 to " + std::to_string(LF_FACESIZE - 1) + " bytes");
@@ -49,7 +49,7 @@ bool FontOption::GetLogFont(LOGFONT& lf) const
 
 void AddFontOption(CLI::App& cmd, FontOption& font)
 {
-    cmd.add_option("--font", font.spec,
+    cmd.add_option("--font", font.text,
                    "Base font FACE[:POINTS[:CHARSET]], e.g. 'Times New Roman:12' or 'Arial:10:204' "
                    "(default: Arial 10)")
         ->type_name("FONT");

@@ -12,8 +12,8 @@ class App;
 namespace rtfconv {
 
 struct FontOption {
-    std::string spec; // as given; empty means the library's default font
-    // The LOGFONT of `spec` at the screen's resolution; false when `spec` is
+    std::string text; // as given; empty means the library's default font
+    // The LOGFONT of `text` at the screen's resolution; false when `text` is
     // empty. Throws ToolError(exitUsage) when it is malformed.
     bool GetLogFont(LOGFONT& lf) const;
 };
