@@ -192,6 +192,21 @@ CString FormatColorEntry(COLORREF cr)
     return s;
 }
 
+CString FormatSingleFontTable(int charset, const LOGFONT& lf)
+{
+    CString s;
+    s.Format("{\\fonttbl{\\f0\\fcharset%d\\", charset);
+    s += GetFamilyWord(lf);
+    s.Append(lf.lfFaceName, static_cast<int>(strnlen(lf.lfFaceName, LF_FACESIZE)));
+    s += ";}}";
+    return s;
+}
+
+CString FormatWindowTextColorTable()
+{
+    return CString("{\\colortbl;") + FormatColorEntry(GetSysColor(COLOR_WINDOWTEXT)) + "}";
+}
+
 // =================================================================================
 // The object, Convert and the scan
 // =================================================================================

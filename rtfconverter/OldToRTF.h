@@ -40,6 +40,11 @@ constexpr const char* szRtfDocumentHeader = "{\\rtf1\\ansi\\deff0\\deflang1024";
 CString GetFamilyWord(const LOGFONT& lf);
 // A colour-table entry: "\redR\greenG\blueB;".
 CString FormatColorEntry(COLORREF cr);
+// The tables of a document in a single font and the automatic colour, as the
+// plain-text writers produce it: "{\fonttbl{\f0\fcharsetN\family Face;}}"
+// and "{\colortbl;" with the window text colour "}".
+CString FormatSingleFontTable(int charset, const LOGFONT& lf);
+CString FormatWindowTextColorTable();
 // Twice a point size, as RTF counts font sizes in half-points; wide enough
 // for any LOGFONT height a caller may pass.
 long long HalfPoints(int points);

@@ -69,20 +69,9 @@ void CPlainTextToRTF::ConvertText(const char* pszText)
     }
 }
 
-CString CPlainTextToRTF::GetFontTable() const
-{
-    CString s;
-    s.Format("{\\fonttbl{\\f0\\fcharset%d\\", m_logFont.lfCharSet);
-    s += GetFamilyWord(m_logFont);
-    s.Append(m_logFont.lfFaceName, static_cast<int>(strnlen(m_logFont.lfFaceName, LF_FACESIZE)));
-    s += ";}}";
-    return s;
-}
+CString CPlainTextToRTF::GetFontTable() const { return FormatSingleFontTable(m_logFont.lfCharSet, m_logFont); }
 
-CString CPlainTextToRTF::GetColorTable() const
-{
-    return CString("{\\colortbl;") + FormatColorEntry(GetSysColor(COLOR_WINDOWTEXT)) + "}";
-}
+CString CPlainTextToRTF::GetColorTable() const { return FormatWindowTextColorTable(); }
 
 CString CPlainTextToRTF::Export() const
 {

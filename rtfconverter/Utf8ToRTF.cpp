@@ -166,18 +166,10 @@ CString CUTF8TextToRTF::GetHeader() const
 // readers decode the text's bytes by it.
 CString CUTF8TextToRTF::GetFontTable() const
 {
-    CString s;
-    s.Format("{\\fonttbl{\\f0\\fcharset%d\\", CharsetOfCodePage(m_pPage ? m_pPage->GetNumber() : kWesternCodePage));
-    s += GetFamilyWord(m_logFont);
-    s.Append(m_logFont.lfFaceName, static_cast<int>(strnlen(m_logFont.lfFaceName, LF_FACESIZE)));
-    s += ";}}";
-    return s;
+    return FormatSingleFontTable(CharsetOfCodePage(m_pPage ? m_pPage->GetNumber() : kWesternCodePage), m_logFont);
 }
 
-CString CUTF8TextToRTF::GetColorTable() const
-{
-    return CString("{\\colortbl;") + FormatColorEntry(GetSysColor(COLOR_WINDOWTEXT)) + "}";
-}
+CString CUTF8TextToRTF::GetColorTable() const { return FormatWindowTextColorTable(); }
 
 CString CUTF8TextToRTF::Export() const
 {
