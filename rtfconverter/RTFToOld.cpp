@@ -233,7 +233,9 @@ bool CRTFImport::Append(char ch)
 {
     if (IsReservedByte(ch))
         ch = ' ';
-    if (!AppendOwedCommands())
+    // Inside a paragraph with unchanged formatting nothing is owed: the
+    // usual case, kept to three tests per character.
+    if ((m_bParagraphStart || m_bFontChanged || !m_strPending.IsEmpty()) && !AppendOwedCommands())
         return false;
     switch (m_rds) {
     case rdsPNCommand:
