@@ -102,6 +102,8 @@ TEST(RtfToOld, FontAndColourTables)
          Cmd("F---:Times New Roman") + "a" + Cmd("F---\xCA:Arial") + "b" + Cmd("F---:Cour ") + "c"},
         {"default font only through \\plain", "{\\rtf1\\deff1{\\fonttbl{\\f0 A;}{\\f1 B;}}x\\plain y}",
          "x" + Cmd("F---:B") + "y"},
+        {"framing bytes in a face name go out as they are", "{\\rtf1{\\fonttbl{\\f0 A\\'02B;}}\\f0 x}",
+         "\x01" "F---:A\x02" "B\x02" "x"},
         {"a later definition wins", "{\\rtf1{\\fonttbl{\\f0 A;}}{\\fonttbl{\\f0 Z;}}\\f0 x}", Cmd("F---:Z") + "x"},
         {"colour bytes keep their low 8 bits; a missing one is 255",
          "{\\rtf1{\\colortbl\\red256\\green\\blue0;}\\cf0 x}", Cmd("F--K:-") + "x"},
@@ -271,6 +273,19 @@ TEST(RtfToOld, StringPutNeedsOneByteMoreThanItsLength)
     EXPECT_EQ(result.buffers, (std::vector<std::string>{"abc", "def", "\r"}));
     // \par reports each full buffer it meets.
     EXPECT_EQ(log.AssertTexts(), std::vector<std::string>{"bOk@RTFToOld"});
+
+    // A numbering command that never fits behind the re-sent commands: each
+    // call writes them and nothing else. Judged by the input consumed (a
+    // framing byte in the face name would fool a look at the bytes), the
+    // caller sees no progress and grows its buffer.
+    ImportOptions small;
+    small.cbBuffer = 50;
+    const ImportResult grown = PullOldText("{\\rtf1{\\fonttbl{\\f0 AAAAAAAAAAAAAAAAAAAA\\'02;}}\\f0 " + std::string(30, 'x') +
+                                               "\\par\\pard{\\*\\pn\\pnlvl1\\pnstart1\\pndec{\\pntxta .}}y}",
+                                           small);
+    EXPECT_FALSE(grown.bStalled);
+    EXPECT_EQ(grown.cGrowths, 1);
+    EXPECT_EQ(grown.text.back(), 'y');
 }
 
 namespace {

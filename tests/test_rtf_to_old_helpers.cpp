@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 
 namespace rtfconv_test {
 
@@ -53,40 +52,44 @@ bool RecordingAttachmentFilter(AttachmentInfo& info, CString& text, void* pLog, 
 
 std::string Cmd(const std::string& body) { return "\x01" + body + "\x02"; }
 
-bool HoldsOnlyResentCommands(const std::string& buffer)
-{
-    for (std::size_t i = 0; i < buffer.size(); ++i) {
-        if (buffer[i] != '\x01' || i + 1 >= buffer.size() || (buffer[i + 1] != 'L' && buffer[i + 1] != 'F'))
-            return false;
-        i = buffer.find('\x02', i);
-        if (i == std::string::npos)
-            return false;
-    }
-    return true;
-}
+namespace {
 
-ImportResult PullOldText(const std::string& rtf, const ImportOptions& options)
+// The readers with their read position made visible: every buffer after the
+// first begins with the re-sent commands, so progress shows in the input.
+class CPtrReader : public CRTFPtrImport {
+public:
+    using CRTFPtrImport::CRTFPtrImport;
+    std::size_t BytesConsumed() const { return std::min(m_ichCur, m_cchText); }
+};
+
+class CStreamReader : public CRTFStreamImport {
+public:
+    explicit CStreamReader(CTestReadStream& stream) : CRTFStreamImport(&stream), m_stream(stream) {}
+    std::size_t BytesConsumed() const { return m_stream.Position() - static_cast<std::size_t>(m_pEnd - m_pCur); }
+
+private:
+    CTestReadStream& m_stream;
+};
+
+template <class TReader>
+ImportResult PullWith(TReader& reader, const ImportOptions& options)
 {
-    CTestReadStream stream(rtf);
-    std::unique_ptr<CRTFImportToPtr> pReader;
-    if (options.source == ImportSource::Ptr)
-        pReader.reset(new CRTFPtrImport(rtf.c_str()));
-    else
-        pReader.reset(new CRTFStreamImport(&stream));
-    pReader->SetPasteWithTableTags(options.bTableTags);
+    reader.SetPasteWithTableTags(options.bTableTags);
     if (options.pAttachments)
-        pReader->SetAttachmentFilter(RecordingAttachmentFilter, options.pAttachments, nullptr);
+        reader.SetAttachmentFilter(RecordingAttachmentFilter, options.pAttachments, nullptr);
     if (options.pfnCharFilter)
-        pReader->SetFilter(options.pfnCharFilter);
+        reader.SetFilter(options.pfnCharFilter);
 
     ImportResult result;
     std::vector<char> buf(options.cbBuffer);
+    std::size_t cbConsumedBefore = 0;
     bool bMore = true;
     while (bMore) {
-        const int n = pReader->Read(buf.data(), buf.data() + buf.size(), bMore);
+        const int n = reader.Read(buf.data(), buf.data() + buf.size(), bMore);
         result.buffers.emplace_back(buf.data(), static_cast<std::size_t>(n));
         result.text.append(buf.data(), static_cast<std::size_t>(n));
-        if (bMore && HoldsOnlyResentCommands(result.buffers.back())) {
+        const std::size_t cbConsumed = reader.BytesConsumed();
+        if (bMore && cbConsumed <= cbConsumedBefore) {
             // What is due next does not fit: grow as the tool does.
             if (buf.size() >= (std::size_t(16) << 20)) {
                 result.bStalled = true;
@@ -95,8 +98,22 @@ ImportResult PullOldText(const std::string& rtf, const ImportOptions& options)
             buf.resize(buf.size() * 2);
             ++result.cGrowths;
         }
+        cbConsumedBefore = cbConsumed;
     }
     return result;
+}
+
+} // namespace
+
+ImportResult PullOldText(const std::string& rtf, const ImportOptions& options)
+{
+    if (options.source == ImportSource::Ptr) {
+        CPtrReader reader(rtf.c_str());
+        return PullWith(reader, options);
+    }
+    CTestReadStream stream(rtf);
+    CStreamReader reader(stream);
+    return PullWith(reader, options);
 }
 
 std::string OldText(const std::string& rtf, const ImportOptions& options)

@@ -47,17 +47,12 @@ struct ImportResult {
 };
 
 // Pulls with buffers of options.cbBuffer bytes, doubled (as the command-line
-// tool does) after a call that could not fit what was due.
+// tool does) after a call that ends where the previous one did.
 ImportResult PullOldText(const std::string& rtf, const ImportOptions& options = ImportOptions());
 std::string OldText(const std::string& rtf, const ImportOptions& options = ImportOptions());
 
 // A markup command from its body: 0x01 body 0x02.
 std::string Cmd(const std::string& body);
-
-// True when a buffer holds nothing but layout and font commands: what every
-// buffer after the first begins with. A call that wrote nothing else, with
-// more to come, could not fit what was due next.
-bool HoldsOnlyResentCommands(const std::string& buffer);
 
 // A read-only IStream over bytes that counts its Read calls.
 class CTestReadStream : public IStream {
@@ -72,6 +67,8 @@ public:
     HRESULT SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
     HRESULT CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override { return E_NOTIMPL; }
     HRESULT Stat(STATSTG*, DWORD) override { return E_NOTIMPL; }
+
+    std::size_t Position() const { return m_pos; }
 
     int cReads = 0;
 

@@ -185,24 +185,11 @@ bool SaveAttachment(AttachmentInfo& info, CString& text, void* pSaver, void*)
 
 // --- the pull loop
 
-// Layout and font commands are what every buffer after the first begins
-// with. A call that wrote nothing else, while more is to come, could not fit
-// what was due next: the buffer grows as after a call that wrote nothing.
-bool HoldsOnlyResentCommands(const char* p, std::size_t cb)
-{
-    for (std::size_t i = 0; i < cb; ++i) {
-        if (p[i] != '\x01' || i + 1 >= cb || (p[i + 1] != 'L' && p[i + 1] != 'F'))
-            return false;
-        while (i < cb && p[i] != '\x02')
-            ++i;
-    }
-    return true;
-}
-
 template <class TReader, class TConsume>
 void PullOldText(TReader& reader, std::size_t cbBuffer, CConversion& conversion, TConsume&& consume)
 {
     CPullBuffer buffer(cbBuffer);
+    std::size_t cbConsumedBefore = 0;
     bool bMore = true;
     while (bMore) {
         std::size_t cb = 0;
@@ -217,8 +204,14 @@ void PullOldText(TReader& reader, std::size_t cbBuffer, CConversion& conversion,
             throw ToolError(exitConversionFailed, "the reader reported more bytes than its buffer holds");
         if (cb > 0)
             consume(buffer.Begin(), cb);
-        if (bMore && HoldsOnlyResentCommands(buffer.Begin(), cb))
+        // Every buffer after the first begins with the re-sent layout and
+        // font commands, so a call can write bytes without getting anywhere.
+        // Progress is judged by the input instead: a call that ends where the
+        // previous one did could not fit what was due, and the buffer grows.
+        const std::size_t cbConsumed = reader.BytesConsumed();
+        if (bMore && cbConsumed <= cbConsumedBefore)
             buffer.GrowAfterNoProgress();
+        cbConsumedBefore = cbConsumed;
     }
 }
 
