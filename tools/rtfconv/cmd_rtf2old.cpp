@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -229,6 +230,19 @@ std::string AttachmentsDirFor(const Rtf2OldOptions& options, const std::string& 
     return dir;
 }
 
+// The folder --attachments names, created with its parents when missing.
+bool CreateAttachmentsDir(const std::string& dir)
+{
+    if (dir.empty())
+        return true;
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
+    if (!ec && std::filesystem::is_directory(dir, ec))
+        return true;
+    PrintError("--attachments: cannot create the folder " + dir + (ec ? ": " + ec.message() : std::string()));
+    return false;
+}
+
 template <class TReader>
 void ConvertWith(TReader& reader, const ToolContext& ctx, const Rtf2OldOptions& options, CConversion& conversion)
 {
@@ -287,11 +301,13 @@ void RegisterRtf2Old(CLI::App& app, ToolContext& ctx)
         ->default_str("stream");
     cmd->add_flag("--table-tags", options->bTableTags, "Mark table rows and cells with table tag commands");
     cmd->add_option("--attachments", options->attachmentsDir,
-                    "Save each picture or object as DIR/NN.EXT and put attachment command NN in the text")
-        ->check(CLI::ExistingDirectory);
+                    "Save each picture or object as DIR/NN.EXT (DIR is created when missing) and put attachment "
+                    "command NN in the text");
     cmd->add_flag("--utf8", options->bUtf8, "Convert the text to UTF-8 from the document's code page");
 
     SetCommandAction(*cmd, ctx, [&ctx, options] {
+        if (!CreateAttachmentsDir(options->attachmentsDir))
+            return static_cast<int>(exitIoError);
         return RunConversions(ctx, options->io, ".old",
                               [&ctx, options](CConversion& conversion) { ConvertRtfToOld(ctx, *options, conversion); });
     });
