@@ -15,37 +15,14 @@ using rtf_converter::CBytePtrRTFToPlainTextPtrParser;
 
 namespace {
 
-constexpr std::size_t kReadBuffer = 64 * 1024;
-
-const std::string* InputOrSkip(benchmark::State& state, const char* name)
-{
-    std::string why;
-    const std::string* input = rtfconv_bench::LoadInput(name, &why);
-    if (!input)
-        state.SkipWithError(why.c_str());
-    return input;
-}
+using rtfconv_bench::LoadInputOrSkip;
 
 const unsigned char* Bytes(const std::string& s) { return reinterpret_cast<const unsigned char*>(s.data()); }
 
 void RtfToText(benchmark::State& state, const char* name)
 {
-    const std::string* input = InputOrSkip(state, name);
-    if (!input)
-        return;
-    std::vector<char> buffer(kReadBuffer);
-    unsigned long cbText = 0;
-    for (auto _ : state) {
-        const unsigned long cbInput = static_cast<unsigned long>(input->size());
-        CBytePtrRTFToPlainTextPtrParser reader(Bytes(*input), cbInput);
-        cbText = 0;
-        bool bMore = true;
-        while (bMore)
-            cbText += reader.Read(buffer.data(), buffer.data() + buffer.size(), bMore);
-        benchmark::DoNotOptimize(buffer.data());
-    }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(input->size()));
-    state.counters["text_bytes"] = static_cast<double>(cbText);
+    if (const std::string* input = LoadInputOrSkip(state, name))
+        rtfconv_bench::PullText<CBytePtrRTFToPlainTextPtrParser>(state, *input);
 }
 
 // The reader's own byte source, pulled through its virtual Get as the
@@ -66,7 +43,7 @@ public:
 
 void ByteScanVirtualGet(benchmark::State& state, const char* name)
 {
-    const std::string* input = InputOrSkip(state, name);
+    const std::string* input = LoadInputOrSkip(state, name);
     if (!input)
         return;
     for (auto _ : state) {
@@ -81,7 +58,7 @@ void ByteScanVirtualGet(benchmark::State& state, const char* name)
 // and vectorise it, so it is the ceiling for any byte-at-a-time reader.
 void ByteScanPlainLoop(benchmark::State& state, const char* name)
 {
-    const std::string* input = InputOrSkip(state, name);
+    const std::string* input = LoadInputOrSkip(state, name);
     if (!input)
         return;
     for (auto _ : state) {

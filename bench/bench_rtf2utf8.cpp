@@ -17,7 +17,6 @@ using rtf_converter::CBytePtrRTFToUTF8PtrParser;
 
 namespace {
 
-constexpr std::size_t kReadBuffer = 64 * 1024;
 constexpr int kParagraphs = 20000;
 
 const char* const kUnicodeEscapes = "unicode-escapes";
@@ -55,32 +54,14 @@ const std::string* InputOrSkip(benchmark::State& state, const char* name)
         return &s_unicode;
     if (name == kCyrillicHex)
         return &s_cyrillic;
-    std::string why;
-    const std::string* input = rtfconv_bench::LoadInput(name, &why);
-    if (!input)
-        state.SkipWithError(why.c_str());
-    return input;
+    return rtfconv_bench::LoadInputOrSkip(state, name);
 }
 
 template <class Reader>
 void Convert(benchmark::State& state, const char* name)
 {
-    const std::string* input = InputOrSkip(state, name);
-    if (!input)
-        return;
-    std::vector<char> buffer(kReadBuffer);
-    unsigned long cbText = 0;
-    for (auto _ : state) {
-        const unsigned long cbInput = static_cast<unsigned long>(input->size());
-        Reader reader(reinterpret_cast<const unsigned char*>(input->data()), cbInput);
-        cbText = 0;
-        bool bMore = true;
-        while (bMore)
-            cbText += reader.Read(buffer.data(), buffer.data() + buffer.size(), bMore);
-        benchmark::DoNotOptimize(buffer.data());
-    }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(input->size()));
-    state.counters["text_bytes"] = static_cast<double>(cbText);
+    if (const std::string* input = InputOrSkip(state, name))
+        rtfconv_bench::PullText<Reader>(state, *input);
 }
 
 void RtfToUtf8(benchmark::State& state, const char* name) { Convert<CBytePtrRTFToUTF8PtrParser>(state, name); }
