@@ -4,6 +4,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <new>
 
 #include "hostlibs/KVBase.h"
 #include "hostlibs/VQLogger.h"
@@ -205,6 +206,21 @@ CString FormatSingleFontTable(int charset, const LOGFONT& lf)
 CString FormatWindowTextColorTable()
 {
     return CString("{\\colortbl;") + FormatColorEntry(GetSysColor(COLOR_WINDOWTEXT)) + "}";
+}
+
+CString AssembleDocument(const CString& header, const CString& fonts, const CString& colors, const CString& body)
+{
+    CString s;
+    try {
+        s.Preallocate(header.GetLength() + fonts.GetLength() + colors.GetLength() + body.GetLength());
+        s += header;
+        s += fonts;
+        s += colors;
+        s += body;
+    } catch (const std::bad_alloc&) {
+        s.Empty();
+    }
+    return s;
 }
 
 // =================================================================================

@@ -45,6 +45,9 @@ CString FormatColorEntry(COLORREF cr);
 // and "{\colortbl;" with the window text colour "}".
 CString FormatSingleFontTable(int charset, const LOGFONT& lf);
 CString FormatWindowTextColorTable();
+// header + fonts + colours + body in one allocation; empty when memory runs
+// out, as the plain-text writers' Export promises.
+CString AssembleDocument(const CString& header, const CString& fonts, const CString& colors, const CString& body);
 // Twice a point size, as RTF counts font sizes in half-points; wide enough
 // for any LOGFONT height a caller may pass.
 long long HalfPoints(int points);

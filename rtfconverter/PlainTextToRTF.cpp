@@ -75,18 +75,11 @@ CString CPlainTextToRTF::GetColorTable() const { return FormatWindowTextColorTab
 
 CString CPlainTextToRTF::Export() const
 {
-    CString s;
     try {
-        CString fonts = GetFontTable(), colors = GetColorTable();
-        s.Preallocate(m_csHeader.GetLength() + fonts.GetLength() + colors.GetLength() + m_csBuffer.GetLength());
-        s += m_csHeader;
-        s += fonts;
-        s += colors;
-        s += m_csBuffer;
+        return AssembleDocument(m_csHeader, GetFontTable(), GetColorTable(), m_csBuffer);
     } catch (const std::bad_alloc&) {
-        s.Empty();
+        return CString();
     }
-    return s;
 }
 
 } // namespace rtf_converter

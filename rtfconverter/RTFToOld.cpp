@@ -400,23 +400,32 @@ bool CRTFImport::ApplyFontSize(const void*, int param)
     return true;
 }
 
-bool CRTFImport::ApplyColorCommand(const void*, int param)
+// The colour-table entry a \cf or \cb parameter names (0 when it has none);
+// null, after the assertion, past the end of the table. A negative index
+// raises the framework's invalid-argument exception.
+const CRTFImport::RTFCOLOR* CRTFImport::ColorEntry(int param)
 {
     const int idxColor = param == noParam ? 0 : param;
     if (!(idxColor < m_nColorEntries)) {
         VQASSERT(idxColor < m_nColorEntries);
-        return true;
+        return nullptr;
     }
-    // A negative index raises the framework's invalid-argument exception.
-    const RTFCOLOR& color = m_ColorTable[idxColor];
-    if (color.bAutomatic) {
+    return &m_ColorTable[idxColor];
+}
+
+bool CRTFImport::ApplyColorCommand(const void*, int param)
+{
+    const RTFCOLOR* pColor = ColorEntry(param);
+    if (!pColor)
+        return true;
+    if (pColor->bAutomatic) {
         if (!m_fontCmd.IsDefaultColor()) {
             m_fontCmd.SetDefault(fcmColor);
             m_bFontChanged = true;
         }
         return true;
     }
-    const int index = FindNearestColor(color.red, color.green, color.blue);
+    const int index = FindNearestColor(pColor->red, pColor->green, pColor->blue);
     if (index >= 0) {
         m_fontCmd.SetColor(static_cast<char>('A' + index), 0);
         m_bFontChanged = true;
@@ -426,20 +435,17 @@ bool CRTFImport::ApplyColorCommand(const void*, int param)
 
 bool CRTFImport::ApplyBKColorCommand(const void*, int param)
 {
-    const int idxColor = param == noParam ? 0 : param;
-    if (!(idxColor < m_nColorEntries)) {
-        VQASSERT(idxColor < m_nColorEntries);
+    const RTFCOLOR* pColor = ColorEntry(param);
+    if (!pColor)
         return true;
-    }
-    const RTFCOLOR& color = m_ColorTable[idxColor];
-    if (color.bAutomatic) {
+    if (pColor->bAutomatic) {
         if (m_fontCmd.GetBackColor() != 0) {
             m_fontCmd.SetDefault(fcmBackColor);
             m_bFontChanged = true;
         }
         return true;
     }
-    const int index = FindNearestColor(color.red, color.green, color.blue);
+    const int index = FindNearestColor(pColor->red, pColor->green, pColor->blue);
     if (index >= 0) {
         m_fontCmd.SetBackColor(static_cast<char>('a' + index), 0);
         m_bFontChanged = true;

@@ -156,6 +156,7 @@ protected:
     bool FillNumberCmd(CNumberCmd& cmd);
     void FillFontName(char ch);
     CRTFImportSave* GetSave() { return static_cast<CRTFImportSave*>(m_pSave); }
+    const RTFCOLOR* ColorEntry(int param);
     int Read(bool& bMore);
 
     // Removes markup commands from s and turns control bytes other than TAB

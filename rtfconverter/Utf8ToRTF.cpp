@@ -173,18 +173,11 @@ CString CUTF8TextToRTF::GetColorTable() const { return FormatWindowTextColorTabl
 
 CString CUTF8TextToRTF::Export() const
 {
-    CString s;
     try {
-        const CString header = GetHeader(), fonts = GetFontTable(), colors = GetColorTable();
-        s.Preallocate(header.GetLength() + fonts.GetLength() + colors.GetLength() + m_csBuffer.GetLength());
-        s += header;
-        s += fonts;
-        s += colors;
-        s += m_csBuffer;
+        return AssembleDocument(GetHeader(), GetFontTable(), GetColorTable(), m_csBuffer);
     } catch (const std::bad_alloc&) {
-        s.Empty();
+        return CString();
     }
-    return s;
 }
 
 } // namespace rtf_converter
