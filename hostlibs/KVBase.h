@@ -1,11 +1,12 @@
 // The host's base library: the exception through which its components report
 // failures they cannot handle where they happen.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include <string>
 
 // Thrown BY VALUE; catch it as `const CKVWException&` or with `catch (...)`.
-class CKVWException {
+class RTFCONV_API CKVWException {
 public:
     CKVWException(const char* text, const char* file, const char* function, int line);
 

@@ -5,8 +5,9 @@
 // is set, in which case it writes to standard error, so that a command-line
 // tool stays quiet on malformed input.
 #pragma once
+#include "rtfconverter/Export.h"
 
-struct VQLogSink {
+struct RTFCONV_API VQLogSink {
     virtual void OnAssert(const char* expr, const char* file, int line) = 0;
     virtual void OnTrace(const char* text) = 0;
     virtual ~VQLogSink() = default;
@@ -15,14 +16,14 @@ struct VQLogSink {
 // Installs `pSink` (null restores the default sink) and returns the previous
 // sink (null when it was the default). The sink is process-wide; replacing it
 // while other threads log is not synchronised with their reports in flight.
-VQLogSink* VQSetLogSink(VQLogSink* pSink);
+RTFCONV_API VQLogSink* VQSetLogSink(VQLogSink* pSink);
 
 // Reports a failed assertion. `file` may be a path: the sink receives its base
 // name without folders and extension ("DocCmd" for "src/DocCmd.cpp").
-void _vqassert_(const char* expr, const char* file, int line);
+RTFCONV_API void _vqassert_(const char* expr, const char* file, int line);
 
 // Formats a trace printf-style and hands it to the sink.
-void _vqtrace_(const char* format, ...)
+RTFCONV_API void _vqtrace_(const char* format, ...)
 #if defined(__GNUC__)
     __attribute__((format(printf, 1, 2)))
 #endif

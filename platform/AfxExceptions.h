@@ -5,10 +5,11 @@
 // allocated on the heap for them, so nothing can leak whichever way they are
 // caught.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include "WinTypes.h"
 
-class CException {
+class RTFCONV_API CException {
 public:
     virtual ~CException() = default;
     // A short English description, for messages and logs.
@@ -17,23 +18,23 @@ public:
 
 // Raised on every indexed access outside a collection's bounds, and on invalid
 // arguments to framework functions.
-class CInvalidArgException : public CException {
+class RTFCONV_API CInvalidArgException : public CException {
 public:
     const char* GetErrorText() const override { return "invalid argument"; }
 };
 
-class CMemoryException : public CException {
+class RTFCONV_API CMemoryException : public CException {
 public:
     const char* GetErrorText() const override { return "out of memory"; }
 };
 
-class COleException : public CException {
+class RTFCONV_API COleException : public CException {
 public:
     explicit COleException(HRESULT sc) : m_sc(sc) {}
     const char* GetErrorText() const override { return "OLE failure"; }
     HRESULT m_sc;
 };
 
-[[noreturn]] void AfxThrowInvalidArgException();
-[[noreturn]] void AfxThrowMemoryException();
-[[noreturn]] void AfxThrowOleException(HRESULT sc);
+[[noreturn]] RTFCONV_API void AfxThrowInvalidArgException();
+[[noreturn]] RTFCONV_API void AfxThrowMemoryException();
+[[noreturn]] RTFCONV_API void AfxThrowOleException(HRESULT sc);

@@ -6,11 +6,12 @@
 // only, so bytes above 0x7F compare as themselves whatever the locale.
 // Out of memory raises std::bad_alloc.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include <cstdarg>
 #include <string>
 
-class CString {
+class RTFCONV_API CString {
 public:
     CString() = default;
     CString(const CString&) = default;

@@ -7,6 +7,7 @@
 // the end grows the block; seeking past the end is allowed and a later write
 // fills the gap with zero bytes.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include <cstddef>
 #include <utility>
@@ -24,17 +25,17 @@ typedef void* HGLOBAL;
 
 // A new block of `size` bytes (zeroed: this layer never hands out
 // uninitialised memory), or null when memory runs out.
-HGLOBAL GlobalAlloc(UINT flags, std::size_t size);
+RTFCONV_API HGLOBAL GlobalAlloc(UINT flags, std::size_t size);
 // Frees the block; returns null on success (as Windows does), the handle when
 // it is in use by a stream that still owns it is not checked.
-HGLOBAL GlobalFree(HGLOBAL hMem);
+RTFCONV_API HGLOBAL GlobalFree(HGLOBAL hMem);
 // The block's bytes; null for a null handle. Each lock must be undone by
 // GlobalUnlock; the address stays valid until the block is resized.
-void* GlobalLock(HGLOBAL hMem);
+RTFCONV_API void* GlobalLock(HGLOBAL hMem);
 // FALSE once the lock count reaches zero (as Windows reports it).
-BOOL GlobalUnlock(HGLOBAL hMem);
+RTFCONV_API BOOL GlobalUnlock(HGLOBAL hMem);
 // The block's size in bytes; 0 for a null handle.
-std::size_t GlobalSize(HGLOBAL hMem);
+RTFCONV_API std::size_t GlobalSize(HGLOBAL hMem);
 
 // --- streams ------------------------------------------------------------------
 
@@ -67,7 +68,7 @@ struct STATSTG {
 // reference; AddRef/Release return the new count and the last Release deletes
 // the object (hence the protected destructor). Out-parameters of counts and
 // positions may be null.
-class IStream {
+class RTFCONV_API IStream {
 public:
     virtual ULONG AddRef() = 0;
     virtual ULONG Release() = 0;
@@ -86,10 +87,10 @@ protected:
 // size; with `hGlobal` null, a new empty growable block. With
 // `fDeleteOnRelease` the block is freed with the stream's last Release.
 // Returns E_INVALIDARG for a null `ppstm`, E_OUTOFMEMORY when memory runs out.
-HRESULT CreateStreamOnHGlobal(HGLOBAL hGlobal, BOOL fDeleteOnRelease, IStream** ppstm);
+RTFCONV_API HRESULT CreateStreamOnHGlobal(HGLOBAL hGlobal, BOOL fDeleteOnRelease, IStream** ppstm);
 // The block under a stream made by CreateStreamOnHGlobal; E_INVALIDARG for any
 // other stream or a null argument.
-HRESULT GetHGlobalFromStream(IStream* pstm, HGLOBAL* phglobal);
+RTFCONV_API HRESULT GetHGlobalFromStream(IStream* pstm, HGLOBAL* phglobal);
 
 // --- smart pointer ------------------------------------------------------------
 

@@ -7,8 +7,9 @@
 // classic Windows scheme; a host or a test replaces entries with SetSysColors
 // (as on Windows) and restores the classic scheme with ResetSysColors.
 #pragma once
+#include "rtfconverter/Export.h"
 
-#include "platform/WinTypes.h"
+#include "WinTypes.h"
 
 // --- Logical font -----------------------------------------------------------
 
@@ -150,14 +151,14 @@ typedef struct HDC__* HDC;
 #define LOGPIXELSY 90
 
 // GetDC(nullptr) gives the screen's context; it never fails. ReleaseDC returns 1.
-HDC GetDC(HWND hWnd);
-int ReleaseDC(HWND hWnd, HDC hDC);
+RTFCONV_API HDC GetDC(HWND hWnd);
+RTFCONV_API int ReleaseDC(HWND hWnd, HDC hDC);
 // LOGPIXELSX and LOGPIXELSY give the screen resolution; other indexes give 0.
-int GetDeviceCaps(HDC hDC, int index);
+RTFCONV_API int GetDeviceCaps(HDC hDC, int index);
 // Changes the screen's vertical resolution (values below 1 restore 96).
-void SetScreenLogPixelsY(int dpi);
+RTFCONV_API void SetScreenLogPixelsY(int dpi);
 
-class CDC {
+class RTFCONV_API CDC {
 public:
     CDC() = default;
     CDC(const CDC&) = delete;
@@ -207,9 +208,9 @@ public:
 #define COLOR_COUNT 31
 
 // The colour of a user-interface element; 0 for an index outside the scheme.
-COLORREF GetSysColor(int index);
+RTFCONV_API COLORREF GetSysColor(int index);
 // Replaces the colours of cElements elements, as on Windows; entries with an
 // index outside the scheme are skipped. Returns FALSE on null arrays.
-BOOL SetSysColors(int cElements, const int* lpaElements, const COLORREF* lpaRgbValues);
+RTFCONV_API BOOL SetSysColors(int cElements, const int* lpaElements, const COLORREF* lpaRgbValues);
 // Restores the whole classic scheme.
-void ResetSysColors();
+RTFCONV_API void ResetSysColors();

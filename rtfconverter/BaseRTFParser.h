@@ -9,6 +9,7 @@
 // call through a row reaches the most derived override. Every default handler
 // returns true; a handler returns false only when the sink refused output.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include "rtfconverter/RTFNumbering.h"
 #include "rtfconverter/RTFParser.h"
@@ -36,7 +37,7 @@ enum RDS {
     rdsHidden = 16,
 };
 
-class CBaseRTFParser : public CRTFParser {
+class RTFCONV_API CBaseRTFParser : public CRTFParser {
 public:
     // One saved group state. A reader that saves more per group derives its
     // own record and allocates it in its CreateSave override.

@@ -3,6 +3,7 @@
 // writer in the process, and the Symbol font's characters, which iconv does
 // not know.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include <memory>
 #include <mutex>
@@ -17,7 +18,7 @@ namespace rtf_converter {
 // met; and the encoding, built from the decoding the first time it is asked
 // for. Immutable once built, except for those lazily built tables, each under
 // its own once-flag, so that any number of threads share a page.
-class CCodePage {
+class RTFCONV_API CCodePage {
 public:
     // The number Windows gives the code page of symbol fonts.
     static constexpr int symbol = 42;
@@ -62,8 +63,8 @@ private:
 
 // The code page of the character set \fcharsetN names; 0 for the ANSI and
 // default sets, whose page is the document's, and for unknown sets.
-int CodePageOfCharset(int charset);
+RTFCONV_API int CodePageOfCharset(int charset);
 // The \fcharsetN of a code page's fonts; 1 (default) when no set has it.
-int CharsetOfCodePage(int codePage);
+RTFCONV_API int CharsetOfCodePage(int codePage);
 
 } // namespace rtf_converter

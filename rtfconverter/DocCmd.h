@@ -15,6 +15,7 @@
 // texts are stored as given, inconsistencies are reported through VQLogger's
 // assertion report and the operation goes on with the text as it is.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include "hostlibs/VQLogger.h"
 #include "platform/AfxColl.h"
@@ -33,7 +34,7 @@ namespace rtf_converter {
 // CDocCmd: the framing shared by every markup command.
 // ============================================================================
 
-class CDocCmd : public CObject {
+class RTFCONV_API CDocCmd : public CObject {
 public:
     // The value of each kind is its type letter.
     enum CmdTypes : int { none = 0, attachment = 'A', comment = 'C', font = 'F', layout = 'L', print = 'P' };
@@ -122,7 +123,7 @@ enum FontCmdMasks {
     fcmAll = 0x7FF,
 };
 
-class CFontCmd : public CDocCmd {
+class RTFCONV_API CFontCmd : public CDocCmd {
 public:
     static constexpr int iFntCmdLenMin = 8;
     static constexpr int posPoints = 2;
@@ -186,17 +187,17 @@ private:
 };
 
 // The COLORREF of a text colour letter ('A'..'P', 'Y', 'Z'; '-' and others give 0).
-COLORREF ColorCharToRGB(char letter);
+RTFCONV_API COLORREF ColorCharToRGB(char letter);
 // The COLORREF of a background letter ('a'..'p'; others give 0).
-COLORREF BackColorCharToRGB(char letter);
+RTFCONV_API COLORREF BackColorCharToRGB(char letter);
 // The palette index (0..15) nearest to a colour; ties keep the lower index.
-int FindNearestColor(int red, int green, int blue);
+RTFCONV_API int FindNearestColor(int red, int green, int blue);
 
 constexpr int nPaletteColors = 16;
 // Palette entry `index` (0..15) and its display name; index out of range gives
 // 0 and "".
-COLORREF GetPaletteColor(int index);
-const char* GetPaletteColorName(int index);
+RTFCONV_API COLORREF GetPaletteColor(int index);
+RTFCONV_API const char* GetPaletteColorName(int index);
 
 // One element of the host's colour scheme. A palette index of 16 means the
 // element follows its system colour.
@@ -209,10 +210,10 @@ struct ColorSchemeEntry {
 };
 constexpr int nSchemeNoPaletteColor = 16;
 // The scheme rows in their stored order.
-const ColorSchemeEntry* GetColorScheme(int& count);
+RTFCONV_API const ColorSchemeEntry* GetColorScheme(int& count);
 // The colour an element shows: its palette colour, or its system colour when
 // it has none. Unknown names give 0.
-COLORREF GetColorSchemeColor(const char* name);
+RTFCONV_API COLORREF GetColorSchemeColor(const char* name);
 
 // ============================================================================
 // Layout command and tab stops
@@ -234,7 +235,7 @@ struct TabDescription {
 
 typedef CArray<TabDescription, TabDescription&> CTabArray;
 
-class CLayoutCmd : public CDocCmd {
+class RTFCONV_API CLayoutCmd : public CDocCmd {
 public:
     static constexpr int posJustify = 2;
     static constexpr int posLeftMargin = 3;
@@ -339,7 +340,7 @@ enum MultiLevelTypes {
     mlt_Last = 4,
 };
 
-class CCommentCmd : public CDocCmd {
+class RTFCONV_API CCommentCmd : public CDocCmd {
 public:
     static constexpr int idxType = 2;
     static constexpr int idxSeparator = 3;
@@ -382,7 +383,7 @@ protected:
 // Paragraph numbering: a comment command with subtype 'N'. Fields: 0 number
 // text, 2 type letter, 3 tab width ddd, 4 bullet font, 7 level digit and list
 // kind letter, 8.. the numbers of levels 1 to 9.
-class CNumberCmd : public CCommentCmd {
+class RTFCONV_API CNumberCmd : public CCommentCmd {
 public:
     static constexpr int fldText = 0;
     static constexpr int fldType = 2;
@@ -417,7 +418,7 @@ public:
 };
 
 // Print command: 0x01 'P' state 0x02, state '1' on, '0' off, 'E' page eject.
-class CPrintCmd : public CDocCmd {
+class RTFCONV_API CPrintCmd : public CDocCmd {
 public:
     static const char* const s_onCmd;
     static const char* const s_offCmd;
@@ -442,7 +443,7 @@ public:
 
 // Attachment command: 0x01 'A' dd 0x02, dd the attachment's index 00 to 99.
 // Built with lpszFormat and read back from the lenIndex digits at posIndex.
-class CAttachmentCmd : public CDocCmd {
+class RTFCONV_API CAttachmentCmd : public CDocCmd {
 public:
     static constexpr int posIndex = 2;
     static constexpr int lenIndex = 2;

@@ -13,6 +13,7 @@
 // Every byte of the body passes through a quick buffer of s_dwBufferSize bytes
 // on its way to the private stream (see AddToBuffer).
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include <cstring>
 #include <memory>
@@ -37,22 +38,22 @@ constexpr const char* szRtfDocumentHeader = "{\\rtf1\\ansi\\deff0\\deflang1024";
 
 // The font-table family word of a font, with its trailing blank ("fswiss "),
 // from the family nibble of lfPitchAndFamily.
-CString GetFamilyWord(const LOGFONT& lf);
+RTFCONV_API CString GetFamilyWord(const LOGFONT& lf);
 // A colour-table entry: "\redR\greenG\blueB;".
-CString FormatColorEntry(COLORREF cr);
+RTFCONV_API CString FormatColorEntry(COLORREF cr);
 // The tables of a document in a single font and the automatic colour, as the
 // plain-text writers produce it: "{\fonttbl{\f0\fcharsetN\family Face;}}"
 // and "{\colortbl;" with the window text colour "}".
-CString FormatSingleFontTable(int charset, const LOGFONT& lf);
-CString FormatWindowTextColorTable();
+RTFCONV_API CString FormatSingleFontTable(int charset, const LOGFONT& lf);
+RTFCONV_API CString FormatWindowTextColorTable();
 // header + fonts + colours + body in one allocation; empty when memory runs
 // out, as the plain-text writers' Export promises.
-CString AssembleDocument(const CString& header, const CString& fonts, const CString& colors, const CString& body);
+RTFCONV_API CString AssembleDocument(const CString& header, const CString& fonts, const CString& colors, const CString& body);
 // Twice a point size, as RTF counts font sizes in half-points; wide enough
 // for any LOGFONT height a caller may pass.
-long long HalfPoints(int points);
+RTFCONV_API long long HalfPoints(int points);
 
-class COldToRTF {
+class RTFCONV_API COldToRTF {
 public:
     // The writer's attachment filter: the command's text position, the command,
     // the record to fill, and the two values given to SetAttachmentFilter.

@@ -1,13 +1,14 @@
 // Plain text to RTF: one font, the automatic colour, the RTF specials escaped
 // and TAB, LF and CR turned into \tab, \line and \par.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include "platform/AfxString.h"
 #include "platform/WinGdi.h"
 
 namespace rtf_converter {
 
-class CPlainTextToRTF {
+class RTFCONV_API CPlainTextToRTF {
 public:
     CPlainTextToRTF();
     CPlainTextToRTF(const CPlainTextToRTF&) = default;

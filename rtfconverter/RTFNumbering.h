@@ -2,6 +2,7 @@
 // {\*\pn ...} group, the running paragraph number with its restart rule, and
 // the rendering of the current paragraph's number text.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include "platform/AfxString.h"
 
@@ -19,7 +20,7 @@ enum NumberingType {
     pntBullet = 6,       // \pnlvlblt: only the texts before and after show
 };
 
-class CNumberingInfo {
+class RTFCONV_API CNumberingInfo {
 public:
     CNumberingInfo() = default;
     CNumberingInfo(const CNumberingInfo&) = default;
@@ -56,9 +57,9 @@ private:
 // True when a list does not continue from `a` to `b`: the start numbers, the
 // kinds, or the texts (compared without regard to case) differ. The level is
 // not compared.
-bool IsNumberingChanged(const CNumberingInfo& a, const CNumberingInfo& b);
+RTFCONV_API bool IsNumberingChanged(const CNumberingInfo& a, const CNumberingInfo& b);
 
-class CNumberingState {
+class RTFCONV_API CNumberingState {
 public:
     const CNumberingInfo& GetCurrentInfo() const { return m_current; }
 

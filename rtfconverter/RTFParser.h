@@ -26,10 +26,11 @@
 // drains its buffer and calls again, and parsing continues exactly there.
 // Nothing is buffered inside the parser.
 #pragma once
+#include "rtfconverter/Export.h"
 
 namespace rtf_converter {
 
-class CRTFParser {
+class RTFCONV_API CRTFParser {
 public:
     // The parameter value of a control word that has none, and the result of
     // a hexadecimal escape that is not two hex digits.

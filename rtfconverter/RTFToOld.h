@@ -38,6 +38,7 @@
 // font family before the first \f), an OLE exception when an attachment
 // stream fails.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include <cstddef>
 
@@ -50,7 +51,7 @@
 
 namespace rtf_converter {
 
-class CRTFImport : public CBaseRTFParser {
+class RTFCONV_API CRTFImport : public CBaseRTFParser {
 public:
     typedef void (*PFNCHARFILTER)(char& ch);
     // Receives the filled record and an empty string; returns true with the
@@ -211,7 +212,7 @@ private:
     void ReleaseAttachmentStream();
 };
 
-class CRTFImportToPtr : public CRTFImport {
+class RTFCONV_API CRTFImportToPtr : public CRTFImport {
 public:
     // Converts into [b, e) and returns the number of bytes written; bMore
     // true means: call again, with the buffer drained, for the rest.
@@ -229,7 +230,7 @@ protected:
     char* m_pCur = nullptr;
 };
 
-class CRTFPtrImport : public CRTFImportToPtr {
+class RTFCONV_API CRTFPtrImport : public CRTFImportToPtr {
 public:
     // The text is not copied: it must outlive the object.
     explicit CRTFPtrImport(const char* text);
@@ -249,7 +250,7 @@ protected:
     std::size_t m_ichMark = 0;
 };
 
-class CRTFStreamImport : public CRTFImportToPtr {
+class RTFCONV_API CRTFStreamImport : public CRTFImportToPtr {
 public:
     // Reads from the stream's current position. The stream is not owned: it
     // is neither AddRef'd nor released.

@@ -12,13 +12,14 @@
 // paragraphs get their number text in front. Formatting, tables of fonts and
 // colours, pictures, objects and field instructions are dropped.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include "platform/AfxString.h"
 #include "rtfconverter/BaseRTFParser.h"
 
 namespace rtf_converter {
 
-class CRTFToPlainTextParser : protected CBaseRTFParser {
+class RTFCONV_API CRTFToPlainTextParser : protected CBaseRTFParser {
 protected:
     CRTFToPlainTextParser() = default;
     CRTFToPlainTextParser(const CRTFToPlainTextParser&) = default;
@@ -74,7 +75,7 @@ private:
     bool InNumberingText() const { return m_rds == rdsPNTextBefore || m_rds == rdsPNTextAfter; }
 };
 
-class CRTFToPlainTextPtrParser : protected CRTFToPlainTextParser {
+class RTFCONV_API CRTFToPlainTextPtrParser : protected CRTFToPlainTextParser {
 public:
     // Converts into [pBegin, pEnd) and returns the number of bytes written;
     // bMore true means call again for the rest. No NUL is written or counted.
@@ -95,7 +96,7 @@ protected:
     char* m_pCur = nullptr;
 };
 
-class CBytePtrRTFToPlainTextPtrParser : public CRTFToPlainTextPtrParser {
+class RTFCONV_API CBytePtrRTFToPlainTextPtrParser : public CRTFToPlainTextPtrParser {
 public:
     // The bytes are not copied: they must stay valid and unchanged for the
     // object's life. A NUL byte ends the input early.

@@ -39,6 +39,7 @@
 // With a smaller buffer a 4-byte character can never be written: Read then
 // returns 0 with bMore true for as long as it is called.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include <unordered_map>
 
@@ -49,7 +50,7 @@ namespace rtf_converter {
 // A code page's decoding tables (rtfconverter/CodePages.h).
 class CCodePage;
 
-class CRTFToUTF8Parser : protected CBaseRTFParser {
+class RTFCONV_API CRTFToUTF8Parser : protected CBaseRTFParser {
 public:
     enum Newline { newlineLF, newlineCRLF, newlineCR };
 
@@ -200,7 +201,7 @@ private:
     int m_cchNewline = 1;
 };
 
-class CBytePtrRTFToUTF8PtrParser : public CRTFToUTF8Parser {
+class RTFCONV_API CBytePtrRTFToUTF8PtrParser : public CRTFToUTF8Parser {
 public:
     // The bytes are not copied: they must stay valid and unchanged for the
     // object's life. A NUL byte in text ends the input early, as it does for

@@ -18,6 +18,7 @@
 // UTF-8 text -> RTF -> UTF-8 text (CRTFToUTF8Parser) gives back the text, line
 // ends as LF and the bytes 0x01 to 0x03, which readers turn into spaces, aside.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include "platform/AfxString.h"
 #include "platform/WinGdi.h"
@@ -26,7 +27,7 @@ namespace rtf_converter {
 
 class CCodePage;
 
-class CUTF8TextToRTF {
+class RTFCONV_API CUTF8TextToRTF {
 public:
     CUTF8TextToRTF();
     CUTF8TextToRTF(const CUTF8TextToRTF&) = default;
