@@ -17,6 +17,10 @@ deps:
 	[ -f /usr/include/CLI/CLI.hpp ] || missing="$$missing libcli11-dev"; \
 	[ -d /usr/include/gtest ] || missing="$$missing libgtest-dev"; \
 	[ -d /usr/include/benchmark ] || missing="$$missing libbenchmark-dev"; \
+	command -v pkg-config >/dev/null || missing="$$missing pkg-config"; \
+	for pkg in pybind11-dev python3-dev python3-pytest python3-setuptools python3-wheel python3-venv python3-dask python3-distributed; do \
+	  dpkg -s $$pkg >/dev/null 2>&1 || missing="$$missing $$pkg"; \
+	done; \
 	command -v cmake >/dev/null || missing="$$missing cmake"; \
 	if [ -n "$$missing" ]; then \
 	  if [ "$$(id -u)" = 0 ] && command -v apt-get >/dev/null; then \
@@ -27,8 +31,11 @@ deps:
 	  fi; \
 	fi
 
+# The fuzz targets' replays and the Python module are part of `make test`.
+TEST_FLAGS ?= -DRTFCONV_BUILD_FUZZ=ON -DRTFCONV_BUILD_PYTHON=ON
+
 configure: deps
-	@cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
+	@cmake -S . -B $(BUILD) $(TEST_FLAGS) $(CMAKE_FLAGS) >/dev/null
 
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
@@ -42,17 +49,19 @@ test: build
 
 # The tests under AddressSanitizer (with LeakSanitizer) and UndefinedBehaviorSanitizer.
 asan: deps
-	@cmake -S . -B $(BUILD_ASAN) -DRTFCONV_SANITIZE=address,undefined -DRTFCONV_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug $(CMAKE_FLAGS) >/dev/null
+	@cmake -S . -B $(BUILD_ASAN) -DRTFCONV_SANITIZE=address,undefined -DRTFCONV_BUILD_FUZZ=ON -DCMAKE_BUILD_TYPE=Debug $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(BUILD_ASAN) -j $(JOBS)
 	@cd $(BUILD_ASAN) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
 
-bench: build
+bench: configure
+	@cmake -S . -B $(BUILD) -DRTFCONV_BUILD_BENCH=ON >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS) --target rtfconverter_bench
 	@[ -f bench/data/text-heavy.rtf ] || bash bench/make_bench.sh 20 >/dev/null
 	@$(BUILD)/bench/rtfconverter_bench --benchmark_counters_tabular=true
 
 # libFuzzer needs clang; each target fuzzes for FUZZ_SECONDS on its own corpus.
 fuzz: deps
-	@cmake -S . -B $(BUILD_FUZZ) -DCMAKE_CXX_COMPILER=clang++ -DRTFCONV_LIBFUZZER=ON \
+	@cmake -S . -B $(BUILD_FUZZ) -DCMAKE_CXX_COMPILER=clang++ -DRTFCONV_BUILD_FUZZ=ON -DRTFCONV_LIBFUZZER=ON \
 	  -DRTFCONV_BUILD_TESTS=OFF -DRTFCONV_BUILD_BENCH=OFF -DRTFCONV_BUILD_TOOLS=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(BUILD_FUZZ) -j $(JOBS)
 	@bash fuzz/run.sh $(BUILD_FUZZ)/fuzz $(FUZZ_SECONDS)
