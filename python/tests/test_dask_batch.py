@@ -49,7 +49,7 @@ def test_dask_batch_matches_rtfconv(tmp_path):
     assert run.returncode == 0, run.stdout + run.stderr
     for name in names[:5]:
         txt = os.path.splitext(name)[0] + ".txt"
-        assert (tree_out / "sub" / "deeper" / txt).read_bytes() == (expected / txt).read_bytes(), name
+        assert (tree_out / "sub" / "deeper" / txt).read_bytes() == (out / txt).read_bytes(), name
 
 
 def test_dask_batch_reports_unreadable_files(tmp_path):
