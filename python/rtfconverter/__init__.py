@@ -104,5 +104,7 @@ def old_to_rtf(data: bytes, attachments: Optional[Sequence[Optional[Attachment]]
     bitmap; a missing entry or None leaves it out. A NUL byte raises
     ConversionError.
     """
+    if isinstance(data, str):
+        raise TypeError("old-format text is the host's 8-bit bytes: pass bytes, not str")
     entries = [None if a is None else (a.kind, bytes(a.data), bytes(a.picture)) for a in (attachments or [])]
     return _rtfconverter.old_to_rtf(_as_bytes(data, "data"), entries, exact)

@@ -83,6 +83,7 @@ def test_old_to_rtf_writes_attachments(attachment, rtf_word):
     (lambda: rc.text_to_rtf("x", codepage=99999), ValueError, None),
     (lambda: rc.rtf_to_text(b"{\\rtf1 x}", newline="\t"), ValueError, None),
     (lambda: rc.rtf_to_text(42), TypeError, None),
+    (lambda: rc.old_to_rtf("text"), TypeError, None),
     (lambda: rc.old_to_rtf(b"x", [42]), (TypeError, AttributeError), None),
 ])
 def test_bad_input_raises(call, error, offset):
