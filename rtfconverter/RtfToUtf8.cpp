@@ -147,10 +147,12 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(con
         {"headerl", &P::BeginHeaderOrFooter, 0, false},
         {"headerr", &P::BeginHeaderOrFooter, 0, false},
         {"hich", &P::SetCharacterClass, classHich, false},
+        {"intbl", &P::SetInTable, 0, false},
         {"ldblquote", &P::InsertCharacter, 0x201C, false},
         // Destinations that writers give without \*: list definitions, the
         // text for readers that know no nested tables, index and contents
         // entries.
+        {"list", &P::SkipDestination, 0, false},
         {"listoverridetable", &P::SkipDestination, 0, false},
         {"listtable", &P::SkipDestination, 0, false},
         {"loch", &P::SetCharacterClass, classLoch, false},
@@ -287,6 +289,7 @@ bool CRTFToUTF8Parser::FinishText()
     // A lead byte or high surrogate the document ended without completing.
     m_state.bFootnote = false;
     m_bCellTabOwed = false;
+    m_bTableNewlineOwed = false;
     if (m_bBodyEnded)
         return PayOwed();
     if (!FlushPending())
@@ -420,8 +423,8 @@ bool CRTFToUTF8Parser::ParseChar(char ch)
     }
     if (m_state.bHidden)
         return true;
-    // Blanks between the groups of a fragment are not text.
-    if (m_cGroup == 0 && IsAsciiSpace(ch))
+    // Blanks before the document are not text.
+    if (m_cGroup == 0 && m_chLast == 0 && m_pCur == m_pBegin && IsAsciiSpace(ch))
         return true;
 
     // Most text is single bytes with nothing waiting to be completed or owed
@@ -516,7 +519,18 @@ bool CRTFToUTF8Parser::EmitControl(const char* pch, int cch)
 
 bool CRTFToUTF8Parser::EmitNewline()
 {
-    return PayCellTab() && EmitControl(m_szNewline, m_cchNewline);
+    return PayTableNewline() && PayCellTab() && EmitControl(m_szNewline, m_cchNewline);
+}
+
+bool CRTFToUTF8Parser::PayTableNewline()
+{
+    if (!m_bTableNewlineOwed)
+        return true;
+    m_bTableNewlineOwed = false;
+    if (EmitControl(m_szNewline, m_cchNewline))
+        return true;
+    m_bTableNewlineOwed = true;
+    return false;
 }
 
 bool CRTFToUTF8Parser::PayCellTab()
@@ -531,7 +545,7 @@ bool CRTFToUTF8Parser::PayCellTab()
 
 bool CRTFToUTF8Parser::BeforeText()
 {
-    if (!PayCellTab())
+    if (!PayTableNewline() || !PayCellTab())
         return false;
     if (m_bParagraphStart) {
         m_bParagraphStart = false;
@@ -827,8 +841,15 @@ bool CRTFToUTF8Parser::SetHidden(char32_t, int param)
 
 bool CRTFToUTF8Parser::ApplyCRCommand(const void* pKeyword, int param)
 {
-    if (IsVisibleText() && !EmitNewline())
+    // The last paragraph mark of a cell is its end, which \cell gives: a
+    // paragraph mark in a table is written only when text follows in the cell.
+    if (m_bInTable && IsVisibleText() && std::strcmp(static_cast<const char*>(pKeyword), "par") == 0) {
+        if (!PayTableNewline())
+            return false;
+        m_bTableNewlineOwed = true;
+    } else if (IsVisibleText() && !EmitNewline()) {
         return false;
+    }
     m_bNumberTextGiven = false;
     return CBaseRTFParser::ApplyCRCommand(pKeyword, param);
 }
@@ -851,8 +872,10 @@ bool CRTFToUTF8Parser::ApplyTabCommand(const void*, int)
 // A row ends its line; its last cell owes no TAB.
 bool CRTFToUTF8Parser::ApplyEndRowCommand(const void* pKeyword, int param)
 {
-    if (IsVisibleText())
+    if (IsVisibleText()) {
         m_bCellTabOwed = false;
+        m_bTableNewlineOwed = false;
+    }
     return ApplyCRCommand(pKeyword, param);
 }
 
@@ -862,10 +885,24 @@ bool CRTFToUTF8Parser::ApplyEndCellCommand(const void*, int)
 {
     if (!IsVisibleText())
         return true;
+    m_bTableNewlineOwed = false;
     if (!PayCellTab())  // the cell before was empty
         return false;
     m_bCellTabOwed = true;
     return true;
+}
+
+bool CRTFToUTF8Parser::SetInTable(char32_t, int)
+{
+    m_bInTable = true;
+    return true;
+}
+
+bool CRTFToUTF8Parser::ApplyParCommand(const void* pKeyword, int param)
+{
+    if (std::strcmp(static_cast<const char*>(pKeyword), "pard") == 0)
+        m_bInTable = false;
+    return CBaseRTFParser::ApplyParCommand(pKeyword, param);
 }
 
 bool CRTFToUTF8Parser::ApplyNestedCell(char32_t, int)

@@ -106,6 +106,7 @@ protected:
     bool ObjectResult(const void* pKeyword, int param) override;
     bool EndGroupAction(RDS rdsOld, RDS rdsNew) override;
     bool InitPNCommand(const void* pKeyword, int param) override;
+    bool ApplyParCommand(const void* pKeyword, int param) override;
     bool ApplyCRCommand(const void* pKeyword, int param) override;
     bool ApplyNLCommand(const void* pKeyword, int param) override;
     bool ApplyTabCommand(const void* pKeyword, int param) override;
@@ -154,6 +155,7 @@ protected:
     bool SkipBinary(char32_t cp, int param);
     bool ApplyEscapedLineBreak(char32_t cp, int param);
     bool ApplyNestedCell(char32_t cp, int param);
+    bool SetInTable(char32_t cp, int param);
     bool ApplyNestedRow(char32_t cp, int param);
     bool BeginFootnote(char32_t cp, int param);
     bool BeginHeaderOrFooter(char32_t cp, int param);
@@ -204,7 +206,7 @@ private:
     // Owed before the next visible text: the TAB between two cells, the
     // generated number of a paragraph. False when refused.
     bool BeforeText();
-    bool IsTextOwed() const { return m_bCellTabOwed || m_bParagraphStart || m_state.bFootnote || !m_owed.empty(); }
+    bool IsTextOwed() const { return m_bCellTabOwed || m_bTableNewlineOwed || m_bParagraphStart || m_state.bFootnote || !m_owed.empty(); }
     // Appends the number text of a paragraph numbered by a \pn group alone.
     void OweParagraphNumber();
     // Writes what is owed; false while some of it is refused.
@@ -223,6 +225,8 @@ private:
     bool EmitNewline();
     // The TAB after a cell that is not its row's last.
     bool PayCellTab();
+    // The paragraph mark in a table cell, once text follows it in the cell.
+    bool PayTableNewline();
     // A lead byte or high surrogate still waiting for its partner becomes
     // U+FFFD.
     bool FlushPending();
@@ -246,6 +250,8 @@ private:
 
     bool m_bAtGroupStart = false;     // nothing read since the last '{'
     bool m_bCellTabOwed = false;
+    bool m_bTableNewlineOwed = false;
+    bool m_bInTable = false;          // \intbl since the last \pard
     bool m_bNumberTextGiven = false;  // the paragraph has \pntext or \listtext
     bool m_bHeaders = false;
     bool m_bRtfDocument = false;      // the input begins {\rtf: read one group
