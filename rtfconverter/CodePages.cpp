@@ -160,6 +160,31 @@ std::string IconvNameOfCodePage(int codePage)
     return sz;
 }
 
+int CodePageOfIconvName(const std::string& name)
+{
+    std::string upper;
+    for (char ch : name)
+        upper += static_cast<char>(ch >= 'a' && ch <= 'z' ? ch - 'a' + 'A' : ch);
+    // The first page of a name is its own (10000 before the Mac pages read
+    // as MACINTOSH); "CP" names are their numbers (932, not 10001).
+    for (const CodePageName& row : kIconvNames)
+        if (upper == row.szIconvName && upper.compare(0, 2, "CP") != 0)
+            return row.codePage;
+    for (const char* szPrefix : {"CP", "WINDOWS-", "IBM"}) {
+        const std::size_t cch = std::strlen(szPrefix);
+        if (upper.compare(0, cch, szPrefix) != 0 || upper.size() == cch || upper.size() > cch + 5)
+            continue;
+        int number = 0;
+        for (std::size_t i = cch; i < upper.size(); ++i) {
+            if (upper[i] < '0' || upper[i] > '9')
+                return 0;
+            number = number * 10 + (upper[i] - '0');
+        }
+        return number;
+    }
+    return 0;
+}
+
 int CCodePage::DingbatPageOfFontName(const char* szName)
 {
     const DingbatFont font = DingbatFontOfName(szName);
