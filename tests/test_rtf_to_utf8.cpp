@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "rtfconverter/CodePages.h"
 #include "rtfconverter/RtfToUtf8.h"
 #include "test_util.h"
 
@@ -216,6 +217,24 @@ TEST(RtfToUtf8, CharacterSetsOfFonts)
         {"no-break space of a Latin font in a 950 document", R"({\rtf1\ansi\ansicpg950{\fonttbl{\f3\fcharset0 Courier;}}{\f3\'a0}})", "\u00A0"},
         {"KOI8-R by number", R"({\rtf1\ansi\ansicpg20866 \'f0})", "П"},
     });
+}
+
+TEST(CodePages, OneTableOfNames)
+{
+    const struct {
+        const char* name;
+        int codePage;
+    } rows[] = {
+        {"KOI8-R", 20866}, {"koi8-r", 20866}, {"CP1251", 1251}, {"windows-1251", 1251}, {"MACINTOSH", 10000},
+        {"CP932", 932},    {"ISO-8859-1", 28591}, {"IBM850", 850}, {"nonesuch", 0}, {"CP12x", 0},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(rtf_converter::CodePageOfIconvName(row.name), row.codePage) << row.name;
+        if (row.codePage && row.codePage != 850)
+            EXPECT_EQ(rtf_converter::CodePageOfIconvName(rtf_converter::IconvNameOfCodePage(row.codePage)), row.codePage)
+                << row.name;
+    }
+    EXPECT_EQ(rtf_converter::IconvNameOfCodePage(10001), "CP932");
 }
 
 TEST(RtfToUtf8, InputThatIsNotRtf)
