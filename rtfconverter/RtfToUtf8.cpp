@@ -161,6 +161,9 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(con
         {"mac", &P::SetDocumentCodePage, 10000, false},
         {"nestcell", &P::ApplyNestedCell, 0, false},
         {"nestrow", &P::ApplyNestedRow, 0, false},
+        // Known, so that {\*\nesttableprops ...} is read: it ends a nested
+        // row, and some writers put the row's cells in it too.
+        {"nesttableprops", &P::InsertCharacter, 0, false},
         {"nonesttables", &P::SkipDestination, 0, false},
         {"page", &P::ApplyPageBreak, 0, false},
         {"pc", &P::SetDocumentCodePage, 437, false},

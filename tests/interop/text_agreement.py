@@ -9,8 +9,10 @@ reused when newer than the RTF), rtfconv rtf2txt converts each file to
 OUTDIR/ours, and the two texts are compared by their words: the agreement of a
 file is 2 * (words in common, counted with their multiplicity) / (words of
 both texts), 1 when both have none. Files LibreOffice cannot read are left
-out. Prints each file below the threshold, then the mean and the count below
-it; exit status 1 when the mean is below the threshold.
+out, and so are those it shows as their RTF source (it takes a file it does
+not recognise as RTF for plain text). Prints each file below the threshold,
+then the mean and the count below it; exit status 1 when the mean is below
+the threshold.
 """
 import collections
 import os
@@ -24,6 +26,16 @@ WORD = re.compile(r"\w+", re.UNICODE)
 def words(path):
     with open(path, encoding="utf-8", errors="replace") as f:
         return collections.Counter(WORD.findall(f.read()))
+
+
+def shown_as_source(rtf, theirs):
+    """True when LibreOffice's text is the RTF itself: it did not read it as RTF."""
+    def squeezed(data):
+        return re.sub(r"\s+", "", data.lstrip("\ufeff"))[:16]
+    with open(rtf, encoding="latin-1") as f:
+        head = squeezed(f.read(4096))
+    with open(theirs, encoding="utf-8", errors="replace") as f:
+        return bool(head) and squeezed(f.read(4096)) == head
 
 
 def agreement(ours, theirs):
@@ -69,6 +81,9 @@ def main():
     for rtf in rtfs:
         theirs = lo_text(lo_dir, rtf)
         if not os.path.exists(theirs):
+            continue
+        if shown_as_source(rtf, theirs):
+            print(f"  -    {os.path.basename(rtf)} (LibreOffice shows it as plain text)")
             continue
         ours = os.path.join(ours_dir, os.path.basename(theirs))
         with open(ours, "wb") as f:
