@@ -220,6 +220,30 @@ TEST(RtfToUtf8, CharacterSetsOfFonts)
     });
 }
 
+// Corpus files that showed a fault, by a piece of their text and what must
+// not be in it.
+TEST(RtfToUtf8, CorpusFilesReadAsWordProcessorsDo)
+{
+    const struct {
+        const char* file;
+        const char* piece;
+        const char* absent;
+    } rows[] = {
+        {"rtfpipe__RtfParserTest_6.rtf", "Synth Server Architecture\n", "ArchitectureSuperCollider"},
+        {"rtfpipe__RtfParserTest_7.rtf", "says that \u201CThis is just a test\u201D in Japanese.", "\uFFFD"},
+        {"rtfpipe__Issue52.rtf", "\u00A0", "\uFFFD"},
+        {"rtfpipe__Issue34.rtf", "Гулько", "\uFFFD"},
+        {"pandoc__tables.rtf", "Right\tLeft\tCenter\tDefault\n12\t12\t12\t12\n", "Default\t\n"},
+        {"pandoc__footnote.rtf", "\n[1] ", "\uFFFD"},
+        {"tika__test_list_override.rtf", "", "List1382206859"},
+    };
+    for (const auto& row : rows) {
+        const std::string utf8 = ToUtf8(rtfconv_test::ReadFileBytes(std::string(RTFCONV_CORPUS_DIR) + "/" + row.file));
+        EXPECT_NE(utf8.find(row.piece), std::string::npos) << row.file << " lacks " << row.piece;
+        EXPECT_EQ(utf8.find(row.absent), std::string::npos) << row.file << " has " << row.absent;
+    }
+}
+
 TEST(CodePages, OneTableOfNames)
 {
     const struct {
