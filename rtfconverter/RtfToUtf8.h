@@ -16,14 +16,18 @@
 //                  escapes (any other control word but \u counts as one
 //                  too); a brace or the next \u ends the skipping, and \uc
 //                  is scoped to its group.
-//   \'hh, 8-bit    decoded in the code page of the current font's \fcharset,
-//                  or of the document (\ansicpg, \mac, \pc, \pca; 1252 when
-//                  none is given). Double-byte pages (932, 936, 949, 950, ...)
-//                  pair a lead byte with the next byte. \fcharset2 (Symbol)
-//                  gives the characters the Symbol font shows (also for
-//                  \uN of U+F020 to U+F0FF, the codes Windows shows a symbol
-//                  font's glyphs under). A byte the page does not define
-//                  gives U+FFFD.
+//   \'hh, 8-bit    decoded in the code page of the current font's \fcharset
+//                  or \cpg (\fcharset0 is 1252 whatever the document's page;
+//                  the Mac sets are the Mac pages), or else of the document
+//                  (\ansicpg, \mac, \pc, \pca; 1252 when none is given). In a
+//                  \hich or \dbch run the font is the one named for it (\af
+//                  or \f after the keyword). Double-byte pages (932, 936, 949,
+//                  950, 10001, ...) pair a lead byte with the next byte.
+//                  Symbol and the dingbat fonts, known by name (or
+//                  \fcharset2), give the characters their glyphs show (also
+//                  for \uN of U+F020 to U+F0FF, the codes Windows shows a
+//                  symbol font's glyphs under). A byte the page does not
+//                  define gives U+FFFD.
 //   \upr, \ud      the Unicode alternative is read, the 8-bit one skipped.
 //   \emdash ...    the typographic characters of RTF (see the keyword table).
 // Paragraph marks (\par, \sect, \row, and a backslash before a line break,
