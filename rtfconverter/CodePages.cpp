@@ -4,8 +4,11 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <new>
+
+#include "rtfconverter/DingbatFonts.h"
 
 namespace rtf_converter {
 
@@ -68,27 +71,39 @@ char32_t SymbolCharacter(unsigned b)
 
 // --- iconv
 
-// iconv's names for the code pages it does not know as "CP<number>".
+// iconv's names for the code pages it does not know as "CP<number>". The
+// double-byte Macintosh pages are read as the Windows pages of the same
+// standards (Shift-JIS, Big5, KS C 5601, GB 2312), with the few single bytes
+// where the Mac differs in kMacOverrides; Mac Turkish is Mac Roman but for
+// six letters.
 struct CodePageName {
     int codePage;
     const char* szIconvName;
 };
 constexpr CodePageName kIconvNames[] = {
-    {10000, "MACINTOSH"}, {10007, "MAC-CYRILLIC"}, {10017, "MACUKRAINIAN"},
-    {10029, "MAC-CENTRALEUROPE"}, {10079, "MAC-IS"}, {20127, "ANSI_X3.4-1968"},
-    {28591, "ISO-8859-1"}, {28592, "ISO-8859-2"}, {28595, "ISO-8859-5"},
-    {28597, "ISO-8859-7"}, {28605, "ISO-8859-15"},
+    {874, "WINDOWS-874"}, {10000, "MACINTOSH"}, {10001, "CP932"}, {10002, "CP950"},
+    {10003, "CP949"}, {10007, "MAC-CYRILLIC"}, {10008, "CP936"}, {10017, "MACUKRAINIAN"},
+    {10029, "MAC-CENTRALEUROPE"}, {10079, "MAC-IS"}, {10081, "MACINTOSH"},
+    {20127, "ANSI_X3.4-1968"}, {20866, "KOI8-R"}, {21866, "KOI8-U"},
+    {28591, "ISO-8859-1"}, {28592, "ISO-8859-2"}, {28593, "ISO-8859-3"}, {28594, "ISO-8859-4"},
+    {28595, "ISO-8859-5"}, {28596, "ISO-8859-6"}, {28597, "ISO-8859-7"}, {28598, "ISO-8859-8"},
+    {28599, "ISO-8859-9"}, {28603, "ISO-8859-13"}, {28605, "ISO-8859-15"}, {65001, "UTF-8"},
 };
 
-std::string IconvName(int codePage)
-{
-    for (const CodePageName& name : kIconvNames)
-        if (name.codePage == codePage)
-            return name.szIconvName;
-    char sz[16];
-    std::snprintf(sz, sizeof sz, "CP%d", codePage);
-    return sz;
-}
+struct ByteOverride {
+    int codePage;
+    unsigned char b;
+    char32_t cp;
+};
+constexpr ByteOverride kMacOverrides[] = {
+    {10001, 0x80, 0x005C}, {10001, 0xA0, 0x00A0}, {10001, 0xFD, 0x00A9}, {10001, 0xFE, 0x2122},
+    {10001, 0xFF, 0x2026},
+    {10081, 0xDA, 0x011E}, {10081, 0xDB, 0x011F}, {10081, 0xDC, 0x0130}, {10081, 0xDD, 0x0131},
+    {10081, 0xDE, 0x015E}, {10081, 0xDF, 0x015F},
+};
+
+// Pages whose characters take more than two bytes; CCodePage reads one or two.
+bool IsWiderThanTwoBytes(int codePage) { return codePage == 65001; }
 
 // One conversion descriptor from a code page to UTF-32LE, converting one
 // character at a time from the initial state.
@@ -135,6 +150,51 @@ private:
 
 } // namespace
 
+std::string IconvNameOfCodePage(int codePage)
+{
+    for (const CodePageName& name : kIconvNames)
+        if (name.codePage == codePage)
+            return name.szIconvName;
+    char sz[16];
+    std::snprintf(sz, sizeof sz, "CP%d", codePage);
+    return sz;
+}
+
+int CodePageOfIconvName(const std::string& name)
+{
+    std::string upper;
+    for (char ch : name)
+        upper += static_cast<char>(ch >= 'a' && ch <= 'z' ? ch - 'a' + 'A' : ch);
+    // The first page of a name is its own (10000 before the Mac pages read
+    // as MACINTOSH); "CP" names are their numbers (932, not 10001).
+    for (const CodePageName& row : kIconvNames)
+        if (upper == row.szIconvName && upper.compare(0, 2, "CP") != 0)
+            return row.codePage;
+    for (const char* szPrefix : {"CP", "WINDOWS-", "IBM"}) {
+        const std::size_t cch = std::strlen(szPrefix);
+        if (upper.compare(0, cch, szPrefix) != 0 || upper.size() == cch || upper.size() > cch + 5)
+            continue;
+        int number = 0;
+        for (std::size_t i = cch; i < upper.size(); ++i) {
+            if (upper[i] < '0' || upper[i] > '9')
+                return 0;
+            number = number * 10 + (upper[i] - '0');
+        }
+        return number;
+    }
+    return 0;
+}
+
+int CCodePage::DingbatPageOfFontName(const char* szName)
+{
+    const DingbatFont font = DingbatFontOfName(szName);
+    if (font != dingbatNone)
+        return dingbatBase + font;
+    while (*szName == ' ')
+        ++szName;
+    return std::strncmp(szName, "Symbol", 6) == 0 && (szName[6] == '\0' || szName[6] == ' ') ? symbol : 0;
+}
+
 // --- code pages
 
 const CCodePage* CCodePage::Get(int codePage)
@@ -143,7 +203,8 @@ const CCodePage* CCodePage::Get(int codePage)
     // Pages iconv does not know are kept as null, so that they are asked for once.
     static std::map<int, std::unique_ptr<CCodePage>> s_pages;
 
-    if (codePage <= 0 || codePage > 0xFFFF)
+    const bool bDingbats = codePage > dingbatBase && codePage <= dingbatBase + dingbatWebdings;
+    if (codePage <= 0 || (codePage > 0xFFFF && !bDingbats) || IsWiderThanTwoBytes(codePage))
         return nullptr;
     std::lock_guard<std::mutex> lock(s_mutex);
     auto it = s_pages.find(codePage);
@@ -174,8 +235,18 @@ std::unique_ptr<CCodePage> CCodePage::Build(int codePage)
             p->m_single[b] = SymbolCharacter(b);
         return p;
     }
+    if (codePage > dingbatBase) {
+        // A picture the table has no character for keeps the private-use code
+        // Windows shows it under.
+        const DingbatFont font = static_cast<DingbatFont>(codePage - dingbatBase);
+        for (unsigned b = 0; b < 256; ++b) {
+            const char32_t cp = DingbatCharacter(font, static_cast<unsigned char>(b));
+            p->m_single[b] = cp ? cp : 0xF000 + b;
+        }
+        return p;
+    }
 
-    p->m_iconvName = IconvName(codePage);
+    p->m_iconvName = IconvNameOfCodePage(codePage);
     CIconvDecoder decoder(p->m_iconvName);
     if (!decoder.IsOpen())
         return nullptr;
@@ -193,6 +264,12 @@ std::unique_ptr<CCodePage> CCodePage::Build(int codePage)
         case CIconvDecoder::resInvalid:
             p->m_single[b] = kReplacement;
             break;
+        }
+    }
+    for (const ByteOverride& row : kMacOverrides) {
+        if (row.codePage == codePage) {
+            p->m_single[row.b] = row.cp;
+            p->m_bLead[row.b] = false;
         }
     }
     return p;
@@ -265,6 +342,17 @@ constexpr CharsetPage kCharsetPages[] = {
     {1, 0},        // default: the document's page
     {2, CCodePage::symbol},
     {77, 10000},   // Macintosh Roman
+    {78, 10001},   // Macintosh Japanese
+    {79, 10003},   // Macintosh Korean
+    {80, 10008},   // Macintosh Simplified Chinese
+    {81, 10002},   // Macintosh Traditional Chinese
+    {84, 10004},   // Macintosh Arabic
+    {83, 10005},   // Macintosh Hebrew
+    {85, 10006},   // Macintosh Greek
+    {86, 10081},   // Macintosh Turkish
+    {87, 10021},   // Macintosh Thai
+    {88, 10029},   // Macintosh Central European
+    {89, 10007},   // Macintosh Cyrillic
     {128, 932},    // Shift-JIS
     {129, 949},    // Hangul
     {130, 1361},   // Johab

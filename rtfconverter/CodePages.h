@@ -22,6 +22,9 @@ class RTFCONV_API CCodePage {
 public:
     // The number Windows gives the code page of symbol fonts.
     static constexpr int symbol = 42;
+    // Numbers beyond every code page for the dingbat fonts' characters
+    // (DingbatFonts.h): symbol + 0x10000 + the font's DingbatFont value.
+    static constexpr int dingbatBase = 0x10000;
     static constexpr char32_t invalidPair = 0xFFFFFFFF;
 
     // Null when neither iconv nor this unit knows the page.
@@ -30,7 +33,11 @@ public:
     static const CCodePage& Fallback();
 
     int GetNumber() const { return m_number; }
-    bool IsSymbol() const { return m_number == symbol; }
+    // Symbol and the dingbat fonts: their bytes are pictures, not letters.
+    bool IsSymbol() const { return m_number == symbol || m_number > dingbatBase; }
+    // The page of a font table entry's name when it is Symbol or a dingbat
+    // font, whatever its \fcharset says; 0 for every other name.
+    static int DingbatPageOfFontName(const char* szName);
     bool IsLeadByte(unsigned char b) const { return m_bLead[b]; }
     // A byte's character; U+FFFD where the page defines none.
     char32_t Single(unsigned char b) const { return m_single[b]; }
@@ -60,6 +67,14 @@ private:
     mutable std::once_flag m_encodingOnce;
     mutable std::unordered_map<char32_t, unsigned short> m_encoding;  // bytes: lead << 8 | trail
 };
+
+// The name iconv knows a Windows code page by ("CP" and the number unless a
+// table says otherwise). The one list of names for the library and the tool.
+std::string IconvNameOfCodePage(int codePage);
+// The Windows code page an iconv name stands for (KOI8-R: 20866, CP1251 and
+// WINDOWS-1251: 1251; case does not matter); 0 when the name is not one of
+// them.
+int CodePageOfIconvName(const std::string& name);
 
 // The code page of the character set \fcharsetN names; 0 for the ANSI and
 // default sets, whose page is the document's, and for unknown sets.

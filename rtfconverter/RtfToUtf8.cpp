@@ -13,6 +13,7 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 constexpr int kWesternCodePage = 1252;
+constexpr int kMacRomanCodePage = 10000;
 
 inline bool IsHighSurrogate(char32_t cp) { return cp >= 0xD800 && cp <= 0xDBFF; }
 inline bool IsLowSurrogate(char32_t cp) { return cp >= 0xDC00 && cp <= 0xDFFF; }
@@ -20,6 +21,10 @@ inline bool IsLowSurrogate(char32_t cp) { return cp >= 0xDC00 && cp <= 0xDFFF; }
 // Code points that must not reach the text; the 8-bit converter replaces the
 // same bytes, which frame markup commands in old-format text.
 inline bool IsReservedCodePoint(char32_t cp) { return cp <= 0x03 || cp == 0x17; }
+
+// Control characters other than TAB: a person's text has none (line ends come
+// from the paragraph keywords), so \'0d, stray C1 codes and the like are dropped.
+inline bool IsDroppedControl(char32_t cp) { return (cp < 0x20 && cp != '\t') || (cp >= 0x7F && cp < 0xA0); }
 
 // Encodes cp (U+FFFD for what is not a Unicode scalar value) into out.
 inline int EncodeUtf8(char32_t cp, char* out)
@@ -48,13 +53,21 @@ inline int EncodeUtf8(char32_t cp, char* out)
     return 4;
 }
 
-// Null: the document's page, for the ANSI and default character sets and for
-// those no page is known for.
+// Null: the document's page, for the default character set and for those no
+// page is known for. The ANSI set is the caller's (see FillFontCharset).
 const CCodePage* PageOfCharset(int charset)
 {
     const int codePage = CodePageOfCharset(charset);
     return codePage ? CCodePage::Get(codePage) : nullptr;
 }
+
+void AppendUtf8(std::string& out, char32_t cp)
+{
+    char sz[4];
+    out.append(sz, static_cast<std::size_t>(EncodeUtf8(cp, sz)));
+}
+
+bool IsAsciiSpace(char ch) { return ch == ' ' || ch == '\t' || ch == '\n' || ch == '\r'; }
 
 } // namespace
 
@@ -109,34 +122,68 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(con
     // What the core's keyword table does not know, or knows only as a byte
     // for 8-bit text. Sorted by keyword (byte order).
     static constexpr UnicodeKeyword s_rows[] = {
+        {"\n", &P::ApplyEscapedLineBreak, 0, false},     // a backslash before a line break
+        {"\r", &P::ApplyEscapedLineBreak, 0, false},     // is a paragraph mark
         {"-", &P::InsertCharacter, 0, false},              // optional hyphen: invisible
         {"_", &P::InsertCharacter, 0x2011, false},         // non-breaking hyphen
+        {"af", &P::SetAssociatedFont, 0, false},
         {"ansi", &P::SetDocumentCodePage, 1252, false},
         {"ansicpg", &P::SetDocumentCodePage, 0, false},
         {"bin", &P::SkipBinary, 0, true},
         {"bullet", &P::InsertCharacter, 0x2022, false},
         {"cpg", &P::SetFontCodePage, 0, false},
+        {"dbch", &P::SetCharacterClass, classDbch, false},
         {"emdash", &P::InsertCharacter, 0x2014, false},
         {"emspace", &P::InsertCharacter, 0x2003, false},
         {"endash", &P::InsertCharacter, 0x2013, false},
         {"enspace", &P::InsertCharacter, 0x2002, false},
+        {"footer", &P::BeginHeaderOrFooter, 0, false},
+        {"footerf", &P::BeginHeaderOrFooter, 0, false},
+        {"footerl", &P::BeginHeaderOrFooter, 0, false},
+        {"footerr", &P::BeginHeaderOrFooter, 0, false},
+        {"footnote", &P::BeginFootnote, 0, false},
+        {"header", &P::BeginHeaderOrFooter, 0, false},
+        {"headerf", &P::BeginHeaderOrFooter, 0, false},
+        {"headerl", &P::BeginHeaderOrFooter, 0, false},
+        {"headerr", &P::BeginHeaderOrFooter, 0, false},
+        {"hich", &P::SetCharacterClass, classHich, false},
+        {"intbl", &P::SetInTable, 0, false},
         {"ldblquote", &P::InsertCharacter, 0x201C, false},
+        // Destinations that writers give without \*: list definitions, the
+        // text for readers that know no nested tables, index and contents
+        // entries.
+        {"list", &P::SkipDestination, 0, false},
+        {"listoverridetable", &P::SkipDestination, 0, false},
+        {"listtable", &P::SkipDestination, 0, false},
+        {"loch", &P::SetCharacterClass, classLoch, false},
         {"lquote", &P::InsertCharacter, 0x2018, false},
         {"ltrmark", &P::InsertCharacter, 0x200E, false},
         {"mac", &P::SetDocumentCodePage, 10000, false},
+        {"nestcell", &P::ApplyNestedCell, 0, false},
+        {"nestrow", &P::ApplyNestedRow, 0, false},
+        // Known, so that {\*\nesttableprops ...} is read: it ends a nested
+        // row, and some writers put the row's cells in it too.
+        {"nesttableprops", &P::InsertCharacter, 0, false},
+        {"nonesttables", &P::SkipDestination, 0, false},
         {"page", &P::ApplyPageBreak, 0, false},
         {"pc", &P::SetDocumentCodePage, 437, false},
         {"pca", &P::SetDocumentCodePage, 850, false},
+        {"pnf", &P::SetNumberingFont, 0, false},
         {"qmspace", &P::InsertCharacter, 0x2005, false},
         {"rdblquote", &P::InsertCharacter, 0x201D, false},
         {"rquote", &P::InsertCharacter, 0x2019, false},
         {"rtlmark", &P::InsertCharacter, 0x200F, false},
+        {"rxe", &P::SkipDestination, 0, false},
         {"sect", &P::ApplySectionBreak, 0, false},
+        {"tc", &P::SkipDestination, 0, false},
+        {"tcn", &P::SkipDestination, 0, false},
+        {"txe", &P::SkipDestination, 0, false},
         {"u", &P::InsertUnicode, 0, false},
         {"uc", &P::SetUnicodeSkip, 0, false},
         {"ud", &P::ReadUnicodeAlternative, 0, true},
         {"upr", &P::SkipAnsiAlternative, 0, false},
         {"v", &P::SetHidden, 0, false},
+        {"xe", &P::SkipDestination, 0, false},
         {"zwj", &P::InsertCharacter, 0x200D, false},
         {"zwnj", &P::InsertCharacter, 0x200C, false},
         {"~", &P::InsertCharacter, 0x00A0, false},         // non-breaking space
@@ -177,8 +224,21 @@ void CRTFToUTF8Parser::SetCodePage(int codePage)
     m_forcedCodePage = codePage;
 }
 
+void CRTFToUTF8Parser::SetHeaders(bool bHeaders)
+{
+    m_bHeaders = bHeaders;
+}
+
 void CRTFToUTF8Parser::Init()
 {
+    if (m_bContinuing) {
+        // The next top-level group of a fragment: the document goes on, only
+        // the core's per-document state starts again.
+        const bool bParagraphStart = m_bParagraphStart;
+        CBaseRTFParser::Init();
+        m_bParagraphStart = bParagraphStart;
+        return;
+    }
     m_state = GroupState();
     m_fonts.clear();
     m_iFontEntry = -1;
@@ -188,6 +248,7 @@ void CRTFToUTF8Parser::Init()
         m_pDocPage = CCodePage::Get(kWesternCodePage);
     if (!m_pDocPage)
         m_pDocPage = &CCodePage::Fallback();
+    m_pAnsiPage = m_pDocPage;
     m_cchUnicodeSkip = 0;
     m_chLeadByte = 0;
     m_highSurrogate = 0;
@@ -199,16 +260,55 @@ unsigned long CRTFToUTF8Parser::Read(char* pBegin, char* pEnd, bool& bMore)
 {
     m_pBegin = m_pCur = pBegin;
     m_pEnd = pEnd;
-    if (!m_bParseEnded) {
+    while (!m_bParseEnded) {
         Parse(bMore);
-        if (bMore)
+        if (bMore) {
+            NoteLastByte();
             return static_cast<unsigned long>(m_pCur - m_pBegin);
-        // Not parsed again: the core would read past the document's end.
-        m_bParseEnded = true;
+        }
+        // The core stops where the outermost group closes: a document ends
+        // there, a fragment goes on with its next group. Each Parse call reads
+        // at least one byte, so this ends with the input.
+        if (m_bRtfDocument || AtEndOfInput()) {
+            m_bParseEnded = true;
+        } else {
+            m_bContinuing = true;
+            m_bStarted = false;
+        }
     }
-    // A lead byte or high surrogate the document ended without completing.
-    bMore = !FlushPending();
+    bMore = !FinishText();
+    NoteLastByte();
     return static_cast<unsigned long>(m_pCur - m_pBegin);
+}
+
+void CRTFToUTF8Parser::NoteLastByte()
+{
+    if (m_pCur > m_pBegin)
+        m_chLast = m_pCur[-1];
+}
+
+bool CRTFToUTF8Parser::FinishText()
+{
+    // A lead byte or high surrogate the document ended without completing.
+    m_state.bFootnote = false;
+    m_bCellTabOwed = false;
+    m_bTableNewlineOwed = false;
+    if (m_bBodyEnded)
+        return PayOwed();
+    if (!FlushPending())
+        return false;
+    NoteLastByte();
+    if (m_chLast && m_chLast != '\n' && m_chLast != '\r' && !EmitNewline())
+        return false;
+    m_bBodyEnded = true;
+    if (!m_footnotes.empty()) {
+        if (m_footnotes.back() != '\n' && m_footnotes.back() != '\r')
+            m_footnotes.append(m_szNewline, static_cast<std::size_t>(m_cchNewline));
+        m_owed.append(m_szNewline, static_cast<std::size_t>(m_cchNewline));
+        m_owed += m_footnotes;
+        m_footnotes.clear();
+    }
+    return PayOwed();
 }
 
 bool CRTFToUTF8Parser::InitBuffer() { return true; }
@@ -226,24 +326,34 @@ CBaseRTFParser::CBaseRTFParserSave* CRTFToUTF8Parser::CreateSave()
 bool CRTFToUTF8Parser::PushRtfState()
 {
     m_cchUnicodeSkip = 0;  // a brace ends a \uN fallback
+    m_bAtGroupStart = true;
     return CBaseRTFParser::PushRtfState();
 }
 
 bool CRTFToUTF8Parser::PopRtfState()
 {
     m_cchUnicodeSkip = 0;
+    m_bAtGroupStart = false;
+    // A '}' between the groups of a fragment closes nothing.
+    if (m_cGroup < 1)
+        return true;
     if (!m_pSave)
         return CBaseRTFParser::PopRtfState();  // reports the underflow
 
     // Every record on the stack comes from CreateSave above.
     const GroupState saved = static_cast<CUTF8Save*>(m_pSave)->state;
     const bool bFontTableEnds = m_rds == rdsFontTable && m_pSave->rds != rdsFontTable;
+    const bool bFootnoteEnds = m_state.bFootnote && !saved.bFootnote;
+    if (m_rds == rdsFontTable)
+        EndFontEntry();
     const bool bOk = CBaseRTFParser::PopRtfState();
     m_state = saved;
     // Text before any \f is in the default font, whose character set the
     // font table has only now told.
     if (bFontTableEnds)
         SelectFont(m_state.iFont);
+    if (bFootnoteEnds && !m_footnotes.empty() && m_footnotes.back() != '\n' && m_footnotes.back() != '\r')
+        m_footnotes.append(m_szNewline, static_cast<std::size_t>(m_cchNewline));
     if (m_cGroup < m_cGroupUpr)
         m_cGroupUpr = 0;  // the \upr group has ended
     return bOk;
@@ -253,6 +363,17 @@ bool CRTFToUTF8Parser::PopRtfState()
 
 bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
 {
+    // \* marks an optional destination only as the first thing in a group;
+    // elsewhere it is meaningless, and the core would hide the rest of the
+    // group at the next keyword it does not know.
+    const bool bAtGroupStart = m_bAtGroupStart;
+    m_bAtGroupStart = false;
+    if (szKeyword[0] == '*' && szKeyword[1] == '\0' && !bAtGroupStart)
+        return true;
+    if (!m_bFirstKeywordSeen) {
+        m_bFirstKeywordSeen = true;
+        m_bRtfDocument = m_cGroup == 1 && std::strcmp(szKeyword, "rtf") == 0;
+    }
     // A \u ends the fallback before it: some writers give a surrogate pair's
     // fallback only after its second half.
     if (m_cchUnicodeSkip > 0) {
@@ -281,6 +402,7 @@ bool CRTFToUTF8Parser::SkipFallbackKeyword(const char* szKeyword)
 
 bool CRTFToUTF8Parser::ParseChar(char ch)
 {
+    m_bAtGroupStart = false;
     if (m_cchUnicodeSkip > 0) {
         --m_cchUnicodeSkip;
         return true;
@@ -290,6 +412,12 @@ bool CRTFToUTF8Parser::ParseChar(char ch)
         // the other destinations leave it pending.
         if (m_rds == rdsStyleSheet || m_rds == rdsRevTable || m_rds == rdsInfo || m_rds == rdsPNText)
             m_bSkipNextChar = false;
+        else if (m_rds == rdsFontTable)
+            AddToFontName(ch);
+        else if (m_rds == rdsPNTextBefore)
+            m_pnInfo.AppendCharBefore(ch);
+        else if (m_rds == rdsPNTextAfter)
+            m_pnInfo.AppendCharAfter(ch);
         return true;
     }
     if (m_bSkipNextChar) {
@@ -298,19 +426,22 @@ bool CRTFToUTF8Parser::ParseChar(char ch)
     }
     if (m_state.bHidden)
         return true;
+    // Blanks before the document are not text.
+    if (m_cGroup == 0 && m_chLast == 0 && m_pCur == m_pBegin && IsAsciiSpace(ch))
+        return true;
 
-    // Most text is single bytes with nothing waiting to be completed: they
-    // are written here, ASCII the quickest.
+    // Most text is single bytes with nothing waiting to be completed or owed
+    // before it: they are written here, ASCII the quickest.
     const unsigned char b = static_cast<unsigned char>(ch);
     const CCodePage& page = CurrentPage();
-    if (!m_chLeadByte && !m_highSurrogate && !page.IsLeadByte(b)) {
+    if (!m_chLeadByte && !m_highSurrogate && !IsTextOwed() && !page.IsLeadByte(b)) {
         const char32_t cp = page.Single(b);
         if (cp < 0x80) {
-            if (!IsReservedCodePoint(cp) && m_pCur != m_pEnd) {
+            if (cp >= 0x20 && cp != 0x7F && m_pCur != m_pEnd) {
                 *m_pCur++ = static_cast<char>(cp);
                 return true;
             }
-        } else {
+        } else if (cp >= 0xA0) {
             char sz[4];
             const int cch = EncodeUtf8(cp, sz);
             if (m_pEnd - m_pCur >= cch) {
@@ -329,6 +460,8 @@ bool CRTFToUTF8Parser::ParseChar(char ch)
 
 bool CRTFToUTF8Parser::DecodeByte(unsigned char b)
 {
+    if (!BeforeText())
+        return false;
     const CCodePage& page = CurrentPage();
     if (m_chLeadByte) {
         const char32_t cp = page.Pair(m_chLeadByte, b);
@@ -356,11 +489,15 @@ bool CRTFToUTF8Parser::EmitCodePoint(char32_t cp)
 {
     if (IsReservedCodePoint(cp))
         cp = ' ';
-    return FlushPending() && PutCodePoint(cp);
+    else if (IsDroppedControl(cp))
+        return FlushPending();
+    return FlushPending() && BeforeText() && PutCodePoint(cp);
 }
 
 bool CRTFToUTF8Parser::EmitUnicode(char32_t cp)
 {
+    if (!BeforeText())
+        return false;
     if (IsHighSurrogate(cp)) {
         if (!FlushPending())
             return false;
@@ -383,6 +520,83 @@ bool CRTFToUTF8Parser::EmitControl(const char* pch, int cch)
     return FlushPending() && PutBytes(pch, cch);
 }
 
+bool CRTFToUTF8Parser::EmitNewline()
+{
+    return PayTableNewline() && PayCellTab() && EmitControl(m_szNewline, m_cchNewline);
+}
+
+bool CRTFToUTF8Parser::PayTableNewline()
+{
+    if (!m_bTableNewlineOwed)
+        return true;
+    m_bTableNewlineOwed = false;
+    if (EmitControl(m_szNewline, m_cchNewline))
+        return true;
+    m_bTableNewlineOwed = true;
+    return false;
+}
+
+bool CRTFToUTF8Parser::PayCellTab()
+{
+    if (!m_bCellTabOwed)
+        return true;
+    if (!EmitControl("\t", 1))
+        return false;
+    m_bCellTabOwed = false;
+    return true;
+}
+
+bool CRTFToUTF8Parser::BeforeText()
+{
+    if (!PayTableNewline() || !PayCellTab())
+        return false;
+    if (m_bParagraphStart) {
+        m_bParagraphStart = false;
+        if (!m_bNumberTextGiven && !m_state.bFootnote && m_numbering.GetCurrentInfo().GetNumberingOn())
+            OweParagraphNumber();
+    }
+    return true;
+}
+
+void CRTFToUTF8Parser::OweParagraphNumber()
+{
+    // The core renders the number as 8-bit text: its texts before and after
+    // are bytes of the \pnf font (a bullet is often Symbol's \'b7).
+    char sz[512];
+    char* p = sz;
+    m_numbering.FormatNumberingString(p, sizeof sz);
+    sz[sizeof sz - 1] = '\0';
+    const CCodePage* pPage = m_iNumberFont >= 0 ? PageOfFont(m_iNumberFont) : m_state.pPage;
+    const CCodePage& page = pPage ? *pPage : *m_pDocPage;
+    for (const unsigned char* q = reinterpret_cast<const unsigned char*>(sz); *q; ++q) {
+        char32_t cp = page.Single(*q);
+        if (page.IsLeadByte(*q) && q[1]) {
+            cp = page.Pair(q[0], q[1]);
+            ++q;
+            if (cp == CCodePage::invalidPair)
+                cp = kReplacement;
+        }
+        if (!IsDroppedControl(cp) || cp == '\t')
+            AppendUtf8(m_owed, cp);
+    }
+}
+
+bool CRTFToUTF8Parser::PayOwed()
+{
+    if (m_owed.empty())
+        return true;
+    const std::size_t cbRoom = static_cast<std::size_t>(m_pEnd - m_pCur);
+    const std::size_t cb = std::min(cbRoom, m_owed.size() - m_iOwed);
+    std::memcpy(m_pCur, m_owed.data() + m_iOwed, cb);
+    m_pCur += cb;
+    m_iOwed += cb;
+    if (m_iOwed < m_owed.size())
+        return false;
+    m_owed.clear();
+    m_iOwed = 0;
+    return true;
+}
+
 bool CRTFToUTF8Parser::FlushPending()
 {
     if (!m_chLeadByte && !m_highSurrogate)
@@ -396,7 +610,7 @@ bool CRTFToUTF8Parser::FlushPending()
 
 bool CRTFToUTF8Parser::PutCodePoint(char32_t cp)
 {
-    if (cp < 0x80) {
+    if (cp < 0x80 && !m_state.bFootnote && m_owed.empty()) {
         if (m_pCur == m_pEnd)
             return false;
         *m_pCur++ = static_cast<char>(cp);
@@ -408,6 +622,12 @@ bool CRTFToUTF8Parser::PutCodePoint(char32_t cp)
 
 bool CRTFToUTF8Parser::PutBytes(const char* pch, int cch)
 {
+    if (m_state.bFootnote) {
+        m_footnotes.append(pch, static_cast<std::size_t>(cch));
+        return true;
+    }
+    if (!PayOwed())
+        return false;
     if (m_pEnd - m_pCur < cch)
         return false;
     std::memcpy(m_pCur, pch, static_cast<std::size_t>(cch));
@@ -426,6 +646,19 @@ const CCodePage* CRTFToUTF8Parser::PageOfFont(int iFont) const
 void CRTFToUTF8Parser::SelectFont(int iFont)
 {
     m_state.iFont = iFont;
+    m_state.iFontHich = -1;
+    m_state.iFontDbch = -1;
+    m_state.charClass = classNone;
+    m_state.pPage = PageOfFont(iFont);
+}
+
+void CRTFToUTF8Parser::UpdatePage()
+{
+    int iFont = m_state.iFont;
+    if (m_state.charClass == classHich && m_state.iFontHich >= 0)
+        iFont = m_state.iFontHich;
+    else if (m_state.charClass == classDbch && m_state.iFontDbch >= 0)
+        iFont = m_state.iFontDbch;
     m_state.pPage = PageOfFont(iFont);
 }
 
@@ -435,19 +668,77 @@ bool CRTFToUTF8Parser::GetFontNum(const void*, int param)
         return true;
     if (m_rds == rdsFontTable) {
         // A new entry, in the document's page until its \fcharset says otherwise.
+        EndFontEntry();
         m_iFontEntry = param;
         m_fonts[param] = nullptr;
-    } else {
-        SelectFont(param);
+        m_fontName.clear();
+        m_bFontNameDone = false;
+        return true;
     }
+    // \f after \hich or \dbch is the font of that class of characters too.
+    m_state.iFont = param;
+    if (m_state.charClass == classHich)
+        m_state.iFontHich = param;
+    else if (m_state.charClass == classDbch)
+        m_state.iFontDbch = param;
+    UpdatePage();
+    return true;
+}
+
+bool CRTFToUTF8Parser::SetCharacterClass(char32_t cp, int)
+{
+    m_state.charClass = static_cast<CharacterClass>(cp);
+    UpdatePage();
+    return true;
+}
+
+// \afN names the font of the class of characters last named; after \loch
+// (or none) it is the font of right-to-left text, which is not this reader's
+// concern.
+bool CRTFToUTF8Parser::SetAssociatedFont(char32_t, int param)
+{
+    if (param == noParam || m_rds == rdsFontTable)
+        return true;
+    if (m_state.charClass == classHich)
+        m_state.iFontHich = param;
+    else if (m_state.charClass == classDbch)
+        m_state.iFontDbch = param;
+    UpdatePage();
     return true;
 }
 
 bool CRTFToUTF8Parser::FillFontCharset(const void*, int param)
 {
-    if (m_rds == rdsFontTable && m_iFontEntry >= 0)
-        m_fonts[m_iFontEntry] = PageOfCharset(param);
+    if (m_rds != rdsFontTable || m_iFontEntry < 0)
+        return true;
+    // The ANSI set is Western whatever \ansicpg says (a Latin font in a
+    // Japanese document is read in 1252), unless the caller named a page.
+    m_fonts[m_iFontEntry] = param == 0 ? m_pAnsiPage : PageOfCharset(param);
     return true;
+}
+
+void CRTFToUTF8Parser::AddToFontName(char ch)
+{
+    if (m_iFontEntry < 0 || m_bFontNameDone)
+        return;
+    if (ch == ';') {
+        EndFontEntry();
+        return;
+    }
+    // Only the names of dingbat fonts matter, and they are short.
+    if (m_fontName.size() < 32)
+        m_fontName += ch;
+}
+
+void CRTFToUTF8Parser::EndFontEntry()
+{
+    if (m_iFontEntry < 0 || m_bFontNameDone)
+        return;
+    m_bFontNameDone = true;
+    // A dingbat font shows its own characters whatever its \fcharset says.
+    const int dingbats = CCodePage::DingbatPageOfFontName(m_fontName.c_str());
+    if (dingbats)
+        m_fonts[m_iFontEntry] = CCodePage::Get(dingbats);
 }
 
 bool CRTFToUTF8Parser::SetFontCodePage(char32_t, int param)
@@ -473,6 +764,9 @@ bool CRTFToUTF8Parser::SetDocumentCodePage(char32_t cp, int param)
         return true;
     if (const CCodePage* pPage = CCodePage::Get(cp ? static_cast<int>(cp) : param))
         m_pDocPage = pPage;
+    // A Macintosh document's Roman fonts are Mac Roman.
+    if (cp == kMacRomanCodePage && m_pDocPage->GetNumber() == kMacRomanCodePage)
+        m_pAnsiPage = m_pDocPage;
     return true;
 }
 
@@ -480,6 +774,13 @@ bool CRTFToUTF8Parser::ApplyPlainCommand(const void*, int)
 {
     m_state.bHidden = false;
     SelectFont(-1);
+    return true;
+}
+
+bool CRTFToUTF8Parser::SetNumberingFont(char32_t, int param)
+{
+    if (param != noParam)
+        m_iPnFont = param;
     return true;
 }
 
@@ -543,9 +844,22 @@ bool CRTFToUTF8Parser::SetHidden(char32_t, int param)
 
 bool CRTFToUTF8Parser::ApplyCRCommand(const void* pKeyword, int param)
 {
-    if (IsVisibleText() && !EmitNewline())
+    // The last paragraph mark of a cell is its end, which \cell gives: a
+    // paragraph mark in a table is written only when text follows in the cell.
+    if (m_bInTable && IsVisibleText() && std::strcmp(static_cast<const char*>(pKeyword), "par") == 0) {
+        if (!PayTableNewline())
+            return false;
+        m_bTableNewlineOwed = true;
+    } else if (IsVisibleText() && !EmitNewline()) {
         return false;
+    }
+    m_bNumberTextGiven = false;
     return CBaseRTFParser::ApplyCRCommand(pKeyword, param);
+}
+
+bool CRTFToUTF8Parser::ApplyEscapedLineBreak(char32_t, int)
+{
+    return ApplyCRCommand("par", noParam);
 }
 
 bool CRTFToUTF8Parser::ApplyNLCommand(const void*, int)
@@ -555,17 +869,53 @@ bool CRTFToUTF8Parser::ApplyNLCommand(const void*, int)
 
 bool CRTFToUTF8Parser::ApplyTabCommand(const void*, int)
 {
-    return !IsVisibleText() || EmitControl("\t", 1);
+    return !IsVisibleText() || (FlushPending() && BeforeText() && PutBytes("\t", 1));
 }
 
+// A row ends its line; its last cell owes no TAB.
 bool CRTFToUTF8Parser::ApplyEndRowCommand(const void* pKeyword, int param)
 {
+    if (IsVisibleText()) {
+        m_bCellTabOwed = false;
+        m_bTableNewlineOwed = false;
+    }
     return ApplyCRCommand(pKeyword, param);
 }
 
-bool CRTFToUTF8Parser::ApplyEndCellCommand(const void* pKeyword, int param)
+// The TAB between two cells is written before the next cell's text, so that
+// none follows a row's last cell.
+bool CRTFToUTF8Parser::ApplyEndCellCommand(const void*, int)
 {
-    return ApplyTabCommand(pKeyword, param);
+    if (!IsVisibleText())
+        return true;
+    m_bTableNewlineOwed = false;
+    if (!PayCellTab())  // the cell before was empty
+        return false;
+    m_bCellTabOwed = true;
+    return true;
+}
+
+bool CRTFToUTF8Parser::SetInTable(char32_t, int)
+{
+    m_bInTable = true;
+    return true;
+}
+
+bool CRTFToUTF8Parser::ApplyParCommand(const void* pKeyword, int param)
+{
+    if (std::strcmp(static_cast<const char*>(pKeyword), "pard") == 0)
+        m_bInTable = false;
+    return CBaseRTFParser::ApplyParCommand(pKeyword, param);
+}
+
+bool CRTFToUTF8Parser::ApplyNestedCell(char32_t, int)
+{
+    return ApplyEndCellCommand("nestcell", noParam);
+}
+
+bool CRTFToUTF8Parser::ApplyNestedRow(char32_t, int)
+{
+    return ApplyEndRowCommand("nestrow", noParam);
 }
 
 // A page break ends the line it is in; after a paragraph mark it shows as an
@@ -590,6 +940,53 @@ bool CRTFToUTF8Parser::SkipBinary(char32_t, int param)
 }
 
 // --- destinations
+
+// The marker [n] stays where the footnote stands; the note's text, after the
+// same marker, is kept for after the body.
+bool CRTFToUTF8Parser::BeginFootnote(char32_t, int)
+{
+    if (!IsVisibleText() || m_state.bFootnote) {
+        m_rds = rdsSkip;
+        return true;
+    }
+    if (!FlushPending() || !BeforeText())
+        return false;
+    const std::string marker = "[" + std::to_string(++m_cFootnotes) + "]";
+    m_owed += marker;
+    m_footnotes += marker + " ";
+    m_state.bFootnote = true;
+    return true;
+}
+
+bool CRTFToUTF8Parser::BeginHeaderOrFooter(char32_t, int)
+{
+    if (!m_bHeaders)
+        m_rds = rdsSkip;
+    return true;
+}
+
+bool CRTFToUTF8Parser::SkipDestination(char32_t, int)
+{
+    m_rds = rdsSkip;
+    return true;
+}
+
+bool CRTFToUTF8Parser::InitPNCommand(const void* pKeyword, int param)
+{
+    // \pntext and \listtext give the paragraph's number as text.
+    if (std::strcmp(static_cast<const char*>(pKeyword), "pn") != 0 && IsVisibleText())
+        m_bNumberTextGiven = true;
+    return CBaseRTFParser::InitPNCommand(pKeyword, param);
+}
+
+bool CRTFToUTF8Parser::EndGroupAction(RDS rdsOld, RDS rdsNew)
+{
+    if (rdsOld == rdsPNCommand && rdsNew != rdsPNCommand) {
+        m_iNumberFont = m_iPnFont;
+        m_iPnFont = -1;
+    }
+    return CBaseRTFParser::EndGroupAction(rdsOld, rdsNew);
+}
 
 bool CRTFToUTF8Parser::FieldResult(const void*, int)
 {
@@ -637,6 +1034,9 @@ bool CRTFToUTF8Parser::ObjectData(const void*, int) { return true; }
 CBytePtrRTFToUTF8PtrParser::CBytePtrRTFToUTF8PtrParser(const unsigned char* pData, const unsigned long& cbData)
     : m_pData(pData), m_cbData(pData ? cbData : 0), m_pRead(pData), m_pMark(nullptr)
 {
+    static const unsigned char s_bom[] = {0xEF, 0xBB, 0xBF};
+    if (m_cbData >= sizeof s_bom && std::memcmp(m_pData, s_bom, sizeof s_bom) == 0)
+        m_pRead += sizeof s_bom;
 }
 
 long CBytePtrRTFToUTF8PtrParser::Get(char& ch)
@@ -644,7 +1044,15 @@ long CBytePtrRTFToUTF8PtrParser::Get(char& ch)
     if (m_pRead == m_pData + m_cbData)
         return E_UNEXPECTED;
     ch = static_cast<char>(*m_pRead++);
-    return ch != '\0' ? S_OK : E_UNEXPECTED;
+    if (ch != '\0')
+        return S_OK;
+    m_bNulRead = true;
+    return E_UNEXPECTED;
+}
+
+bool CBytePtrRTFToUTF8PtrParser::AtEndOfInput() const
+{
+    return m_bNulRead || m_pRead == m_pData + m_cbData;
 }
 
 long CBytePtrRTFToUTF8PtrParser::Get(int n, unsigned char* pDest)

@@ -16,23 +16,36 @@
 //                  escapes (any other control word but \u counts as one
 //                  too); a brace or the next \u ends the skipping, and \uc
 //                  is scoped to its group.
-//   \'hh, 8-bit    decoded in the code page of the current font's \fcharset,
-//                  or of the document (\ansicpg, \mac, \pc, \pca; 1252 when
-//                  none is given). Double-byte pages (932, 936, 949, 950, ...)
-//                  pair a lead byte with the next byte. \fcharset2 (Symbol)
-//                  gives the characters the Symbol font shows (also for
-//                  \uN of U+F020 to U+F0FF, the codes Windows shows a symbol
-//                  font's glyphs under). A byte the page does not define
-//                  gives U+FFFD.
+//   \'hh, 8-bit    decoded in the code page of the current font's \fcharset
+//                  or \cpg (\fcharset0 is 1252 whatever the document's page;
+//                  the Mac sets are the Mac pages), or else of the document
+//                  (\ansicpg, \mac, \pc, \pca; 1252 when none is given). In a
+//                  \hich or \dbch run the font is the one named for it (\af
+//                  or \f after the keyword). Double-byte pages (932, 936, 949,
+//                  950, 10001, ...) pair a lead byte with the next byte.
+//                  Symbol and the dingbat fonts, known by name (or
+//                  \fcharset2), give the characters their glyphs show (also
+//                  for \uN of U+F020 to U+F0FF, the codes Windows shows a
+//                  symbol font's glyphs under). A byte the page does not
+//                  define gives U+FFFD.
 //   \upr, \ud      the Unicode alternative is read, the 8-bit one skipped.
 //   \emdash ...    the typographic characters of RTF (see the keyword table).
-// Paragraph marks (\par, \sect, \row) and \line, \page give the newline chosen
-// with SetNewline (LF by default); \tab and \cell give TAB. Hidden text (\v),
-// field instructions, pictures, objects and the document's tables are left
-// out; a field gives its result. Paragraph numbers are the text the document
-// gives them in \pntext and \listtext: writers put it before every numbered
-// paragraph for readers that do not lay out lists, so a number is not also
-// generated from the \pn group, as the 8-bit converter does.
+// Paragraph marks (\par, \sect, \row, and a backslash before a line break,
+// as TextEdit writes them) and \line, \page give the newline chosen with
+// SetNewline (LF by default); \tab gives TAB, and \cell a TAB between the
+// cells of a row (none after its last). The text ends with a newline. Hidden
+// text (\v), field instructions, pictures, objects, the document's tables and
+// its headers and footers (unless SetHeaders) are left out; a field gives its
+// result. A footnote leaves a marker ([1], [2], ...) where it stands, and its
+// text follows the body's, each note on its own line after its marker.
+// Paragraph numbers are the text the document gives them in \pntext and
+// \listtext; a paragraph numbered only by a \pn group gets the number the
+// group describes, as the 8-bit converter writes it. \* marks an optional
+// destination only directly after '{', as RTF has it. Control characters
+// other than TAB and the newline never reach the text.
+//
+// Input that is a sequence of groups rather than one {\rtf ...} document (an
+// RTF fragment) is read group after group to its end.
 //
 // A character's bytes are put all or nothing, so any output buffer of at
 // least 4 bytes works, and the output is the same for every buffer size.
@@ -41,6 +54,7 @@
 #pragma once
 #include "rtfconverter/Export.h"
 
+#include <string>
 #include <unordered_map>
 
 #include "rtfconverter/BaseRTFParser.h"
@@ -64,6 +78,9 @@ public:
     // default character sets) in codePage instead, whatever \ansicpg says.
     // 0 restores the document's choice. Set before the first Read.
     void SetCodePage(int codePage);
+    // Keeps the text of headers and footers, where the document has them.
+    // Off by default: they repeat on every page and interrupt the body.
+    void SetHeaders(bool bHeaders);
 
 protected:
     CRTFToUTF8Parser();
@@ -75,6 +92,8 @@ protected:
     // always null here). Negative when the input ended first.
     virtual long Get(int n, unsigned char* pDest) = 0;
     using CBaseRTFParser::Get;
+    // True when no byte is left to read (or a NUL ended the text).
+    virtual bool AtEndOfInput() const = 0;
 
     // --- the core's operations
     void Init() override;
@@ -90,6 +109,9 @@ protected:
     bool FieldResult(const void* pKeyword, int param) override;
     bool InitAttachment(const void* pKeyword, int param) override;
     bool ObjectResult(const void* pKeyword, int param) override;
+    bool EndGroupAction(RDS rdsOld, RDS rdsNew) override;
+    bool InitPNCommand(const void* pKeyword, int param) override;
+    bool ApplyParCommand(const void* pKeyword, int param) override;
     bool ApplyCRCommand(const void* pKeyword, int param) override;
     bool ApplyNLCommand(const void* pKeyword, int param) override;
     bool ApplyTabCommand(const void* pKeyword, int param) override;
@@ -136,14 +158,32 @@ protected:
     bool ApplyPageBreak(char32_t cp, int param);
     bool ApplySectionBreak(char32_t cp, int param);
     bool SkipBinary(char32_t cp, int param);
+    bool ApplyEscapedLineBreak(char32_t cp, int param);
+    bool ApplyNestedCell(char32_t cp, int param);
+    bool SetInTable(char32_t cp, int param);
+    bool ApplyNestedRow(char32_t cp, int param);
+    bool BeginFootnote(char32_t cp, int param);
+    bool BeginHeaderOrFooter(char32_t cp, int param);
+    bool SkipDestination(char32_t cp, int param);
+    bool SetCharacterClass(char32_t cp, int param);
+    bool SetAssociatedFont(char32_t cp, int param);
+    bool SetNumberingFont(char32_t cp, int param);
 
 private:
     // What a group keeps of its own and gives back at its '}'.
+    // Which font a byte of text is in: Word gives each run the fonts of the
+    // low ASCII, high ANSI and double-byte characters (\loch, \hich, \dbch,
+    // each with \af or \f), and the one named last is the run's.
+    enum CharacterClass : unsigned char { classNone, classLoch, classHich, classDbch };
     struct GroupState {
         int iFont = -1;                  // \fN in force; -1: the default font
-        const CCodePage* pPage = nullptr; // its page; null: the document's
+        int iFontHich = -1;              // the high-ANSI font; -1: \fN's
+        int iFontDbch = -1;              // the double-byte font; -1: \fN's
+        const CCodePage* pPage = nullptr; // the page of the font in use; null: the document's
         int cchUnicodeFallback = 1;      // \ucN
+        CharacterClass charClass = classNone;
         bool bHidden = false;            // \v
+        bool bFootnote = false;          // text goes to the footnotes
     };
     class CUTF8Save : public CBaseRTFParserSave {
     public:
@@ -159,6 +199,25 @@ private:
     const CCodePage& CurrentPage() const { return *(m_state.pPage ? m_state.pPage : m_pDocPage); }
     const CCodePage* PageOfFont(int iFont) const;
     void SelectFont(int iFont);
+    // The page of the font the current character class names.
+    void UpdatePage();
+    // The font table entry whose name is complete: a dingbat font's name
+    // decides its characters.
+    void EndFontEntry();
+    void AddToFontName(char ch);
+    // Remembers the last byte written to the caller's buffer.
+    void NoteLastByte();
+
+    // Owed before the next visible text: the TAB between two cells, the
+    // generated number of a paragraph. False when refused.
+    bool BeforeText();
+    bool IsTextOwed() const { return m_bCellTabOwed || m_bTableNewlineOwed || m_bParagraphStart || m_state.bFootnote || !m_owed.empty(); }
+    // Appends the number text of a paragraph numbered by a \pn group alone.
+    void OweParagraphNumber();
+    // Writes what is owed; false while some of it is refused.
+    bool PayOwed();
+    // At the end of the document: its last newline, then the footnotes.
+    bool FinishText();
 
     // Decodes one byte of text in the current page and writes what it gives.
     bool DecodeByte(unsigned char b);
@@ -168,7 +227,11 @@ private:
     // \uN's character; a high surrogate waits for the low one.
     bool EmitUnicode(char32_t cp);
     bool EmitControl(const char* pch, int cch);
-    bool EmitNewline() { return EmitControl(m_szNewline, m_cchNewline); }
+    bool EmitNewline();
+    // The TAB after a cell that is not its row's last.
+    bool PayCellTab();
+    // The paragraph mark in a table cell, once text follows it in the cell.
+    bool PayTableNewline();
     // A lead byte or high surrogate still waiting for its partner becomes
     // U+FFFD.
     bool FlushPending();
@@ -179,6 +242,30 @@ private:
     // counts as one fallback character; a \'hh escape's digits go with it.
     bool SkipFallbackKeyword(const char* szKeyword);
 
+    // The font table entry being read: its name, and whether it is done.
+    std::string m_fontName;
+    bool m_bFontNameDone = false;
+
+    // Text written to the caller's buffer comes after what is owed.
+    std::string m_owed;
+    std::size_t m_iOwed = 0;
+    std::string m_footnotes;          // "[n] text" of each footnote
+    int m_cFootnotes = 0;
+    char m_chLast = 0;                // the last byte of the body's text; 0: none yet
+
+    bool m_bAtGroupStart = false;     // nothing read since the last '{'
+    bool m_bCellTabOwed = false;
+    bool m_bTableNewlineOwed = false;
+    bool m_bInTable = false;          // \intbl since the last \pard
+    bool m_bNumberTextGiven = false;  // the paragraph has \pntext or \listtext
+    bool m_bHeaders = false;
+    bool m_bRtfDocument = false;      // the input begins {\rtf: read one group
+    bool m_bFirstKeywordSeen = false;
+    bool m_bContinuing = false;
+    bool m_bBodyEnded = false;        // FinishText has ended the body's text       // Init for the next group of a fragment
+    int m_iPnFont = -1;               // \pnf of the \pn group being read
+    int m_iNumberFont = -1;           // \pnf of the paragraph's numbering
+
     char* m_pBegin = nullptr;
     char* m_pEnd = nullptr;
     char* m_pCur = nullptr;
@@ -188,6 +275,7 @@ private:
     int m_iFontEntry = -1;            // the font table entry being read
     int m_iDefaultFont = 0;           // \deffN
     const CCodePage* m_pDocPage = nullptr;
+    const CCodePage* m_pAnsiPage = nullptr;  // \fcharset0: 1252, or the page SetCodePage named
     int m_forcedCodePage = 0;         // SetCodePage; 0: none
 
     int m_cchUnicodeSkip = 0;         // fallback characters still to skip
@@ -205,7 +293,8 @@ class RTFCONV_API CBytePtrRTFToUTF8PtrParser : public CRTFToUTF8Parser {
 public:
     // The bytes are not copied: they must stay valid and unchanged for the
     // object's life. A NUL byte in text ends the input early, as it does for
-    // the 8-bit converter; inside \bin data it does not.
+    // the 8-bit converter; inside \bin data it does not. A UTF-8 byte-order
+    // mark before the RTF is passed over.
     CBytePtrRTFToUTF8PtrParser(const unsigned char* pData, const unsigned long& cbData);
     CBytePtrRTFToUTF8PtrParser(const CBytePtrRTFToUTF8PtrParser&) = default;
     CBytePtrRTFToUTF8PtrParser& operator=(const CBytePtrRTFToUTF8PtrParser&) = default;
@@ -214,6 +303,7 @@ public:
 protected:
     long Get(char& ch) override;
     long Get(int n, unsigned char* pDest) override;
+    bool AtEndOfInput() const override;
     void MarkBacktrack(int n) override;
     void Backtrack(int n) override;
 
@@ -221,6 +311,7 @@ protected:
     unsigned long m_cbData;
     const unsigned char* m_pRead;
     const unsigned char* m_pMark;
+    bool m_bNulRead = false;
 
 private:
     long ClampBack(int n) const;

@@ -84,6 +84,9 @@ void CUTF8TextToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
 void CUTF8TextToRTF::ConvertText(const char* pszText)
 {
     const unsigned char* p = reinterpret_cast<const unsigned char*>(pszText);
+    // A byte-order mark says the text is UTF-8; it is not part of it.
+    if (p[0] == 0xEF && p[1] == 0xBB && p[2] == 0xBF)
+        p += 3;
     for (;;) {
         const unsigned char* const pRun = p;
         while (!kRunEnd.isEnd[*p])
@@ -123,16 +126,18 @@ void CUTF8TextToRTF::ConvertText(const char* pszText)
 void CUTF8TextToRTF::AppendCharacter(char32_t cp)
 {
     unsigned char bytes[2];
+    // Escaped, so that the RTF is 7-bit ASCII and reads the same whatever
+    // encoding a program takes it for.
+    char sz[16];
     switch (m_pPage ? m_pPage->Encode(cp, bytes) : 0) {
     case 1:
-        m_csBuffer += static_cast<char>(bytes[0]);
+        std::snprintf(sz, sizeof sz, "\\'%02x", bytes[0]);
+        m_csBuffer += sz;
         return;
-    case 2: {
-        char sz[16];
+    case 2:
         std::snprintf(sz, sizeof sz, "\\'%02x\\'%02x", bytes[0], bytes[1]);
         m_csBuffer += sz;
         return;
-    }
     default:
         AppendUnicode(cp);
         return;

@@ -7,9 +7,11 @@
 //
 // The sibling of the 8-bit plain-text writer, with the same document shape
 // (one font, the automatic colour), for text as Linux writes it:
-//   - characters of the chosen code page are written as themselves: a byte
-//     above 0x7F as it is, a double-byte character as two \'hh escapes (its
-//     trail byte may be a backslash or a brace); \, { and } are escaped;
+//   - characters of the chosen code page are written as their bytes, each
+//     byte above 0x7F (and both bytes of a double-byte character, whose trail
+//     byte may be a backslash or a brace) as a \'hh escape, so that the RTF
+//     is 7-bit ASCII; \, { and } are escaped;
+//   - a byte-order mark at the start is dropped;
 //   - every other character is \uN with a ? fallback under \uc1 (a pair of
 //     \uN for a character beyond U+FFFF); a byte that is not UTF-8 is U+FFFD;
 //   - LF, CR LF and a lone CR end a paragraph (\par), and a final line end

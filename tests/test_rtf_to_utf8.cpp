@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "rtfconverter/CodePages.h"
 #include "rtfconverter/RtfToUtf8.h"
 #include "test_util.h"
 
@@ -17,6 +18,7 @@ struct Options {
     std::size_t cbBuffer = 1 << 16;
     CRTFToUTF8Parser::Newline newline = CRTFToUTF8Parser::newlineLF;
     int codePage = 0;
+    bool bHeaders = false;
 };
 
 // Converts with Read calls of cbBuffer bytes until bMore comes back false.
@@ -26,6 +28,7 @@ std::string ToUtf8(const std::string& rtf, const Options& options = Options())
     CBytePtrRTFToUTF8PtrParser reader(reinterpret_cast<const unsigned char*>(rtf.data()), cb);
     reader.SetNewline(options.newline);
     reader.SetCodePage(options.codePage);
+    reader.SetHeaders(options.bHeaders);
     std::vector<char> buf(options.cbBuffer);
     std::string out;
     bool bMore = true;
@@ -62,10 +65,16 @@ struct Row {
     std::string utf8;
 };
 
+// The text ends with a newline whenever it has any; the rows leave it out.
+std::string WithFinalNewline(const std::string& text)
+{
+    return text.empty() || text.back() == '\n' ? text : text + "\n";
+}
+
 void ExpectRows(const std::vector<Row>& rows)
 {
     for (const Row& row : rows)
-        EXPECT_EQ(ToUtf8(row.rtf), row.utf8) << row.label << ": " << row.rtf;
+        EXPECT_EQ(ToUtf8(row.rtf), WithFinalNewline(row.utf8)) << row.label << ": " << row.rtf;
 }
 
 } // namespace
@@ -102,7 +111,7 @@ TEST(RtfToUtf8, FontCharsetSelectsThePage)
     });
     Options cyrillic;
     cyrillic.codePage = 1251;
-    EXPECT_EQ(ToUtf8(R"({\rtf1\ansi\ansicpg1252 \'cf)" + fonts + R"(\f2 \'e1})", cyrillic), "Пα");
+    EXPECT_EQ(ToUtf8(R"({\rtf1\ansi\ansicpg1252 \'cf)" + fonts + R"(\f2 \'e1})", cyrillic), "Пα\n");
 }
 
 TEST(RtfToUtf8, DoubleByteCodePages)
@@ -161,6 +170,117 @@ TEST(RtfToUtf8, KeywordsAndDestinations)
     });
 }
 
+// What word processors make of RTF, each as the smallest document showing it.
+TEST(RtfToUtf8, ReadsAsWordProcessorsDo)
+{
+    ExpectRows({
+        {"backslash LF and CR LF end paragraphs", "{\\rtf1\\ansi one\\\ntwo\\\r\nthree\\par four}", "one\ntwo\nthree\nfour"},
+        {"\\* inside a group is no destination", R"({\rtf1 {\loch\f2\i0\*\cs7 The quick}})", "The quick"},
+        {"\\* after '{' still is", R"({\rtf1 a{\*\foo hidden}b})", "ab"},
+        {"\\* after '{' and a known keyword", R"({\rtf1 a{\*\fldinst x}b})", "ab"},
+        {"a fragment: every top-level group", "{\\pard A\\par}\n{\\pard B\\par}\n{C}", "A\nB\nC"},
+        {"a document: its group only", R"({\rtf1 a}{b})", "a"},
+        {"a stray '}' between groups", R"({a}}{b})", "ab"},
+        {"footnote after the body", R"({\rtf1 Has a {\super\chftn}{\footnote\pard{\super\chftn} The note.}note.\par})",
+         "Has a [1]note.\n\n[1]  The note.\n"},
+        {"numbered footnotes, a paragraph in one", R"({\rtf1 a{\*\footnote x\par y}b{\footnote z}})", "a[1]b[2]\n\n[1] x\ny\n[2] z\n"},
+        {"headers and footers left out", R"({\rtf1 {\header Head\par}{\footerl Foot}Body\par})", "Body"},
+        {"destinations written without \\*", R"({\rtf1 a{\xe entry}{\tc toc}{\listtable{\list{\listname L;}}}{\nonesttables dup}b})", "ab"},
+        {"cells: no TAB after a row's last", R"({\rtf1 a\cell b\cell\row c})", "a\tb\nc"},
+        {"an empty cell", R"({\rtf1 a\cell\cell b\cell\row})", "a\t\tb"},
+        {"a cell's last paragraph mark", R"({\rtf1\trowd{\pard\intbl A\par}\cell{\pard\intbl B\par C\par}\cell\row})", "A\tB\nC"},
+        {"nested cells", R"({\rtf1\pard\intbl a\nestcell b\nestcell{\*\nesttableprops\nestrow}c\cell\row})", "a\tb\nc"},
+        {"nested cells inside their row's properties", R"({\rtf1 x{\*\nesttableprops\trowd y\nestcell\nestrow}z})", "xy\nz"},
+        {"text ends with a newline", R"({\rtf1 a\par})", "a"},
+        {"empty document", R"({\rtf1 })", ""},
+        {"control characters dropped", R"({\rtf1 a\'04\'08b\'7f\'0dc\u128?d})", "abcd"},
+        {"numbers of \\pn groups", R"({\rtf1\pard{\*\pn\pnlvl1\pnstart1\pndec{\pntxta .}}A\par\pard{\*\pn\pnlvl1\pnstart1\pndec{\pntxta .}}B\par})",
+         "1.\tA\n2.\tB"},
+        {"\\pntext gives the number once", R"({\rtf1\pard{\pntext 1.\tab}{\*\pn\pnlvl1\pnstart1\pndec{\pntxta .}}A\par})", "1.\tA"},
+        {"a bullet in the \\pnf font", R"({\rtf1{\fonttbl{\f1\fcharset2 Symbol;}}\pard{\*\pn\pnlvlblt\pnf1{\pntxtb\'b7}}X\par})", "•\tX"},
+    });
+}
+
+TEST(RtfToUtf8, CharacterSetsOfFonts)
+{
+    const std::string dingbats = R"({\fonttbl{\f1\fcharset2 Wingdings;}{\f2\fcharset2 Symbol;}{\f3\fcharset0 Wingdings 2;}{\f4\fcharset2 Webdings;}})";
+    ExpectRows({
+        {"Wingdings bullet by \\u", R"({\rtf1)" + dingbats + R"({\f1\u-3929?}{\f2\u-3929?})", "▪\u2663"},
+        {"Wingdings bytes", R"({\rtf1)" + dingbats + R"({\f1 \'fc\'d8J})", "✔⮚☺"},
+        {"Wingdings 2 whatever its charset", R"({\rtf1)" + dingbats + R"({\f3 P})", "✓"},
+        {"a picture without a character", R"({\rtf1)" + dingbats + R"({\f4 \'ff})", "\uF0FF"},
+        {"\\hich run in a Latin font of a 932 document",
+         R"({\rtf1\ansi\ansicpg932{\fonttbl{\f0\fcharset0 Century;}{\f1\fcharset128 Mincho;}}\loch\af0\dbch\af1\hich\f0 \'93x\'94})", "“x”"},
+        {"\\dbch run", R"({\rtf1\ansi{\fonttbl{\f0\fcharset0 Century;}{\f1\fcharset128 Mincho;}}\f0\hich\af0\loch\af0\dbch\af1 \'82\'a0})", "あ"},
+        {"Mac Japanese", R"({\rtf1\mac\ansicpg10001{\fonttbl{\f0\fcharset78 Hira;}}\f0 \'82\'a8\'fd})", "お©"},
+        {"Mac Roman by charset", R"({\rtf1\ansi{\fonttbl{\f0\fcharset77 Times;}}\f0 \'8e})", "é"},
+        {"Mac Turkish", R"({\rtf1\ansi{\fonttbl{\f0\fcharset86 Times;}}\f0 \'da\'8e})", "Ğé"},
+        {"no-break space of a Latin font in a 950 document", R"({\rtf1\ansi\ansicpg950{\fonttbl{\f3\fcharset0 Courier;}}{\f3\'a0}})", "\u00A0"},
+        {"KOI8-R by number", R"({\rtf1\ansi\ansicpg20866 \'f0})", "П"},
+    });
+}
+
+// Corpus files that showed a fault, by a piece of their text and what must
+// not be in it.
+TEST(RtfToUtf8, CorpusFilesReadAsWordProcessorsDo)
+{
+    const struct {
+        const char* file;
+        const char* piece;
+        const char* absent;
+    } rows[] = {
+        {"rtfpipe__RtfParserTest_6.rtf", "Synth Server Architecture\n", "ArchitectureSuperCollider"},
+        {"rtfpipe__RtfParserTest_7.rtf", "says that \u201CThis is just a test\u201D in Japanese.", "\uFFFD"},
+        {"rtfpipe__Issue52.rtf", "\u00A0", "\uFFFD"},
+        {"rtfpipe__Issue34.rtf", "Гулько", "\uFFFD"},
+        {"pandoc__tables.rtf", "Right\tLeft\tCenter\tDefault\n12\t12\t12\t12\n", "Default\t\n"},
+        {"pandoc__footnote.rtf", "\n[1] ", "\uFFFD"},
+        {"tika__test_list_override.rtf", "", "List1382206859"},
+    };
+    for (const auto& row : rows) {
+        const std::string utf8 = ToUtf8(rtfconv_test::ReadFileBytes(std::string(RTFCONV_CORPUS_DIR) + "/" + row.file));
+        EXPECT_NE(utf8.find(row.piece), std::string::npos) << row.file << " lacks " << row.piece;
+        EXPECT_EQ(utf8.find(row.absent), std::string::npos) << row.file << " has " << row.absent;
+    }
+}
+
+TEST(CodePages, OneTableOfNames)
+{
+    const struct {
+        const char* name;
+        int codePage;
+    } rows[] = {
+        {"KOI8-R", 20866}, {"koi8-r", 20866}, {"CP1251", 1251}, {"windows-1251", 1251}, {"MACINTOSH", 10000},
+        {"CP932", 932},    {"ISO-8859-1", 28591}, {"IBM850", 850}, {"nonesuch", 0}, {"CP12x", 0},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(rtf_converter::CodePageOfIconvName(row.name), row.codePage) << row.name;
+        if (row.codePage && row.codePage != 850)
+            EXPECT_EQ(rtf_converter::CodePageOfIconvName(rtf_converter::IconvNameOfCodePage(row.codePage)), row.codePage)
+                << row.name;
+    }
+    EXPECT_EQ(rtf_converter::IconvNameOfCodePage(10001), "CP932");
+}
+
+TEST(RtfToUtf8, InputThatIsNotRtf)
+{
+    ExpectRows({
+        {"empty", "", ""},
+        {"plain text", " plain text\nmore", "plain textmore"},
+        {"DEL alone", "\x7f", ""},
+        {"a byte-order mark", "\xef\xbb\xbf{\\rtf1 x}", "x"},
+        {"blanks before the document", "  \r\n{\\rtf1 x}", "x"},
+        {"binary", std::string("PK\x03\x04\x80\xff{\x01}\\'", 12), "PK \u20AC\u00FF "},
+    });
+}
+
+TEST(RtfToUtf8, HeadersWhenAsked)
+{
+    Options options;
+    options.bHeaders = true;
+    EXPECT_EQ(ToUtf8(R"({\rtf1 {\header Head\par}Body\par})", options), "Head\nBody\n");
+}
+
 TEST(RtfToUtf8, NewlineChoice)
 {
     const std::string rtf = R"({\rtf1 a\par b\line c})";
@@ -168,9 +288,9 @@ TEST(RtfToUtf8, NewlineChoice)
         CRTFToUTF8Parser::Newline newline;
         const char* utf8;
     } rows[] = {
-        {CRTFToUTF8Parser::newlineLF, "a\nb\nc"},
-        {CRTFToUTF8Parser::newlineCRLF, "a\r\nb\r\nc"},
-        {CRTFToUTF8Parser::newlineCR, "a\rb\rc"},
+        {CRTFToUTF8Parser::newlineLF, "a\nb\nc\n"},
+        {CRTFToUTF8Parser::newlineCRLF, "a\r\nb\r\nc\r\n"},
+        {CRTFToUTF8Parser::newlineCR, "a\rb\rc\r"},
     };
     for (const auto& row : rows) {
         Options options;
@@ -184,7 +304,9 @@ TEST(RtfToUtf8, EveryBufferSizeGivesTheSameOutput)
     const std::string rtf =
         R"({\rtf1\ansi\ansicpg1251{\fonttbl{\f1\fcharset128 M;}{\f2\fcharset2 S;}}\'cf\'f0\par)"
         R"({\f1 \'82\'a0\'82}x\u-10179?\u-8704?\uc2\u945 ab{\f2 \'b7}\emdash\page\tab)"
-        "\xe9{\\v hid}\\u-10179 q\\'82 end}";
+        "\xe9{\\v hid}\\u-10179 q\\'82 end"
+        R"(\pard{\*\pn\pnlvl3\pnstart7\pnucrm{\pntxtb (}{\pntxta )}}N\par a\cell b\cell\row)"
+        R"(x{\footnote a long footnote text}y{\footnote z}})";
     const std::string whole = ToUtf8(rtf);
     ASSERT_TRUE(IsValidUtf8(whole));
     for (std::size_t cb = 4; cb <= 64; ++cb) {
@@ -215,6 +337,9 @@ TEST(RtfToUtf8, CorpusGivesValidUtf8)
         small.cbBuffer = 29;
         const std::string utf8 = ToUtf8(rtf);
         EXPECT_TRUE(IsValidUtf8(utf8)) << name;
+        const std::size_t control = utf8.find_first_of(std::string("\0\x01\x02\x03\x04\x05\x06\x07\x08\x0b\x0c\x0d\x0e\x0f"
+                                                                   "\x10\x11\x12\x13\x14\x15\x16\x17\x18\x19\x1a\x1b\x1c\x1d\x1e\x1f\x7f", 32));
+        EXPECT_EQ(control, std::string::npos) << name << ": control character at " << control;
         EXPECT_EQ(ToUtf8(rtf, small), utf8) << name;
     }
     closedir(pDir);
@@ -233,7 +358,10 @@ TEST(RtfToUtf8, CorpusFilesWithKnownText)
         {"rtfparserkit__testJapaneseJisEncoding.rtf", "中國"},
         {"rtfparserkit__test874Encoding.rtf", "1. Test Heading\n• Some test text \n• Some more test text"},
         {"striprtf-py__nbsp.rtf", "This is some bold text with non\u00A0breaking\u00A0spaces.\n"},
+        {"tika__testRTFIgnoredControlWord.rtf", "The quick brown fox jumps over the lazy dog"},
+        {"rtfparserkit__test10001Encoding.rtf", "お読みください\n"},
+        {"rtf2xml__no_open_bracket.rtf", "bogus"},
     };
     for (const auto& row : rows)
-        EXPECT_EQ(ToUtf8(rtfconv_test::ReadFileBytes(std::string(RTFCONV_CORPUS_DIR) + "/" + row.file)), row.utf8) << row.file;
+        EXPECT_EQ(ToUtf8(rtfconv_test::ReadFileBytes(std::string(RTFCONV_CORPUS_DIR) + "/" + row.file)), WithFinalNewline(row.utf8)) << row.file;
 }

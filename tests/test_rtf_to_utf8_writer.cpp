@@ -57,7 +57,7 @@ TEST(Utf8ToRtf, WholeDocument)
 {
     EXPECT_EQ(ToRtf("Caf\xc3\xa9 {\xd0\x9f}", 1251),
               "{\\rtf1\\ansi\\ansicpg1251\\deff0\\deflang1024{\\fonttbl{\\f0\\fcharset204\\fswiss Arial;}}"
-              "{\\colortbl;\\red0\\green0\\blue0;}\\uc1\\pard\\f0\\fs20\\cf0 Caf\\u233? \\{\xcf\\}}");
+              "{\\colortbl;\\red0\\green0\\blue0;}\\uc1\\pard\\f0\\fs20\\cf0 Caf\\u233? \\{\\'cf\\}}");
 }
 
 TEST(Utf8ToRtf, CharactersAndLineEnds)
@@ -73,14 +73,15 @@ TEST(Utf8ToRtf, CharactersAndLineEnds)
         {"final line end adds no paragraph", "a\n", 1252, "a\\par "},
         {"empty", "", 1252, ""},
         {"0x17 dropped", "a\x17" "b", 1252, "ab"},
-        {"in the page: the byte", "\xc3\xa9\xe2\x80\x94", 1252, "\xe9\x97"},
+        {"in the page: \\'hh", "\xc3\xa9\xe2\x80\x94", 1252, "\\'e9\\'97"},
+        {"byte-order mark dropped", "\xef\xbb\xbfx", 1252, "x"},
         {"outside the page: \\u", "\xd0\x9f", 1252, "\\u1055?"},
         {"above U+7FFF: negative", "\xef\xbd\xb1", 1252, "\\u-143?"},
         {"beyond U+FFFF: a surrogate pair", "\xf0\x9f\x98\x80", 1252, "\\u-10179?\\u-8704?"},
         {"not UTF-8", "a\xff" "b\xc3", 1252, "a\\u-3?b\\u-3?"},
         {"double-byte page", "\xe3\x81\x82\xe3\x82\xbd", 932, "\\'82\\'a0\\'83\\'5c"},
         {"a character the page folds into ASCII", "\xc2\xa5", 932, "\\u165?"},
-        {"unknown page writes 1252", "\xc3\xa9", 99999, "\xe9"},
+        {"unknown page writes 1252", "\xc3\xa9", 99999, "\\'e9"},
     };
     for (const auto& row : rows)
         EXPECT_EQ(Body(ToRtf(row.text, row.codePage)), row.body) << row.label;
@@ -96,7 +97,7 @@ TEST(Utf8ToRtf, RoundTripGivesTheTextBack)
         "CJK: \xe3\x81\x82\xe3\x82\xbd\xe4\xb8\xad\xe6\x96\x87\xed\x95\x9c\xef\xbd\xb1 \xc2\xa5\n"
         "Emoji: \xf0\x9f\x98\x80 \xf0\xa0\x9c\x8e and U+FFFD \xef\xbf\xbd\n"
         "\n"
-        "after an empty line, no final line end";
+        "after an empty line, no final line end (the reader adds one)";
     for (int codePage : {1250, 1251, 1252, 1253, 1254, 874, 10000, 932, 936, 949, 950})
-        EXPECT_EQ(ToUtf8(ToRtf(text, codePage)), text) << codePage;
+        EXPECT_EQ(ToUtf8(ToRtf(text, codePage)), text + "\n") << codePage;
 }

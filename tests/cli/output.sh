@@ -34,7 +34,7 @@ for name in a b c; do
     "$RTFCONV" rtf2txt "$TMP/$name".[rR][tT][fF] >"$TMP/single"
     cmp -s "$TMP/single" "$TMP/outdir/$name.txt" || fail "--output-dir $name.txt differs from a single run"
 done
-expect_file_bytes "$TMP/outdir/b.txt" 'second\ntwo'
+expect_file_bytes "$TMP/outdir/b.txt" 'second\ntwo\n'
 
 # One unreadable input among several: status 3, the others still converted.
 expect_status 3 "$RTFCONV" rtf2txt -j 2 --output-dir "$TMP/outdir2" "$TMP/a.rtf" "$TMP/missing.rtf" "$TMP/b.rtf"

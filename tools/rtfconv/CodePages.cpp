@@ -1,6 +1,8 @@
 // Code pages, converted with glibc's iconv.
 #include "tools/rtfconv/ToolCommon.h"
 
+#include "rtfconverter/CodePages.h"
+
 #include <algorithm>
 #include <cerrno>
 
@@ -10,19 +12,6 @@ namespace rtfconv {
 
 
 namespace {
-
-// Windows code pages whose iconv name is not simply "CP" and the number.
-struct WindowsCodePage {
-    unsigned long number;
-    const char* iconvName;
-};
-constexpr WindowsCodePage kWindowsCodePages[] = {
-    {874, "WINDOWS-874"},    {10000, "MACINTOSH"},   {10001, "SHIFT_JIS"},   {10029, "MAC-CENTRALEUROPE"},
-    {20127, "ASCII"},        {20866, "KOI8-R"},      {21866, "KOI8-U"},      {28591, "ISO-8859-1"},
-    {28592, "ISO-8859-2"},   {28593, "ISO-8859-3"},  {28594, "ISO-8859-4"},  {28595, "ISO-8859-5"},
-    {28596, "ISO-8859-6"},   {28597, "ISO-8859-7"},  {28598, "ISO-8859-8"},  {28599, "ISO-8859-9"},
-    {28603, "ISO-8859-13"},  {28605, "ISO-8859-15"}, {65001, "UTF-8"},
-};
 
 constexpr const char* kUtf8 = "UTF-8";
 constexpr char kReplacementUtf8[] = "\xEF\xBF\xBD"; // U+FFFD
@@ -40,12 +29,6 @@ bool AllDigits(const std::string& s)
     return !s.empty() && s.size() < 10 && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-std::string IconvNameForNumber(unsigned long number)
-{
-    for (const WindowsCodePage& cp : kWindowsCodePages)
-        if (cp.number == number) return cp.iconvName;
-    return "CP" + std::to_string(number);
-}
 
 // Bytes in a UTF-8 sequence from its lead byte (1 for a stray byte).
 std::size_t Utf8SequenceLength(unsigned char lead)
@@ -60,13 +43,65 @@ std::size_t Utf8SequenceLength(unsigned char lead)
 
 std::string IconvCodePageName(const std::string& codePage)
 {
-    const std::string name = AllDigits(codePage) ? IconvNameForNumber(std::stoul(codePage)) : codePage;
+    const std::string name = AllDigits(codePage) ? rtf_converter::IconvNameOfCodePage(std::stoi(codePage)) : codePage;
     return IconvKnows(name) ? name : std::string();
 }
 
 bool IsCodePageNumber(const std::string& codePage)
 {
     return AllDigits(codePage) && codePage.size() <= 5;
+}
+
+int CodePageNumberOf(const std::string& codePage)
+{
+    if (IsCodePageNumber(codePage))
+        return std::stoi(codePage);
+    return codePage.empty() ? 0 : rtf_converter::CodePageOfIconvName(codePage);
+}
+
+bool IsLibraryCodePage(const std::string& codePage)
+{
+    return codePage.empty() || rtf_converter::CCodePage::Get(CodePageNumberOf(codePage)) != nullptr;
+}
+
+std::size_t FindInvalidUtf8(const std::string& text)
+{
+    for (std::size_t i = 0; i < text.size();) {
+        const unsigned char lead = static_cast<unsigned char>(text[i]);
+        const std::size_t cb = Utf8SequenceLength(lead);
+        if (lead >= 0x80 && (cb == 1 || i + cb > text.size()))
+            return i;
+        for (std::size_t k = 1; k < cb; ++k)
+            if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80)
+                return i;
+        // Overlong forms, surrogates and values beyond U+10FFFF.
+        const unsigned char second = cb > 1 ? static_cast<unsigned char>(text[i + 1]) : 0;
+        if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second >= 0xA0) || (lead == 0xF0 && second < 0x90) ||
+            (lead == 0xF4 && second >= 0x90))
+            return i;
+        i += cb;
+    }
+    return std::string::npos;
+}
+
+std::string ConvertToUtf8(const std::string& text, const std::string& fromEncoding)
+{
+    const iconv_t cd = ::iconv_open(kUtf8, fromEncoding.c_str());
+    if (cd == reinterpret_cast<iconv_t>(-1)) throw ToolError(exitUsage, "unknown encoding: " + fromEncoding);
+    struct CIconvCloser {
+        iconv_t cd;
+        ~CIconvCloser() { ::iconv_close(cd); }
+    } closer{cd};
+    std::string out(text.size() * 4 + 16, '\0');
+    char* pIn = const_cast<char*>(text.data()); // iconv does not write through it
+    std::size_t cbIn = text.size();
+    char* pOut = &out[0];
+    std::size_t cbOut = out.size();
+    if (::iconv(cd, &pIn, &cbIn, &pOut, &cbOut) == static_cast<std::size_t>(-1))
+        throw ToolError(exitConversionFailed, "not valid " + fromEncoding + " at byte offset " +
+                                                  std::to_string(static_cast<std::size_t>(pIn - text.data())));
+    out.resize(out.size() - cbOut);
+    return out;
 }
 
 unsigned long FindAnsiCodePage(const std::string& rtf)

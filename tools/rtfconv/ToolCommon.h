@@ -249,6 +249,16 @@ void AddCodePageOption(CLI::App& cmd, std::string& codePage);
 std::string IconvCodePageName(const std::string& codePage);
 // True when `codePage` is a Windows code page number ("1251"), not a name.
 bool IsCodePageNumber(const std::string& codePage);
+// The Windows number of a --codepage value given by number or by iconv name
+// (the library's table); 0 when empty or not a Windows page.
+int CodePageNumberOf(const std::string& codePage);
+// True when the library's Unicode reader and writer know the page (or none is given).
+bool IsLibraryCodePage(const std::string& codePage);
+// The offset of the first byte that is not part of valid UTF-8; npos when all is.
+std::size_t FindInvalidUtf8(const std::string& text);
+// Text of an iconv encoding as UTF-8; a ToolError naming the byte offset of
+// the first invalid byte.
+std::string ConvertToUtf8(const std::string& text, const std::string& fromEncoding);
 // The N of the first \ansicpgN in an RTF document; 0 when there is none.
 unsigned long FindAnsiCodePage(const std::string& rtf);
 // The iconv name to read an RTF document's text with: `codePageOption` when

@@ -3,8 +3,9 @@
 // By default the text is for people: UTF-8 from the library's Unicode reader,
 // which decodes \uN, \ansicpg and each font's character set, with LF (or
 // --newline) line ends. --raw writes the 8-bit converter's bytes exactly. A
-// --codepage given by an iconv name rather than a Windows number is applied
-// to the 8-bit converter's text, the Unicode reader knowing pages by number.
+// --codepage names a Windows page by number or by iconv name (the library's
+// one table); only a page the library does not read is applied by iconv to
+// the 8-bit converter's text.
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -27,6 +28,7 @@ struct Rtf2TxtOptions {
     bool bRaw = false;
     bool bUtf8 = false;
     bool bLossy = false;
+    bool bHeaders = false;
 };
 
 // The library's reader, with its read position made visible for the progress bar.
@@ -61,8 +63,8 @@ void ConvertRtfToUtf8(const Rtf2TxtOptions& options, CConversion& conversion)
     const unsigned long cbRtf = rtf.size();
     auto reader = std::make_unique<CUtf8TextReader>(reinterpret_cast<const unsigned char*>(rtf.data()), cbRtf);
     reader->SetNewline(NewlineKind(options.newline));
-    if (IsCodePageNumber(options.codePage))
-        reader->SetCodePage(std::stoi(options.codePage));
+    reader->SetCodePage(CodePageNumberOf(options.codePage));
+    reader->SetHeaders(options.bHeaders);
     PullAll(*reader, options.cbBuffer, [&](char* p, std::size_t cb) { conversion.Out().Write(p, cb); },
             [&] { conversion.ReportConsumed(reader->BytesConsumed()); });
 }
@@ -82,7 +84,7 @@ void ConvertRtfToText(const ToolContext& ctx, const Rtf2TxtOptions& options, CCo
     }
     // Checks the page and warns about one iconv does not know.
     const std::string iconvName = ResolveRtfCodePage(ctx, options.codePage, rtf, conversion.Name());
-    if (options.codePage.empty() || IsCodePageNumber(options.codePage)) {
+    if (IsLibraryCodePage(options.codePage)) {
         ConvertRtfToUtf8(options, conversion);
         return;
     }
@@ -112,7 +114,8 @@ void RegisterRtf2Txt(CLI::App& app, ToolContext& ctx)
 {
     CLI::App* cmd = app.add_subcommand("rtf2txt", "RTF to plain text");
     cmd->footer("The text is UTF-8, decoded from \\u, \\ansicpg and each font's character set, and lines end\n"
-                "with LF (or --newline);\n"
+                "with LF (or --newline). Footnotes follow the body, each after its marker [n]; headers and\n"
+                "footers are left out unless --headers;\n"
                 "--raw writes the library's own bytes instead (8-bit text, CR paragraph marks).");
     auto options = std::make_shared<Rtf2TxtOptions>();
     AddVerbosityOptions(*cmd, ctx);
@@ -126,6 +129,9 @@ void RegisterRtf2Txt(CLI::App& app, ToolContext& ctx)
     CLI::Option* newline = cmd->add_option("--newline", options->newline, "Line ends of the UTF-8 text: lf (default), crlf or cr")
                                ->check(CLI::IsMember({"lf", "crlf", "cr"}));
     raw->excludes(newline);
+    CLI::Option* headers =
+        cmd->add_flag("--headers", options->bHeaders, "Keep the text of headers and footers, where the document has them");
+    raw->excludes(headers);
     cmd->add_flag("--lossy", options->bLossy,
                   "Accepted for symmetry with txt2rtf; no effect here, since every byte has a UTF-8 form "
                   "(undefined bytes become U+FFFD)");

@@ -1,12 +1,15 @@
 // rtfconv txt2rtf: plain text to RTF.
 //
-// By default the text is for people: UTF-8, with each line end (LF, CR LF or
-// CR) a paragraph mark, written losslessly: characters of the code page
-// (--codepage, default 1252) as themselves, every other one as \uN. With
-// --lossy, or a code page given by iconv name, the text is converted to the
-// code page first and written by the 8-bit writer ('?' for what the page
-// cannot hold). --raw takes the input's bytes as they are: the 8-bit writer
-// turns CR into a paragraph mark and LF into a line break.
+// By default the text is for people: UTF-8, read strictly (invalid UTF-8 is an
+// error naming its byte offset; --from names another encoding, and UTF-16
+// with a byte-order mark is recognised), with each line end (LF, CR LF or CR)
+// a paragraph mark, written losslessly: characters of the code page
+// (--codepage, default 1252) as \'hh escapes, every other one as \uN, so the
+// RTF is 7-bit ASCII. With --lossy, or a code page the library does not know,
+// the text is converted to the code page first and written by the 8-bit
+// writer ('?' for what the page cannot hold), its bytes above 0x7F escaped
+// as well. --raw takes the input's bytes as they are: the 8-bit writer turns
+// CR into a paragraph mark and LF into a line break.
 #include <CLI/CLI.hpp>
 
 #include <memory>
@@ -29,6 +32,7 @@ struct Txt2RtfOptions {
     bool bRaw = false;
     bool bUtf8 = false;
     bool bLossy = false;
+    std::string from;
 };
 
 constexpr char kDefaultCodePage[] = "1252";
@@ -47,13 +51,48 @@ std::string LineEndsToParagraphMarks(const std::string& text)
 
 bool UsesUnicodeWriter(const Txt2RtfOptions& options)
 {
-    return !options.bRaw && !options.bLossy && (options.codePage.empty() || IsCodePageNumber(options.codePage));
+    return !options.bRaw && !options.bLossy && IsLibraryCodePage(options.codePage);
+}
+
+// The input as UTF-8: converted from --from, or from UTF-16 when it begins
+// with that byte-order mark; otherwise it must be UTF-8 already.
+std::string InputAsUtf8(const Txt2RtfOptions& options, const std::string& data)
+{
+    if (!options.from.empty())
+        return ConvertToUtf8(data, options.from);
+    if (data.size() >= 2 && ((data[0] == '\xFF' && data[1] == '\xFE') || (data[0] == '\xFE' && data[1] == '\xFF')))
+        return ConvertToUtf8(data, "UTF-16");
+    const std::size_t invalid = FindInvalidUtf8(data);
+    if (invalid != std::string::npos)
+        throw ToolError(exitConversionFailed, "not UTF-8 at byte offset " + std::to_string(invalid) +
+                                                  " (use --from latin1, or another encoding, to read it)");
+    return data;
+}
+
+// The 8-bit writer keeps bytes above 0x7F as they are; escaped, the RTF is
+// 7-bit ASCII. Its header and escapes are ASCII, so every such byte is text.
+std::string EscapeEightBitBytes(const CString& rtf)
+{
+    static const char s_hex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(static_cast<std::size_t>(rtf.GetLength()));
+    for (const char* p = rtf.GetString(); p < rtf.GetString() + rtf.GetLength(); ++p) {
+        const unsigned char b = static_cast<unsigned char>(*p);
+        if (b < 0x80) {
+            out += *p;
+            continue;
+        }
+        out += "\\'";
+        out += s_hex[b >> 4];
+        out += s_hex[b & 0xF];
+    }
+    return out;
 }
 
 CString ConvertUtf8TextToRtf(const Txt2RtfOptions& options, const std::string& text, const LOGFONT* pFont)
 {
     rtf_converter::CUTF8TextToRTF writer;
-    writer.SetCodePage(std::stoi(options.codePage.empty() ? kDefaultCodePage : options.codePage));
+    writer.SetCodePage(options.codePage.empty() ? std::stoi(kDefaultCodePage) : CodePageNumberOf(options.codePage));
     writer.Convert(text.c_str(), pFont);
     return writer.Export();
 }
@@ -63,7 +102,7 @@ void ConvertTextToRtf(const ToolContext& ctx, const Txt2RtfOptions& options, CCo
     LOGFONT lf;
     const bool bFont = options.font.GetLogFont(lf);
     if (UsesUnicodeWriter(options)) {
-        const CString rtf = ConvertUtf8TextToRtf(options, conversion.Data(), bFont ? &lf : nullptr);
+        const CString rtf = ConvertUtf8TextToRtf(options, InputAsUtf8(options, conversion.Data()), bFont ? &lf : nullptr);
         conversion.ReportConsumed(conversion.Data().size());
         conversion.Out().Write(rtf.GetString(), static_cast<std::size_t>(rtf.GetLength()));
         return;
@@ -71,7 +110,8 @@ void ConvertTextToRtf(const ToolContext& ctx, const Txt2RtfOptions& options, CCo
 
     std::string text = conversion.Data();
     if (!options.bRaw) {
-        text = Utf8ToCodePage(text, IconvCodePageName(options.codePage.empty() ? kDefaultCodePage : options.codePage),
+        text = Utf8ToCodePage(InputAsUtf8(options, text),
+                              IconvCodePageName(options.codePage.empty() ? kDefaultCodePage : options.codePage),
                               options.bLossy);
         text = LineEndsToParagraphMarks(text);
     }
@@ -83,7 +123,11 @@ void ConvertTextToRtf(const ToolContext& ctx, const Txt2RtfOptions& options, CCo
     writer.Convert(text.c_str(), bFont ? &lf : nullptr);
     const CString rtf = writer.Export();
     conversion.ReportConsumed(conversion.Data().size());
-    conversion.Out().Write(rtf.GetString(), static_cast<std::size_t>(rtf.GetLength()));
+    if (options.bRaw) {
+        conversion.Out().Write(rtf.GetString(), static_cast<std::size_t>(rtf.GetLength()));
+        return;
+    }
+    conversion.Out().Write(EscapeEightBitBytes(rtf));
 }
 
 } // namespace
@@ -91,8 +135,9 @@ void ConvertTextToRtf(const ToolContext& ctx, const Txt2RtfOptions& options, CCo
 void RegisterTxt2Rtf(CLI::App& app, ToolContext& ctx)
 {
     CLI::App* cmd = app.add_subcommand("txt2rtf", "plain text to RTF");
-    cmd->footer("The text is read as UTF-8; each line becomes a paragraph. Characters of the code page\n"
-                "(--codepage, default 1252) are written as themselves, every other one as \\uN, so no\n"
+    cmd->footer("The text is read as UTF-8 (or --from ENC; UTF-16 with a byte-order mark is recognised, and\n"
+                "invalid UTF-8 is an error); each line becomes a paragraph. Characters of the code page\n"
+                "(--codepage, default 1252) are written as \\'hh, every other one as \\uN, so no\n"
                 "character is lost. With --lossy (or a code page named for iconv) the text is converted to the\n"
                 "code page and a character it cannot hold becomes '?'; without --lossy such a character is then\n"
                 "an error. --raw takes the bytes as they are: CR ends a paragraph, LF breaks a line.");
@@ -105,6 +150,8 @@ void RegisterTxt2Rtf(CLI::App& app, ToolContext& ctx)
     CLI::Option* utf8 = cmd->add_flag("--utf8", options->bUtf8, "Read UTF-8 (the default)");
     raw->excludes(utf8);
     cmd->add_flag("--lossy", options->bLossy, "Write 8-bit RTF with '?' for characters the code page cannot hold");
+    cmd->add_option("--from", options->from, "Encoding of the text (any iconv name, e.g. latin1, UTF-16); UTF-8 by default")
+        ->excludes(raw);
 
     SetCommandAction(*cmd, ctx, [&ctx, options] {
         // Wrong usage is reported before any file is read.
@@ -113,6 +160,8 @@ void RegisterTxt2Rtf(CLI::App& app, ToolContext& ctx)
             options->font.GetLogFont(lf);
             if (!options->codePage.empty() && IconvCodePageName(options->codePage).empty())
                 throw ToolError(exitUsage, "unknown code page: " + options->codePage);
+            if (!options->from.empty() && IconvCodePageName(options->from).empty())
+                throw ToolError(exitUsage, "unknown encoding: " + options->from);
         } catch (const ToolError& e) {
             PrintError(e.what());
             return e.Code();
