@@ -247,16 +247,12 @@ bool CreateAttachmentsDir(const std::string& dir)
     return false;
 }
 
-// The code page of text outside font commands with a character set: --codepage,
-// else the document's \ansicpgN when the library knows it, else 1252.
-int OldTextCodePage(const Rtf2OldOptions& options, const std::string& rtf)
+// The code page of text outside font commands with a character set: the
+// host's ANSI code page, --codepage or 1252, as old2rtf reads it back; the
+// document's own page reaches the text through the font commands' sets.
+int OldTextCodePage(const Rtf2OldOptions& options)
 {
-    if (!options.codePage.empty())
-        return std::stoi(options.codePage);
-    const unsigned long ansiCodePage = FindAnsiCodePage(rtf);
-    if (ansiCodePage > 0 && ansiCodePage <= 0xFFFF && rtf_converter::CCodePage::Get(static_cast<int>(ansiCodePage)))
-        return static_cast<int>(ansiCodePage);
-    return 1252;
+    return options.codePage.empty() ? 1252 : std::stoi(options.codePage);
 }
 
 template <class TReader>
@@ -276,7 +272,7 @@ void ConvertWith(TReader& reader, const ToolContext& ctx, const Rtf2OldOptions& 
     // the text is decoded once it is whole.
     std::string oldText;
     PullOldText(reader, options.cbBuffer, conversion, [&](char* p, std::size_t cb) { oldText.append(p, cb); });
-    conversion.Out().Write(rtf_converter::OldTextToUtf8(oldText, OldTextCodePage(options, conversion.Data())));
+    conversion.Out().Write(rtf_converter::OldTextToUtf8(oldText, OldTextCodePage(options)));
 }
 
 void ConvertRtfToOld(const ToolContext& ctx, const Rtf2OldOptions& options, CConversion& conversion)
@@ -299,9 +295,9 @@ void RegisterRtf2Old(CLI::App& app, ToolContext& ctx)
 {
     CLI::App* cmd = app.add_subcommand("rtf2old", "RTF to old-format text");
     cmd->footer("The old-format text (markup commands framed by 0x01 and 0x02, CR paragraph marks) is written\n"
-                "as UTF-8, its text decoded with the code page of the font command in force (--codepage, or\n"
-                "the document's \\ansicpgN, outside any font command with a character set), so that old2rtf\n"
-                "reads it back byte for byte; --raw writes the host's 8-bit bytes as the library produces them.\n"
+                "as UTF-8, its text decoded with the code page of the font command in force (--codepage,\n"
+                "default 1252, outside any font command with a character set), so that old2rtf reads it back\n"
+                "byte for byte; --raw writes the host's 8-bit bytes as the library produces them.\n"
                 "--attachments DIR saves pictures and objects as DIR/NN.png|jpg|emf|wmf|bmp|ole|bin\n"
                 "(in DIR/NAME/ for each input NAME.rtf when there are several).");
     auto options = std::make_shared<Rtf2OldOptions>();
@@ -310,8 +306,8 @@ void RegisterRtf2Old(CLI::App& app, ToolContext& ctx)
     AddBufferOption(*cmd, options->cbBuffer);
     CLI::Option* codePage =
         cmd->add_option("--codepage", options->codePage,
-                        "Windows code page of text outside font commands with a character set (default: the "
-                        "document's \\ansicpgN, else 1252)")
+                        "The host's Windows code page: that of text outside font commands with a character set "
+                        "(default 1252)")
             ->type_name("CP");
     cmd->add_option("--source", options->source, "Read the RTF through the stream reader or the pointer reader")
         ->check(CLI::IsMember({"stream", "ptr"}))
