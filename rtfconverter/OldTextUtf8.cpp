@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "platform/WinGdi.h"
 #include "rtfconverter/CodePages.h"
 #include "rtfconverter/DocCmd.h"
 
@@ -174,6 +175,41 @@ void EncodeCharacter(char32_t cp, const CCodePage& page, std::string& out, OldTe
     }
 }
 
+bool CanEncode(const CCodePage& page, char32_t cp)
+{
+    unsigned char bytes[2];
+    return cp < 0x80 || page.Encode(cp, bytes) > 0 || (cp >= kByteEscapeFirst && cp <= kByteEscapeLast);
+}
+
+// The character sets a character the page in force cannot hold is written
+// in, in the order they are tried.
+constexpr int kFallbackCharsets[] = {
+    EASTEUROPE_CHARSET, RUSSIAN_CHARSET, GREEK_CHARSET,   TURKISH_CHARSET,     HEBREW_CHARSET,
+    ARABIC_CHARSET,     BALTIC_CHARSET,  VIETNAMESE_CHARSET, THAI_CHARSET,     SHIFTJIS_CHARSET,
+    GB2312_CHARSET,     HANGEUL_CHARSET, CHINESEBIG5_CHARSET,
+};
+
+// The first fallback set whose page holds cp; 0 (ANSI, never a fallback) when none does.
+int CharsetHolding(char32_t cp)
+{
+    for (int charset : kFallbackCharsets) {
+        const CCodePage* pPage = CCodePage::Get(CodePageOfCharset(charset));
+        if (pPage && CanEncode(*pPage, cp)) return charset;
+    }
+    return ANSI_CHARSET;
+}
+
+// The font command in force (the base font's when none is) with another
+// character set; empty when the command is too malformed to carry one.
+std::string FontCommandWithCharset(const std::string& fontInForce, int charset)
+{
+    CFontCmd cmd(fontInForce.empty() ? CString(CFontCmd::s_defaultCmd.GetCmd())
+                                     : CString(fontInForce.data(), static_cast<int>(fontInForce.size())));
+    cmd.SetCharset(charset);
+    if (cmd.GetCharset() != charset) return std::string();
+    return std::string(cmd.GetCmd().GetString(), static_cast<std::size_t>(cmd.GetCmd().GetLength()));
+}
+
 void EncodeByte(char32_t cp, std::string& out, OldTextFromUtf8Counts& counts)
 {
     if (cp <= 0xFF) {
@@ -267,11 +303,32 @@ std::string OldTextFromUtf8(const std::string& utf8, int defaultCodePage, OldTex
         return limit;
     };
 
+    // A run of characters the page in force cannot hold is written in the font
+    // command in force with a character set whose page holds them, and the
+    // command in force follows it again.
+    std::string fontInForce;
+    auto isForeign = [&](std::size_t k) { return !chars[k].bInvalid && !CanEncode(*pPage, chars[k].cp); };
+    auto encodeText = [&](std::size_t begin, std::size_t end) {
+        for (std::size_t k = begin; k < end;) {
+            const int charset = isForeign(k) ? CharsetHolding(chars[k].cp) : ANSI_CHARSET;
+            const std::string switched = charset == ANSI_CHARSET ? std::string() : FontCommandWithCharset(fontInForce, charset);
+            if (switched.empty()) {
+                encodeRange(k, k + 1, text);
+                ++k;
+                continue;
+            }
+            const CCodePage& page = PageOfCharset(charset, defaultPage);
+            out += switched;
+            for (; k < end && isForeign(k) && CanEncode(page, chars[k].cp); ++k) EncodeCharacter(chars[k].cp, page, out, counts);
+            out += fontInForce.empty() ? std::string(CFontCmd::s_defaultCmd.GetCmd().GetString()) : fontInForce;
+        }
+    };
+
     std::size_t i = 0;
     while (i < chars.size()) {
         if (chars[i].cp != static_cast<unsigned char>(CDocCmd::chCmdStart) || chars[i].bInvalid) {
             const std::size_t next = find(static_cast<unsigned char>(CDocCmd::chCmdStart), i + 1, chars.size());
-            encodeRange(i, next, text);
+            encodeText(i, next);
             i = next;
             continue;
         }
@@ -284,6 +341,7 @@ std::string OldTextFromUtf8(const std::string& utf8, int defaultCodePage, OldTex
             encodeRange(i, face, bytes);
             pPage = &PageOfCharset(CharsetOfFontCommand(out.substr(headStart)), defaultPage);
             encodeRange(face, end, text);
+            fontInForce = out.substr(headStart) + CDocCmd::chCmdEnd;
         } else if (type == static_cast<unsigned char>(CDocCmd::comment)) {
             encodeRange(i, end, text);
         } else {

@@ -18,8 +18,11 @@
 // second form of a character a page holds twice, a lead byte without its
 // trail byte) becomes U+F000 plus the byte, as Windows shows the bytes of a
 // symbol font, and turns back into that byte. So every old-format text gives
-// back its own bytes, and every character some page holds survives a trip
-// from UTF-8; others become '?', counted.
+// back its own bytes. From UTF-8, a run of text the page in force cannot hold
+// is written in the font command in force with a character set whose page
+// holds it (Cyrillic in RUSSIAN_CHARSET, Japanese in SHIFTJIS_CHARSET, ...),
+// followed by the command in force again; what no Windows page holds, and
+// what a comment command's page cannot hold, becomes '?', counted.
 #pragma once
 
 #include <cstddef>
@@ -30,7 +33,7 @@ namespace rtf_converter {
 std::string OldTextToUtf8(const std::string& oldText, int defaultCodePage);
 
 struct OldTextFromUtf8Counts {
-    std::size_t nUnencodable = 0;  // characters the page in force cannot hold, written as '?'
+    std::size_t nUnencodable = 0;  // characters written as '?'
     std::size_t nInvalid = 0;      // bytes that are not UTF-8, passed through as they are
 };
 

@@ -121,18 +121,34 @@ TEST(OldTextUtf8, EveryCharacterOfEveryDoubleBytePage)
     }
 }
 
-// What UTF-8 text holds beyond the pages in force becomes '?', counted;
-// bytes that are not UTF-8 pass through, counted.
-TEST(OldTextUtf8, WhatThePageCannotHold)
+// A character the page in force cannot hold is written in the font command in
+// force with a character set that holds it; what no page holds becomes '?',
+// counted; bytes that are not UTF-8 pass through, counted.
+TEST(OldTextUtf8, WhatThePageInForceCannotHold)
 {
-    OldTextFromUtf8Counts counts;
-    EXPECT_EQ(OldTextFromUtf8("\xEF\xBB\xBFx\xD0\x96y\xE4\xB8\x80", 1252, &counts), "x?y?");
-    EXPECT_EQ(counts.nUnencodable, 2u);
-    EXPECT_EQ(counts.nInvalid, 0u);
-    EXPECT_EQ(OldTextFromUtf8("a\xE9" "b\xC3", 1252, &counts), "a\xE9" "b\xC3");
-    EXPECT_EQ(counts.nInvalid, 2u);
-    EXPECT_EQ(OldTextFromUtf8(FontCmd('\xCA') + "\xD0\x96", 1252, &counts), FontCmd('\xCA') + "\xC6");
-    EXPECT_EQ(counts.nUnencodable, 0u);
+    const std::string russian = Cmd("F---\xCA:-"), base = Cmd("F---:-");
+    const std::string bold = Cmd("F12-B:Arial"), boldRussian = Cmd("F12-B\xCA:Arial");
+    struct Row {
+        const char* name;
+        std::string utf8, old;
+        std::size_t nUnencodable, nInvalid;
+    };
+    const std::vector<Row> rows = {
+        {"a run of Cyrillic", "x\xD0\x96\xD0\x96y", "x" + russian + "\xC6\xC6" + base + "y", 0, 0},
+        {"in the font in force", bold + "\xD0\x96", bold + boldRussian + "\xC6" + bold, 0, 0},
+        {"Japanese", "\xE8\xA1\xA8", Cmd("F---\xCB:-") + "\x95\x5C" + base, 0, 0},
+        {"in the font's own set", Cmd("F---\xC3\x8A:-") + "\xD0\x96", russian + "\xC6", 0, 0},
+        {"no page holds it", "\xEF\xBB\xBFx\xF0\x9F\x98\x80y", "x?y", 1, 0},
+        {"inside a hyperlink", Cmd("CH:\xD0\x96"), Cmd("CH:?"), 1, 0},
+        {"not UTF-8", "a\xE9" "b\xC3", "a\xE9" "b\xC3", 0, 2},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        OldTextFromUtf8Counts counts;
+        EXPECT_EQ(OldTextFromUtf8(row.utf8, 1252, &counts), row.old);
+        EXPECT_EQ(counts.nUnencodable, row.nUnencodable);
+        EXPECT_EQ(counts.nInvalid, row.nInvalid);
+    }
 }
 
 // The bytes of every page through the lossless writer and the importer: the

@@ -23,14 +23,20 @@ grep -qF "{\\f1\\fcharset128\\fswiss MS Gothic;}" "$TMP/out" || fail "old2rtf Sh
 grep -qF "\\'95\\'5c\\'91\\'77\\par }" "$TMP/out" || fail "old2rtf Shift-JIS text: $(cat "$TMP/out")"
 printf '\001F---\313:MS Gothic\002\225\134\221\167' | "$RTFCONV" old2rtf --raw >"$TMP/out2" || fail "old2rtf --raw Shift-JIS"
 cmp -s "$TMP/out" "$TMP/out2" || fail "old2rtf --raw Shift-JIS: $(cat "$TMP/out2")"
-# A character the page in force cannot hold fails the conversion, or is '?' with --lossy.
+# A character the page in force cannot hold is written in a font of a
+# character set that holds it; one no page holds fails the conversion, or is
+# '?' with --lossy.
 printf '\320\226' >"$TMP/zhe.old"
-expect_status 1 "$RTFCONV" old2rtf "$TMP/zhe.old"
-expect_one_error_line "--lossy"
-expect_status 0 "$RTFCONV" old2rtf --lossy "$TMP/zhe.old"
-grep -qF '\cf1 ?\par }' "$TMP/out" || fail "old2rtf --lossy: $(cat "$TMP/out")"
+expect_status 0 "$RTFCONV" old2rtf "$TMP/zhe.old"
+grep -qF "{\\f1\\fcharset204\\fswiss Arial;}" "$TMP/out" || fail "old2rtf Cyrillic font: $(cat "$TMP/out")"
+grep -qF "\\f1\\cf1 \\'c6\\f0 \\par }" "$TMP/out" || fail "old2rtf Cyrillic: $(cat "$TMP/out")"
 expect_status 0 "$RTFCONV" old2rtf --codepage 1251 "$TMP/zhe.old"
 grep -qF "\\cf1 \\'c6\\par }" "$TMP/out" || fail "old2rtf --codepage: $(cat "$TMP/out")"
+printf '\360\237\230\200' >"$TMP/emoji.old"
+expect_status 1 "$RTFCONV" old2rtf "$TMP/emoji.old"
+expect_one_error_line "--lossy"
+expect_status 0 "$RTFCONV" old2rtf --lossy "$TMP/emoji.old"
+grep -qF '\cf1 ?\par }' "$TMP/out" || fail "old2rtf --lossy: $(cat "$TMP/out")"
 
 # --attachments: 00.bmp a picture, 01.ole an object with 01.bmp as its picture,
 # 02.link a link, 03 nothing (a placeholder). A 1x1 24-bit bitmap:
