@@ -894,30 +894,9 @@ int COldToRTF::AddPictureToBuffer(AttachmentInfo& info) { return AddFileToBuffer
 // Each function below is where the lossless writer leaves the specified path;
 // with the option off every one of them does what the specified writer does.
 
-struct COldToRTF::CharacterState {
-    int nFont, nPoints, nColor, nBackColor;
-    bool bBold, bUnderline, bItalic, bStrikeout, bSuperscript, bSubscript;
-};
+COldToRTF::CharacterState COldToRTF::SaveCharacterState() { return CharacterStateMembers(); }
 
-COldToRTF::CharacterState COldToRTF::SaveCharacterState() const
-{
-    return {m_nCurrentFont, m_nCurrentPoints, m_nCurrentColor, m_nCurrentBackColor, m_bBold,
-            m_bUnderline,   m_bItalic,        m_bStrikeout,    m_bSuperscript,      m_bSubscript};
-}
-
-void COldToRTF::RestoreCharacterState(const CharacterState& state)
-{
-    m_nCurrentFont = state.nFont;
-    m_nCurrentPoints = state.nPoints;
-    m_nCurrentColor = state.nColor;
-    m_nCurrentBackColor = state.nBackColor;
-    m_bBold = state.bBold;
-    m_bUnderline = state.bUnderline;
-    m_bItalic = state.bItalic;
-    m_bStrikeout = state.bStrikeout;
-    m_bSuperscript = state.bSuperscript;
-    m_bSubscript = state.bSubscript;
-}
+void COldToRTF::RestoreCharacterState(const CharacterState& state) { CharacterStateMembers() = state; }
 
 long COldToRTF::ResultKeepingWriteFailures() const { return m_bLossless ? m_hrFirstOutFailure : S_OK; }
 

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <tuple>
 
 #include "hostlibs/MFCKVUtils.h"
 #include "platform/AfxColl.h"
@@ -172,8 +173,15 @@ private:
     int AddPictureGroup(const CDIBitmap& dib, const char* pszOpening, const char* pszClosing);
 
     // --- lossless writing: each function keeps what the specified bytes lose
-    struct CharacterState;
-    CharacterState SaveCharacterState() const;
+    // The character state the font writer tracks, which a group of the RTF
+    // (a hyperlink's display text) changes only inside itself.
+    typedef std::tuple<int, int, int, int, bool, bool, bool, bool, bool, bool> CharacterState;
+    std::tuple<int&, int&, int&, int&, bool&, bool&, bool&, bool&, bool&, bool&> CharacterStateMembers()
+    {
+        return std::tie(m_nCurrentFont, m_nCurrentPoints, m_nCurrentColor, m_nCurrentBackColor, m_bBold, m_bUnderline,
+                        m_bItalic, m_bStrikeout, m_bSuperscript, m_bSubscript);
+    }
+    CharacterState SaveCharacterState();
     void RestoreCharacterState(const CharacterState& state);
     void AddTextRun(const char* p, int n);
     void AddTextKeepingEveryByte(const char* p, int n);

@@ -131,27 +131,25 @@ void DescribeWmf(const unsigned char* p, std::size_t cb, PictureDescription& out
 
 bool DescribePicture(long aType, const unsigned char* p, std::size_t cb, PictureDescription& out)
 {
+    struct Format {
+        long aType;
+        const char* pszWord;
+        void (*describe)(const unsigned char*, std::size_t, PictureDescription&);
+    };
+    static const Format kFormats[] = {
+        {AttachmentInfo::AT_PNG, "\\pngblip", DescribePng},
+        {AttachmentInfo::AT_JPEG, "\\jpegblip", DescribeJpeg},
+        {AttachmentInfo::AT_EMF, "\\emfblip", DescribeEmf},
+        {AttachmentInfo::AT_WMF, "\\wmetafile8", DescribeWmf},
+    };
     out = PictureDescription();
-    switch (aType) {
-    case AttachmentInfo::AT_PNG:
-        out.pszFormatWord = "\\pngblip";
-        DescribePng(p, cb, out);
+    for (const Format& format : kFormats) {
+        if (format.aType != aType) continue;
+        out.pszFormatWord = format.pszWord;
+        format.describe(p, cb, out);
         return true;
-    case AttachmentInfo::AT_JPEG:
-        out.pszFormatWord = "\\jpegblip";
-        DescribeJpeg(p, cb, out);
-        return true;
-    case AttachmentInfo::AT_EMF:
-        out.pszFormatWord = "\\emfblip";
-        DescribeEmf(p, cb, out);
-        return true;
-    case AttachmentInfo::AT_WMF:
-        out.pszFormatWord = "\\wmetafile8";
-        DescribeWmf(p, cb, out);
-        return true;
-    default:
-        return false;
     }
+    return false;
 }
 
 } // namespace rtf_converter
