@@ -266,7 +266,7 @@ long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
         m_hrFirstOutFailure = S_OK;
         m_csLayoutWords.Empty();
         m_nRowCells = m_nRowCellsEnded = 0;
-        m_bNoRowEndAhead = false;
+        m_pNoCellsBefore = nullptr;
         InitBuffer();
         InitBaseFont(pBaseFont);
         ResetParagraphAttributes();
@@ -960,10 +960,16 @@ const char* COldToRTF::FindCommandEndKeepingNestedCommands(const char* pCmd) con
 {
     HyperlinkParts parts;
     if (ParseOwedFontHyperlink(pCmd, parts)) return parts.pEnd;
-    int depth = 0;
-    for (const char* ptr = pCmd; *ptr != '\0'; ++ptr) {
-        if (*ptr == CDocCmd::chCmdStart) ++depth;
-        else if (*ptr == CDocCmd::chCmdEnd && --depth == 0) return ptr;
+    // One level of nesting is all a hyperlink holds. Stopping at a second
+    // level also keeps the scans linear in the text: no command can start in
+    // what a scan that gives up has passed over.
+    int depth = 1;
+    for (const char* ptr = pCmd + 1; *ptr != '\0'; ++ptr) {
+        if (*ptr == CDocCmd::chCmdStart) {
+            if (++depth > 2) break;
+        } else if (*ptr == CDocCmd::chCmdEnd && --depth == 0) {
+            return ptr;
+        }
     }
     const char* ptr = pCmd + 1;
     while (*ptr != CDocCmd::chCmdEnd && *ptr != '\0') ++ptr;
@@ -1094,12 +1100,16 @@ const int kRowWidthTwips = 9360;
 
 void COldToRTF::StartTableRow(const char* pAfterCmd)
 {
-    if (m_bNoRowEndAhead || !pAfterCmd) return;
+    if (!pAfterCmd || (m_pNoCellsBefore && pAfterCmd < m_pNoCellsBefore)) return;
     int nCells = 0;
     bool bRowEnd = false;
-    for (const char* p = std::strchr(pAfterCmd, CDocCmd::chCmdStart); p && !bRowEnd; p = std::strchr(p, CDocCmd::chCmdStart)) {
+    const char* p = std::strchr(pAfterCmd, CDocCmd::chCmdStart);
+    for (; p && !bRowEnd; p = std::strchr(p, CDocCmd::chCmdStart)) {
         const char* pEnd = FindCommandEnd(p);
-        if (*pEnd == '\0') break;
+        if (*pEnd == '\0') {
+            p = pEnd;
+            break;
+        }
         if (p[1] == CDocCmd::comment) {
             const CCommentCmd tag(p, static_cast<int>(pEnd + 1 - p));
             if (tag.GetType() == ot_Table) {
@@ -1110,10 +1120,13 @@ void COldToRTF::StartTableRow(const char* pAfterCmd)
         }
         p = pEnd + 1;
     }
-    // A text without a row end ahead is not looked through again by every
-    // later StartRow: that would take time quadratic in the text.
-    if (!bRowEnd) m_bNoRowEndAhead = true;
-    if (nCells == 0) return;
+    // The StartRow tags up to where a look-ahead found no cell find none
+    // either; they are not looked through again, which would take time
+    // quadratic in the text.
+    if (nCells == 0) {
+        m_pNoCellsBefore = p ? p : pAfterCmd + std::strlen(pAfterCmd);
+        return;
+    }
 
     CString words("\\trowd\\trgaph108");
     for (int i = 1; i <= nCells; ++i) AppendWord(words, "\\cellx", static_cast<long long>(kRowWidthTwips) * i / nCells);

@@ -216,9 +216,9 @@ private:
     int m_nRowCellsEnded = 0;
     // The text after the command being written, for the look-ahead of a table row.
     const char* m_pAfterCommand = nullptr;
-    // Set when a look-ahead found no row end up to the end of the text: later
-    // row starts need not look again.
-    bool m_bNoRowEndAhead = false;
+    // Where the last look-ahead that found no cell stopped: row starts before
+    // it need not look again.
+    const char* m_pNoCellsBefore = nullptr;
 
     CSimpleRowBytes m_quickBuffer;
     DWORD m_dwQuickBufferPosition = 0;

@@ -251,3 +251,41 @@ TEST(OldToRTFLossless, PictureHeadersCutShort)
 }
 
 } // namespace
+
+namespace {
+
+std::string Repeat(const std::string& s, int n)
+{
+    std::string r;
+    for (int i = 0; i < n; ++i) r += s;
+    return r;
+}
+
+// Malformed commands in numbers: each mode writes a document every RTF reader
+// reads to its end, in time linear in the text.
+TEST(OldToRTFLossless, MalformedCommandsInNumbers)
+{
+    const int n = 20000;
+    const std::vector<std::pair<const char*, std::string>> texts = {
+        {"nested starts without ends", Repeat("\x01" "CH:\x01" "F", n)},
+        {"three levels", Repeat("\x01" "CH:\x01" "F\x01" "F\x02x\x02y\x02", n)},
+        {"owed fonts without display ends", Repeat("\x01" "CH:\x01" "F---:-\x03u\x02text", n)},
+        {"row starts without cells", Repeat(Cmd("CT:StartRow"), n) + Cmd("CT:EndRow")},
+        {"row starts and ends without cells", Repeat(Cmd("CT:StartRow") + "x" + Cmd("CT:EndRow"), n)},
+        {"cells without rows", Repeat(Cmd("CT:EndCell") + Cmd("CT:EndRow"), n)},
+        {"a row start at the end", "a" + Cmd("CT:StartRow")},
+        {"a cut comment", "a\x01" "C"},
+        {"a cut hyperlink", "a\x01" "CH"},
+    };
+    for (const auto& text : texts) {
+        SCOPED_TRACE(text.first);
+        for (bool bLossless : {false, true}) {
+            long hr = -1;
+            const std::string rtf = Convert(text.second, bLossless, &hr);
+            EXPECT_EQ(hr, S_OK);
+            EXPECT_TRUE(ReadsBalanced(rtf));
+        }
+    }
+}
+
+} // namespace
