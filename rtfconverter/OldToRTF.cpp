@@ -1160,7 +1160,8 @@ void COldToRTF::CloseOpenTableRow()
 }
 
 // PNG, JPEG, EMF and WMF answers are written as the pictures they are, with
-// the size their headers give.
+// the size their headers give; data that is not the picture it claims to be
+// is left out, as the specified writer leaves out every such answer.
 void COldToRTF::AddPictureKeepingItsFormat(AttachmentInfo& info)
 {
     if (!info.pStm) return;

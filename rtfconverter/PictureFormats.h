@@ -19,8 +19,10 @@ struct PictureDescription {
 };
 
 // Describes `cb` bytes of a picture of the attachment kind `aType` (AT_PNG,
-// AT_JPEG, AT_EMF, AT_WMF); false for any other kind. A header too short or
-// malformed to read leaves the sizes 0.
+// AT_JPEG, AT_EMF, AT_WMF); false for any other kind and for bytes that do
+// not begin as that format does (a word processor may refuse the whole
+// document for one such picture). A header too short to give the size leaves
+// the sizes 0.
 bool DescribePicture(long aType, const unsigned char* p, std::size_t cb, PictureDescription& out);
 
 } // namespace rtf_converter
