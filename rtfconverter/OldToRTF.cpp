@@ -775,7 +775,7 @@ int COldToRTF::AddNumberToBuffer(const CString& scmd)
     int nBlanks = blanks > kMaxNumberTabBlanks ? kMaxNumberTabBlanks : blanks > 0 ? static_cast<int>(blanks) : 0;
     desc += CString(' ', nBlanks);
     VQASSERT(0 < desc.GetLength());
-    AddToBuffer(desc);
+    AddTextRun(desc.GetString(), desc.GetLength());
     if (!csFace.IsEmpty()) {
         CString word;
         word.Format("\\f%d ", m_fontTable[m_nCurrentFont].nFontNumber);

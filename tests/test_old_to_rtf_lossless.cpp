@@ -80,6 +80,8 @@ std::vector<BothModes> Cases()
          ""},
         {"a row the text ends in", Cmd("CT:StartRow") + "A" + Cmd("CT:EndCell") + "B", "",
          "StartRowAEndCellB\\par }", "\\trowd\\trgaph108\\cellx9360\\pard\\intbl A\\cell B\\row \\pard \\par }", ""},
+        {"a bullet", Cmd("CN:\xB7" + S + S + "q" + S + S + "Symbol") + "Item", "{\\f1\\fcharset2\\fnil Symbol;}",
+         "\\f1 \xB7 \\f0 Item\\par }", "\\f1 \\'b7 \\f0 Item\\par }", ""},
         {"cells and rows outside a row", "a" + Cmd("CT:EndCell") + "b" + Cmd("CT:EndRow") + Cmd("CT:StartRow") + "c", "",
          "aEndCellbEndRowStartRowc\\par }", "a\\tab b\\par c\\par }", ""},
     };
