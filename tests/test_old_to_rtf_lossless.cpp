@@ -163,7 +163,7 @@ std::string Jpeg(unsigned width, unsigned height)
 
 std::string Emf(long frameRight, long frameBottom)
 {
-    std::string s = LittleEndian(1, 4) + LittleEndian(108, 4) + LittleEndian(0, 16);
+    std::string s = LittleEndian(1, 4) + LittleEndian(108, 4) + std::string(16, '\0'); // rclBounds
     s += LittleEndian(0, 4) + LittleEndian(0, 4) + LittleEndian(static_cast<unsigned long>(frameRight), 4) +
          LittleEndian(static_cast<unsigned long>(frameBottom), 4);
     return s + " EMF" + std::string(64, '\x01');
