@@ -12,6 +12,11 @@
 //
 // Every byte of the body passes through a quick buffer of s_dwBufferSize bytes
 // on its way to the private stream (see AddToBuffer).
+//
+// SetLossless(true) keeps what those specified bytes lose (off by default, so
+// that hosts get the bytes they rely on): each kept thing is written by a
+// function named for it, called at the one point where it leaves the
+// specified path (the "Lossless writing" section of OldToRTF.cpp).
 #pragma once
 
 #include <cstring>
@@ -91,7 +96,7 @@ public:
     // pictures answered as PNG, JPEG, EMF or WMF are written as pictures; and
     // Convert fails when a write to the output stream fails.
     void SetLossless(bool bLossless) { m_bLossless = bLossless; }
-    bool IsLossless() const { return m_bLossless; }
+    [[nodiscard]] bool IsLossless() const { return m_bLossless; }
 
     // Kept for the caller; the conversion does not read it.
     void SetBackgroundColor(unsigned int color) { m_nBackgroundColor = color; }
