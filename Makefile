@@ -70,16 +70,18 @@ fuzz: deps
 # installs libreoffice-writer and poppler-utils when missing (as root), compares
 # LibreOffice's text of our documents with ours and renders one page to PNG.
 interop: build
-	@if ! command -v soffice >/dev/null || ! command -v pdftoppm >/dev/null; then \
+	@if ! command -v soffice >/dev/null || ! command -v pdftoppm >/dev/null || ! command -v python3 >/dev/null; then \
 	  if [ "$$(id -u)" = 0 ] && command -v apt-get >/dev/null; then \
-	    echo "Installing: libreoffice-writer poppler-utils"; \
-	    (apt-get install -y --no-install-recommends libreoffice-writer poppler-utils || \
-	     (apt-get update && apt-get install -y --no-install-recommends libreoffice-writer poppler-utils)) >/dev/null; \
+	    echo "Installing: libreoffice-writer poppler-utils python3"; \
+	    (apt-get install -y --no-install-recommends libreoffice-writer poppler-utils python3 || \
+	     (apt-get update && apt-get install -y --no-install-recommends libreoffice-writer poppler-utils python3)) >/dev/null; \
 	  else \
-	    echo "Please install these Debian packages: libreoffice-writer poppler-utils" >&2; exit 1; \
+	    echo "Please install these Debian packages: libreoffice-writer poppler-utils python3" >&2; exit 1; \
 	  fi; \
 	fi
-	@bash tests/interop/interop.sh $(BUILD)/tools/rtfconv/rtfconv $(BUILD)/interop
+	@status=0; bash tests/interop/interop.sh $(BUILD)/tools/rtfconv/rtfconv $(BUILD)/interop || status=1; \
+	  bash tests/interop/roundtrip.sh $(BUILD)/tools/rtfconv/rtfconv $(BUILD)/roundtrip tests/corpus/rtf || status=1; \
+	  exit $$status
 
 clean:
 	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_FUZZ)

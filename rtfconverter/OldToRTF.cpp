@@ -5,10 +5,14 @@
 #include <cmath>
 #include <cstring>
 #include <new>
+#include <string>
+#include <vector>
 
 #include "hostlibs/KVBase.h"
 #include "hostlibs/VQLogger.h"
+#include "rtfconverter/CodePages.h"
 #include "rtfconverter/DocCmd.h"
+#include "rtfconverter/PictureFormats.h"
 
 namespace rtf_converter {
 
@@ -61,6 +65,19 @@ struct ByteClassTable {
     }
 };
 constexpr ByteClassTable kByteClass;
+
+// The lossless scan leaves the RTF specials in the runs: the run writer
+// escapes them itself, so that a double-byte character whose trail byte is a
+// backslash or a brace stays one character.
+struct RunByteClassTable : ByteClassTable {
+    constexpr RunByteClassTable()
+    {
+        cls[static_cast<unsigned char>('\\')] = bcPlain;
+        cls[static_cast<unsigned char>('{')] = bcPlain;
+        cls[static_cast<unsigned char>('}')] = bcPlain;
+    }
+};
+constexpr RunByteClassTable kRunByteClass;
 
 // The control word (with its blank) for a plain-text control byte.
 struct ControlWord {
@@ -246,6 +263,10 @@ long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
     long hr = E_FAIL;
     try {
         m_pszText = pszText ? pszText : "";
+        m_hrFirstOutFailure = S_OK;
+        m_csLayoutWords.Empty();
+        m_nRowCells = m_nRowCellsEnded = 0;
+        m_pNoCellsBefore = nullptr;
         InitBuffer();
         InitBaseFont(pBaseFont);
         ResetParagraphAttributes();
@@ -271,7 +292,7 @@ long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
         ConvertText(m_pszText);
         AddToBuffer('}');
         FlushBuffer();
-        hr = S_OK;
+        hr = ResultKeepingWriteFailures();
     } catch (...) {
         hr = E_FAIL;
     }
@@ -315,18 +336,20 @@ void COldToRTF::ConvertText(const char* pszText)
     auto flushRun = [&]() {
         int n = static_cast<int>(p - pRun);
         if (n > 0) {
-            AddToBuffer(pRun, n);
+            AddTextRun(pRun, n);
             chLast = static_cast<unsigned char>(p[-1]);
             nTextPos += static_cast<unsigned>(n);
         }
     };
 
+    const ByteClassTable& classes = m_bLossless ? kRunByteClass : kByteClass;
     for (;; ++p) {
-        const ByteClass c = kByteClass.cls[static_cast<unsigned char>(*p)];
+        const ByteClass c = classes.cls[static_cast<unsigned char>(*p)];
         if (c == bcPlain) continue;
         flushRun();
         switch (c) {
         case bcEnd:
+            CloseOpenTableRow();
             if (chLast != 13) AddToBuffer("\\par ", 5);
             return;
         case bcTab:
@@ -351,12 +374,11 @@ void COldToRTF::ConvertText(const char* pszText)
             pRun = p + 1;
             break;
         case bcCmdStart: {
-            const char end = CDocCmd::chCmdEnd;
-            const char* ptr = p + 1;
-            while (*ptr != end && *ptr != '\0') ++ptr;
+            const char* ptr = FindCommandEnd(p);
             if (*ptr == '\0') return; // an unterminated command ends the text
             ++ptr;
-            VQASSERT(ptr[-1] == end);
+            VQASSERT(ptr[-1] == CDocCmd::chCmdEnd);
+            m_pAfterCommand = ptr;
             const CString cmd(p, static_cast<int>(ptr - p));
             const int nPos = static_cast<int>(nTextPos);
             int nAdvance = 0;
@@ -455,7 +477,13 @@ void COldToRTF::AddToBufferDirect(const char* p, int n)
 
 HRESULT COldToRTF::WriteToOutStream(const CString& s)
 {
-    return m_pOutStream->Write(s.GetString(), static_cast<ULONG>(s.GetLength()), nullptr);
+    return NoteOutWrite(m_pOutStream->Write(s.GetString(), static_cast<ULONG>(s.GetLength()), nullptr));
+}
+
+HRESULT COldToRTF::NoteOutWrite(HRESULT hr)
+{
+    if (FAILED(hr) && SUCCEEDED(m_hrFirstOutFailure)) m_hrFirstOutFailure = hr;
+    return hr;
 }
 
 long COldToRTF::FlushBuffer()
@@ -496,7 +524,7 @@ long COldToRTF::FlushBuffer()
     }
     ULARGE_INTEGER cbRead, cbWritten;
     cbRead.QuadPart = cbWritten.QuadPart = 0;
-    hr = m_pBufferStream->CopyTo(m_pOutStream, stat.cbSize, &cbRead, &cbWritten);
+    hr = NoteOutWrite(m_pBufferStream->CopyTo(m_pOutStream, stat.cbSize, &cbRead, &cbWritten));
     if (FAILED(hr)) {
         VQASSERT(SUCCEEDED(hr));
         return hr;
@@ -664,6 +692,9 @@ int COldToRTF::AddLayoutCmdToBuffer(const CString& sLayoutCmd)
         words += TabLeaderWord(tabs[i].m_leader);
         AppendWord(words, "\\tx", InchesToTwips(tabs[i].m_position));
     }
+    m_csLayoutWords = words;
+    // Only a lossless table row is ever open: its paragraphs stay in the row.
+    if (m_nRowCells > 0) words += "\\intbl";
     words += ' ';
     AddToBuffer(words);
     return 0;
@@ -686,16 +717,24 @@ int COldToRTF::AddCommentCmdToBuffer(const CString& scmd, int /*nTextPos*/)
     switch (cmd.GetType()) {
     case ot_Hyperlink:
     case ot_Reference:
+        if (m_bLossless) return AddHyperlinkKeepingDisplayFormatting(scmd);
         return AddHyperlinkToBuffer(cmd);
+    case ot_Table:
+        if (m_bLossless) return AddTableTagKeepingTable(cmd, m_pAfterCommand);
+        return AddDescriptionToBuffer(cmd);
     case ot_Numbering:
         return AddNumberToBuffer(scmd);
-    default: {
-        CString desc = cmd.GetDescription(1);
-        if (desc.GetLength() < 1) return 0;
-        AddToBuffer(desc);
-        return desc.GetLength();
+    default:
+        return AddDescriptionToBuffer(cmd);
     }
-    }
+}
+
+int COldToRTF::AddDescriptionToBuffer(const CCommentCmd& cmd)
+{
+    CString desc = cmd.GetDescription(1);
+    if (desc.GetLength() < 1) return 0;
+    AddToBuffer(desc);
+    return desc.GetLength();
 }
 
 // The text position advances by the length of the escaped address, not of the
@@ -736,7 +775,7 @@ int COldToRTF::AddNumberToBuffer(const CString& scmd)
     int nBlanks = blanks > kMaxNumberTabBlanks ? kMaxNumberTabBlanks : blanks > 0 ? static_cast<int>(blanks) : 0;
     desc += CString(' ', nBlanks);
     VQASSERT(0 < desc.GetLength());
-    AddToBuffer(desc);
+    AddTextRun(desc.GetString(), desc.GetLength());
     if (!csFace.IsEmpty()) {
         CString word;
         word.Format("\\f%d ", m_fontTable[m_nCurrentFont].nFontNumber);
@@ -762,6 +801,7 @@ int COldToRTF::AddOleCmdToBuffer(const CString& cmd, int nTextPos)
     CAttachmentOwnership ownership(info);
     if (info.aType == AttachmentInfo::AT_PLACEHOLDER) AddToBuffer("\\objattph\\'20", 13);
     else if (AttachmentInfo::IsOleType(info.aType)) AddOleToBuffer(info);
+    else if (m_bLossless) AddPictureKeepingItsFormat(info);
     if (info.pStm) {
         info.pStm->Release();
         info.pStm = nullptr;
@@ -846,5 +886,310 @@ void COldToRTF::AddDataToBuffer(const unsigned char* p, unsigned long n)
 int COldToRTF::AddFileToBuffer(AttachmentInfo& /*info*/) { return 0; }
 
 int COldToRTF::AddPictureToBuffer(AttachmentInfo& info) { return AddFileToBuffer(info); }
+
+// =================================================================================
+// Lossless writing
+// =================================================================================
+//
+// Each function below is where the lossless writer leaves the specified path;
+// with the option off every one of them does what the specified writer does.
+
+COldToRTF::CharacterState COldToRTF::SaveCharacterState() { return CharacterStateMembers(); }
+
+void COldToRTF::RestoreCharacterState(const CharacterState& state) { CharacterStateMembers() = state; }
+
+long COldToRTF::ResultKeepingWriteFailures() const { return m_bLossless ? m_hrFirstOutFailure : S_OK; }
+
+void COldToRTF::AddTextRun(const char* p, int n)
+{
+    if (m_bLossless) return AddTextKeepingEveryByte(p, n);
+    AddToBuffer(p, n);
+}
+
+void COldToRTF::AddTextKeepingEveryByte(const char* p, int n)
+{
+    const std::string escaped = EscapedKeepingEveryByte(p, n);
+    AddToBuffer(escaped.data(), static_cast<int>(escaped.size()));
+}
+
+// Bytes above 0x7F as \'hh, so that no reader guesses their code page from
+// anything but the font; in a double-byte font a lead byte and its trail byte
+// as one character, the trail byte escaped with it even when it is a
+// backslash or a brace.
+std::string COldToRTF::EscapedKeepingEveryByte(const char* p, int n) const
+{
+    const int charset = m_nCurrentFont >= 0 && m_nCurrentFont < m_fontTable.GetSize() ? m_fontTable[m_nCurrentFont].nCharset : 0;
+    const CCodePage* pPage = CCodePage::Get(CodePageOfCharset(charset));
+    std::string out;
+    out.reserve(static_cast<std::size_t>(n) * 2);
+    auto appendHex = [&out](unsigned char b) {
+        out += "\\'";
+        out.append(kHexPairs.pair[b], 2);
+    };
+    for (int i = 0; i < n; ++i) {
+        const unsigned char b = static_cast<unsigned char>(p[i]);
+        if (pPage && pPage->IsLeadByte(b) && i + 1 < n && pPage->Pair(b, static_cast<unsigned char>(p[i + 1])) != CCodePage::invalidPair) {
+            appendHex(b);
+            appendHex(static_cast<unsigned char>(p[++i]));
+        } else if (b > 0x7F) {
+            appendHex(b);
+        } else {
+            if (b == '\\' || b == '{' || b == '}') out += '\\';
+            out += static_cast<char>(b);
+        }
+    }
+    return out;
+}
+
+const char* COldToRTF::FindCommandEnd(const char* pCmd) const
+{
+    if (m_bLossless && pCmd[1] == CDocCmd::comment) return FindCommandEndKeepingNestedCommands(pCmd);
+    const char* ptr = pCmd + 1;
+    while (*ptr != CDocCmd::chCmdEnd && *ptr != '\0') ++ptr;
+    return ptr;
+}
+
+// Hyperlinks written by older importers hold the font commands of their
+// display text inside the comment command, in one of two shapes:
+//   - balanced: the comment ends at the 0x02 that closes the last command
+//     opened in it;
+//   - a font command owed when the display text began, cut short by the
+//     separator: 0x01 'C' 'H' ':' 0x01 'F'... 0x03 target 0x02 display 0x02.
+// Without either shape the command ends where the specified writer ends it.
+const char* COldToRTF::FindCommandEndKeepingNestedCommands(const char* pCmd) const
+{
+    HyperlinkParts parts;
+    if (ParseOwedFontHyperlink(pCmd, parts)) return parts.pEnd;
+    // One level of nesting is all a hyperlink holds. Stopping at a second
+    // level also keeps the scans linear in the text: no command can start in
+    // what a scan that gives up has passed over.
+    int depth = 1;
+    for (const char* ptr = pCmd + 1; *ptr != '\0'; ++ptr) {
+        if (*ptr == CDocCmd::chCmdStart) {
+            if (++depth > 2) break;
+        } else if (*ptr == CDocCmd::chCmdEnd && --depth == 0) {
+            return ptr;
+        }
+    }
+    const char* ptr = pCmd + 1;
+    while (*ptr != CDocCmd::chCmdEnd && *ptr != '\0') ++ptr;
+    return ptr;
+}
+
+namespace {
+
+// The index of the first of `stops` at or after p (the terminating NUL when none).
+const char* FindFirstOf(const char* p, const char* stops)
+{
+    while (*p != '\0' && std::strchr(stops, *p) == nullptr) ++p;
+    return p;
+}
+
+} // namespace
+
+bool COldToRTF::ParseOwedFontHyperlink(const char* pCmd, HyperlinkParts& parts)
+{
+    static const char kEndOrSeparator[] = {CDocCmd::chCmdEnd, CCommentCmd::chDataSeparator, '\0'};
+    static const char kStartOrEnd[] = {CDocCmd::chCmdStart, CDocCmd::chCmdEnd, '\0'};
+    for (int i = 1; i < CCommentCmd::idxText; ++i)
+        if (pCmd[i] == '\0') return false;
+    const char* pFont = pCmd + CCommentCmd::idxText;
+    if (pFont[0] != CDocCmd::chCmdStart || pFont[1] != CDocCmd::font) return false;
+    const char* pSeparator = FindFirstOf(pFont + 1, kEndOrSeparator);
+    if (*pSeparator != CCommentCmd::chDataSeparator) return false;
+    const char* pTargetEnd = FindFirstOf(pSeparator + 1, kStartOrEnd);
+    if (*pTargetEnd != CDocCmd::chCmdEnd) return false;
+    const char* pDisplayEnd = FindFirstOf(pTargetEnd + 1, kStartOrEnd);
+    if (*pDisplayEnd != CDocCmd::chCmdEnd) return false;
+    parts.display.assign(pFont, pSeparator);
+    parts.display += CDocCmd::chCmdEnd;
+    parts.display.append(pTargetEnd + 1, pDisplayEnd);
+    parts.target.assign(pSeparator + 1, pTargetEnd);
+    parts.pEnd = pDisplayEnd;
+    return true;
+}
+
+namespace {
+
+// The fields of a comment command, split at the separators outside the
+// commands nested in it.
+std::vector<std::string> CommentFields(const CString& scmd)
+{
+    std::vector<std::string> fields(1);
+    const char* p = scmd.GetString() + CCommentCmd::idxText;
+    const char* const pEnd = scmd.GetString() + scmd.GetLength() - 1; // the closing 0x02
+    int depth = 0;
+    for (; p < pEnd; ++p) {
+        if (*p == CDocCmd::chCmdStart) ++depth;
+        else if (*p == CDocCmd::chCmdEnd && depth > 0) --depth;
+        if (*p == CCommentCmd::chDataSeparator && depth == 0) fields.emplace_back();
+        else fields.back() += *p;
+    }
+    return fields;
+}
+
+} // namespace
+
+// The display text goes into \fldrslt as text, its font commands as the
+// formatting they stand for, in a group of its own so that the character
+// state outside the field is what it was before.
+int COldToRTF::AddHyperlinkKeepingDisplayFormatting(const CString& scmd)
+{
+    if (scmd.GetLength() <= CCommentCmd::idxText) return 0;
+    HyperlinkParts parts;
+    if (!ParseOwedFontHyperlink(scmd.GetString(), parts)) {
+        std::vector<std::string> fields = CommentFields(scmd);
+        parts.display = fields[0];
+        if (fields.size() > 1) parts.target = fields[1];
+    }
+    const std::string& display = parts.display;
+    const std::string& target = parts.target;
+
+    const std::string escapedTarget = EscapedKeepingEveryByte(target.data(), static_cast<int>(target.size()));
+    std::string opening = "{\\field{\\*\\fldinst{HYPERLINK \"" + escapedTarget + "\"}}{\\fldrslt{\\ul ";
+    AddToBuffer(opening.data(), static_cast<int>(opening.size()));
+
+    const CharacterState outside = SaveCharacterState();
+    m_bUnderline = true;
+    std::size_t run = 0;
+    for (std::size_t i = 0; i < display.size(); ++i) {
+        if (display[i] != CDocCmd::chCmdStart) continue;
+        const std::size_t end = display.find(CDocCmd::chCmdEnd, i);
+        if (end == std::string::npos) break;
+        AddTextKeepingEveryByte(display.data() + run, static_cast<int>(i - run));
+        if (display[i + 1] == CDocCmd::font) AddFontCmdToBuffer(CString(display.data() + i, static_cast<int>(end + 1 - i)));
+        i = end;
+        run = end + 1;
+    }
+    if (run < display.size()) AddTextKeepingEveryByte(display.data() + run, static_cast<int>(display.size() - run));
+    RestoreCharacterState(outside);
+    AddToBuffer("}}}", 3);
+
+    CString counted(target.data(), static_cast<int>(target.size()));
+    ReplaceSpecSymbols(counted);
+    return counted.GetLength();
+}
+
+// Table tag commands become a table row: StartRow opens it with as many
+// cells as EndCell tags follow before its EndRow; a StartRow inside an open
+// row (importers tag every table paragraph) adds nothing; EndCell and EndRow
+// outside a row keep the meaning the importer gives them without tags, a tab
+// and a paragraph mark.
+int COldToRTF::AddTableTagKeepingTable(const CCommentCmd& cmd, const char* pAfterCmd)
+{
+    const CString tag = cmd.GetData(0);
+    const bool bRowOpen = m_nRowCells > 0;
+    if (tag == "StartRow") {
+        if (!bRowOpen) StartTableRow(pAfterCmd);
+    } else if (tag == "EndCell") {
+        if (bRowOpen) EndTableCell();
+        else AddToBuffer("\\tab ", 5);
+    } else if (tag == "EndRow") {
+        if (bRowOpen) EndTableRow();
+        else AddToBuffer("\\par ", 5);
+    }
+    return 0;
+}
+
+namespace {
+
+// The text width the cells of a row share: a letter page less its margins.
+const int kRowWidthTwips = 9360;
+
+} // namespace
+
+void COldToRTF::StartTableRow(const char* pAfterCmd)
+{
+    if (!pAfterCmd || (m_pNoCellsBefore && pAfterCmd < m_pNoCellsBefore)) return;
+    int nCells = 0;
+    bool bRowEnd = false;
+    const char* p = std::strchr(pAfterCmd, CDocCmd::chCmdStart);
+    for (; p && !bRowEnd; p = std::strchr(p, CDocCmd::chCmdStart)) {
+        const char* pEnd = FindCommandEnd(p);
+        if (*pEnd == '\0') {
+            p = pEnd;
+            break;
+        }
+        if (p[1] == CDocCmd::comment) {
+            const CCommentCmd tag(p, static_cast<int>(pEnd + 1 - p));
+            if (tag.GetType() == ot_Table) {
+                const CString word = tag.GetData(0);
+                if (word == "EndCell") ++nCells;
+                bRowEnd = word == "EndRow";
+            }
+        }
+        p = pEnd + 1;
+    }
+    // The StartRow tags up to where a look-ahead found no cell find none
+    // either; they are not looked through again, which would take time
+    // quadratic in the text.
+    if (nCells == 0) {
+        m_pNoCellsBefore = p ? p : pAfterCmd + std::strlen(pAfterCmd);
+        return;
+    }
+
+    CString words("\\trowd\\trgaph108");
+    for (int i = 1; i <= nCells; ++i) AppendWord(words, "\\cellx", static_cast<long long>(kRowWidthTwips) * i / nCells);
+    words += m_csLayoutWords.IsEmpty() ? CString("\\pard") : m_csLayoutWords;
+    words += "\\intbl ";
+    AddToBuffer(words);
+    m_nRowCells = nCells;
+    m_nRowCellsEnded = 0;
+}
+
+void COldToRTF::EndTableCell()
+{
+    AddToBuffer("\\cell ", 6);
+    ++m_nRowCellsEnded;
+}
+
+// A row ends with all the cells it was opened with.
+void COldToRTF::EndTableRow()
+{
+    for (; m_nRowCellsEnded < m_nRowCells; ++m_nRowCellsEnded) AddToBuffer("\\cell ", 6);
+    CString words("\\row ");
+    words += m_csLayoutWords.IsEmpty() ? CString("\\pard") : m_csLayoutWords;
+    words += ' ';
+    AddToBuffer(words);
+    m_nRowCells = m_nRowCellsEnded = 0;
+}
+
+void COldToRTF::CloseOpenTableRow()
+{
+    if (m_nRowCells > 0) EndTableRow();
+}
+
+// PNG, JPEG, EMF and WMF answers are written as the pictures they are, with
+// the size their headers give; data that is not the picture it claims to be
+// is left out, as the specified writer leaves out every such answer.
+void COldToRTF::AddPictureKeepingItsFormat(AttachmentInfo& info)
+{
+    if (!info.pStm) return;
+    STATSTG stat;
+    HGLOBAL hGlobal = nullptr;
+    if (info.pStm->Stat(&stat, STATFLAG_NONAME) != S_OK || GetHGlobalFromStream(info.pStm, &hGlobal) != S_OK) return;
+    const unsigned char* pData = static_cast<const unsigned char*>(GlobalLock(hGlobal));
+    if (!pData) return;
+    std::size_t cb = static_cast<std::size_t>(stat.cbSize.QuadPart);
+    if (cb > GlobalSize(hGlobal)) cb = GlobalSize(hGlobal);
+    PictureDescription picture;
+    if (DescribePicture(info.aType, pData, cb, picture) && picture.cbSkipped <= cb) {
+        CString opening("{\\pict");
+        opening += picture.pszFormatWord;
+        if (picture.width > 0 && picture.height > 0) {
+            AppendWord(opening, "\\picw", picture.width);
+            AppendWord(opening, "\\pich", picture.height);
+        }
+        if (picture.widthTwips > 0 && picture.heightTwips > 0) {
+            AppendWord(opening, "\\picwgoal", picture.widthTwips);
+            AppendWord(opening, "\\pichgoal", picture.heightTwips);
+        }
+        opening += ' ';
+        AddToBuffer(opening);
+        AddDataToBuffer(pData + picture.cbSkipped, static_cast<unsigned long>(cb - picture.cbSkipped));
+        AddToBuffer('}');
+    }
+    GlobalUnlock(hGlobal);
+}
 
 } // namespace rtf_converter

@@ -12,11 +12,18 @@
 //
 // Every byte of the body passes through a quick buffer of s_dwBufferSize bytes
 // on its way to the private stream (see AddToBuffer).
+//
+// SetLossless(true) keeps what those specified bytes lose (off by default, so
+// that hosts get the bytes they rely on): each kept thing is written by a
+// function named for it, called at the one point where it leaves the
+// specified path (the "Lossless writing" section of OldToRTF.cpp).
 #pragma once
 #include "rtfconverter/Export.h"
 
 #include <cstring>
 #include <memory>
+#include <string>
+#include <tuple>
 
 #include "hostlibs/MFCKVUtils.h"
 #include "platform/AfxColl.h"
@@ -83,6 +90,15 @@ public:
 
     // A null filter leaves attachments out of the RTF.
     void SetAttachmentFilter(AttachmentFilter filter, void* param1, void* param2);
+    // Lossless writing, off by default so that the class writes its specified
+    // bytes. When on: every byte above 0x7F is written as \'hh and a double-byte
+    // font's lead and trail bytes as one character; a hyperlink's display text
+    // keeps its font commands as formatting; table tag commands make a table;
+    // pictures answered as PNG, JPEG, EMF or WMF are written as pictures; and
+    // Convert fails when a write to the output stream fails.
+    void SetLossless(bool bLossless) { m_bLossless = bLossless; }
+    [[nodiscard]] bool IsLossless() const { return m_bLossless; }
+
     // Kept for the caller; the conversion does not read it.
     void SetBackgroundColor(unsigned int color) { m_nBackgroundColor = color; }
     unsigned int GetBackgroundColor() const { return m_nBackgroundColor; }
@@ -155,10 +171,60 @@ private:
     }
     void AddToBufferDirect(const char* p, int n);
     HRESULT WriteToOutStream(const CString& s);
+    HRESULT NoteOutWrite(HRESULT hr);
     void InitBaseFont(const LOGFONT* pBaseFont);
     int AddHyperlinkToBuffer(const CCommentCmd& cmd);
+    int AddDescriptionToBuffer(const CCommentCmd& cmd);
     int AddNumberToBuffer(const CString& cmd);
     int AddPictureGroup(const CDIBitmap& dib, const char* pszOpening, const char* pszClosing);
+
+    // --- lossless writing: each function keeps what the specified bytes lose
+    // The character state the font writer tracks, which a group of the RTF
+    // (a hyperlink's display text) changes only inside itself.
+    typedef std::tuple<int, int, int, int, bool, bool, bool, bool, bool, bool> CharacterState;
+    std::tuple<int&, int&, int&, int&, bool&, bool&, bool&, bool&, bool&, bool&> CharacterStateMembers()
+    {
+        return std::tie(m_nCurrentFont, m_nCurrentPoints, m_nCurrentColor, m_nCurrentBackColor, m_bBold, m_bUnderline,
+                        m_bItalic, m_bStrikeout, m_bSuperscript, m_bSubscript);
+    }
+    CharacterState SaveCharacterState();
+    void RestoreCharacterState(const CharacterState& state);
+    void AddTextRun(const char* p, int n);
+    void AddTextKeepingEveryByte(const char* p, int n);
+    std::string EscapedKeepingEveryByte(const char* p, int n) const;
+    const char* FindCommandEnd(const char* pCmd) const;
+    const char* FindCommandEndKeepingNestedCommands(const char* pCmd) const;
+    // A hyperlink's display text (its font commands whole) and target.
+    struct HyperlinkParts {
+        std::string display;
+        std::string target;
+        const char* pEnd = nullptr; // the 0x02 that ends the command
+    };
+    static bool ParseOwedFontHyperlink(const char* pCmd, HyperlinkParts& parts);
+    int AddHyperlinkKeepingDisplayFormatting(const CString& scmd);
+    int AddTableTagKeepingTable(const CCommentCmd& cmd, const char* pAfterCmd);
+    void StartTableRow(const char* pAfterCmd);
+    void EndTableCell();
+    void EndTableRow();
+    void CloseOpenTableRow();
+    void AddPictureKeepingItsFormat(AttachmentInfo& info);
+    long ResultKeepingWriteFailures() const;
+
+    bool m_bLossless = false;
+    // The first failed write to the output stream (S_OK when none).
+    HRESULT m_hrFirstOutFailure = S_OK;
+    // The words of the last layout command, "\pard..." without the blank: a
+    // table row's paragraphs and the paragraph after it start with them.
+    CString m_csLayoutWords;
+    // The cells of the open table row (0 when no row is open) and how many of
+    // them have ended.
+    int m_nRowCells = 0;
+    int m_nRowCellsEnded = 0;
+    // The text after the command being written, for the look-ahead of a table row.
+    const char* m_pAfterCommand = nullptr;
+    // Where the last look-ahead that found no cell stopped: row starts before
+    // it need not look again.
+    const char* m_pNoCellsBefore = nullptr;
 
     CSimpleRowBytes m_quickBuffer;
     DWORD m_dwQuickBufferPosition = 0;

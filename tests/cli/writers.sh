@@ -4,16 +4,39 @@ source "$(dirname "$0")/lib.sh"
 
 front='{\\rtf1\\ansi\\deff0\\deflang1024{\\fonttbl{\\f0\\fcharset0\\fswiss Arial;}}{\\colortbl;\\red0\\green0\\blue0;}'
 
-# old2rtf: the library's document, old-format bytes taken as they are.
+# old2rtf --raw --exact: the library's document, old-format bytes taken as they are.
 printf 'Hi \001F12-B:-\002bold\r\351' >"$TMP/note.old"
-expect_status 0 "$RTFCONV" old2rtf "$TMP/note.old"
+expect_status 0 "$RTFCONV" old2rtf --raw --exact "$TMP/note.old"
 expect_file_bytes "$TMP/out" "$front"'{\\stylesheet{\\f0\\fs20 Normal;}}\\pard\\f0\\fs20\\cf1 Hi \\fs24\\cf1\\b bold\\par \351\\par }'
 expect_status 0 "$RTFCONV" old2rtf --font 'Times New Roman:12:204' -o "$TMP/note.rtf" "$TMP/note.old"
 grep -qF '{\f0\fcharset204\froman Times New Roman;}' "$TMP/note.rtf" || fail "--font: $(head -c 200 "$TMP/note.rtf")"
 grep -qF '{\stylesheet{\f0\fs24 Normal;}}\pard\f0\fs24\cf1 Hi \cf1\b bold' "$TMP/note.rtf" || fail "--font size: $(cat "$TMP/note.rtf")"
-# --utf8: the text is converted to the code page first.
+# By default the text is UTF-8, converted to the code page first, and bytes
+# above 0x7F are written as \'hh; --exact writes them as they are.
 printf 'caf\303\251' | "$RTFCONV" old2rtf --utf8 >"$TMP/out" || fail "old2rtf --utf8"
-grep -qF "$(printf 'caf\351\\par }')" "$TMP/out" || fail "old2rtf --utf8: $(cat "$TMP/out")"
+grep -qF "caf\\'e9\\par }" "$TMP/out" || fail "old2rtf --utf8: $(cat "$TMP/out")"
+printf 'caf\303\251' | "$RTFCONV" old2rtf --exact >"$TMP/out" || fail "old2rtf --exact"
+grep -qF "$(printf 'caf\351\\par }')" "$TMP/out" || fail "old2rtf --exact: $(cat "$TMP/out")"
+# Double-byte text in its font's character set, from UTF-8 (rtf2old writes it so) and from 8-bit bytes.
+printf '\001F---\303\213:MS Gothic\002\350\241\250\345\261\244' | "$RTFCONV" old2rtf >"$TMP/out" || fail "old2rtf Shift-JIS"
+grep -qF "{\\f1\\fcharset128\\fswiss MS Gothic;}" "$TMP/out" || fail "old2rtf Shift-JIS font: $(cat "$TMP/out")"
+grep -qF "\\'95\\'5c\\'91\\'77\\par }" "$TMP/out" || fail "old2rtf Shift-JIS text: $(cat "$TMP/out")"
+printf '\001F---\313:MS Gothic\002\225\134\221\167' | "$RTFCONV" old2rtf --raw >"$TMP/out2" || fail "old2rtf --raw Shift-JIS"
+cmp -s "$TMP/out" "$TMP/out2" || fail "old2rtf --raw Shift-JIS: $(cat "$TMP/out2")"
+# A character the page in force cannot hold is written in a font of a
+# character set that holds it; one no page holds fails the conversion, or is
+# '?' with --lossy.
+printf '\320\226' >"$TMP/zhe.old"
+expect_status 0 "$RTFCONV" old2rtf "$TMP/zhe.old"
+grep -qF "{\\f1\\fcharset204\\fswiss Arial;}" "$TMP/out" || fail "old2rtf Cyrillic font: $(cat "$TMP/out")"
+grep -qF "\\f1\\cf1 \\'c6\\f0 \\par }" "$TMP/out" || fail "old2rtf Cyrillic: $(cat "$TMP/out")"
+expect_status 0 "$RTFCONV" old2rtf --codepage 1251 "$TMP/zhe.old"
+grep -qF "\\cf1 \\'c6\\par }" "$TMP/out" || fail "old2rtf --codepage: $(cat "$TMP/out")"
+printf '\360\237\230\200' >"$TMP/emoji.old"
+expect_status 1 "$RTFCONV" old2rtf "$TMP/emoji.old"
+expect_one_error_line "--lossy"
+expect_status 0 "$RTFCONV" old2rtf --lossy "$TMP/emoji.old"
+grep -qF '\cf1 ?\par }' "$TMP/out" || fail "old2rtf --lossy: $(cat "$TMP/out")"
 
 # --attachments: 00.bmp a picture, 01.ole an object with 01.bmp as its picture,
 # 02.link a link, 03 nothing (a placeholder). A 1x1 24-bit bitmap:
@@ -35,6 +58,21 @@ printf 'not a bitmap' >"$TMP/att/03.bmp"
 expect_status 0 "$RTFCONV" old2rtf --attachments "$TMP/att" "$TMP/att.old"
 expect_one_error_line "03.bmp"
 grep -qF "d\\objattph\\'20" "$TMP/out" || fail "a bad bitmap is a placeholder: $(cat "$TMP/out")"
+
+# Pictures saved by rtf2old --attachments come back through old2rtf
+# --attachments in their own format, byte for byte; --exact leaves them placeholders.
+png='89504e470d0a1a0a0000000d494844520000000200000003080200000012345678'
+printf '{\\rtf1{\\fonttbl{\\f0\\fswiss Arial;}}\\f0 a{\\pict\\pngblip %s}b{\\pict\\jpegblip ffd8ffd9}c\\par}' "$png" >"$TMP/pict.rtf"
+expect_status 0 "$RTFCONV" rtf2old --attachments "$TMP/pict1" -o "$TMP/pict.old" "$TMP/pict.rtf"
+expect_status 0 "$RTFCONV" old2rtf --attachments "$TMP/pict1" -o "$TMP/pict2.rtf" "$TMP/pict.old"
+grep -qF "a{\\pict\\pngblip\\picw2\\pich3\\picwgoal30\\pichgoal45 $png}b{\\pict\\jpegblip ffd8ffd9}c" "$TMP/pict2.rtf" ||
+    fail "old2rtf pictures: $(cat "$TMP/pict2.rtf")"
+expect_status 0 "$RTFCONV" rtf2old --attachments "$TMP/pict2" -o "$TMP/pict2.old" "$TMP/pict2.rtf"
+for f in 00.png 01.jpg; do
+    cmp -s "$TMP/pict1/$f" "$TMP/pict2/$f" || fail "$f differs after the round trip"
+done
+expect_status 0 "$RTFCONV" old2rtf --exact --attachments "$TMP/pict1" "$TMP/pict.old"
+grep -qF "a\\objattph\\'20b\\objattph\\'20c" "$TMP/out" || fail "old2rtf --exact pictures: $(cat "$TMP/out")"
 
 # txt2rtf: UTF-8 lines become paragraphs, cp1252 characters as bytes and the
 # rest as \uN; --raw keeps the bytes.

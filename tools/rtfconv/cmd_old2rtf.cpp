@@ -1,11 +1,15 @@
 // rtfconv old2rtf: old-format text to RTF.
 //
-// The old-format text is the host's 8-bit format and is read as it is, unless
-// --utf8 says it is UTF-8 (then it is converted to the code page first). With
-// --attachments DIR each attachment command NN is answered from DIR: NN.ole
-// an embedded object, NN.link a linked object (each with NN.bmp as its
-// picture when present), NN.bmp alone a bitmap picture, no file a placeholder.
-// Without it attachments are left out, as the library does without a filter.
+// The old-format text is read as UTF-8 and its text turned into the bytes of
+// the code page of the font command in force (rtf2old writes it so); --raw
+// reads the host's 8-bit bytes as they are. The writer keeps what the
+// document holds (the library's lossless option) unless --exact asks for the
+// library's specified bytes. With --attachments DIR each attachment command
+// NN is answered from DIR: NN.ole an embedded object, NN.link a linked object
+// (each with NN.bmp as its picture when present), NN.png, NN.jpg, NN.emf or
+// NN.wmf a picture of that format (not with --exact), NN.bmp alone a bitmap
+// picture, no file a placeholder. Without it attachments are left out, as the
+// library does without a filter.
 #include <CLI/CLI.hpp>
 
 #include <cstring>
@@ -14,7 +18,9 @@
 
 #include "hostlibs/MFCKVUtils.h"
 #include "platform/ObjBase.h"
+#include "rtfconverter/CodePages.h"
 #include "rtfconverter/DocCmd.h"
+#include "rtfconverter/OldTextUtf8.h"
 #include "rtfconverter/OldToRTF.h"
 #include "tools/rtfconv/Commands.h"
 #include "tools/rtfconv/FontOption.h"
@@ -30,7 +36,9 @@ struct Old2RtfOptions {
     std::string attachmentDir;
     std::string codePage;
     bool bUtf8 = false;
+    bool bRaw = false;
     bool bLossy = false;
+    bool bExact = false;
 };
 
 // What the attachment filter needs to answer from a folder.
@@ -38,6 +46,19 @@ struct AttachmentFolder {
     const ToolContext* pCtx;
     std::string dir;
     std::string inputName;
+    bool bPictureFormats;  // the writer embeds PNG, JPEG, EMF and WMF answers
+};
+
+// The picture files rtf2old --attachments writes, in the order they are looked for.
+struct PictureFile {
+    const char* szExtension;
+    LONG aType;
+};
+constexpr PictureFile kPictureFiles[] = {
+    {".png", AttachmentInfo::AT_PNG},
+    {".jpg", AttachmentInfo::AT_JPEG},
+    {".emf", AttachmentInfo::AT_EMF},
+    {".wmf", AttachmentInfo::AT_WMF},
 };
 
 // The bytes of a file; false when there is no such regular file or it cannot be read.
@@ -79,6 +100,18 @@ CDIBitmap* LoadBitmapIfPresent(const AttachmentFolder& folder, const std::string
     return pBitmap.release();
 }
 
+// The first picture file NN.png, NN.jpg, NN.emf or NN.wmf there is.
+bool FindPictureFile(const std::string& base, LONG& aType, std::string& bytes)
+{
+    for (const PictureFile& file : kPictureFiles) {
+        if (ReadFileIfPresent(base + file.szExtension, bytes)) {
+            aType = file.aType;
+            return true;
+        }
+    }
+    return false;
+}
+
 bool AnswerFromFolder(int, const CString& cmd, AttachmentInfo& info, void* pFolder, void*)
 {
     const auto& folder = *static_cast<const AttachmentFolder*>(pFolder);
@@ -94,6 +127,9 @@ bool AnswerFromFolder(int, const CString& cmd, AttachmentInfo& info, void* pFold
         info.aType = AttachmentInfo::AT_OLE_EMBEDDED;
     } else if (ReadFileIfPresent(base + ".link", bytes)) {
         info.aType = AttachmentInfo::AT_OLE_LAST;
+    } else if (folder.bPictureFormats && FindPictureFile(base, info.aType, bytes)) {
+        info.pStm = NewStreamWith(bytes);
+        return info.pStm != nullptr;
     } else if ((info.m_pDIBitmap = LoadBitmapIfPresent(folder, base + ".bmp")) != nullptr) {
         info.aType = AttachmentInfo::AT_OLE_PICTURE;
         return true;
@@ -118,12 +154,35 @@ std::string StreamBytes(IStream* p)
     return bytes;
 }
 
+// The code page of text outside any font command with a character set.
+int DefaultCodePage(const Old2RtfOptions& options)
+{
+    return options.codePage.empty() ? 1252 : std::stoi(options.codePage);
+}
+
+// UTF-8 old-format text as the host's bytes; characters no code page in force
+// can hold fail the conversion, or with --lossy become '?' and a warning.
+std::string OldTextOfUtf8Input(const ToolContext& ctx, const Old2RtfOptions& options, const CConversion& conversion)
+{
+    rtf_converter::OldTextFromUtf8Counts counts;
+    std::string text = rtf_converter::OldTextFromUtf8(conversion.Data(), DefaultCodePage(options), &counts);
+    const std::string name = DisplayName(conversion.Name());
+    if (counts.nInvalid)
+        PrintWarning(ctx, name + ": " + std::to_string(counts.nInvalid) +
+                              " bytes are not UTF-8 and were taken as they are (--raw reads 8-bit old-format text)");
+    if (counts.nUnencodable && !options.bLossy)
+        throw ToolError(exitConversionFailed, std::to_string(counts.nUnencodable) +
+                                                  " characters have no bytes in the code page of their font "
+                                                  "(use --lossy to replace them with ?)");
+    if (counts.nUnencodable)
+        PrintWarning(ctx, name + ": " + std::to_string(counts.nUnencodable) +
+                              " characters have no bytes in the code page of their font and became ?");
+    return text;
+}
+
 void ConvertOldToRtf(const ToolContext& ctx, const Old2RtfOptions& options, CConversion& conversion)
 {
-    std::string text = conversion.Data();
-    if (options.bUtf8)
-        text = Utf8ToCodePage(text, IconvCodePageName(options.codePage.empty() ? "1252" : options.codePage),
-                              options.bLossy);
+    const std::string text = options.bRaw ? conversion.Data() : OldTextOfUtf8Input(ctx, options, conversion);
     const std::size_t nul = text.find('\0');
     if (nul != std::string::npos)
         PrintWarning(ctx, DisplayName(conversion.Name()) + ": a NUL byte at offset " + std::to_string(nul) +
@@ -134,7 +193,8 @@ void ConvertOldToRtf(const ToolContext& ctx, const Old2RtfOptions& options, CCon
     CComPtr<IStream> out;
     if (FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &out))) throw ToolError(exitConversionFailed, "out of memory");
     rtf_converter::COldToRTF writer(*out);
-    AttachmentFolder folder{&ctx, options.attachmentDir, conversion.Name()};
+    writer.SetLossless(!options.bExact);
+    AttachmentFolder folder{&ctx, options.attachmentDir, conversion.Name(), writer.IsLossless()};
     if (!options.attachmentDir.empty()) writer.SetAttachmentFilter(AnswerFromFolder, &folder, nullptr);
     if (FAILED(writer.Convert(text.c_str(), bFont ? &lf : nullptr)))
         throw ToolError(exitConversionFailed, "the conversion to RTF failed");
@@ -147,11 +207,16 @@ void ConvertOldToRtf(const ToolContext& ctx, const Old2RtfOptions& options, CCon
 void RegisterOld2Rtf(CLI::App& app, ToolContext& ctx)
 {
     CLI::App* cmd = app.add_subcommand("old2rtf", "old-format text to RTF");
-    cmd->footer("The old-format text is read as the host's 8-bit bytes; --utf8 reads UTF-8 and converts it to\n"
-                "the code page (--codepage, default 1252) first.\n"
+    cmd->footer("The old-format text is read as UTF-8, as rtf2old writes it: each run of text becomes the bytes\n"
+                "of the code page of the font command in force (--codepage, default 1252, outside any font\n"
+                "command with a character set); --raw reads the host's 8-bit bytes as they are.\n"
+                "The RTF keeps what the text holds (bytes above 0x7F as \\'hh, double-byte text, formatted\n"
+                "hyperlink text, table tags as tables, PNG/JPEG/EMF/WMF pictures); --exact writes the\n"
+                "library's specified bytes instead.\n"
                 "--attachments DIR answers attachment command NN from DIR: NN.ole an embedded object,\n"
-                "NN.link a linked object (each with NN.bmp as its picture when present), NN.bmp alone a\n"
-                "picture, no file a placeholder. Without it attachments are left out.");
+                "NN.link a linked object (each with NN.bmp as its picture when present), NN.png, NN.jpg,\n"
+                "NN.emf or NN.wmf a picture (not with --exact), NN.bmp alone a picture, no file a\n"
+                "placeholder. Without it attachments are left out.");
     auto options = std::make_shared<Old2RtfOptions>();
     AddVerbosityOptions(*cmd, ctx);
     AddIoOptions(*cmd, options->io, "Old-format text files");
@@ -159,20 +224,24 @@ void RegisterOld2Rtf(CLI::App& app, ToolContext& ctx)
     cmd->add_option("--attachments", options->attachmentDir, "Answer attachment commands from the files of DIR")
         ->check(CLI::Validator(CLI::ExistingDirectory).description(""))
         ->type_name("DIR");
-    CLI::Option* utf8 = cmd->add_flag("--utf8", options->bUtf8, "The input is UTF-8, not 8-bit old-format text");
-    cmd->add_option("--codepage", options->codePage, "Code page of the old-format text for --utf8 (default 1252)")
+    CLI::Option* raw = cmd->add_flag("--raw", options->bRaw, "The input is the host's 8-bit old-format text, not UTF-8");
+    cmd->add_flag("--utf8", options->bUtf8, "The input is UTF-8 (the default)")->excludes(raw);
+    cmd->add_option("--codepage", options->codePage,
+                    "Windows code page of UTF-8 text outside font commands with a character set (default 1252)")
         ->type_name("CP")
-        ->needs(utf8);
-    cmd->add_flag("--lossy", options->bLossy, "With --utf8, write '?' for characters the code page cannot hold")
-        ->needs(utf8);
+        ->excludes(raw);
+    cmd->add_flag("--lossy", options->bLossy, "Write '?' for characters the code page of their font cannot hold")
+        ->excludes(raw);
+    cmd->add_flag("--exact", options->bExact, "Write the library's specified bytes, not the lossless RTF");
 
     SetCommandAction(*cmd, ctx, [&ctx, options] {
         // Wrong usage is reported before any file is read.
         try {
             LOGFONT lf;
             options->font.GetLogFont(lf);
-            if (options->bUtf8 && !options->codePage.empty() && IconvCodePageName(options->codePage).empty())
-                throw ToolError(exitUsage, "unknown code page: " + options->codePage);
+            if (!options->codePage.empty() &&
+                (!IsCodePageNumber(options->codePage) || !rtf_converter::CCodePage::Get(std::stoi(options->codePage))))
+                throw ToolError(exitUsage, "unknown code page: " + options->codePage + " (give a Windows code page number)");
         } catch (const ToolError& e) {
             PrintError(e.what());
             return e.Code();

@@ -1,8 +1,9 @@
 // rtfconv rtf2old: RTF to old-format text.
 //
-// The old-format text is the host's 8-bit format and is written as the
-// library produces it (markup commands framed by 0x01 and 0x02, CR paragraph
-// marks) unless --utf8 converts its text from the document's code page.
+// The old-format text (markup commands framed by 0x01 and 0x02, CR paragraph
+// marks) is written as UTF-8, each run of text decoded with the code page of
+// the font command in force, so that old2rtf reads it back byte for byte;
+// --raw writes the host's 8-bit bytes as the library produces them.
 // With --attachments DIR every picture or object handed to the attachment
 // filter is saved as DIR/NN.EXT and the text gets the attachment command NN.
 #include <CLI/CLI.hpp>
@@ -20,7 +21,9 @@
 #include "platform/AfxExceptions.h"
 #include "platform/ObjBase.h"
 #include "platform/WinGdi.h"
+#include "rtfconverter/CodePages.h"
 #include "rtfconverter/DocCmd.h"
+#include "rtfconverter/OldTextUtf8.h"
 #include "rtfconverter/RTFToOld.h"
 #include "tools/rtfconv/Commands.h"
 #include "tools/rtfconv/ToolCommon.h"
@@ -36,6 +39,7 @@ struct Rtf2OldOptions {
     bool bTableTags = false;
     std::string attachmentsDir;
     bool bUtf8 = false;
+    bool bRaw = false;
     std::string codePage;
 };
 
@@ -243,6 +247,14 @@ bool CreateAttachmentsDir(const std::string& dir)
     return false;
 }
 
+// The code page of text outside font commands with a character set: the
+// host's ANSI code page, --codepage or 1252, as old2rtf reads it back; the
+// document's own page reaches the text through the font commands' sets.
+int OldTextCodePage(const Rtf2OldOptions& options)
+{
+    return options.codePage.empty() ? 1252 : std::stoi(options.codePage);
+}
+
 template <class TReader>
 void ConvertWith(TReader& reader, const ToolContext& ctx, const Rtf2OldOptions& options, CConversion& conversion)
 {
@@ -251,21 +263,16 @@ void ConvertWith(TReader& reader, const ToolContext& ctx, const Rtf2OldOptions& 
     if (!saver.dir.empty())
         reader.SetAttachmentFilter(SaveAttachment, &saver, nullptr);
 
-    if (!options.bUtf8) {
+    if (options.bRaw) {
         PullOldText(reader, options.cbBuffer, conversion,
                     [&](char* p, std::size_t cb) { conversion.Out().Write(p, cb); });
         return;
     }
-    CCodePageToUtf8 toUtf8(ResolveRtfCodePage(ctx, options.codePage, conversion.Data(), conversion.Name()));
-    std::string utf8;
-    PullOldText(reader, options.cbBuffer, conversion, [&](char* p, std::size_t cb) {
-        utf8.clear();
-        toUtf8.Convert(p, cb, utf8);
-        conversion.Out().Write(utf8);
-    });
-    utf8.clear();
-    toUtf8.Finish(utf8);
-    conversion.Out().Write(utf8);
+    // A double-byte character or a markup command may straddle two buffers:
+    // the text is decoded once it is whole.
+    std::string oldText;
+    PullOldText(reader, options.cbBuffer, conversion, [&](char* p, std::size_t cb) { oldText.append(p, cb); });
+    conversion.Out().Write(rtf_converter::OldTextToUtf8(oldText, OldTextCodePage(options)));
 }
 
 void ConvertRtfToOld(const ToolContext& ctx, const Rtf2OldOptions& options, CConversion& conversion)
@@ -287,15 +294,21 @@ void ConvertRtfToOld(const ToolContext& ctx, const Rtf2OldOptions& options, CCon
 void RegisterRtf2Old(CLI::App& app, ToolContext& ctx)
 {
     CLI::App* cmd = app.add_subcommand("rtf2old", "RTF to old-format text");
-    cmd->footer("The old-format text is written as the library produces it (8-bit, markup commands framed by\n"
-                "0x01 and 0x02, CR paragraph marks); --utf8 converts its text to UTF-8.\n"
+    cmd->footer("The old-format text (markup commands framed by 0x01 and 0x02, CR paragraph marks) is written\n"
+                "as UTF-8, its text decoded with the code page of the font command in force (--codepage,\n"
+                "default 1252, outside any font command with a character set), so that old2rtf reads it back\n"
+                "byte for byte; --raw writes the host's 8-bit bytes as the library produces them.\n"
                 "--attachments DIR saves pictures and objects as DIR/NN.png|jpg|emf|wmf|bmp|ole|bin\n"
                 "(in DIR/NAME/ for each input NAME.rtf when there are several).");
     auto options = std::make_shared<Rtf2OldOptions>();
     AddVerbosityOptions(*cmd, ctx);
     AddIoOptions(*cmd, options->io);
     AddBufferOption(*cmd, options->cbBuffer);
-    AddCodePageOption(*cmd, options->codePage);
+    CLI::Option* codePage =
+        cmd->add_option("--codepage", options->codePage,
+                        "The host's Windows code page: that of text outside font commands with a character set "
+                        "(default 1252)")
+            ->type_name("CP");
     cmd->add_option("--source", options->source, "Read the RTF through the stream reader or the pointer reader")
         ->check(CLI::IsMember({"stream", "ptr"}))
         ->default_str("stream");
@@ -303,9 +316,16 @@ void RegisterRtf2Old(CLI::App& app, ToolContext& ctx)
     cmd->add_option("--attachments", options->attachmentsDir,
                     "Save each picture or object as DIR/NN.EXT (DIR is created when missing) and put attachment "
                     "command NN in the text");
-    cmd->add_flag("--utf8", options->bUtf8, "Convert the text to UTF-8 from the document's code page");
+    CLI::Option* raw = cmd->add_flag("--raw", options->bRaw, "Write the host's 8-bit old-format text, not UTF-8");
+    cmd->add_flag("--utf8", options->bUtf8, "Write UTF-8 (the default)")->excludes(raw);
+    codePage->excludes(raw);
 
     SetCommandAction(*cmd, ctx, [&ctx, options] {
+        if (!options->codePage.empty() &&
+            (!IsCodePageNumber(options->codePage) || !rtf_converter::CCodePage::Get(std::stoi(options->codePage)))) {
+            PrintError("unknown code page: " + options->codePage + " (give a Windows code page number)");
+            return static_cast<int>(exitUsage);
+        }
         if (!CreateAttachmentsDir(options->attachmentsDir))
             return static_cast<int>(exitIoError);
         return RunConversions(ctx, options->io, ".old",
