@@ -70,6 +70,8 @@
 
 namespace rtf_converter {
 
+class CCodePage;
+
 class CRTFImport : public CBaseRTFParser {
 public:
     typedef void (*PFNCHARFILTER)(char& ch);
@@ -242,6 +244,8 @@ protected:
     char32_t m_highSurrogate = 0;
     int m_chLeadByte = -1;       // a double-byte character's first byte
     int m_nPlacedCharset = -1;   // set by a character the text's page lacks
+    int m_nTextCodePage = 0;
+    const CCodePage* m_pTextPage = nullptr;
     bool m_bInRow = false;       // StartRow written for the current row
     std::vector<OpenField> m_openFields;
     CString m_strHeld;           // output that did not fit
@@ -258,6 +262,7 @@ protected:
     void UseCharset(int charset);
     int TextCharset() const;
     int CodePageOfText() const;
+    const CCodePage* TextPage();
     void SkipUnicodeFallback();
     void SkipControlWordOfFallback();
     void ReportIgnored(const char* pszWhat, int index);

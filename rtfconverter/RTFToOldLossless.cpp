@@ -3,6 +3,8 @@
 // it keeps. With the option off none of them runs.
 #include <algorithm>
 #include <cstring>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "hostlibs/VQLogger.h"
@@ -65,6 +67,18 @@ constexpr WindowsCharset kWindowsCharsets[] = {
     {0, 1252},   {238, 1250}, {204, 1251}, {161, 1253}, {162, 1254}, {177, 1255}, {178, 1256},
     {186, 1257}, {163, 1258}, {222, 874},  {128, 932},  {134, 936},  {129, 949},  {136, 950},
 };
+
+// The pages of kWindowsCharsets, looked up once.
+const CCodePage* WindowsPage(std::size_t i)
+{
+    static const std::vector<const CCodePage*> s_pages = [] {
+        std::vector<const CCodePage*> pages;
+        for (const WindowsCharset& row : kWindowsCharsets)
+            pages.push_back(CCodePage::Get(row.codePage));
+        return pages;
+    }();
+    return s_pages[i];
+}
 
 // The code page of the bytes that follow a font command of this set.
 int CodePageOfFontCharset(int charset)
@@ -144,7 +158,7 @@ bool CRTFImport::TranslateKeyword(const char* szKeyword, int param)
 
 bool CRTFImport::TranslateLosslessKeyword(const char* szKeyword, int param, bool& bResult)
 {
-    static const std::vector<LosslessKeyword> s_rows = [] {
+    static const std::unordered_map<std::string_view, LosslessKeyword> s_rows = [] {
         std::vector<LosslessKeyword> rows = {
             {"\n", &LK::ApplyCRCommand, false},
             {"\r", &LK::ApplyCRCommand, false},
@@ -172,22 +186,17 @@ bool CRTFImport::TranslateLosslessKeyword(const char* szKeyword, int param, bool
         };
         for (const SpecialChar& special : kSpecialChars)
             rows.push_back({special.szKeyword, &LK::InsertUnicodeSpecial, false});
-        std::sort(rows.begin(), rows.end(), [](const LosslessKeyword& a, const LosslessKeyword& b) {
-            return std::strcmp(a.szKeyword, b.szKeyword) < 0;
-        });
-        return rows;
+        std::unordered_map<std::string_view, LosslessKeyword> index;
+        for (const LosslessKeyword& row : rows)
+            index.emplace(row.szKeyword, row);
+        return index;
     }();
 
-    const auto it = std::lower_bound(s_rows.begin(), s_rows.end(), szKeyword,
-                                     [](const LosslessKeyword& row, const char* psz) {
-                                         return std::strcmp(row.szKeyword, psz) < 0;
-                                     });
-    if (it == s_rows.end() || std::strcmp(it->szKeyword, szKeyword) != 0)
-        return false;
-    if (m_rds == rdsSkip && !it->bInSkipped)
+    const auto it = s_rows.find(szKeyword);
+    if (it == s_rows.end() || (m_rds == rdsSkip && !it->second.bInSkipped))
         return false;
     m_bOptionalDest = false;
-    bResult = (this->*it->pfnHandler)(szKeyword, param);
+    bResult = (this->*it->second.pfnHandler)(szKeyword, param);
     return true;
 }
 
@@ -327,6 +336,17 @@ int CRTFImport::CodePageOfText() const
     return pRow ? pRow->codePage : m_nDocCodePage;
 }
 
+// The page of the text's bytes, kept until the text's code page changes.
+const CCodePage* CRTFImport::TextPage()
+{
+    const int codePage = CodePageOfText();
+    if (codePage != m_nTextCodePage) {
+        m_nTextCodePage = codePage;
+        m_pTextPage = CCodePage::Get(codePage);
+    }
+    return m_pTextPage;
+}
+
 void CRTFImport::UseCharset(int charset)
 {
     if (m_fontCmd.GetCharset() == charset)
@@ -351,10 +371,11 @@ bool CRTFImport::InTextDestination() const
 }
 
 // ASCII reads the same in every text character set: after a character placed
-// in another set it stays there, which saves a font command per space.
+// in another set it stays there, which saves a font command per space. The
+// set is looked at only after a change of formatting.
 bool CRTFImport::AppendAscii(char ch)
 {
-    if (m_nPlacedCharset < 0 || m_fontCmd.GetCharset() != m_nPlacedCharset) {
+    if (m_bFontChanged && (m_nPlacedCharset < 0 || m_fontCmd.GetCharset() != m_nPlacedCharset)) {
         const int charset = TextCharset();
         UseCharset(charset >= 0 ? charset : kAnsiCharset);
         m_nPlacedCharset = -1;
@@ -378,7 +399,7 @@ bool CRTFImport::AppendTextKeepingCharset(char ch)
     if (b < 0x80)
         return AppendAscii(ch);
     const int charset = TextCharset();
-    const CCodePage* pPage = CCodePage::Get(CodePageOfText());
+    const CCodePage* pPage = TextPage();
     if (charset >= 0) {
         m_nPlacedCharset = -1;
         UseCharset(charset);
@@ -432,13 +453,13 @@ bool CRTFImport::AppendUnicode(char32_t cp)
             return AppendInCharset(bytes, cb, textCharset);
         }
     }
-    for (const WindowsCharset& row : kWindowsCharsets) {
-        const CCodePage* pPage = CCodePage::Get(row.codePage);
+    for (std::size_t i = 0; i < sizeof kWindowsCharsets / sizeof kWindowsCharsets[0]; ++i) {
+        const CCodePage* pPage = WindowsPage(i);
         const int cb = pPage && cp != kReplacement ? pPage->Encode(cp, bytes) : 0;
         if (cb > 0) {
-            if (!AppendInCharset(bytes, cb, row.charset))
+            if (!AppendInCharset(bytes, cb, kWindowsCharsets[i].charset))
                 return false;
-            m_nPlacedCharset = row.charset;
+            m_nPlacedCharset = kWindowsCharsets[i].charset;
             return true;
         }
     }

@@ -364,3 +364,33 @@ TEST(RtfToOldLossless, CorpusReadsWithoutExceptions)
     closedir(pDir);
     EXPECT_GT(cFiles, 100);
 }
+
+// Documents made of the words the lossless reading adds, the words that raise
+// in the specified one, and broken pieces: nothing leaves Read and every
+// document ends.
+TEST(RtfToOldLossless, MalformedInputNeitherThrowsNorStalls)
+{
+    const char* const tokens[] = {
+        "{", "}", "{", "}", "x", " ", "\\'", "\\'e", "\\'82", "\\'a0", "\\u", "\\u-1", "\\u55357", "\\u56832 ",
+        "\\uc5 ", "\\uc-3 ", "\\uc", "\\bin", "\\bin2 ", "\\bin-4 ", "\\*\\foo ", "\\field", "{\\*\\fldinst HYPERLINK \"a.b\"}",
+        "\\fldrslt ", "\\fldinst ", "\\cf-1 ", "\\cb99 ", "\\red7 ", "{\\colortbl;", "{\\fonttbl ", "\\f0 ", "\\f-2 ",
+        "\\fcharset78 ", "\\fcharset128 ", "\\ansicpg932 ", "\\ansicpg0 ", "\\pc ", "\\mac ", "\\deff0 ", "\\plain ",
+        "\\nestcell ", "\\nestrow ", "\\nonesttables ", "\\trowd ", "\\intbl ", "\\row ", "\\cell ", "\\super ",
+        "\\sub ", "\\nosupersub ", "\\~", "\\_", "\\-", "\\endash ", "\\\n", "\\\r", "\\pict ", "\\pngblip ", "41",
+        "\\par ", "\\pntext ", "{\\*\\pn\\pnlvlblt}",
+    };
+    unsigned seed = 12345;
+    auto next = [&seed] { return seed = seed * 1103515245u + 12345u, (seed >> 16) & 0x7FFF; };
+    for (int doc = 0; doc < 1500; ++doc) {
+        std::string rtf = "{\\rtf1 ";
+        for (int n = 0; n < 40; ++n)
+            rtf += tokens[next() % (sizeof tokens / sizeof tokens[0])];
+        for (ImportSource source : {ImportSource::Ptr, ImportSource::Stream}) {
+            ImportOptions options = Lossless(true, source);
+            options.cbBuffer = 16;
+            rtfconv_test::ImportResult result;
+            EXPECT_NO_THROW(result = PullOldText(rtf, options)) << rtf;
+            EXPECT_FALSE(result.bStalled) << rtf;
+        }
+    }
+}
