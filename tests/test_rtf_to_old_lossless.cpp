@@ -167,6 +167,7 @@ TEST(RtfToOldLossless, UnicodeAndCharacterSets)
         {"\\fcharset256 is the document's", "{\\rtf1\\ansicpg1253{\\fonttbl{\\f0\\fcharset256 A;}}\\f0 \\'e1}",
          Cmd("F---:A") + "\xE1", Cmd("F---\xC6:A") + "\xE1"},
         {"\\pc text converted from code page 437", "{\\rtf1\\pc \\'82}", "\x82", Cmd("F---\xC0:-") + "\xE9"},
+        {"\\pca text converted from code page 850", "{\\rtf1\\pca \\'9b}", "\x9B", Cmd("F---\xC0:-") + "\xF8"},
         {"\\mac text in MAC_CHARSET", "{\\rtf1\\mac \\'8e}", "\x8E", Cmd("F---\xC8:-") + "\x8E"},
         {"text outside any \\f is in the default font", "{\\rtf1\\deff0{\\fonttbl{\\f0\\fcharset204 Arial;}}\\'cf}",
          "\xCF", Cmd("F---\xCA:Arial") + "\xCF"},
