@@ -297,7 +297,8 @@ bool CRTFImport::Append(const CString& s)
 // Characters
 // ============================================================================
 
-bool CRTFImport::ParseChar(char ch)
+// The destinations whose characters are text of the document.
+bool CRTFImport::InTextDestination() const
 {
     switch (m_rds) {
     case rdsNorm:
@@ -306,6 +307,15 @@ bool CRTFImport::ParseChar(char ch)
     case rdsPNCommand:
     case rdsPNTextBefore:
     case rdsPNTextAfter:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool CRTFImport::ParseChar(char ch)
+{
+    if (InTextDestination()) {
         if (m_bSkipNextChar) {
             m_bSkipNextChar = false;
             return true;
@@ -317,6 +327,8 @@ bool CRTFImport::ParseChar(char ch)
             return false;
         }
         return true;
+    }
+    switch (m_rds) {
     case rdsFieldInst:
         m_strFieldInst += ch;
         return true;

@@ -258,7 +258,6 @@ protected:
     bool AppendInCharset(const unsigned char* pb, int cb, int charset);
     bool AppendTwoByteCharacter(const unsigned char pb[2]);
     bool AppendAscii(char ch);
-    bool InTextDestination() const;
     void UseCharset(int charset);
     int TextCharset() const;
     int CodePageOfText() const;
@@ -298,6 +297,7 @@ private:
     bool AppendOwedCommands();
     // Sends s to the redirect string or the sink.
     bool Emit(const CString& s);
+    bool InTextDestination() const;
     bool InNumberingDestination() const
     {
         return m_rds == rdsPNCommand || m_rds == rdsPNTextBefore || m_rds == rdsPNTextAfter;

@@ -355,21 +355,6 @@ void CRTFImport::UseCharset(int charset)
     m_bFontChanged = true;
 }
 
-bool CRTFImport::InTextDestination() const
-{
-    switch (m_rds) {
-    case rdsNorm:
-    case rdsField:
-    case rdsHyperlink:
-    case rdsPNCommand:
-    case rdsPNTextBefore:
-    case rdsPNTextAfter:
-        return true;
-    default:
-        return false;
-    }
-}
-
 // ASCII reads the same in every text character set: after a character placed
 // in another set it stays there, which saves a font command per space. The
 // set is looked at only after a change of formatting.
