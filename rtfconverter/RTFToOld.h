@@ -85,7 +85,7 @@ public:
     // Table rows and cells as table tag commands instead of paragraph marks
     // and tabs. May be called before or between Read calls.
     void SetPasteWithTableTags(bool bTags) { m_bPasteWithTableTags = bTags; }
-    // Keeps what the specified conversion loses (see above). Set it before the
+    // Keeps what the exact conversion loses (see above). Set it before the
     // first Read.
     void SetLossless(bool bLossless) { m_bLossless = bLossless; }
     [[nodiscard]] bool IsLossless() const { return m_bLossless; }

@@ -1,5 +1,5 @@
 // The lossless reading of CRTFImport (SetLossless): each function here is
-// the one point where a behaviour leaves the specified path, named for what
+// the one point where a behaviour leaves the exact path, named for what
 // it keeps. With the option off none of them runs.
 #include <algorithm>
 #include <cstring>
@@ -133,7 +133,7 @@ CString HyperlinkTarget(const CString& inst)
 } // namespace
 
 // ============================================================================
-// Keywords the specified table does not know, or reads otherwise
+// Keywords the core's table does not know, or reads otherwise
 // ============================================================================
 
 struct CRTFImport::LosslessKeyword {

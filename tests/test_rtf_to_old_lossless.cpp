@@ -1,5 +1,5 @@
 // RTF to old-format text with SetLossless(true), each case beside the
-// specified bytes it replaces: what the specified conversion loses is kept.
+// exact bytes it replaces: what the exact conversion loses is kept.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -108,7 +108,7 @@ TEST(RtfToOldLossless, HyperlinksThatDoNotFitAreHeldForTheNextBuffer)
     for (std::size_t cb : sizes)
         EXPECT_EQ(HyperlinkCommands(PullFixed(rtf, cb, true)), all) << "buffer " << cb;
 
-    // The specified conversion drops what does not fit.
+    // The exact conversion drops what does not fit.
     EXPECT_LT(HyperlinkCommands(PullFixed(rtf, 200, false)).size(), 300u);
     EXPECT_LT(HyperlinkCommands(PullFixed(rtf, 4096, false)).size(), 300u);
     EXPECT_EQ(HyperlinkCommands(PullFixed(rtf, 65536, false)).size(), 300u);
@@ -367,7 +367,7 @@ TEST(RtfToOldLossless, CorpusReadsWithoutExceptions)
 }
 
 // Documents made of the words the lossless reading adds, the words that raise
-// in the specified one, and broken pieces: nothing leaves Read and every
+// in the exact one, and broken pieces: nothing leaves Read and every
 // document ends.
 TEST(RtfToOldLossless, MalformedInputNeitherThrowsNorStalls)
 {

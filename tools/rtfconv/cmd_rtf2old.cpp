@@ -34,7 +34,7 @@ struct Rtf2OldOptions {
     std::size_t cbBuffer = kDefaultReadBuffer;
     std::string source = "stream";
     bool bTableTags = false;
-    bool bExact = false;  // the specified bytes, losses included
+    bool bExact = false;  // the exact bytes, losses included
     std::string attachmentsDir;
     bool bUtf8 = false;
     std::string codePage;
@@ -314,7 +314,7 @@ void RegisterRtf2Old(CLI::App& app, ToolContext& ctx)
         ->default_str("stream");
     cmd->add_flag("--table-tags", options->bTableTags, "Mark table rows and cells with table tag commands");
     cmd->add_flag("--exact", options->bExact,
-                  "Write the specified bytes, losses included: drop hyperlinks that do not fit the buffer, "
+                  "Write the exact bytes, losses included: drop hyperlinks that do not fit the buffer, "
                   "ignore \\u and \\ansicpg, stop at bad table indexes");
     cmd->add_option("--attachments", options->attachmentsDir,
                     "Save each picture or object as DIR/NN.EXT (DIR is created when missing) and put attachment "
