@@ -64,9 +64,9 @@ std::string Hyperlink(const std::string& text, const std::string& target)
 
 // Pulls with buffers of exactly cb bytes, never grown, as a host with a fixed
 // buffer does.
-std::string PullFixed(const std::string& rtf, std::size_t cb, bool bLossless)
+template <class TReader>
+std::string PullFixedFrom(TReader& reader, std::size_t cb, bool bLossless)
 {
-    CRTFPtrImport reader(rtf.c_str());
     reader.SetLossless(bLossless);
     std::vector<char> buf(cb);
     std::string out;
@@ -77,6 +77,18 @@ std::string PullFixed(const std::string& rtf, std::size_t cb, bool bLossless)
     }
     EXPECT_FALSE(bMore) << "no end with a buffer of " << cb;
     return out;
+}
+
+std::string PullFixed(const std::string& rtf, std::size_t cb, bool bLossless,
+                      ImportSource source = ImportSource::Ptr)
+{
+    if (source == ImportSource::Ptr) {
+        CRTFPtrImport reader(rtf.c_str());
+        return PullFixedFrom(reader, cb, bLossless);
+    }
+    rtfconv_test::CTestReadStream stream(rtf);
+    CRTFStreamImport reader(&stream);
+    return PullFixedFrom(reader, cb, bLossless);
 }
 
 std::vector<std::string> HyperlinkCommands(const std::string& old)
@@ -105,8 +117,10 @@ TEST(RtfToOldLossless, HyperlinksThatDoNotFitAreHeldForTheNextBuffer)
     for (std::size_t cb = 128; cb <= 65536; cb *= 2)
         sizes.push_back(cb);
     sizes.push_back(200);
-    for (std::size_t cb : sizes)
+    for (std::size_t cb : sizes) {
         EXPECT_EQ(HyperlinkCommands(PullFixed(rtf, cb, true)), all) << "buffer " << cb;
+        EXPECT_EQ(HyperlinkCommands(PullFixed(rtf, cb, true, ImportSource::Stream)), all) << "stream, buffer " << cb;
+    }
 
     // The exact conversion drops what does not fit.
     EXPECT_LT(HyperlinkCommands(PullFixed(rtf, 200, false)).size(), 300u);
