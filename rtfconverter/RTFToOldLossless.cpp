@@ -201,13 +201,15 @@ bool CRTFImport::TranslateLosslessKeyword(const char* szKeyword, int param, bool
 }
 
 // The raw bytes of \binN would otherwise be read as RTF, and a brace among
-// them ends the skipped group early.
+// them ends the skipped group early. A \bin without a count holds no bytes
+// (not all the rest of the input).
 bool CRTFImport::SkipBinaryEvenWhenSkipping(const void* pKeyword, int param)
 {
+    const int cb = param == noParam ? 0 : param;
     if (m_rds != rdsSkip)
-        return GetBinary(pKeyword, param);
-    if (param > 0)
-        Get(param, nullptr);
+        return GetBinary(pKeyword, cb);
+    if (cb > 0)
+        Get(cb, nullptr);
     return true;
 }
 
