@@ -534,7 +534,6 @@ bool CRTFImport::FillFontFamily(const void* pKeyword, int)
             break;
         }
     }
-    // Before the first \f of the table this is index -1, which raises.
     if (FontTableStruct* pEntry = FontEntryBeingDefined())
         pEntry->FontFamily = family;
     return true;

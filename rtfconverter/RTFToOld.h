@@ -35,8 +35,8 @@
 //
 // Framework exceptions leave Read: an invalid-argument exception for a colour
 // or font table entry at index -1 (a negative \cf, \red before \colortbl, a
-// font family before the first \f), an OLE exception when an attachment
-// stream fails.
+// font family before the first \f; not in the lossless reading), an OLE
+// exception when an attachment stream fails.
 //
 // SetLossless(true) keeps what the behaviour above loses (off by default, so
 // that the bytes stay those hosts rely on):

@@ -546,6 +546,9 @@ void CRTFImport::ReportIgnored(const char* pszWhat, int index)
     VQTRACE("RTFToOld: %s %d does not exist; ignored\n", pszWhat, index);
 }
 
+// The entry that \fcharset, a family word or a face name character fills.
+// Before the first \f of the table this is index -1, which raises unless the
+// reading is lossless.
 CRTFImport::FontTableStruct* CRTFImport::FontEntryBeingDefined()
 {
     if (m_bLossless && (m_nLastFont < 0 || m_nLastFont >= m_FontTable.GetSize())) {
@@ -555,6 +558,7 @@ CRTFImport::FontTableStruct* CRTFImport::FontEntryBeingDefined()
     return &m_FontTable[m_nLastFont];
 }
 
+// The entry \red, \green and \blue fill: index -1 before any \colortbl.
 CRTFImport::RTFCOLOR* CRTFImport::ColorEntryBeingDefined()
 {
     const int index = m_nColorEntries - 1;
