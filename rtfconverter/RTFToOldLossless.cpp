@@ -39,7 +39,7 @@ struct RtfCharset {
     int codePage;
 };
 constexpr RtfCharset kRtfCharsets[] = {
-    {2, 2, CCodePage::symbol},
+    {0, 0, 1252},     {2, 2, CCodePage::symbol},
     {77, 77, 10000},  {78, 128, 932},   {79, 129, 949},   {80, 134, 936},  {81, 136, 950},
     {82, 130, 1361},  {83, -1, 10005},  {84, -1, 10004},  {85, -1, 10006}, {86, -1, 10081},
     {87, -1, 10021},  {88, -1, 10029},  {89, -1, 10007},  {128, 128, 932}, {129, 129, 949},
@@ -319,16 +319,16 @@ void CRTFImport::ApplyDefaultFontKeepingCharset()
 }
 
 // The font command's character set that carries the bytes of the current
-// text as they are; -1 when none does and they are converted. ANSI and
-// default fonts write in the document's page; in a 1252 document they keep
-// the set the font named.
+// text as they are; -1 when none does and they are converted. A font with no
+// character set of its own (default, or one RTF does not define) writes in
+// the document's page, which in a 1252 document stays the default set.
 int CRTFImport::TextCharset() const
 {
     const RtfCharset* pRow = FindRtfCharset(m_nFontCharset);
     if (pRow)
         return pRow->fontCharset;
     if (m_nDocCodePage == 1252)
-        return m_nFontCharset == kAnsiCharset ? kAnsiCharset : kDefaultCharset;
+        return kDefaultCharset;
     return WindowsCharsetOfCodePage(m_nDocCodePage);
 }
 
