@@ -149,6 +149,8 @@ bool CRTFImport::PushRtfState()
     }
     pSave->m_layoutCmd = m_layoutCmd;
     pSave->m_fontCmd = m_fontCmd;
+    pSave->m_nFontCharset = m_nFontCharset;
+    pSave->m_nUnicodeSkip = m_nUnicodeSkip;
     return true;
 }
 
@@ -161,6 +163,8 @@ bool CRTFImport::PopRtfState()
         m_layoutCmd = pSave->m_layoutCmd;
         m_fontCmd = pSave->m_fontCmd;
         m_bFontChanged = true;
+        m_nFontCharset = pSave->m_nFontCharset;
+        m_nUnicodeSkip = pSave->m_nUnicodeSkip;
     }
     return CBaseRTFParser::PopRtfState();
 }
@@ -170,6 +174,9 @@ bool CRTFImport::PopRtfState()
 // that was recorded as sent but did not fit into the previous buffer.
 bool CRTFImport::InitBuffer()
 {
+    // Only the lossless reading holds output back; it goes out first.
+    if (!m_strHeld.IsEmpty() && !WriteHeldOutput())
+        return false;
     if (!Put(m_layoutCmd.GetCmd()))
         return false;
     if (!Put(m_fontCmd.GetCmd()))
@@ -182,7 +189,16 @@ bool CRTFImport::InitBuffer()
 
 int CRTFImport::Read(bool& bMore)
 {
+    // Output held at the end of the input is all that is left to write.
+    if (m_bInputEnded) {
+        bMore = !WriteHeldOutput();
+        return GetCBWritten();
+    }
     Parse(bMore);
+    if (!bMore && !m_strHeld.IsEmpty()) {
+        m_bInputEnded = true;
+        bMore = true;
+    }
     return GetCBWritten();
 }
 
@@ -192,8 +208,8 @@ int CRTFImport::Read(bool& bMore)
 
 bool CRTFImport::Emit(const CString& s)
 {
-    if (m_pRedirect) {
-        *m_pRedirect += s;
+    if (m_pRedirectCommands) {
+        *m_pRedirectCommands += s;
         return true;
     }
     return Put(s);
@@ -281,7 +297,8 @@ bool CRTFImport::Append(const CString& s)
 // Characters
 // ============================================================================
 
-bool CRTFImport::ParseChar(char ch)
+// The destinations whose characters are text of the document.
+bool CRTFImport::InTextDestination() const
 {
     switch (m_rds) {
     case rdsNorm:
@@ -290,17 +307,28 @@ bool CRTFImport::ParseChar(char ch)
     case rdsPNCommand:
     case rdsPNTextBefore:
     case rdsPNTextAfter:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool CRTFImport::ParseChar(char ch)
+{
+    if (InTextDestination()) {
         if (m_bSkipNextChar) {
             m_bSkipNextChar = false;
             return true;
         }
         if (m_pfnFilter)
             m_pfnFilter(ch);
-        if (!Append(ch)) {
+        if (!(m_bLossless ? AppendTextKeepingCharset(ch) : Append(ch))) {
             Backtrack(1);
             return false;
         }
         return true;
+    }
+    switch (m_rds) {
     case rdsFieldInst:
         m_strFieldInst += ch;
         return true;
@@ -410,6 +438,10 @@ const CRTFImport::RTFCOLOR* CRTFImport::ColorEntry(int param)
         VQASSERT(idxColor < m_nColorEntries);
         return nullptr;
     }
+    if (m_bLossless && (idxColor < 0 || idxColor >= m_ColorTable.GetSize())) {
+        ReportIgnored("colour table entry", idxColor);
+        return nullptr;
+    }
     return &m_ColorTable[idxColor];
 }
 
@@ -502,15 +534,16 @@ bool CRTFImport::FillFontFamily(const void* pKeyword, int)
             break;
         }
     }
-    // Before the first \f of the table this is index -1, which raises.
-    m_FontTable[m_nLastFont].FontFamily = family;
+    if (FontTableStruct* pEntry = FontEntryBeingDefined())
+        pEntry->FontFamily = family;
     return true;
 }
 
 bool CRTFImport::FillFontCharset(const void*, int param)
 {
     VQASSERT(m_rds == rdsFontTable);
-    m_FontTable[m_nLastFont].FontCharset = param;
+    if (FontTableStruct* pEntry = FontEntryBeingDefined())
+        pEntry->FontCharset = param;
     return true;
 }
 
@@ -518,7 +551,8 @@ void CRTFImport::FillFontName(char ch)
 {
     if (ch == ';')
         return;
-    m_FontTable[m_nLastFont].FontName += ch;
+    if (FontTableStruct* pEntry = FontEntryBeingDefined())
+        pEntry->FontName += ch;
 }
 
 bool CRTFImport::GetDefaultFontNum(const void*, int param)
@@ -546,7 +580,10 @@ void CRTFImport::AddAutomaticColorEntry()
 
 bool CRTFImport::FillColorTable(const void* pKeyword, int param)
 {
-    RTFCOLOR& color = m_ColorTable[m_nColorEntries - 1];
+    RTFCOLOR* pColor = ColorEntryBeingDefined();
+    if (!pColor)
+        return true;
+    RTFCOLOR& color = *pColor;
     const BYTE value = static_cast<BYTE>(param & 0xFF);
     if (KeywordIs(pKeyword, "red"))
         color.red = value;
@@ -661,14 +698,16 @@ bool CRTFImport::FieldResult(const void*, int)
         return true;
     }
     m_rds = rdsHyperlink;
-    m_pRedirect = &m_strFieldResult;
+    m_pRedirect = m_pRedirectCommands = &m_strFieldResult;
     return true;
 }
 
 bool CRTFImport::EndGroupAction(RDS rdsOld, RDS rdsNew)
 {
     CBaseRTFParser::EndGroupAction(rdsOld, rdsNew);
-    if (rdsOld == rdsField && rdsNew != rdsField)
+    if (m_bLossless)
+        EndGroupKeepingFieldsAndFonts(rdsOld, rdsNew);
+    else if (rdsOld == rdsField && rdsNew != rdsField)
         EndField();
     if ((rdsOld == rdsPicture || rdsOld == rdsObject) && m_attachmentInfo.pStm && m_pBuffer)
         EndAttachment(rdsOld);
@@ -677,7 +716,7 @@ bool CRTFImport::EndGroupAction(RDS rdsOld, RDS rdsNew)
 
 void CRTFImport::EndField()
 {
-    m_pRedirect = nullptr;
+    m_pRedirect = m_pRedirectCommands = nullptr;
     if (m_strFieldInst.IsEmpty() || m_strFieldInst.Left(cchHyperlinkPrefix) != szHyperlinkPrefix) {
         // Empty for ordinary fields; for an instruction such as "HYPERLINKx"
         // the collected display text goes out as it is.
@@ -944,7 +983,7 @@ void CRTFImport::EndAttachment(RDS rdsOld)
         if (m_pfnAttachmentFilter(m_attachmentInfo, text, m_pFilterParam1, m_pFilterParam2)) {
             // Straight to the sink: no owed command precedes it and no
             // redirection applies. Text that does not fit is lost.
-            if (Put(text) && rdsOld == rdsObject)
+            if (PutOrHold(text) && rdsOld == rdsObject)
                 m_bObjectInserted = TRUE;
         }
     }
@@ -1048,10 +1087,10 @@ bool CRTFImport::AppendNumberingCommand()
         VQASSERT(bOk);
         return false;
     }
-    if (m_pRedirect) {
+    if (m_pRedirectCommands) {
         // Through the command's text conversion, which reports an invalid
         // command.
-        *m_pRedirect += static_cast<const char*>(cmd);
+        *m_pRedirectCommands += static_cast<const char*>(cmd);
         return true;
     }
     return Put(cmd.GetCmd());

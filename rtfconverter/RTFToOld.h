@@ -35,12 +35,32 @@
 //
 // Framework exceptions leave Read: an invalid-argument exception for a colour
 // or font table entry at index -1 (a negative \cf, \red before \colortbl, a
-// font family before the first \f), an OLE exception when an attachment
-// stream fails.
+// font family before the first \f; not in the lossless reading), an OLE
+// exception when an attachment stream fails.
+//
+// SetLossless(true) keeps what the behaviour above loses (off by default, so
+// that the bytes stay those hosts rely on):
+//   - a hyperlink or attachment command that does not fit the room left in the
+//     buffer is held and written at the start of the next Read (in pieces,
+//     when a whole buffer cannot take it);
+//   - bad colour and font table indexes are traced and ignored, never raised;
+//   - \uN (with \ucN), \ansicpg, \mac, \pc, \pca and every \fcharset decide
+//     the character set of the font command; a character the text's code page
+//     cannot hold goes out in a font command whose character set can, and only
+//     characters no Windows code page holds become '?'
+//     (GetUnrepresentableCount);
+//   - a hyperlink's display text holds characters only, links to bookmarks keep
+//     their text and nested fields each keep their own;
+//   - \bin in skipped groups, \nestcell, \nestrow, {\nonesttables}, \nosupersub,
+//     \sub and \super ending each other, \~ \- \_ \endash \emdash \bullet
+//     \ldblquote \rdblquote, and a backslash before CR or LF (a paragraph mark)
+//     are read as word processors read them;
+//   - with table tags, each row gets one StartRow tag.
 #pragma once
 #include "rtfconverter/Export.h"
 
 #include <cstddef>
+#include <vector>
 
 #include "platform/AfxColl.h"
 #include "platform/AfxString.h"
@@ -50,6 +70,8 @@
 #include "rtfconverter/DocCmd.h"
 
 namespace rtf_converter {
+
+class CCodePage;
 
 class RTFCONV_API CRTFImport : public CBaseRTFParser {
 public:
@@ -64,6 +86,13 @@ public:
     // Table rows and cells as table tag commands instead of paragraph marks
     // and tabs. May be called before or between Read calls.
     void SetPasteWithTableTags(bool bTags) { m_bPasteWithTableTags = bTags; }
+    // Keeps what the exact conversion loses (see above). Set it before the
+    // first Read.
+    void SetLossless(bool bLossless) { m_bLossless = bLossless; }
+    [[nodiscard]] bool IsLossless() const { return m_bLossless; }
+    // Lossless only: characters that no Windows code page holds and that were
+    // written as '?'.
+    [[nodiscard]] long GetUnrepresentableCount() const { return m_cUnrepresentable; }
 
     // One font table entry.
     struct FontTableStruct {
@@ -98,6 +127,9 @@ protected:
     public:
         CLayoutCmd m_layoutCmd;
         CFontCmd m_fontCmd;
+        // Used by the lossless reading only.
+        int m_nFontCharset = 1;
+        int m_nUnicodeSkip = 1;
     };
 
     // --- the reader core's virtual operations
@@ -106,6 +138,7 @@ protected:
     bool PopRtfState() override;
     bool InitBuffer() override;
     bool ParseChar(char ch) override;
+    bool TranslateKeyword(const char* szKeyword, int param) override;
     bool EndGroupAction(RDS rdsOld, RDS rdsNew) override;
     bool FillFontFamily(const void* pKeyword, int param) override;
     bool FillFontCharset(const void* pKeyword, int param) override;
@@ -146,6 +179,9 @@ protected:
     virtual bool Put(const CString& s) = 0;
     virtual long Get(int n, unsigned char* pDest) = 0;
     virtual int GetCBWritten() const = 0;
+    // Refuses every further put until the next Read: what comes after output
+    // that is held must not overtake it.
+    virtual void CloseBuffer() = 0;
     using CBaseRTFParser::Get;
 
     // The single path of text characters to the output, with the layout,
@@ -189,6 +225,72 @@ protected:
     int m_nBufferPos = 0;
     BOOL m_bObjectInserted = FALSE;
     bool m_bPasteWithTableTags = false;
+    // Where commands go while a hyperlink's display text is collected; the
+    // characters go to m_pRedirect.
+    CString* m_pRedirectCommands = nullptr;
+
+    // --- the lossless reading (RTFToOldLossless.cpp)
+    struct LosslessKeyword;
+    struct OpenField {
+        CString outerInst;      // the enclosing field's instruction
+        int resultStart = 0;    // where this field's display text begins
+        bool bOuterCollects = false;
+        int depth = 0;          // group depth of the field's group
+    };
+    bool m_bLossless = false;
+    long m_cUnrepresentable = 0;
+    int m_nDocCodePage = 1252;   // \ansicpg, \mac, \pc, \pca
+    int m_nFontCharset = 1;      // \fcharset of the current font
+    int m_nUnicodeSkip = 1;      // \ucN
+    char32_t m_highSurrogate = 0;
+    int m_chLeadByte = -1;       // a double-byte character's first byte
+    int m_nPlacedCharset = -1;   // set by a character the text's page lacks
+    int m_nTextCodePage = 0;
+    const CCodePage* m_pTextPage = nullptr;
+    bool m_bInRow = false;       // StartRow written for the current row
+    std::vector<OpenField> m_openFields;
+    CString m_strHeld;           // output that did not fit
+    bool m_bHeldSplit = false;   // part of m_strHeld has been written
+    bool m_bInputEnded = false;  // parsing ended with output still held
+
+    bool TranslateLosslessKeyword(const char* szKeyword, int param, bool& bResult);
+    bool AppendTextKeepingCharset(char ch);
+    bool AppendUnicode(char32_t cp);
+    bool AppendInCharset(const unsigned char* pb, int cb, int charset);
+    bool AppendTwoByteCharacter(const unsigned char pb[2]);
+    bool AppendAscii(char ch);
+    void UseCharset(int charset);
+    int TextCharset() const;
+    int CodePageOfText() const;
+    const CCodePage* TextPage();
+    void SkipUnicodeFallback();
+    void SkipControlWordOfFallback();
+    void ReportIgnored(const char* pszWhat, int index);
+    FontTableStruct* FontEntryBeingDefined();
+    RTFCOLOR* ColorEntryBeingDefined();
+    void ApplyDefaultFontKeepingCharset();
+    void OpenFieldKeepingOuter();
+    void EndGroupKeepingFieldsAndFonts(RDS rdsOld, RDS rdsNew);
+    void EndFieldsClosedHere();
+    void EndFieldKeepingItsText(const OpenField& field);
+    void AppendOrHold(const CString& s);
+    bool PutOrHold(const CString& s);
+    void HoldOutput(const CString& s);
+    bool WriteHeldOutput();
+    // Lossless keyword handlers.
+    bool ReadUnicodeChar(const void* pKeyword, int param);
+    bool SetUnicodeSkip(const void* pKeyword, int param);
+    bool SetDocumentCodePage(const void* pKeyword, int param);
+    bool InsertUnicodeSpecial(const void* pKeyword, int param);
+    bool SwitchSuperSub(const void* pKeyword, int param);
+    bool SkipBinaryEvenWhenSkipping(const void* pKeyword, int param);
+    bool ApplyStartRowOnce(const void* pKeyword, int param);
+    bool ApplyEndRowOfRow(const void* pKeyword, int param);
+    bool FieldInitKeepingOuter(const void* pKeyword, int param);
+    bool FieldResultKeepingMarkupOut(const void* pKeyword, int param);
+    bool GetFontNumKeepingCharset(const void* pKeyword, int param);
+    bool ApplyPlainKeepingCharset(const void* pKeyword, int param);
+    bool IgnoreDestination(const void* pKeyword, int param);
 
 private:
     // Steps shared by both Append operations: the paragraph-start commands,
@@ -196,6 +298,7 @@ private:
     bool AppendOwedCommands();
     // Sends s to the redirect string or the sink.
     bool Emit(const CString& s);
+    bool InTextDestination() const;
     bool InNumberingDestination() const
     {
         return m_rds == rdsPNCommand || m_rds == rdsPNTextBefore || m_rds == rdsPNTextAfter;
@@ -224,6 +327,7 @@ protected:
     bool Put(char ch) override;
     bool Put(const CString& s) override;
     int GetCBWritten() const override;
+    void CloseBuffer() override { m_pEnd = m_pCur; }
 
     char* m_pBegin = nullptr;
     char* m_pEnd = nullptr;

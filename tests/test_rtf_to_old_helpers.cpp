@@ -75,6 +75,7 @@ template <class TReader>
 ImportResult PullWith(TReader& reader, const ImportOptions& options)
 {
     reader.SetPasteWithTableTags(options.bTableTags);
+    reader.SetLossless(options.bLossless);
     if (options.pAttachments)
         reader.SetAttachmentFilter(RecordingAttachmentFilter, options.pAttachments, nullptr);
     if (options.pfnCharFilter)
@@ -100,6 +101,7 @@ ImportResult PullWith(TReader& reader, const ImportOptions& options)
         }
         cbConsumedBefore = cbConsumed;
     }
+    result.cUnrepresentable = reader.GetUnrepresentableCount();
     return result;
 }
 

@@ -37,6 +37,7 @@ struct ImportOptions {
     bool bTableTags = false;
     AttachmentLog* pAttachments = nullptr;
     void (*pfnCharFilter)(char&) = nullptr;
+    bool bLossless = false;
 };
 
 struct ImportResult {
@@ -44,6 +45,7 @@ struct ImportResult {
     std::vector<std::string> buffers;  // the bytes of each Read
     int cGrowths = 0;       // buffers doubled because what was due did not fit
     bool bStalled = false;  // no progress even with a 16 MiB buffer
+    long cUnrepresentable = 0;  // lossless: characters written as '?'
 };
 
 // Pulls with buffers of options.cbBuffer bytes, doubled (as the command-line

@@ -37,6 +37,7 @@ struct Rtf2OldOptions {
     std::size_t cbBuffer = kDefaultReadBuffer;
     std::string source = "stream";
     bool bTableTags = false;
+    bool bExact = false;  // the exact bytes, losses included
     std::string attachmentsDir;
     bool bUtf8 = false;
     bool bRaw = false;
@@ -255,10 +256,20 @@ int OldTextCodePage(const Rtf2OldOptions& options)
     return options.codePage.empty() ? 1252 : std::stoi(options.codePage);
 }
 
+// Tells, once per input, how many characters no Windows code page holds and
+// so became '?'.
+void WarnOfUnrepresentable(const ToolContext& ctx, const CConversion& conversion, long count)
+{
+    if (count > 0)
+        PrintWarning(ctx, conversion.Name() + ": " + std::to_string(count) +
+                              (count == 1 ? " character" : " characters") + " that no Windows code page holds became '?'");
+}
+
 template <class TReader>
 void ConvertWith(TReader& reader, const ToolContext& ctx, const Rtf2OldOptions& options, CConversion& conversion)
 {
     reader.SetPasteWithTableTags(options.bTableTags);
+    reader.SetLossless(!options.bExact);
     AttachmentSaver saver{&ctx, AttachmentsDirFor(options, conversion.Name())};
     if (!saver.dir.empty())
         reader.SetAttachmentFilter(SaveAttachment, &saver, nullptr);
@@ -266,6 +277,7 @@ void ConvertWith(TReader& reader, const ToolContext& ctx, const Rtf2OldOptions& 
     if (options.bRaw) {
         PullOldText(reader, options.cbBuffer, conversion,
                     [&](char* p, std::size_t cb) { conversion.Out().Write(p, cb); });
+        WarnOfUnrepresentable(ctx, conversion, reader.GetUnrepresentableCount());
         return;
     }
     // A double-byte character or a markup command may straddle two buffers:
@@ -273,6 +285,7 @@ void ConvertWith(TReader& reader, const ToolContext& ctx, const Rtf2OldOptions& 
     std::string oldText;
     PullOldText(reader, options.cbBuffer, conversion, [&](char* p, std::size_t cb) { oldText.append(p, cb); });
     conversion.Out().Write(rtf_converter::OldTextToUtf8(oldText, OldTextCodePage(options)));
+    WarnOfUnrepresentable(ctx, conversion, reader.GetUnrepresentableCount());
 }
 
 void ConvertRtfToOld(const ToolContext& ctx, const Rtf2OldOptions& options, CConversion& conversion)
@@ -313,6 +326,9 @@ void RegisterRtf2Old(CLI::App& app, ToolContext& ctx)
         ->check(CLI::IsMember({"stream", "ptr"}))
         ->default_str("stream");
     cmd->add_flag("--table-tags", options->bTableTags, "Mark table rows and cells with table tag commands");
+    cmd->add_flag("--exact", options->bExact,
+                  "Write the exact bytes, losses included: drop hyperlinks that do not fit the buffer, "
+                  "ignore \\u and \\ansicpg, stop at bad table indexes");
     cmd->add_option("--attachments", options->attachmentsDir,
                     "Save each picture or object as DIR/NN.EXT (DIR is created when missing) and put attachment "
                     "command NN in the text");
