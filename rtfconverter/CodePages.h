@@ -70,11 +70,11 @@ private:
 
 // The name iconv knows a Windows code page by ("CP" and the number unless a
 // table says otherwise). The one list of names for the library and the tool.
-std::string IconvNameOfCodePage(int codePage);
+RTFCONV_API std::string IconvNameOfCodePage(int codePage);
 // The Windows code page an iconv name stands for (KOI8-R: 20866, CP1251 and
 // WINDOWS-1251: 1251; case does not matter); 0 when the name is not one of
 // them.
-int CodePageOfIconvName(const std::string& name);
+RTFCONV_API int CodePageOfIconvName(const std::string& name);
 
 // The code page of the character set \fcharsetN names; 0 for the ANSI and
 // default sets, whose page is the document's, and for unknown sets.

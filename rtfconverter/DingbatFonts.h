@@ -2,6 +2,7 @@
 // hold pictures under the bytes of text, and RTF gives those bytes (or
 // U+F000 + byte) with the font's name.
 #pragma once
+#include "rtfconverter/Export.h"
 
 namespace rtf_converter {
 
@@ -10,9 +11,9 @@ enum DingbatFont { dingbatNone, dingbatWingdings, dingbatWingdings2, dingbatWing
 // The dingbat font a font table entry names (case and surrounding blanks do
 // not matter); dingbatNone for any other name, Symbol included (see
 // CodePages.cpp).
-DingbatFont DingbatFontOfName(const char* szName);
+RTFCONV_API DingbatFont DingbatFontOfName(const char* szName);
 
 // The character the font shows for byte b; 0 where the table gives none.
-char32_t DingbatCharacter(DingbatFont font, unsigned char b);
+RTFCONV_API char32_t DingbatCharacter(DingbatFont font, unsigned char b);
 
 } // namespace rtf_converter

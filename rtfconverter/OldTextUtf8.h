@@ -24,19 +24,20 @@
 // followed by the command in force again; what no Windows page holds, and
 // what a comment command's page cannot hold, becomes '?', counted.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include <cstddef>
 #include <string>
 
 namespace rtf_converter {
 
-std::string OldTextToUtf8(const std::string& oldText, int defaultCodePage);
+RTFCONV_API std::string OldTextToUtf8(const std::string& oldText, int defaultCodePage);
 
 struct OldTextFromUtf8Counts {
     std::size_t nUnencodable = 0;  // characters written as '?'
     std::size_t nInvalid = 0;      // bytes that are not UTF-8, passed through as they are
 };
 
-std::string OldTextFromUtf8(const std::string& utf8, int defaultCodePage, OldTextFromUtf8Counts* pCounts = nullptr);
+RTFCONV_API std::string OldTextFromUtf8(const std::string& utf8, int defaultCodePage, OldTextFromUtf8Counts* pCounts = nullptr);
 
 } // namespace rtf_converter

@@ -1,6 +1,7 @@
 // The picture formats the lossless writer embeds as they are: which RTF
 // picture word each takes and the size its header gives.
 #pragma once
+#include "rtfconverter/Export.h"
 
 #include <cstddef>
 
@@ -23,6 +24,6 @@ struct PictureDescription {
 // not begin as that format does (a word processor may refuse the whole
 // document for one such picture). A header too short to give the size leaves
 // the sizes 0.
-bool DescribePicture(long aType, const unsigned char* p, std::size_t cb, PictureDescription& out);
+RTFCONV_API bool DescribePicture(long aType, const unsigned char* p, std::size_t cb, PictureDescription& out);
 
 } // namespace rtf_converter

@@ -32,14 +32,12 @@ ConversionError::ConversionError(std::size_t offset, const std::string& reason)
 
 namespace {
 
-// Where the importer and the writer offer a lossless form, it is chosen here
-// unless the caller asks for the exact bytes; until then both forms are the
-// converters' exact bytes.
+// The importer and the writer keep what a document holds unless the caller
+// asks for the exact bytes hosts rely on.
 template <class TConverter>
 void ChooseExactness(TConverter& converter, bool exact)
 {
-    (void)converter;
-    (void)exact;
+    converter.SetLossless(!exact);
 }
 
 // A piece that does not fit makes the buffer grow, up to this; a reader that

@@ -35,10 +35,10 @@ done
 # counts them; Cyrillic goes into a RUSSIAN_CHARSET font command. --exact
 # reads the fallbacks and says nothing.
 printf '{\\rtf1 \\u1055?a\\u-10179?\\u-8704?b\\u-10179?\\u-8703?}' >"$TMP/chars.rtf"
-expect_status 0 "$RTFCONV" rtf2old "$TMP/chars.rtf"
+expect_status 0 "$RTFCONV" rtf2old --raw "$TMP/chars.rtf"
 expect_file_bytes "$TMP/out" '\001F---\312:-\002\317a?b?'
 expect_one_error_line "chars.rtf: 2 characters that no Windows code page holds became '?'"
-expect_status 0 "$RTFCONV" rtf2old --exact "$TMP/chars.rtf"
+expect_status 0 "$RTFCONV" rtf2old --raw --exact "$TMP/chars.rtf"
 expect_file_bytes "$TMP/out" '?a??b??'
 [ -s "$TMP/err" ] && fail "--exact warned: $(cat "$TMP/err")"
 

@@ -81,7 +81,7 @@ void ConverterClasses()
 void OneCallApi()
 {
     Expect(rtf_converter::rtf_to_text(kRtf) == "Hello bold caf\xc3\xa9\n", "rtf_to_text");
-    Expect(rtf_converter::rtf_to_text(rtf_converter::text_to_rtf("\xce\xb1\xce\xb2")) == "\xce\xb1\xce\xb2",
+    Expect(rtf_converter::rtf_to_text(rtf_converter::text_to_rtf("\xce\xb1\xce\xb2\n")) == "\xce\xb1\xce\xb2\n",
            "text_to_rtf");
     const rtf_converter::OldText old = rtf_converter::rtf_to_old(kRtf);
     Expect(rtf_converter::rtf_to_text(rtf_converter::old_to_rtf(old.text, old.attachments)).find("bold") !=
