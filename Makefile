@@ -5,19 +5,24 @@ BUILD_FUZZ ?= build-fuzz
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_SECONDS ?= 60
 CMAKE_FLAGS ?=
+# Sub-makes run by `cmake --build` would otherwise announce every directory they enter.
+MAKEFLAGS += --no-print-directory
 
-.PHONY: all deps configure build demo test asan bench fuzz corpus interop clean
+# What `make demo` needs, and what everything else needs on top of it.
+DEMO_PACKAGES = cmake g++ make libcli11-dev
+TEST_PACKAGES = $(DEMO_PACKAGES) libgtest-dev libbenchmark-dev groff-base man-db dpkg-dev lintian zsh
+
+.PHONY: all deps deps-demo configure configure-demo build demo test asan bench fuzz corpus interop man package clean
 
 all: build
 
-# Installs what the build needs from Debian when it is missing (as root), or
-# names the packages to install.
-deps:
+# Installs the Debian packages a target needs when they are missing (as root),
+# or names them.
+define install_missing
 	@missing=""; \
-	[ -f /usr/include/CLI/CLI.hpp ] || missing="$$missing libcli11-dev"; \
-	[ -d /usr/include/gtest ] || missing="$$missing libgtest-dev"; \
-	[ -d /usr/include/benchmark ] || missing="$$missing libbenchmark-dev"; \
-	command -v cmake >/dev/null || missing="$$missing cmake"; \
+	if command -v dpkg >/dev/null; then \
+	  for pkg in $(1); do dpkg -s $$pkg >/dev/null 2>&1 || missing="$$missing $$pkg"; done; \
+	fi; \
 	if [ -n "$$missing" ]; then \
 	  if [ "$$(id -u)" = 0 ] && command -v apt-get >/dev/null; then \
 	    echo "Installing:$$missing"; \
@@ -26,14 +31,28 @@ deps:
 	    echo "Please install these Debian packages:$$missing" >&2; exit 1; \
 	  fi; \
 	fi
+endef
+
+deps:
+	$(call install_missing,$(TEST_PACKAGES))
+
+deps-demo:
+	$(call install_missing,$(DEMO_PACKAGES))
 
 configure: deps
-	@cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
+	@cmake -S . -B $(BUILD) -DRTFCONV_BUILD_TESTS=ON -DRTFCONV_BUILD_BENCH=ON -DRTFCONV_BUILD_FUZZ=ON $(CMAKE_FLAGS) >/dev/null
+
+# The first run is what a newcomer judges the project by: only the library and
+# the tool, and no compiler chatter unless something fails.
+configure-demo: deps-demo
+	@cmake -S . -B $(BUILD) -DRTFCONV_BUILD_TESTS=OFF -DRTFCONV_BUILD_BENCH=OFF -DRTFCONV_BUILD_FUZZ=OFF $(CMAKE_FLAGS) >/dev/null
 
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
 
-demo: build
+demo: configure-demo
+	@echo "== building the library and rtfconv in $(BUILD)/"
+	@cmake --build $(BUILD) -j $(JOBS) --target rtfconv >$(BUILD)/demo-build.log 2>&1 || { cat $(BUILD)/demo-build.log; exit 1; }
 	@echo "== rtfconv rtf2txt examples/sample.rtf"
 	@$(BUILD)/tools/rtfconv/rtfconv rtf2txt examples/sample.rtf
 

@@ -315,11 +315,9 @@ void RegisterShow(CLI::App& app, ToolContext& ctx)
                 "converted from --codepage (default 1252); --raw keeps its own bytes and CRs.");
     auto options = std::make_shared<ShowOptions>();
     AddVerbosityOptions(*cmd, ctx);
-    AddIoOptions(*cmd, options->io, "Old-format text files");
+    AddIoOptions(*cmd, options->io, InputKind::OldFormatText);
     AddCodePageOption(*cmd, options->codePage);
-    CLI::Option* raw = cmd->add_flag("--raw", options->bRaw, "Keep the text's own bytes and CR paragraph marks");
-    CLI::Option* utf8 = cmd->add_flag("--utf8", options->bUtf8, "Write UTF-8 with LF line ends (the default)");
-    raw->excludes(utf8);
+    AddEncodingOptions(*cmd, options->bRaw, options->bUtf8, "Keep the text's own bytes and CR paragraph marks");
     cmd->add_flag("--explain", options->bExplain, "Follow each command with a description of what it does");
 
     SetCommandAction(*cmd, ctx, [&ctx, options] {
