@@ -44,8 +44,10 @@ configure: deps
 
 # The first run is what a newcomer judges the project by: only the library and
 # the tool, and no compiler chatter unless something fails.
+# An existing build folder is kept as it is (make test's, say).
 configure-demo: deps-demo
-	@cmake -S . -B $(BUILD) -DRTFCONV_BUILD_TESTS=OFF -DRTFCONV_BUILD_BENCH=OFF -DRTFCONV_BUILD_FUZZ=OFF $(CMAKE_FLAGS) >/dev/null
+	@[ -f $(BUILD)/CMakeCache.txt ] || \
+	  cmake -S . -B $(BUILD) -DRTFCONV_BUILD_TESTS=OFF -DRTFCONV_BUILD_BENCH=OFF -DRTFCONV_BUILD_FUZZ=OFF $(CMAKE_FLAGS) >/dev/null
 
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
@@ -55,6 +57,13 @@ demo: configure-demo
 	@cmake --build $(BUILD) -j $(JOBS) --target rtfconv >$(BUILD)/demo-build.log 2>&1 || { cat $(BUILD)/demo-build.log; exit 1; }
 	@echo "== rtfconv rtf2txt examples/sample.rtf"
 	@$(BUILD)/tools/rtfconv/rtfconv rtf2txt examples/sample.rtf
+
+# Refreshes the man page kept in the tree (`man ./rtfconv.1`), which the tool
+# generates from its own option definitions; cli.man fails while it is stale.
+man: configure-demo
+	@cmake --build $(BUILD) -j $(JOBS) --target rtfconv_docs >$(BUILD)/man-build.log 2>&1 || { cat $(BUILD)/man-build.log; exit 1; }
+	@cp $(BUILD)/tools/rtfconv/rtfconv.1 rtfconv.1
+	@echo "rtfconv.1 refreshed"
 
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)

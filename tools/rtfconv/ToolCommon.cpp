@@ -128,8 +128,7 @@ void AddIoOptions(CLI::App& cmd, IoOptions& io, InputKind kind)
         ->check(CLI::Range(1u, 1024u));
     cmd.add_flag("--progress", io.bProgress,
                  "Draw a progress bar on stderr (automatic on a terminal for inputs over 50 MB or over 100 files)");
-    cmd.add_flag("--force", io.bForce,
-                 std::string("Read inputs that do not look like ") + InputsHelp(kind) + " anyway");
+    cmd.add_flag("--force", io.bForce, "Read an input even when it does not look like the kind the command reads");
 }
 
 const char* const kEncodingStory =

@@ -162,6 +162,9 @@ void SplitTypeName(const std::string& typeName, std::string& valueName, std::vec
     if (valueName == "TEXT") valueName = "WORD";
 }
 
+// CLI11 calls a value of no declared type TEXT.
+std::string ValueName(const std::string& typeName) { return typeName == "TEXT" ? "VALUE" : typeName; }
+
 std::vector<OptionInfo> NamedOptions(const CLI::App& app)
 {
     std::vector<OptionInfo> options;
@@ -171,6 +174,7 @@ std::vector<OptionInfo> NamedOptions(const CLI::App& app)
         for (const std::string& s : opt->get_snames()) info.names.push_back("-" + s);
         for (const std::string& l : opt->get_lnames()) info.names.push_back("--" + l);
         if (opt->get_type_size_max() > 0) SplitTypeName(opt->get_type_name(), info.valueName, info.values);
+        info.valueName = ValueName(info.valueName);
         info.help = opt->get_description();
         options.push_back(info);
     }
@@ -307,7 +311,7 @@ constexpr ManSection kAfterCommands[] = {
      "\\fB\\-v\\fR does.\n"},
     {"EXAMPLES",
      ".EX\n"
-     "rtfconv rtf2txt report.rtf                 # the text, UTF\\-8\n"
+     "rtfconv rtf2txt report.rtf                # the text, UTF\\-8\n"
      "rtfconv rtf2txt *.rtf | grep \\-i invoice   # several inputs, one after another\n"
      "rtfconv rtf2txt \\-\\-raw report.rtf          # the library's exact 8\\-bit bytes\n"
      "rtfconv rtf2txt \\-\\-output\\-dir out/ \\-j 4 *.rtf\n"
@@ -384,23 +388,40 @@ ValueKind KindOfValue(const OptionInfo& option)
     return ValueKind::None;
 }
 
-// The case branch of one command in the bash function: which words complete
-// the value of each of its options.
-std::string BashValueCases(const std::string& command, const std::vector<OptionInfo>& options)
+std::string BashAction(const OptionInfo& option)
 {
-    std::string cases;
-    for (const OptionInfo& option : options) {
-        if (option.valueName.empty()) continue;
-        std::string patterns;
-        for (const std::string& name : option.names) patterns += (patterns.empty() ? "" : "|") + command + ":" + name;
-        cases += "        " + patterns + ")\n            ";
-        switch (KindOfValue(option)) {
-        case ValueKind::File: cases += "COMPREPLY=($(compgen -f -- \"$cur\"))"; break;
-        case ValueKind::Folder: cases += "COMPREPLY=($(compgen -d -- \"$cur\"))"; break;
-        case ValueKind::Words: cases += "COMPREPLY=($(compgen -W \"" + Joined(option.values) + "\" -- \"$cur\"))"; break;
-        case ValueKind::None: cases += "COMPREPLY=()"; break;
+    switch (KindOfValue(option)) {
+    case ValueKind::File: return "COMPREPLY=($(compgen -f -- \"$cur\"))";
+    case ValueKind::Folder: return "COMPREPLY=($(compgen -d -- \"$cur\"))";
+    case ValueKind::Words: return "COMPREPLY=($(compgen -W \"" + Joined(option.values) + "\" -- \"$cur\"))";
+    case ValueKind::None: break;
+    }
+    return "COMPREPLY=()";
+}
+
+// The branches of the bash function that complete the value of an option
+// ("COMMAND:OPTION"), one branch per way of completing.
+std::string BashValueCases(const CLI::App& app, const std::vector<const CLI::App*>& commands)
+{
+    std::vector<std::pair<std::string, std::string>> branches; // action, patterns
+    auto add = [&](const std::string& command, const std::vector<OptionInfo>& options) {
+        for (const OptionInfo& option : options) {
+            if (option.valueName.empty()) continue;
+            const std::string action = BashAction(option);
+            auto branch = std::find_if(branches.begin(), branches.end(), [&](const auto& b) { return b.first == action; });
+            if (branch == branches.end()) branch = branches.insert(branches.end(), {action, std::string()});
+            for (const std::string& name : option.names) {
+                const std::string pattern = command + ":" + name;
+                if (branch->second.find(pattern + "|") == std::string::npos) branch->second += pattern + "|";
+            }
         }
-        cases += "\n            return ;;\n";
+    };
+    add("", NamedOptions(app));
+    for (const CLI::App* cmd : commands) add(cmd->get_name(), NamedOptions(*cmd));
+    std::string cases;
+    for (const auto& branch : branches) {
+        const std::string patterns = branch.second.substr(0, branch.second.size() - 1);
+        cases += "    " + patterns + ")\n        " + branch.first + "\n        return ;;\n";
     }
     return cases;
 }
@@ -430,8 +451,7 @@ std::string BashCompletion(const CLI::App& app)
         "    done\n"
         "    case $command:$prev in\n";
     const std::vector<OptionInfo> toolOptions = NamedOptions(app);
-    script += BashValueCases("", toolOptions);
-    for (const CLI::App* cmd : commands) script += BashValueCases(cmd->get_name(), NamedOptions(*cmd));
+    script += BashValueCases(app, commands);
     script += "    esac\n    case $command in\n";
     script += "    \"\") options=\"" + Joined(AllNames(toolOptions)) + "\" ;;\n";
     for (const CLI::App* cmd : commands)
@@ -457,6 +477,10 @@ namespace {
 std::string ZshDescription(const std::string& help)
 {
     std::string text = help.substr(0, help.find("; "));
+    // A clause cut inside its parentheses loses them.
+    if (std::count(text.begin(), text.end(), '(') > std::count(text.begin(), text.end(), ')'))
+        text = text.substr(0, text.find_last_of('('));
+    while (!text.empty() && text.back() == ' ') text.pop_back();
     std::string out;
     for (const char c : text) {
         if (c == '\'') out += "'\\''";
