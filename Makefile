@@ -2,6 +2,7 @@
 BUILD      ?= build
 BUILD_ASAN ?= build-asan
 BUILD_FUZZ ?= build-fuzz
+BUILD_PACKAGE ?= build-package
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_SECONDS ?= 60
 CMAKE_FLAGS ?=
@@ -100,5 +101,15 @@ interop: build
 	fi
 	@bash tests/interop/interop.sh $(BUILD)/tools/rtfconv/rtfconv $(BUILD)/interop
 
+# The Debian package, built for /usr from the library and the tool alone, then
+# checked: unpacked into a scratch root and run from there, and by lintian.
+package: deps
+	@cmake -S . -B $(BUILD_PACKAGE) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+	  -DRTFCONV_BUILD_TESTS=OFF -DRTFCONV_BUILD_BENCH=OFF -DRTFCONV_BUILD_FUZZ=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(BUILD_PACKAGE) -j $(JOBS) >$(BUILD_PACKAGE)/build.log 2>&1 || { cat $(BUILD_PACKAGE)/build.log; exit 1; }
+	@cd $(BUILD_PACKAGE) && cpack -G DEB >cpack.log 2>&1 || { cat cpack.log; exit 1; }
+	@bash tests/cli/package.sh $(BUILD_PACKAGE)/tools/rtfconv/rtfconv $(BUILD_PACKAGE)/rtfconverter_*.deb --lintian
+	@ls $(BUILD_PACKAGE)/rtfconverter_*.deb
+
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_FUZZ)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_FUZZ) $(BUILD_PACKAGE)
