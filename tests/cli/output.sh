@@ -53,6 +53,12 @@ expect_status 2 "$RTFCONV" rtf2txt --output-dir "$TMP/outdir3" "$TMP/a.rtf" "$TM
 # --progress draws on stderr and leaves the output alone.
 expect_status 0 "$RTFCONV" rtf2txt --progress "$TMP/a.rtf"
 expect_file_bytes "$TMP/out" 'first\n'
-grep -q '100%' "$TMP/err" || fail "--progress drew: $(cat "$TMP/err")"
+grep -q '100%' "$TMP/err" && grep -q 'MiB/s' "$TMP/err" || fail "--progress drew: $(cat "$TMP/err")"
+# For a batch it counts files.
+expect_status 0 "$RTFCONV" rtf2txt --progress --output-dir "$TMP/outdir4" "$TMP/a.rtf" "$TMP/b.rtf" "$TMP/c.RTF"
+grep -q '100%  3 / 3 files' "$TMP/err" && grep -q 'files/s' "$TMP/err" || fail "--progress on a batch drew: $(cat "$TMP/err")"
+# Not asked for and not on a terminal: no bar.
+expect_status 0 "$RTFCONV" rtf2txt "$TMP/a.rtf"
+[ ! -s "$TMP/err" ] || fail "a bar without --progress: $(cat "$TMP/err")"
 
 finish

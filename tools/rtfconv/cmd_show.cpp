@@ -37,7 +37,7 @@ constexpr char kCmdEnd = '\x02';
 constexpr char kDataSeparator = '\x03';
 constexpr char kOpenMark[] = "\xC2\xAB";  // «
 constexpr char kCloseMark[] = "\xC2\xBB"; // »
-constexpr char kDefaultCodePage[] = "1252";
+constexpr char kShowDefaultCodePage[] = "1252";
 
 // Bytes that stand for themselves in the listing; the rest are escaped.
 bool IsShownAsIs(unsigned char b) { return (b >= 0x20 && b != 0x7F) || b == '\t' || b == '\n' || b == '\r'; }
@@ -295,7 +295,7 @@ void ShowOldFormat(const ShowOptions& options, CConversion& conversion)
 {
     std::unique_ptr<CCodePageToUtf8> toUtf8;
     if (!options.bRaw) {
-        const std::string& codePage = options.codePage.empty() ? kDefaultCodePage : options.codePage;
+        const std::string& codePage = options.codePage.empty() ? kShowDefaultCodePage : options.codePage;
         const std::string iconvName = IconvCodePageName(codePage);
         if (iconvName.empty()) throw ToolError(exitUsage, "unknown code page: " + codePage);
         toUtf8 = std::make_unique<CCodePageToUtf8>(iconvName);
