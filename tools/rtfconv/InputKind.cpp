@@ -45,9 +45,11 @@ constexpr char kUtf8Bom[] = "\xEF\xBB\xBF";
 // input costs no more to look at than a small one.
 constexpr std::size_t kcbSniff = 64 * 1024;
 
+// Whether `data` holds the bytes [p, p + cb) at `pos`; an input shorter than
+// that does not (a 4-byte file asked for a header at offset 6).
 bool StartsWith(const std::string& data, std::size_t pos, const char* p, std::size_t cb)
 {
-    return data.size() - pos >= cb && std::memcmp(data.data() + pos, p, cb) == 0;
+    return pos <= data.size() && data.size() - pos >= cb && std::memcmp(data.data() + pos, p, cb) == 0;
 }
 
 bool Contains(const std::string& data, const char* text)
