@@ -119,5 +119,13 @@ package: deps
 	@bash tests/cli/package.sh $(BUILD_PACKAGE)/tools/rtfconv/rtfconv $(BUILD_PACKAGE)/rtfconverter_*.deb --lintian
 	@ls $(BUILD_PACKAGE)/rtfconverter_*.deb
 
+# How closely rtf2txt reads the corpus as LibreOffice does: per-file word
+# agreement with LibreOffice's text export. Not part of `make test`; needs
+# libreoffice-writer (`make interop` installs it).
+.PHONY: agreement
+agreement: build
+	@command -v soffice >/dev/null || { echo "Please install the Debian package libreoffice-writer" >&2; exit 1; }
+	@python3 tests/interop/text_agreement.py $(BUILD)/tools/rtfconv/rtfconv tests/corpus/rtf $(BUILD)/agreement
+
 clean:
 	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_FUZZ) $(BUILD_PACKAGE)
