@@ -193,7 +193,8 @@ int CRTFImport::Read(bool& bMore)
 bool CRTFImport::Emit(const CString& s)
 {
     if (m_pRedirect) {
-        *m_pRedirect += s;
+        if (RedirectHasRoom(s.GetLength()))
+            *m_pRedirect += s;
         return true;
     }
     return Put(s);
@@ -249,7 +250,8 @@ bool CRTFImport::Append(char ch)
         return true;
     default:
         if (m_pRedirect) {
-            *m_pRedirect += ch;
+            if (RedirectHasRoom(1))
+                *m_pRedirect += ch;
             return true;
         }
         return Put(ch);
@@ -302,16 +304,15 @@ bool CRTFImport::ParseChar(char ch)
         }
         return true;
     case rdsFieldInst:
-        m_strFieldInst += ch;
+        if (FieldTextHasRoom(m_strFieldInst, 1))
+            m_strFieldInst += ch;
         return true;
     case rdsFontTable:
         FillFontName(ch);
         return true;
     case rdsColorTable:
-        if (ch == ';') {
-            AddAutomaticColorEntry();
+        if (ch == ';' && AddAutomaticColorEntry())
             ++m_nColorEntries;
-        }
         return true;
     case rdsStyleSheet:
     case rdsRevTable:
@@ -469,6 +470,8 @@ int CRTFImport::FindFontEntry(int fontNum) const
 bool CRTFImport::GetFontNum(const void*, int param)
 {
     if (m_rds == rdsFontTable) {
+        if (!FontTableHasRoom())
+            return true;
         ++m_nLastFont;
         m_FontTable.SetSize(m_nLastFont + 1, 10);
         FontTableStruct& entry = m_FontTable[m_nLastFont];
@@ -518,7 +521,35 @@ void CRTFImport::FillFontName(char ch)
 {
     if (ch == ';')
         return;
-    m_FontTable[m_nLastFont].FontName += ch;
+    CString& name = m_FontTable[m_nLastFont].FontName;
+    // Each group saves the font command, face name included.
+    if (WithinLimit(static_cast<std::size_t>(name.GetLength()) + 1,
+                    static_cast<std::size_t>(m_limits.maxFontNameLength), limitFontName))
+        name += ch;
+}
+
+// Past the limit an entry's group is skipped, its name and character set with
+// it; in a table without a group per entry that is the rest of the table.
+bool CRTFImport::FontTableHasRoom()
+{
+    if (WithinLimit(static_cast<std::size_t>(m_nLastFont) + 2, static_cast<std::size_t>(m_limits.maxFontEntries),
+                    limitFontEntries))
+        return true;
+    m_rds = rdsSkip;
+    return false;
+}
+
+// The field instruction and a hyperlink's display text are collected in
+// memory until the field ends.
+bool CRTFImport::FieldTextHasRoom(const CString& text, std::size_t cbMore)
+{
+    return WithinLimit(static_cast<std::size_t>(text.GetLength()) + cbMore,
+                       static_cast<std::size_t>(m_limits.maxFieldText), limitFieldText);
+}
+
+bool CRTFImport::RedirectHasRoom(std::size_t cbMore)
+{
+    return FieldTextHasRoom(*m_pRedirect, cbMore);
 }
 
 bool CRTFImport::GetDefaultFontNum(const void*, int param)
@@ -538,10 +569,18 @@ bool CRTFImport::InitColorTable(const void* pKeyword, int param)
     return true;
 }
 
-void CRTFImport::AddAutomaticColorEntry()
+bool CRTFImport::AddAutomaticColorEntry()
 {
+    // Past the limit the rest of the table is skipped, so that its colour
+    // values do not land on the last entry kept.
+    if (!WithinLimit(static_cast<std::size_t>(m_ColorTable.GetSize()) + 1,
+                     static_cast<std::size_t>(m_limits.maxColorEntries), limitColorEntries)) {
+        m_rds = rdsSkip;
+        return false;
+    }
     RTFCOLOR automatic;
     m_ColorTable.Add(automatic);
+    return true;
 }
 
 bool CRTFImport::FillColorTable(const void* pKeyword, int param)
@@ -789,6 +828,7 @@ bool CRTFImport::InitAttachment(const void* pKeyword, int)
     m_attachmentInfo.csExtra.Empty();
     ReleaseAttachmentStream();
     m_attachmentInfo.dwDataSize = 0;
+    m_bAttachmentDropped = false;
 
     if (KeywordIs(pKeyword, "objattph"))
         return AttachmentHandler();
@@ -858,6 +898,8 @@ bool CRTFImport::ObjectResult(const void*, int)
 
 bool CRTFImport::ParseAttachmentData(char ch)
 {
+    if (m_bAttachmentDropped)
+        return true;
     VQASSERT(m_attachmentInfo.pStm != NULL);
     VQASSERT(m_pBuffer != NULL);
     if (!m_attachmentInfo.pStm || !m_pBuffer)
@@ -895,6 +937,8 @@ void CRTFImport::DropUndecodableHexByte()
 
 void CRTFImport::WriteAttachmentBuffer(int cb)
 {
+    if (!AttachmentHasRoom(cb))
+        return;
     ULONG cbWritten = 0;
     const HRESULT hr = m_attachmentInfo.pStm->Write(m_pBuffer, static_cast<ULONG>(cb), &cbWritten);
     if (FAILED(hr))
@@ -928,10 +972,26 @@ bool CRTFImport::GetBinary(const void*, int param)
     return true;
 }
 
+// The decoded data is held in memory until the attachment ends: past the
+// limit the attachment is dropped, and the rest of its data with it.
+bool CRTFImport::AttachmentHasRoom(int cb)
+{
+    if (m_bAttachmentDropped)
+        return false;
+    if (WithinLimit(std::size_t(m_attachmentInfo.dwDataSize) + static_cast<std::size_t>(cb),
+                    m_limits.maxAttachmentBytes, limitAttachment))
+        return true;
+    ReleaseAttachmentStream();
+    m_bAttachmentDropped = true;
+    return false;
+}
+
 void CRTFImport::EndAttachment(RDS rdsOld)
 {
     if (m_nBufferPos > 0)
         WriteAttachmentBuffer(m_nBufferPos);
+    if (m_bAttachmentDropped)
+        return;
 
     ULARGE_INTEGER size;
     size.QuadPart = m_attachmentInfo.dwDataSize;
@@ -1051,7 +1111,9 @@ bool CRTFImport::AppendNumberingCommand()
     if (m_pRedirect) {
         // Through the command's text conversion, which reports an invalid
         // command.
-        *m_pRedirect += static_cast<const char*>(cmd);
+        const char* pszCmd = static_cast<const char*>(cmd);
+        if (RedirectHasRoom(std::strlen(pszCmd)))
+            *m_pRedirect += pszCmd;
         return true;
     }
     return Put(cmd.GetCmd());

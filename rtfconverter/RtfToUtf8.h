@@ -64,6 +64,11 @@ public:
     // 0 restores the document's choice. Set before the first Read.
     void SetCodePage(int codePage);
 
+    // The caps on what a document may make the reader allocate (ReadLimits.h).
+    using CRTFParser::SetLimits;
+    using CRTFParser::GetLimits;
+    using CRTFParser::GetLimitsReached;
+
 protected:
     CRTFToUTF8Parser();
     CRTFToUTF8Parser(const CRTFToUTF8Parser&) = default;
@@ -158,6 +163,7 @@ private:
     const CCodePage& CurrentPage() const { return *(m_state.pPage ? m_state.pPage : m_pDocPage); }
     const CCodePage* PageOfFont(int iFont) const;
     void SelectFont(int iFont);
+    bool FontTableHasRoom(int fontNum);
 
     // Decodes one byte of text in the current page and writes what it gives.
     bool DecodeByte(unsigned char b);
