@@ -51,10 +51,6 @@ enum ReadLimitKind : unsigned {
     limitFieldText = 1u << 5,
 };
 
-constexpr ReadLimitKind kReadLimitKinds[] = {
-    limitDepth, limitAttachment, limitFontEntries, limitFontName, limitColorEntries, limitFieldText,
-};
-
 // "group depth", "attachment size", ...: the name of one limit, for messages.
 const char* ReadLimitName(ReadLimitKind kind);
 

@@ -37,6 +37,7 @@ struct Rtf2OldOptions {
     std::string attachmentsDir;
     bool bUtf8 = false;
     std::string codePage;
+    LimitOptions limits;
 };
 
 // A read-only stream over the input bytes; it knows how far it was read.
@@ -246,6 +247,7 @@ bool CreateAttachmentsDir(const std::string& dir)
 template <class TReader>
 void ConvertWith(TReader& reader, const ToolContext& ctx, const Rtf2OldOptions& options, CConversion& conversion)
 {
+    const CReaderLimits<TReader> limits(reader, options.limits, conversion.Name());
     reader.SetPasteWithTableTags(options.bTableTags);
     AttachmentSaver saver{&ctx, AttachmentsDirFor(options, conversion.Name())};
     if (!saver.dir.empty())
@@ -296,6 +298,7 @@ void RegisterRtf2Old(CLI::App& app, ToolContext& ctx)
     AddIoOptions(*cmd, options->io);
     AddBufferOption(*cmd, options->cbBuffer);
     AddCodePageOption(*cmd, options->codePage);
+    AddLimitOptions(*cmd, ctx, options->limits);
     cmd->add_option("--source", options->source, "Read the RTF through the stream reader or the pointer reader")
         ->check(CLI::IsMember({"stream", "ptr"}))
         ->default_str("stream");
