@@ -4,9 +4,11 @@ BUILD_ASAN ?= build-asan
 BUILD_FUZZ ?= build-fuzz
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_SECONDS ?= 60
+HOURS      ?= 1
+FUZZ_JOBS  ?= 1
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build demo test asan bench fuzz corpus interop clean
+.PHONY: all deps configure build demo test asan bench fuzz fuzz-build fuzz-campaign tsan corpus interop clean
 
 all: build
 
@@ -51,11 +53,22 @@ bench: build
 	@$(BUILD)/bench/rtfconverter_bench --benchmark_counters_tabular=true
 
 # libFuzzer needs clang; each target fuzzes for FUZZ_SECONDS on its own corpus.
-fuzz: deps
+fuzz: fuzz-build
+	@bash fuzz/run.sh $(BUILD_FUZZ)/fuzz $(FUZZ_SECONDS)
+
+fuzz-build: deps
 	@cmake -S . -B $(BUILD_FUZZ) -DCMAKE_CXX_COMPILER=clang++ -DRTFCONV_LIBFUZZER=ON \
 	  -DRTFCONV_BUILD_TESTS=OFF -DRTFCONV_BUILD_BENCH=OFF -DRTFCONV_BUILD_TOOLS=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(BUILD_FUZZ) -j $(JOBS)
-	@bash fuzz/run.sh $(BUILD_FUZZ)/fuzz $(FUZZ_SECONDS)
+
+# A long campaign at the lowest priority: HOURS in all, shared by the targets
+# (FUZZ_JOBS of them at once), starting from the real documents too; what the
+# targets find is merged, minimised, into fuzz/corpus/ and findings are kept in
+# fuzz/findings/ for `make test`.
+fuzz-campaign: fuzz-build
+	@n=$$(ls $(BUILD_FUZZ)/fuzz/fuzz_* | wc -l); \
+	seconds=$$(awk -v h=$(HOURS) -v n=$$n -v j=$(FUZZ_JOBS) 'BEGIN { s = int(h * 3600 * j / n); print (s < 1 ? 1 : s) }'); \
+	FUZZ_CAMPAIGN=1 FUZZ_JOBS=$(FUZZ_JOBS) nice -n 19 bash fuzz/run.sh $(BUILD_FUZZ)/fuzz $$seconds
 
 # Does LibreOffice read the RTF we write as we mean it? Not part of `make test`:
 # installs libreoffice-writer and poppler-utils when missing (as root), compares
