@@ -2,6 +2,7 @@
 BUILD      ?= build
 BUILD_ASAN ?= build-asan
 BUILD_FUZZ ?= build-fuzz
+BUILD_TSAN ?= build-tsan
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_SECONDS ?= 60
 HOURS      ?= 1
@@ -47,6 +48,15 @@ asan: deps
 	@cmake -S . -B $(BUILD_ASAN) -DRTFCONV_SANITIZE=address,undefined -DRTFCONV_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(BUILD_ASAN) -j $(JOBS)
 	@cd $(BUILD_ASAN) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
+
+# The tests that convert on several threads at once (the tool's -j, the
+# code-page tables and the keyword index that threads share) under
+# ThreadSanitizer.
+TSAN_TESTS = ParallelConversion|cli\.output
+tsan: deps
+	@cmake -S . -B $(BUILD_TSAN) -DRTFCONV_SANITIZE=thread -DRTFCONV_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(BUILD_TSAN) -j $(JOBS) --target rtfconverter_tests rtfconv
+	@cd $(BUILD_TSAN) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --output-on-failure -R '$(TSAN_TESTS)'
 
 bench: build
 	@[ -f bench/data/text-heavy.rtf ] || bash bench/make_bench.sh 20 >/dev/null

@@ -9,6 +9,9 @@
 #   NAME...         only these targets (rtf2txt for fuzz_rtf2txt); default all
 # Environment:
 #   FUZZ_JOBS=N     fuzz N targets at once (default 1: in turn)
+#   FUZZ_TIMEOUT=S  an input running longer is a hang (default 60: the
+#                   campaign runs at the lowest priority on a busy machine,
+#                   where wall-clock time says little)
 #   FUZZ_CAMPAIGN=1 also start the targets that read RTF from the real-world
 #                   documents (../shared/corpus/rtf when present, and
 #                   tests/corpus/rtf), and merge what each run found into its
@@ -25,7 +28,7 @@
 # something.
 set -euo pipefail
 if [ $# -lt 2 ]; then
-  sed -n '4,14p' "$0" >&2
+  sed -n '4,17p' "$0" >&2
   exit 2
 fi
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
@@ -34,6 +37,7 @@ seconds="$2"
 shift 2
 jobs="${FUZZ_JOBS:-1}"
 campaign="${FUZZ_CAMPAIGN:-0}"
+timeout="${FUZZ_TIMEOUT:-60}"
 
 # The targets whose input is an RTF document, which real documents seed.
 rtf_targets=" rtf2old rtf2txt rtf2utf8 import_sources buffer_sizes text_agree "
@@ -91,7 +95,7 @@ fuzz_one() {
   echo "== fuzz_$name: ${seconds}s, corpus $work/corpus ($(ls "$work/corpus" | wc -l) inputs)" \
        "+ ${#seed_dirs[@]} document folder(s), dictionary $(basename "$dict")"
   local status=0
-  "$bin" "$work/corpus" "${seed_dirs[@]}" -dict="$dict" -max_total_time="$seconds" -max_len=65536 -timeout=10 \
+  "$bin" "$work/corpus" "${seed_dirs[@]}" -dict="$dict" -max_total_time="$seconds" -max_len=65536 -timeout="$timeout" \
     -rss_limit_mb=2048 -artifact_prefix="$work/artifacts/" -print_final_stats=1 >"$work/log" 2>&1 || status=$?
 
   # libFuzzer names its artifacts crash-, leak-, timeout-, oom- and slow-unit-
@@ -109,7 +113,7 @@ fuzz_one() {
     local before after
     before=$(ls "$here/corpus/$name" 2>/dev/null | wc -l)
     mkdir -p "$here/corpus/$name"
-    "$bin" -merge=1 -max_len=65536 -timeout=10 -rss_limit_mb=2048 "$here/corpus/$name" "$work/corpus" \
+    "$bin" -merge=1 -max_len=65536 -timeout="$timeout" -rss_limit_mb=2048 "$here/corpus/$name" "$work/corpus" \
       >"$work/merge.log" 2>&1 || echo "   the merge failed; see $work/merge.log"
     after=$(ls "$here/corpus/$name" | wc -l)
     echo "   merged into fuzz/corpus/$name: $((after - before)) new input(s), $after in all"
