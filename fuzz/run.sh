@@ -15,7 +15,8 @@
 #   FUZZ_CAMPAIGN=1 also start the targets that read RTF from the real-world
 #                   documents (../shared/corpus/rtf when present, and
 #                   tests/corpus/rtf), and merge what each run found into its
-#                   committed seeds fuzz/corpus/<name>/, minimised (-merge=1)
+#                   committed seeds fuzz/corpus/<name>/, minimised (-merge=1;
+#                   inputs under 4 KiB only, to keep the repository small)
 #
 # Target fuzz_<name> starts from its seeds fuzz/corpus/<name>/ plus the saved
 # crashers fuzz/findings/<name>/, copied into the scratch corpus
@@ -38,6 +39,7 @@ shift 2
 jobs="${FUZZ_JOBS:-1}"
 campaign="${FUZZ_CAMPAIGN:-0}"
 timeout="${FUZZ_TIMEOUT:-60}"
+merge_max_kb=4  # inputs merged into the committed seeds are smaller than this
 
 # The targets whose input is an RTF document, which real documents seed.
 rtf_targets=" rtf2old rtf2txt rtf2utf8 import_sources buffer_sizes text_agree "
@@ -113,7 +115,12 @@ fuzz_one() {
     local before after
     before=$(ls "$here/corpus/$name" 2>/dev/null | wc -l)
     mkdir -p "$here/corpus/$name"
-    "$bin" -merge=1 -max_len=65536 -timeout="$timeout" -rss_limit_mb=2048 "$here/corpus/$name" "$work/corpus" \
+    # Only small inputs are candidates, so that the committed seeds stay small
+    # (the scratch corpus keeps the large ones, mostly cut real documents).
+    rm -rf "$work/small"
+    mkdir -p "$work/small"
+    find "$work/corpus" -maxdepth 1 -type f -size -"$merge_max_kb"k -exec cp -f {} "$work/small/" \;
+    "$bin" -merge=1 -timeout="$timeout" -rss_limit_mb=2048 "$here/corpus/$name" "$work/small" \
       >"$work/merge.log" 2>&1 || echo "   the merge failed; see $work/merge.log"
     after=$(ls "$here/corpus/$name" | wc -l)
     echo "   merged into fuzz/corpus/$name: $((after - before)) new input(s), $after in all"
