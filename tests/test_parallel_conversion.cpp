@@ -45,36 +45,35 @@ const std::vector<WriterCase> kWriterCases = {
     {1253, "\xCE\xB1\xCE\xB2"},
 };
 
+// Every reader's Read loop, with a small buffer so that each resumes often.
+template <class TReader>
+std::string PullAll(TReader& reader)
+{
+    std::string out;
+    char buf[64];
+    for (bool bMore = true; bMore;)
+        out.append(buf, static_cast<std::size_t>(reader.Read(buf, buf + sizeof buf, bMore)));
+    return out;
+}
+
 std::string Utf8Text(const std::string& rtf)
 {
     rtf_converter::CBytePtrRTFToUTF8PtrParser reader(reinterpret_cast<const unsigned char*>(rtf.data()),
                                                     static_cast<unsigned long>(rtf.size()));
-    std::string out;
-    char buf[64];
-    for (bool bMore = true; bMore;)
-        out.append(buf, reader.Read(buf, buf + sizeof buf, bMore));
-    return out;
+    return PullAll(reader);
 }
 
 std::string PlainText(const std::string& rtf)
 {
     rtf_converter::CBytePtrRTFToPlainTextPtrParser reader(reinterpret_cast<const unsigned char*>(rtf.data()),
                                                          static_cast<unsigned long>(rtf.size()));
-    std::string out;
-    char buf[4096];
-    for (bool bMore = true; bMore;)
-        out.append(buf, reader.Read(buf, buf + sizeof buf, bMore));
-    return out;
+    return PullAll(reader);
 }
 
 std::string OldText(const std::string& rtf)
 {
     rtf_converter::CRTFPtrImport reader(rtf.c_str());
-    std::string out;
-    char buf[4096];
-    for (bool bMore = true; bMore;)
-        out.append(buf, static_cast<std::size_t>(reader.Read(buf, buf + sizeof buf, bMore)));
-    return out;
+    return PullAll(reader);
 }
 
 std::string WriterRtf(const WriterCase& c)
