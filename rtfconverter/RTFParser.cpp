@@ -113,7 +113,7 @@ void CRTFParser::SetLimits(const ReadLimits& limits)
     // entry, whatever the caller asks for; a length is at least 0.
     for (int* pCount : {&m_limits.maxDepth, &m_limits.maxFontEntries, &m_limits.maxColorEntries})
         *pCount = *pCount < 1 ? 1 : *pCount;
-    for (int* pLength : {&m_limits.maxFontNameLength, &m_limits.maxFieldText})
+    for (int* pLength : {&m_limits.maxFontNameLength, &m_limits.maxFieldText, &m_limits.maxNumberingText})
         *pLength = *pLength < 0 ? 0 : *pLength;
 }
 

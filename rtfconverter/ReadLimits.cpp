@@ -11,6 +11,7 @@ const char* ReadLimitName(ReadLimitKind kind)
     case limitFontName: return "font name length";
     case limitColorEntries: return "colour table entries";
     case limitFieldText: return "field text length";
+    case limitNumberingText: return "numbering text length";
     }
     return "unknown";
 }

@@ -39,6 +39,11 @@ struct ReadLimits {
     // Bytes of a field instruction and of the text a hyperlink shows; the
     // rest of either is dropped.
     int maxFieldText = 1 << 20;
+    // Bytes of the text before and of the text after a paragraph number. The
+    // number goes out again in front of every numbered paragraph, so a long
+    // one would make the output grow with the square of the input; the rest
+    // is dropped (a markup command it would cut goes with it).
+    int maxNumberingText = 4096;
 };
 
 // The bits of GetLimitsReached(), one per field of ReadLimits.
@@ -49,6 +54,7 @@ enum ReadLimitKind : unsigned {
     limitFontName = 1u << 3,
     limitColorEntries = 1u << 4,
     limitFieldText = 1u << 5,
+    limitNumberingText = 1u << 6,
 };
 
 // "group depth", "attachment size", ...: the name of one limit, for messages.

@@ -268,10 +268,41 @@ TEST(ReadLimits, FieldTextAtBelowAndAbove)
         ExpectEquivalent(Reader::Old, row, &ReadLimits::maxFieldText);
 }
 
+TEST(ReadLimits, NumberingTextAtBelowAndAbove)
+{
+    auto numbered = [](const std::string& before) {
+        return "{\\rtf1{\\pn\\pnlvl3\\pndec{\\pntxtb " + before + "}}x\\par y\\par}";
+    };
+    const std::vector<EquivalenceRow> rows = {
+        {"above", 4, numbered("ABCDE"), numbered("ABCD"), rtf_converter::limitNumberingText},
+        {"at", 5, numbered("ABCDE"), numbered("ABCDE"), 0},
+        {"below", 6, numbered("ABCDE"), numbered("ABCDE"), 0},
+    };
+    for (Reader reader : {Reader::Old, Reader::Text})
+        for (const EquivalenceRow& row : rows)
+            ExpectEquivalent(reader, row, &ReadLimits::maxNumberingText);
+    // The level's indent, the text before and the number, per paragraph.
+    EXPECT_EQ(Read(Reader::Text, numbered("ABCDE")).text, "\t\tABCDE0\tx\r\t\tABCDE1\ty\r");
+
+    // A markup command (here a table tag) that the cut would split goes as a
+    // whole.
+    auto withTableTags = [](const std::string& rtf, const ReadLimits& limits) {
+        rtf_converter::CRTFPtrImport reader(rtf.c_str());
+        reader.SetPasteWithTableTags(true);
+        return PullAll(reader, limits);
+    };
+    ReadLimits limits;
+    limits.maxNumberingText = 3;
+    const Result cut = withTableTags(numbered("A\\cell B"), limits);
+    EXPECT_EQ(cut.text, withTableTags(numbered("A"), ReadLimits()).text);
+    EXPECT_EQ(cut.reached, unsigned(rtf_converter::limitNumberingText));
+}
+
 TEST(ReadLimits, EachKindIsNamedAndLimitsBelowOneCountAsOne)
 {
     for (auto kind : {rtf_converter::limitDepth, rtf_converter::limitAttachment, rtf_converter::limitFontEntries,
-                      rtf_converter::limitFontName, rtf_converter::limitColorEntries, rtf_converter::limitFieldText})
+                      rtf_converter::limitFontName, rtf_converter::limitColorEntries, rtf_converter::limitFieldText,
+                      rtf_converter::limitNumberingText})
         EXPECT_STRNE(rtf_converter::ReadLimitName(kind), "unknown");
 
     ReadLimits limits;

@@ -27,6 +27,7 @@ constexpr LimitDescription kLimitDescriptions[] = {
     {rtf_converter::limitFontName, "--max-font-name", "longer font names were cut"},
     {rtf_converter::limitColorEntries, "--max-colors", "further colour table entries were ignored"},
     {rtf_converter::limitFieldText, "--max-field-text", "longer field instructions or hyperlink texts were cut"},
+    {rtf_converter::limitNumberingText, "--max-numbering-text", "longer paragraph number texts were cut"},
 };
 
 std::string LimitValue(const ReadLimits& limits, ReadLimitKind kind)
@@ -38,6 +39,7 @@ std::string LimitValue(const ReadLimits& limits, ReadLimitKind kind)
     case rtf_converter::limitFontName: return std::to_string(limits.maxFontNameLength);
     case rtf_converter::limitColorEntries: return std::to_string(limits.maxColorEntries);
     case rtf_converter::limitFieldText: return std::to_string(limits.maxFieldText);
+    case rtf_converter::limitNumberingText: return std::to_string(limits.maxNumberingText);
     }
     return std::string();
 }
@@ -62,6 +64,9 @@ void AddLimitOptions(CLI::App& cmd, const ToolContext& ctx, LimitOptions& option
         ->type_name("N")->check(CLI::Range(1, 1 << 30))->capture_default_str()->group(group);
     cmd.add_option("--max-field-text", limits.maxFieldText,
                    "Cut field instructions and hyperlink texts at N bytes")
+        ->type_name("N")->check(CLI::Range(0, 1 << 30))->capture_default_str()->group(group);
+    cmd.add_option("--max-numbering-text", limits.maxNumberingText,
+                   "Cut the text before or after a paragraph number at N bytes")
         ->type_name("N")->check(CLI::Range(0, 1 << 30))->capture_default_str()->group(group);
 }
 

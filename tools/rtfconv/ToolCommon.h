@@ -102,7 +102,7 @@ struct LimitOptions {
     const ToolContext* pCtx = nullptr; // for -q
 };
 // Adds --max-depth, --max-attachment, --max-fonts, --max-font-name,
-// --max-colors and --max-field-text to `cmd`.
+// --max-colors, --max-field-text and --max-numbering-text to `cmd`.
 void AddLimitOptions(CLI::App& cmd, const ToolContext& ctx, LimitOptions& options);
 // Prints one warning for each kind of limit in `reached` (ReadLimitKind bits),
 // naming the input.
