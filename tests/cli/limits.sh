@@ -60,7 +60,7 @@ expect_file_bytes "$TMP/out" 'ab'
 expect_no_warning "$RTFCONV" rtf2old --attachments "$TMP/kb" --max-attachment 1KB "$TMP/pict.rtf"
 
 # The table and text limits, each just above and at the document's need.
-printf '{\\rtf1{\\fonttbl{\\f0 Arial;}{\\f1 Times;}}{\\colortbl;\\red255;}{\\field{\\*\\fldinst HYPERLINK a.b}{\\fldrslt go}}\\f1\\cf1 x}' >"$TMP/tables.rtf"
+printf '{\\rtf1{\\fonttbl{\\f0 Arial;}{\\f1 Times;}}{\\colortbl;\\red255;}{\\field{\\*\\fldinst HYPERLINK a.b}{\\fldrslt go}}{\\pn\\pndec{\\pntxtb AB}}\\f1\\cf1 x}' >"$TMP/tables.rtf"
 while read -r option above at name; do
     expect_limit_warning "$name" "$RTFCONV" rtf2old $option $above "$TMP/tables.rtf"
     expect_no_warning "$RTFCONV" rtf2old $option $at "$TMP/tables.rtf"
@@ -69,6 +69,7 @@ done <<'ROWS'
 --max-font-name 4 5 font name length
 --max-colors 2 3 colour table entries
 --max-field-text 12 13 field text length
+--max-numbering-text 1 2 numbering text length
 ROWS
 expect_limit_warning "font table entries" "$RTFCONV" rtf2txt --max-fonts 1 "$TMP/tables.rtf"
 expect_status 2 "$RTFCONV" rtf2txt --max-depth 0 "$TMP/tables.rtf"
