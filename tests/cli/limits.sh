@@ -3,6 +3,7 @@
 # document reached, naming it, none within the limits, and memory that stays
 # bounded for 10 million nested groups through every reader.
 source "$(dirname "$0")/lib.sh"
+SANITIZERS=${2:-}  # the sanitizers the tool was built with, if any
 
 # peak_kb CMD...: runs CMD (output in $TMP/out, stderr in $TMP/err) and
 # prints its peak resident set in KiB, as the kernel accounts it.
@@ -77,6 +78,11 @@ expect_status 2 "$RTFCONV" rtf2txt --max-depth 0 "$TMP/tables.rtf"
 # 10 million nested groups: at most 64 MiB above the input's size, through
 # every reader (the depth limit's whole point: unlimited, the readers took
 # from 330 MB to 1.3 GB).
+if [ -n "$SANITIZERS" ]; then
+    echo "peak memory not measured: the tool runs under $SANITIZERS"
+    finish
+    exit 0
+fi
 nest 10000000 x >"$TMP/deep.rtf"
 input_kb=$(($(stat -c %s "$TMP/deep.rtf") / 1024))
 for cmd in "rtf2txt" "rtf2txt --raw" "rtf2old --source ptr" "rtf2old --source stream"; do
