@@ -2,12 +2,11 @@
 // for an ASCII-only document, line ends and tabs apart: the 8-bit one ends
 // paragraphs with CR where the other puts LF, and it writes the breaks and
 // tabs of every destination (a \par in the font table, say) where the other
-// writes only those of the text. Left out are the documents
-// where the two differ by design: bytes or \'hh escapes beyond ASCII, and the
-// control words only the UTF-8 reader knows or reads its own way (\uN,
-// typographic characters, code pages and character sets, hidden text, page
-// and section breaks, \bin, and the paragraph numbers it takes from \pntext
-// rather than generates).
+// writes only those of the text. Only documents that begin with "{\rtf", hold
+// ASCII without control characters, name no symbol font and use only the
+// control words both read alike take part: the UTF-8 reader reads much else its
+// own way (fragments group after group, footnotes after the body, headers left
+// out, \* only after '{', generated list numbers, Unicode and code pages).
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -19,11 +18,25 @@
 
 namespace {
 
-const char* const kWordsReadDifferently[] = {
-    "ansi", "ansicpg", "bin", "bullet", "cpg", "emdash", "emspace", "endash", "enspace", "fcharset",
-    "ldblquote", "listtext", "lquote", "ltrmark", "mac", "page", "pc", "pca", "pn", "pntext",
-    "qmspace", "rdblquote", "rquote", "rtlmark", "sect", "u", "uc", "ud", "upr", "v", "zwj", "zwnj",
+// The control words both readers read alike; a document with any other is
+// left out, since the UTF-8 reader reads many words its own way.
+const char* const kWordsReadAlike[] = {
+    "rtf", "deff", "deflang", "lang", "fonttbl", "fnil", "froman", "fswiss", "fmodern", "f", "fs",
+    "colortbl", "red", "green", "blue", "cf", "cb", "stylesheet", "s", "info", "title", "author",
+    "plain", "pard", "par", "line", "tab", "b", "i", "ul", "ulnone", "strike", "qc", "ql", "qr", "qj",
+    "li", "ri", "fi", "sb", "sa", "trowd", "cellx", "intbl", "cell", "row",
 };
+
+// Font names whose bytes the UTF-8 reader maps to the characters their glyphs show.
+const char* const kSymbolFontNames[] = {"Symbol", "Wingdings", "Webdings"};
+
+bool IsReadAlike(const std::string& word)
+{
+    for (const char* sz : kWordsReadAlike)
+        if (word == sz)
+            return true;
+    return false;
+}
 
 bool IsLetter(char ch) { return (ch >= 'a' && ch <= 'z') || (ch >= 'A' && ch <= 'Z'); }
 bool IsHighHexDigit(char ch) { return (ch >= '8' && ch <= '9') || (ch >= 'a' && ch <= 'f') || (ch >= 'A' && ch <= 'F'); }
@@ -31,9 +44,17 @@ bool IsHighHexDigit(char ch) { return (ch >= '8' && ch <= '9') || (ch >= 'a' && 
 // True when the document is ASCII and uses nothing the readers read apart.
 bool ReadAlike(const std::string& rtf)
 {
+    if (rtf.compare(0, 5, "{\\rtf") != 0)
+        return false;
+    for (const char* sz : kSymbolFontNames)
+        if (rtf.find(sz) != std::string::npos)
+            return false;
     for (std::size_t i = 0; i < rtf.size(); ++i) {
         const char ch = rtf[i];
         if (ch == '\0' || static_cast<unsigned char>(ch) >= 0x80)
+            return false;
+        // The UTF-8 reader drops control characters other than TAB and LF.
+        if (static_cast<unsigned char>(ch) < 0x20 && ch != '\t' && ch != '\r' && ch != '\n')
             return false;
         if (ch != '\\' || i + 1 >= rtf.size())
             continue;
@@ -42,15 +63,14 @@ bool ReadAlike(const std::string& rtf)
             return false;
         if (next == '-' || next == '_' || next == '~')
             return false;
+        if (next == '*' && (i == 0 || rtf[i - 1] != '{'))
+            return false;
         std::size_t end = i + 1;
         while (end < rtf.size() && IsLetter(rtf[end]) && end - (i + 1) < 30)
             ++end;
         const std::string word = rtf.substr(i + 1, end - (i + 1));
-        for (const char* sz : kWordsReadDifferently)
-            if (word == sz)
-                return false;
-        if (word.rfind("pn", 0) == 0)
-            return false;  // the whole numbering family
+        if (!word.empty() && !IsReadAlike(word))
+            return false;
         if (next == '\\')
             ++i;  // an escaped backslash starts no control word
     }

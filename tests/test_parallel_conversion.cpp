@@ -118,7 +118,7 @@ TEST(ParallelConversion, ThreadsShareTheKeywordIndexAndCodePageTables)
 
     const std::vector<std::string> reference = ConvertAll();
     ASSERT_EQ(reference.size(), kDocuments.size() * 3 + kWriterCases.size());
-    EXPECT_EQ(reference[0], "\xD0\x9F\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82\nx");
+    EXPECT_EQ(reference[0], "\xD0\x9F\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82\nx\n");
     for (const std::vector<std::string>& result : results)
         EXPECT_EQ(result, reference);
 }

@@ -115,9 +115,9 @@ TEST(ReadLimits, GroupsPastTheDepthLimitStillBalanceTheBraces)
     limits.maxDepth = 1;
     // Nothing after the outermost group's '}' is read, however deep the
     // groups inside it were.
-    const std::string rtf = "{a" + Repeat("{", 100) + "b" + Repeat("}", 100) + "c}never";
+    const std::string rtf = "{\\rtf1 a" + Repeat("{", 100) + "b" + Repeat("}", 100) + "c}never";
     EXPECT_EQ(Read(Reader::Text, rtf, limits).text, "abc");
-    EXPECT_EQ(Read(Reader::Utf8, rtf, limits).text, "abc");
+    EXPECT_EQ(Read(Reader::Utf8, rtf, limits).text, "abc\n");
     EXPECT_EQ(Read(Reader::Old, rtf, limits).text, "abc");
 }
 
@@ -215,7 +215,7 @@ TEST(ReadLimits, FontEntriesOfTheUtf8Reader)
     };
     for (const EquivalenceRow& row : rows)
         ExpectEquivalent(Reader::Utf8, row, &ReadLimits::maxFontEntries);
-    EXPECT_EQ(Read(Reader::Utf8, "{\\rtf1" + fonts + text).text, "\xD0\x9F");
+    EXPECT_EQ(Read(Reader::Utf8, "{\\rtf1" + fonts + text).text, "\xD0\x9F\n");
 }
 
 TEST(ReadLimits, FontNameLengthAtBelowAndAbove)
