@@ -249,6 +249,12 @@ TEST(RtfToOldLossless, WordsReadAsWordProcessorsReadThem)
          Cmd("CT:StartRow") + Cmd("CT:StartRow") + "a" + Cmd("CT:EndCell") + Cmd("CT:StartRow") + "b" +
              Cmd("CT:EndCell") + Cmd("CT:EndRow"),
          Cmd("CT:StartRow") + "a" + Cmd("CT:EndCell") + "b" + Cmd("CT:EndCell") + Cmd("CT:EndRow"), true},
+        {"a fragment: top-level groups without {\\rtf", "{a\\par}\n{\\b b\\par}\r\n{c}", "a\r",
+         "a\r" + Cmd("F---B:-") + "b\r" + Cmd("F---:-") + "c"},
+        {"\\* inside a group marks nothing", "{\\rtf1 {\\b0\\*\\cs7\\i0 quick} fox}", " fox", "quick fox"},
+        {"text in nested-table properties", "{\\rtf1 a{\\*\\nesttableprops\\trowd b\\nestcell\\nestrow} c}", "a c", "ab\t\r c"},
+        {"list, TOC and index entries are no text",
+         "{\\rtf1 {\\list{\\listname L;}}{\\listoverride\\ls1}a{\\tc{\\v e}}b{\\xe x}c}", "L;aebxc", "abc"},
     };
     for (const ModesRow& row : rows)
         ExpectBothModes(row);
