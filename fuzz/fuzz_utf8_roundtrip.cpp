@@ -9,6 +9,7 @@
 #include <string>
 
 #include "fuzz/fuzz_util.h"
+#include "rtfconverter/CodePages.h"
 #include "rtfconverter/RtfToUtf8.h"
 #include "rtfconverter/Utf8ToRTF.h"
 
@@ -16,24 +17,7 @@ namespace {
 
 constexpr int kCodePages[] = {1252, 1250, 1251, 1253, 1254, 1255, 1256, 1257, 1258, 874, 10000, 932, 936, 949, 950, 437};
 
-void AppendUtf8(std::uint32_t cp, std::string& out)
-{
-    if (cp < 0x80) {
-        out += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-        out += static_cast<char>(0xC0 | (cp >> 6));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-        out += static_cast<char>(0xE0 | (cp >> 12));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (cp >> 18));
-        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    }
-}
+void AppendUtf8(std::uint32_t cp, std::string& out) { rtf_converter::AppendUtf8(out, cp); }
 
 // The code points of arbitrary bytes read as UTF-8, without NULs.
 std::u32string DecodeLeniently(const std::uint8_t* p, std::size_t cb)

@@ -82,4 +82,11 @@ RTFCONV_API int CodePageOfCharset(int charset);
 // The \fcharsetN of a code page's fonts; 1 (default) when no set has it.
 RTFCONV_API int CharsetOfCodePage(int codePage);
 
+// UTF-8 of one character: cp's bytes into out (room for 4), their count
+// returned. What is not a Unicode scalar value (a surrogate, past U+10FFFF)
+// is written as U+FFFD.
+RTFCONV_API int EncodeUtf8(char32_t cp, char* out);
+// The same, appended to a string.
+RTFCONV_API void AppendUtf8(std::string& out, char32_t cp);
+
 } // namespace rtf_converter

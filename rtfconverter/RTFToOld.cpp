@@ -125,6 +125,8 @@ void CRTFImport::ReleaseAttachmentStream()
 
 void CRTFImport::Init()
 {
+    if (KeepsStateBetweenGroups())
+        return;
     CBaseRTFParser::Init();
     // The font and colour arrays are deliberately not emptied: only their
     // counters restart.
@@ -140,6 +142,7 @@ CBaseRTFParser::CBaseRTFParserSave* CRTFImport::CreateSave()
 
 bool CRTFImport::PushRtfState()
 {
+    m_bAtGroupStart = true;
     if (!CBaseRTFParser::PushRtfState())
         return false;
     CRTFImportSave* pSave = GetSave();
@@ -156,6 +159,7 @@ bool CRTFImport::PushRtfState()
 
 bool CRTFImport::PopRtfState()
 {
+    m_bAtGroupStart = false;
     CRTFImportSave* pSave = GetSave();
     if (!pSave) {
         VQASSERT(pSave);
@@ -195,6 +199,8 @@ int CRTFImport::Read(bool& bMore)
         return GetCBWritten();
     }
     Parse(bMore);
+    if (m_bLossless)
+        ParseFragmentGroups(bMore);
     if (!bMore && !m_strHeld.IsEmpty()) {
         m_bInputEnded = true;
         bMore = true;
@@ -317,6 +323,7 @@ bool CRTFImport::InTextDestination() const
 
 bool CRTFImport::ParseChar(char ch)
 {
+    m_bAtGroupStart = false;
     if (InTextDestination()) {
         if (m_bSkipNextChar) {
             m_bSkipNextChar = false;
@@ -1215,6 +1222,7 @@ CRTFPtrImport::CRTFPtrImport(const char* text)
 long CRTFPtrImport::Get(char& ch)
 {
     if (m_ichCur >= m_cchText) {
+        m_bInputExhausted = true;
         ++m_ichCur;
         ch = '\0';
         return E_UNEXPECTED;
@@ -1272,8 +1280,10 @@ long CRTFStreamImport::Get(char& ch)
 {
     if (m_pCur >= m_pEnd) {
         const long hr = ReadNewBuffer();
-        if (hr < 0)
+        if (hr < 0) {
+            m_bInputExhausted = true;
             return hr;
+        }
     }
     ch = *m_pCur++;
     return S_OK;

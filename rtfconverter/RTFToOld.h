@@ -178,6 +178,7 @@ protected:
     virtual bool Put(char ch) = 0;
     virtual bool Put(const CString& s) = 0;
     virtual long Get(int n, unsigned char* pDest) = 0;
+    bool m_bInputExhausted = false;  // a byte read failed: the input ended
     virtual int GetCBWritten() const = 0;
     // Refuses every further put until the next Read: what comes after output
     // that is held must not overtake it.
@@ -252,6 +253,15 @@ protected:
     CString m_strHeld;           // output that did not fit
     bool m_bHeldSplit = false;   // part of m_strHeld has been written
     bool m_bInputEnded = false;  // parsing ended with output still held
+    // A fragment (top-level groups without {\rtf around them) is read group
+    // after group; the state of the document goes on between the groups.
+    bool m_bFirstKeywordSeen = false;
+    bool m_bRtfDocument = false;
+    bool m_bContinuing = false;
+    bool m_bAtGroupStart = false;  // nothing read yet since the last '{'
+
+    void ParseFragmentGroups(bool& bMore);
+    bool KeepsStateBetweenGroups();
 
     bool TranslateLosslessKeyword(const char* szKeyword, int param, bool& bResult);
     bool AppendTextKeepingCharset(char ch);
@@ -291,6 +301,7 @@ protected:
     bool GetFontNumKeepingCharset(const void* pKeyword, int param);
     bool ApplyPlainKeepingCharset(const void* pKeyword, int param);
     bool IgnoreDestination(const void* pKeyword, int param);
+    bool ReadDestinationAsText(const void* pKeyword, int param);
 
 private:
     // Steps shared by both Append operations: the paragraph-start commands,

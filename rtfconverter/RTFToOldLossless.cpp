@@ -148,6 +148,30 @@ using LK = CRTFImport;
 
 } // namespace
 
+// The core stops where the outermost group closes: a document ends there, a
+// fragment goes on with its next group. Each Parse call reads at least one
+// byte, so this ends with the input.
+void CRTFImport::ParseFragmentGroups(bool& bMore)
+{
+    while (!bMore && m_cGroup < 1 && !m_bRtfDocument && !m_bInputExhausted) {
+        m_bContinuing = true;
+        m_bStarted = false;
+        Parse(bMore);
+    }
+}
+
+// The next top-level group of a fragment continues the document: only the
+// core's group state starts again, the paragraph and the tables stay.
+bool CRTFImport::KeepsStateBetweenGroups()
+{
+    if (!m_bContinuing)
+        return false;
+    const bool bParagraphStart = m_bParagraphStart;
+    CBaseRTFParser::Init();
+    m_bParagraphStart = bParagraphStart;
+    return true;
+}
+
 bool CRTFImport::TranslateKeyword(const char* szKeyword, int param)
 {
     bool bResult = true;
@@ -158,6 +182,17 @@ bool CRTFImport::TranslateKeyword(const char* szKeyword, int param)
 
 bool CRTFImport::TranslateLosslessKeyword(const char* szKeyword, int param, bool& bResult)
 {
+    if (!m_bFirstKeywordSeen) {
+        m_bFirstKeywordSeen = true;
+        m_bRtfDocument = m_cGroup == 1 && std::strcmp(szKeyword, "rtf") == 0;
+    }
+    // \* marks an optional destination only as the first thing in a group;
+    // elsewhere it is meaningless, and the core would hide the rest of the
+    // group at the next keyword it does not know.
+    const bool bAtGroupStart = m_bAtGroupStart;
+    m_bAtGroupStart = false;
+    if (szKeyword[0] == '*' && szKeyword[1] == '\0' && !bAtGroupStart)
+        return true;
     static const std::unordered_map<std::string_view, LosslessKeyword> s_rows = [] {
         std::vector<LosslessKeyword> rows = {
             {"\n", &LK::ApplyCRCommand, false},
@@ -176,6 +211,14 @@ bool CRTFImport::TranslateLosslessKeyword(const char* szKeyword, int param, bool
             {"nestcell", &LK::ApplyTabCommand, false},
             {"nestrow", &LK::ApplyCRCommand, false},
             {"nonesttables", &LK::IgnoreDestination, false},
+            {"nesttableprops", &LK::ReadDestinationAsText, false},
+            // List definitions are never text, even outside their table.
+            {"list", &LK::IgnoreDestination, false},
+            {"listoverride", &LK::IgnoreDestination, false},
+            // Table-of-contents and index entries mark text for fields; they
+            // are never shown where they stand.
+            {"tc", &LK::IgnoreDestination, false},
+            {"xe", &LK::IgnoreDestination, false},
             {"trowd", &LK::ApplyStartRowOnce, false},
             {"intbl", &LK::ApplyStartRowOnce, false},
             {"row", &LK::ApplyEndRowOfRow, false},
@@ -216,6 +259,14 @@ bool CRTFImport::SkipBinaryEvenWhenSkipping(const void* pKeyword, int param)
 bool CRTFImport::IgnoreDestination(const void*, int)
 {
     m_rds = rdsSkip;
+    return true;
+}
+
+// Nested-table writers put the cells' text inside {\*\nesttableprops ...}
+// too, and the group ends a nested row: word processors read what it holds.
+bool CRTFImport::ReadDestinationAsText(const void*, int)
+{
+    m_bOptionalDest = false;
     return true;
 }
 

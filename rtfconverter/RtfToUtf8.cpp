@@ -26,45 +26,12 @@ inline bool IsReservedCodePoint(char32_t cp) { return cp <= 0x03 || cp == 0x17; 
 // from the paragraph keywords), so \'0d, stray C1 codes and the like are dropped.
 inline bool IsDroppedControl(char32_t cp) { return (cp < 0x20 && cp != '\t') || (cp >= 0x7F && cp < 0xA0); }
 
-// Encodes cp (U+FFFD for what is not a Unicode scalar value) into out.
-inline int EncodeUtf8(char32_t cp, char* out)
-{
-    if (cp < 0x80) {
-        out[0] = static_cast<char>(cp);
-        return 1;
-    }
-    if (cp < 0x800) {
-        out[0] = static_cast<char>(0xC0 | (cp >> 6));
-        out[1] = static_cast<char>(0x80 | (cp & 0x3F));
-        return 2;
-    }
-    if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
-        cp = kReplacement;
-    if (cp < 0x10000) {
-        out[0] = static_cast<char>(0xE0 | (cp >> 12));
-        out[1] = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out[2] = static_cast<char>(0x80 | (cp & 0x3F));
-        return 3;
-    }
-    out[0] = static_cast<char>(0xF0 | (cp >> 18));
-    out[1] = static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out[2] = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out[3] = static_cast<char>(0x80 | (cp & 0x3F));
-    return 4;
-}
-
 // Null: the document's page, for the default character set and for those no
 // page is known for. The ANSI set is the caller's (see FillFontCharset).
 const CCodePage* PageOfCharset(int charset)
 {
     const int codePage = CodePageOfCharset(charset);
     return codePage ? CCodePage::Get(codePage) : nullptr;
-}
-
-void AppendUtf8(std::string& out, char32_t cp)
-{
-    char sz[4];
-    out.append(sz, static_cast<std::size_t>(EncodeUtf8(cp, sz)));
 }
 
 bool IsAsciiSpace(char ch) { return ch == ' ' || ch == '\t' || ch == '\n' || ch == '\r'; }

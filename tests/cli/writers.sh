@@ -122,6 +122,14 @@ grep -qF "\\cf0 Gr\\'f6\\'dfe}" "$TMP/out" || fail "txt2rtf UTF-8 BOM: $(cat "$T
 LC_ALL=C grep -q '[^ -~]' "$TMP/out" && fail "txt2rtf wrote bytes beyond 7-bit ASCII"
 expect_status 2 "$RTFCONV" txt2rtf --from nonesuch "$TMP/latin1.txt"
 
+# Characters of other Windows code pages in a 1252 document come back as
+# themselves through rtf2old, old2rtf and rtf2txt.
+printf '{\\rtf1\\ansi\\ansicpg1252 Gr\\u252?\\u223?e \\u1055?\\u1088?\\u1080? \\u945?\\u946? \\u1513?\\u1500? \\u3652? \\u34920?\\u23652? \\u54620? \\u351?\\u287? \\u273?}' >"$TMP/scripts.rtf"
+expect_status 0 "$RTFCONV" rtf2old -o "$TMP/scripts.old" "$TMP/scripts.rtf"
+expect_status 0 "$RTFCONV" old2rtf -o "$TMP/scripts2.rtf" "$TMP/scripts.old"
+expect_status 0 "$RTFCONV" rtf2txt "$TMP/scripts2.rtf"
+grep -qF 'Grüße При αβ של ไ 表層 한 şğ đ' "$TMP/out" || fail "scripts after the round trip: $(cat "$TMP/out")"
+
 # Usage errors come before any file is read.
 expect_status 2 "$RTFCONV" old2rtf --font 'Arial:0' "$TMP/note.old"
 expect_one_error_line "POINTS"

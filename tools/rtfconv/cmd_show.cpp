@@ -2,10 +2,11 @@
 //
 // Each markup command is shown as «...» without its framing bytes, byte 0x03
 // (the data-field separator of comment commands) as '|', and control bytes
-// other than CR, LF and TAB as \xHH. By default the text is converted from its
-// code page to UTF-8 and paragraph marks (CR) become LF; --raw keeps the text's
-// own bytes and CRs (the « » marks are UTF-8 either way). --explain follows
-// each command with what it means, decoded with the library's command classes.
+// other than CR, LF and TAB as \xHH. The listing is UTF-8 with LF paragraph
+// marks. The input is UTF-8 by default, as rtf2old writes it; --raw reads the
+// host's 8-bit bytes, each run of text in the code page of the font command
+// in force (--codepage outside any). --explain follows each command with what
+// it means, decoded with the library's command classes.
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
@@ -14,7 +15,9 @@
 #include <memory>
 #include <string>
 
+#include "rtfconverter/CodePages.h"
 #include "rtfconverter/DocCmd.h"
+#include "rtfconverter/OldTextUtf8.h"
 #include "tools/rtfconv/Commands.h"
 #include "tools/rtfconv/ToolCommon.h"
 
@@ -37,7 +40,6 @@ constexpr char kCmdEnd = '\x02';
 constexpr char kDataSeparator = '\x03';
 constexpr char kOpenMark[] = "\xC2\xAB";  // «
 constexpr char kCloseMark[] = "\xC2\xBB"; // »
-constexpr char kShowDefaultCodePage[] = "1252";
 
 // Bytes that stand for themselves in the listing; the rest are escaped.
 bool IsShownAsIs(unsigned char b) { return (b >= 0x20 && b != 0x7F) || b == '\t' || b == '\n' || b == '\r'; }
@@ -205,43 +207,24 @@ std::string Explain(const CString& text)
 
 class CListing {
 public:
-    CListing(COutput& out, CCodePageToUtf8* pToUtf8) : m_out(out), m_pToUtf8(pToUtf8) {}
+    explicit CListing(COutput& out) : m_out(out) {}
 
-    // Text in the document's code page.
+    // UTF-8 text: paragraph marks (CR) become LF.
     void Text(const char* p, std::size_t cb)
     {
-        if (!m_pToUtf8) {
-            m_out.Write(p, cb);
-            return;
-        }
         m_run.assign(p, cb);
         for (char& ch : m_run)
             if (ch == '\r') ch = '\n';
-        m_utf8.clear();
-        m_pToUtf8->Convert(m_run.data(), m_run.size(), m_utf8);
-        m_out.Write(m_utf8);
+        m_out.Write(m_run);
     }
     void Text(const std::string& s) { Text(s.data(), s.size()); }
 
-    // Marks and escapes, already UTF-8 (ASCII or the « » marks).
-    void Mark(const std::string& s)
-    {
-        FinishText();
-        m_out.Write(s);
-    }
-
-    void FinishText()
-    {
-        if (!m_pToUtf8) return;
-        m_utf8.clear();
-        m_pToUtf8->Finish(m_utf8);
-        m_out.Write(m_utf8);
-    }
+    // Marks and escapes (ASCII or the « » marks).
+    void Mark(const std::string& s) { m_out.Write(s); }
 
 private:
     COutput& m_out;
-    CCodePageToUtf8* m_pToUtf8;
-    std::string m_run, m_utf8;
+    std::string m_run;
 };
 
 std::string EscapedByte(unsigned char b)
@@ -288,20 +271,35 @@ void WriteListing(const std::string& data, CListing& listing, bool bExplain)
         }
         p = close + 1;
     }
-    listing.FinishText();
 }
 
-void ShowOldFormat(const ShowOptions& options, CConversion& conversion)
+// The host's 8-bit old-format text as UTF-8, through the library's codec.
+std::string Utf8OfRawInput(const ShowOptions& options, const std::string& data)
 {
-    std::unique_ptr<CCodePageToUtf8> toUtf8;
-    if (!options.bRaw) {
-        const std::string& codePage = options.codePage.empty() ? kShowDefaultCodePage : options.codePage;
-        const std::string iconvName = IconvCodePageName(codePage);
-        if (iconvName.empty()) throw ToolError(exitUsage, "unknown code page: " + codePage);
-        toUtf8 = std::make_unique<CCodePageToUtf8>(iconvName);
+    int codePage = 1252;
+    if (!options.codePage.empty()) {
+        codePage = CodePageOfIconvName(IconvCodePageName(options.codePage));
+        if (codePage == 0) throw ToolError(exitUsage, "unknown code page: " + options.codePage);
     }
-    CListing listing(conversion.Out(), toUtf8.get());
-    WriteListing(conversion.Data(), listing, options.bExplain);
+    return OldTextToUtf8(data, codePage);
+}
+
+// Input that is not UTF-8 is listed as it is, with a hint at --raw.
+void WarnOfInvalidUtf8(const ToolContext& ctx, const CConversion& conversion)
+{
+    OldTextFromUtf8Counts counts;
+    (void)OldTextFromUtf8(conversion.Data(), 1252, &counts);
+    if (counts.nInvalid)
+        PrintWarning(ctx, DisplayName(conversion.Name()) + ": " + std::to_string(counts.nInvalid) +
+                              " bytes are not UTF-8 and are shown as they are (--raw reads 8-bit old-format text)");
+}
+
+void ShowOldFormat(const ToolContext& ctx, const ShowOptions& options, CConversion& conversion)
+{
+    if (!options.bRaw) WarnOfInvalidUtf8(ctx, conversion);
+    const std::string text = options.bRaw ? Utf8OfRawInput(options, conversion.Data()) : conversion.Data();
+    CListing listing(conversion.Out());
+    WriteListing(text, listing, options.bExplain);
     conversion.ReportConsumed(conversion.Data().size());
 }
 
@@ -311,18 +309,23 @@ void RegisterShow(CLI::App& app, ToolContext& ctx)
 {
     CLI::App* cmd = app.add_subcommand("show", "Old-format text as a readable listing");
     cmd->footer("Markup commands are shown as \xC2\xAB...\xC2\xBB without their framing bytes, byte 0x03 as '|', other\n"
-                "control bytes except CR, LF and TAB as \\xHH. The text is UTF-8 with LF paragraph marks,\n"
-                "converted from --codepage (default 1252); --raw keeps its own bytes and CRs.");
+                "control bytes except CR, LF and TAB as \\xHH. The listing is UTF-8 with LF paragraph marks.\n"
+                "The input is UTF-8, as rtf2old writes it; --raw reads the host's 8-bit bytes, each run of\n"
+                "text in the code page of the font command in force (--codepage, default 1252, outside any).");
     auto options = std::make_shared<ShowOptions>();
     AddVerbosityOptions(*cmd, ctx);
     AddIoOptions(*cmd, options->io, InputKind::OldFormatText);
-    AddCodePageOption(*cmd, options->codePage);
-    AddEncodingOptions(*cmd, options->bRaw, options->bUtf8, "Keep the text's own bytes and CR paragraph marks");
+    CLI::Option* raw = cmd->add_flag("--raw", options->bRaw, "The input is the host's 8-bit old-format text, not UTF-8");
+    cmd->add_flag("--utf8", options->bUtf8, "The input is UTF-8 (the default)")->excludes(raw);
+    cmd->add_option("--codepage", options->codePage,
+                    "With --raw: Windows code page of text outside font commands with a character set (default 1252)")
+        ->type_name("CP")
+        ->needs(raw);
     cmd->add_flag("--explain", options->bExplain, "Follow each command with a description of what it does");
 
     SetCommandAction(*cmd, ctx, [&ctx, options] {
         return RunConversions(ctx, options->io, ".txt",
-                              [options](CConversion& conversion) { ShowOldFormat(*options, conversion); });
+                              [&ctx, options](CConversion& conversion) { ShowOldFormat(ctx, *options, conversion); });
     });
 }
 
