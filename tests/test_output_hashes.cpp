@@ -265,8 +265,9 @@ TEST(OutputHashes, EveryConverterOnEveryDocumentAtEveryBufferSize)
     int cFiles = 0;
     for (const Source& source : sources) {
         std::vector<std::string> files = RtfFilesIn(source.dir);
-        if (source.tag == "bench-0.5mb")
+        if (source.tag == "bench-0.5mb") {
             EXPECT_EQ(files.size(), 3u) << "make_bench.sh left no inputs in " << source.dir;
+        }
         for (const std::string& name : files) {
             const std::string file = source.tag + "/" + name;
             for (const auto& row : HashAllConversions(ReadFileBytes(source.dir + "/" + name))) {
