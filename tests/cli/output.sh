@@ -36,9 +36,12 @@ for name in a b c; do
 done
 expect_file_bytes "$TMP/outdir/b.txt" 'second\ntwo\n'
 
-# One unreadable input among several: status 3, the others still converted.
+# One unreadable input among several: status 3, the others still converted,
+# and a last line that names the failure again.
 expect_status 3 "$RTFCONV" rtf2txt -j 2 --output-dir "$TMP/outdir2" "$TMP/a.rtf" "$TMP/missing.rtf" "$TMP/b.rtf"
-expect_one_error_line "$TMP/missing.rtf"
+[ "$(head -n 1 "$TMP/err")" = "rtfconv: $TMP/missing.rtf: cannot read: No such file or directory" ] &&
+    [ "$(tail -n +2 "$TMP/err")" = "rtfconv: 1 of 3 inputs failed: $TMP/missing.rtf" ] ||
+    fail "the failure and the summary: $(cat "$TMP/err")"
 [ "$(ls "$TMP/outdir2" | tr '\n' ' ')" = "a.txt b.txt " ] || fail "--output-dir after a failure: $(ls -A "$TMP/outdir2")"
 
 # Two inputs that would write the same output name: wrong usage, nothing written.
@@ -50,6 +53,12 @@ expect_status 2 "$RTFCONV" rtf2txt --output-dir "$TMP/outdir3" "$TMP/a.rtf" "$TM
 # --progress draws on stderr and leaves the output alone.
 expect_status 0 "$RTFCONV" rtf2txt --progress "$TMP/a.rtf"
 expect_file_bytes "$TMP/out" 'first\n'
-grep -q '100%' "$TMP/err" || fail "--progress drew: $(cat "$TMP/err")"
+grep -q '100%' "$TMP/err" && grep -q 'MiB/s' "$TMP/err" || fail "--progress drew: $(cat "$TMP/err")"
+# For a batch it counts files.
+expect_status 0 "$RTFCONV" rtf2txt --progress --output-dir "$TMP/outdir4" "$TMP/a.rtf" "$TMP/b.rtf" "$TMP/c.RTF"
+grep -q '100%  3 / 3 files' "$TMP/err" && grep -q 'files/s' "$TMP/err" || fail "--progress on a batch drew: $(cat "$TMP/err")"
+# Not asked for and not on a terminal: no bar.
+expect_status 0 "$RTFCONV" rtf2txt "$TMP/a.rtf"
+[ ! -s "$TMP/err" ] || fail "a bar without --progress: $(cat "$TMP/err")"
 
 finish

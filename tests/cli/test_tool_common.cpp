@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "tools/rtfconv/ToolCommon.h"
+#include "tools/rtfconv/Usage.h"
 
 using namespace rtfconv;
 
@@ -179,5 +180,104 @@ TEST(Output, ReplacesTheTargetOnlyOnCommit)
     EXPECT_EQ(DirEntries(dir), std::vector<std::string>{"out.txt"});
 
     ::unlink(target.c_str());
+    ::rmdir(dir.c_str());
+}
+
+TEST(InputLook, NamesWhatAnInputLooksLike)
+{
+    using namespace std::string_literals;
+    const struct {
+        std::string data;
+        const char* looksLike;
+        bool bRtf, bOldFormat, bText;
+    } rows[] = {
+        {"{\\rtf1 x}", "RTF", true, false, true},
+        {"\xEF\xBB\xBF\r\n\t {\\rtf1 x}", "RTF", true, false, true},
+        {"{\\pard x}", "RTF", true, false, true},
+        {"{rtf1 x}", "plain text", false, false, true},
+        {"\xEF\xBB\xBF", "plain text", false, false, true},
+        {"", "empty", false, false, true},
+        {"x\x01" "F12JB:Arial\x02y", "old-format text", false, true, true},
+        {"x\x01 and never closed", "plain text", false, false, true},
+        {"x\x01" + std::string(600, 'a') + "\x02", "plain text", false, false, true},
+        {"%PDF-1.4\n", "PDF", false, false, false},
+        {"PK\x03\x04....word/document.xml"s, "a Word .docx", false, false, false},
+        {"PK\x03\x04....mimetypeapplication/vnd.oasis.opendocument.text"s, "an OpenDocument file", false, false, false},
+        {"PK\x05\x06"s + std::string(18, '\0'), "ZIP", false, false, false},
+        {"\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1", "a Word .doc", false, false, false},
+        {"\xFF\xD8\xFF\xE0", "a JPEG image", false, false, false},
+        {"GIF89a", "a GIF image", false, false, false},
+        {"BM\x3A\0\0\0\0\0\0\0"s, "a BMP image", false, false, false},
+        {"BMW\n", "plain text", false, false, true},
+        {"\x7F" "ELF\x02\x01", "a program", false, false, false},
+        {"\xFF\xFEh\0i\0"s, "UTF-16 text", false, false, true},
+        {"\x01\x00\x00\x00\x05\x00"s, "binary data", false, false, false},
+        // One NUL in a long text leaves it text; the old-format writer warns about it.
+        {std::string(200, 'a') + '\0' + std::string(200, 'b'), "plain text", false, false, true},
+    };
+    for (const auto& row : rows) {
+        const InputLook look = LookAt(row.data);
+        EXPECT_EQ(look.looksLike, row.looksLike) << row.data;
+        EXPECT_EQ(look.bRtf, row.bRtf) << row.data;
+        EXPECT_EQ(look.bOldFormat, row.bOldFormat) << row.data;
+        EXPECT_EQ(look.bText, row.bText) << row.data;
+    }
+}
+
+TEST(NearestName, HabitsFirstThenFewestEdits)
+{
+    EXPECT_EQ(EditDistance("kitten", "sitting"), 3u);
+    EXPECT_EQ(EditDistance("", "abc"), 3u);
+    EXPECT_EQ(EditDistance("same", "same"), 0u);
+    const std::vector<std::string> options = {"-h", "--help", "-q", "--quiet", "-v", "--verbose", "--version"};
+    const struct {
+        const char* given;
+        const char* nearest;
+    } rows[] = {
+        {"-V", "--version"}, {"-?", "--help"}, {"--usage", "--help"}, {"--verison", "--version"},
+        {"--quite", "--quiet"}, {"-x", "-h"},
+    };
+    for (const auto& row : rows) EXPECT_EQ(NearestName(row.given, options), row.nearest) << row.given;
+    EXPECT_EQ(NearestName("-V", {"-v", "-q"}), "-v"); // the habit only where its option exists
+    EXPECT_EQ(NearestName("x", {}), "");
+}
+
+TEST(ProgressLine, BytesOrFilesWithRateAndTimeLeft)
+{
+    using Unit = CProgressMeter::Unit;
+    const struct {
+        Unit unit;
+        std::uint64_t done, total;
+        double seconds;
+        const char* line;
+    } rows[] = {
+        {Unit::Bytes, 0, 10 << 20, 0.0, "[..............................]   0%  0.0 / 10.0 MiB  0.0 MiB/s  --:-- left"},
+        {Unit::Bytes, 4 << 20, 10 << 20, 2.0, "[############..................]  40%  4.0 / 10.0 MiB  2.0 MiB/s  0:03 left"},
+        {Unit::Bytes, 10 << 20, 10 << 20, 5.0, "[##############################] 100%  10.0 / 10.0 MiB  2.0 MiB/s  0:05 total"},
+        {Unit::Files, 30, 120, 10.0, "[#######.......................]  25%  30 / 120 files  3.0 files/s  0:30 left"},
+        {Unit::Files, 1, 5000, 1.0, "[..............................]   0%  1 / 5000 files  1.0 files/s  1:23:19 left"},
+        // More reported than expected (an input grew while read): shown as done.
+        {Unit::Bytes, 20, 10, 1.0, "[##############################] 100%  0.0 / 0.0 MiB  0.0 MiB/s  0:01 total"},
+    };
+    for (const auto& row : rows) EXPECT_EQ(ProgressLine(row.unit, row.done, row.total, row.seconds), row.line);
+}
+
+TEST(Output, WritesThroughASymbolicLink)
+{
+    std::string dir = testing::TempDir() + "rtfconv_link_XXXXXX";
+    ASSERT_NE(::mkdtemp(&dir[0]), nullptr);
+    std::ofstream(dir + "/target.txt") << "OLD";
+    ASSERT_EQ(::symlink("target.txt", (dir + "/link").c_str()), 0);
+    {
+        COutput out(dir + "/link");
+        out.Write("NEW");
+        out.Commit();
+    }
+    EXPECT_EQ(FileText(dir + "/target.txt"), "NEW");
+    char linkText[64] = {};
+    EXPECT_EQ(::readlink((dir + "/link").c_str(), linkText, sizeof linkText - 1), 10);
+    EXPECT_EQ(DirEntries(dir), (std::vector<std::string>{"link", "target.txt"}));
+    ::unlink((dir + "/link").c_str());
+    ::unlink((dir + "/target.txt").c_str());
     ::rmdir(dir.c_str());
 }

@@ -11,7 +11,8 @@ grep -q "rtf2txt" "$TMP/out" || fail "--help does not list rtf2txt"
 expect_status 0 "$RTFCONV" rtf2txt --help
 grep -q -- "--buffer" "$TMP/out" && grep -q -- "--raw" "$TMP/out" || fail "rtf2txt --help lacks its options"
 expect_status 0 "$RTFCONV" --version
-grep -Eq '^rtfconv [0-9]+\.[0-9]+\.[0-9]+$' "$TMP/out" || fail "--version printed: $(cat "$TMP/out")"
+grep -Eq '^rtfconv [0-9]+\.[0-9]+\.[0-9]+ \(library rtfconverter [0-9]+\.[0-9]+\.[0-9]+\)$' "$TMP/out" ||
+    fail "--version printed: $(cat "$TMP/out")"
 
 # Wrong usage: 2.
 expect_status 2 "$RTFCONV"
@@ -22,8 +23,6 @@ expect_status 2 "$RTFCONV" rtf2txt --raw --utf8 "$TMP/doc.rtf"
 expect_status 2 "$RTFCONV" rtf2txt --buffer 0 "$TMP/doc.rtf"
 expect_status 2 "$RTFCONV" rtf2txt -q -v "$TMP/doc.rtf"
 expect_status 2 "$RTFCONV" rtf2txt -o "$TMP/x.txt" --output-dir "$TMP/out.d" "$TMP/doc.rtf"
-expect_status 2 "$RTFCONV" rtf2txt "$TMP/doc.rtf" "$TMP/doc.rtf"
-expect_one_error_line "--output-dir"
 
 # Unreadable input or unwritable output: 3, one line naming the file.
 expect_status 3 "$RTFCONV" rtf2txt "$TMP/missing.rtf"
@@ -41,7 +40,7 @@ printf '{\\rtf1 {{{\\b x}}} \\pndec y}}}}\\' >"$TMP/bad.rtf"
 expect_status 0 "$RTFCONV" -q rtf2txt "$TMP/bad.rtf"
 [ ! -s "$TMP/err" ] || fail "-q still printed: $(cat "$TMP/err")"
 printf 'not rtf at all' >"$TMP/plain.txt"
-expect_status 0 "$RTFCONV" rtf2txt - <"$TMP/plain.txt"
+expect_status 0 "$RTFCONV" rtf2txt --force - <"$TMP/plain.txt"
 
 # -v shows the library's assertion reports (the 8-bit converter's full buffer at a paragraph end reports "bOk").
 expect_status 0 "$RTFCONV" rtf2txt -v --raw --buffer 1 "$TMP/doc.rtf"

@@ -59,6 +59,18 @@ expect_status 0 "$RTFCONV" old2rtf --attachments "$TMP/att" "$TMP/att.old"
 expect_one_error_line "03.bmp"
 grep -qF "d\\objattph\\'20" "$TMP/out" || fail "a bad bitmap is a placeholder: $(cat "$TMP/out")"
 
+# rtf2old writes UTF-8 decoded with each font's character set, --raw the
+# bytes; old2rtf reads either back to the same RTF.
+printf '{\\rtf1{\\fonttbl{\\f0\\fswiss\\fcharset204 Arial;}}\\f0 \\'"'"'cf\\'"'"'f0\\'"'"'e8\\par}' >"$TMP/ru.rtf"
+expect_status 0 "$RTFCONV" rtf2old -o "$TMP/ru.old" "$TMP/ru.rtf"
+grep -qF "$(printf '\320\237\321\200\320\270')" "$TMP/ru.old" || fail "rtf2old UTF-8: $(od -An -c "$TMP/ru.old")"
+expect_status 0 "$RTFCONV" rtf2old --raw -o "$TMP/ru.raw" "$TMP/ru.rtf"
+grep -qF "$(printf '\317\360\350')" "$TMP/ru.raw" || fail "rtf2old --raw: $(od -An -c "$TMP/ru.raw")"
+expect_status 0 "$RTFCONV" old2rtf -o "$TMP/ru1.rtf" "$TMP/ru.old"
+expect_status 0 "$RTFCONV" old2rtf --raw -o "$TMP/ru2.rtf" "$TMP/ru.raw"
+cmp -s "$TMP/ru1.rtf" "$TMP/ru2.rtf" || fail "old2rtf of UTF-8 and of --raw differ: $(cat "$TMP/ru1.rtf") $(cat "$TMP/ru2.rtf")"
+grep -qF "\\'cf\\'f0\\'e8" "$TMP/ru1.rtf" || fail "old2rtf Cyrillic: $(cat "$TMP/ru1.rtf")"
+
 # Pictures saved by rtf2old --attachments come back through old2rtf
 # --attachments in their own format, byte for byte; --exact leaves them placeholders.
 png='89504e470d0a1a0a0000000d494844520000000200000003080200000012345678'

@@ -1,7 +1,11 @@
-// Inputs read whole, and outputs that replace their target only on success.
+// Inputs read whole, and outputs that replace their target only on success,
+// even when the tool is interrupted.
 #include "tools/rtfconv/ToolCommon.h"
 
+#include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
@@ -61,6 +65,68 @@ std::string ReadInput(const std::string& path)
 }
 
 // ---------------------------------------------------------------------------
+// Cleanup on signals.
+//
+// The temporary files being written are listed in a fixed table that the
+// signal handler can walk: it may only touch lock-free atomics and call
+// async-signal-safe functions (unlink, raise). Whoever empties a slot owns
+// its path: the handler takes a path by exchanging it out and never frees it
+// (the process is ending), so it can never read a path being freed.
+
+namespace {
+
+constexpr int kcTempSlots = 4096; // every -j worker's output and attachment, with room to spare
+std::atomic<char*> g_tempPaths[kcTempSlots];
+
+// Lists `path` for removal on a signal; the slot, or -1 when the table is full
+// (the file is then left to the usual cleanup only).
+int ListTemporaryFile(const std::string& path)
+{
+    char* copy = ::strdup(path.c_str());
+    if (!copy) return -1;
+    for (int i = 0; i < kcTempSlots; ++i) {
+        char* expected = nullptr;
+        if (g_tempPaths[i].compare_exchange_strong(expected, copy)) return i;
+    }
+    std::free(copy);
+    return -1;
+}
+
+void UnlistTemporaryFile(int slot)
+{
+    if (slot >= 0) std::free(g_tempPaths[slot].exchange(nullptr));
+}
+
+extern "C" void RemoveTemporaryFilesAndDie(int signalNumber)
+{
+    for (std::atomic<char*>& slot : g_tempPaths) {
+        if (char* path = slot.exchange(nullptr)) ::unlink(path);
+    }
+    // Dying of the signal itself, rather than exiting, tells a calling shell
+    // that the run was interrupted (a loop over files stops too).
+    std::signal(signalNumber, SIG_DFL);
+    std::raise(signalNumber);
+}
+
+} // namespace
+
+void InstallSignalCleanup()
+{
+    for (const int signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction current {};
+        if (::sigaction(signalNumber, nullptr, &current) != 0 || current.sa_handler == SIG_IGN) continue;
+        struct sigaction cleanup {};
+        cleanup.sa_handler = RemoveTemporaryFilesAndDie;
+        sigemptyset(&cleanup.sa_mask);
+        // While one signal cleans up, the others wait: the table is walked once.
+        sigaddset(&cleanup.sa_mask, SIGINT);
+        sigaddset(&cleanup.sa_mask, SIGTERM);
+        sigaddset(&cleanup.sa_mask, SIGHUP);
+        ::sigaction(signalNumber, &cleanup, nullptr);
+    }
+}
+
+// ---------------------------------------------------------------------------
 // Output.
 
 namespace {
@@ -89,6 +155,32 @@ void SplitPath(const std::string& path, std::string& dir, std::string& base)
     }
 }
 
+// The file `path` names once its symbolic links are followed (a dangling link
+// names the file it would create), so that replacing the file writes through
+// the link instead of replacing the link. As many links as the kernel follows.
+std::string FollowLinks(std::string path)
+{
+    constexpr int kcMaxLinks = 40;
+    for (int i = 0; i < kcMaxLinks; ++i) {
+        struct stat st {};
+        if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return path;
+        std::string link(static_cast<std::size_t>(st.st_size > 0 ? st.st_size : 4095) + 1, '\0');
+        const ssize_t cch = ::readlink(path.c_str(), &link[0], link.size());
+        if (cch < 0 || static_cast<std::size_t>(cch) >= link.size()) return path; // changed under us: let open() judge
+        link.resize(static_cast<std::size_t>(cch));
+        std::string dir, base;
+        SplitPath(path, dir, base);
+        path = link[0] == '/' ? link : dir + "/" + link;
+    }
+    return path; // a loop: open() reports it
+}
+
+bool IsDirectory(const std::string& path)
+{
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
 } // namespace
 
 COutput::COutput(const std::string& path)
@@ -98,28 +190,29 @@ COutput::COutput(const std::string& path)
         m_displayName = "standard output";
         return;
     }
-    m_target = path;
+    m_target = FollowLinks(path);
     m_displayName = path;
     struct stat st {};
-    const bool bExists = ::stat(path.c_str(), &st) == 0;
+    const bool bExists = ::stat(m_target.c_str(), &st) == 0;
     if (bExists && S_ISDIR(st.st_mode)) {
         errno = EISDIR;
         Fail("cannot write");
     }
     if (bExists && !S_ISREG(st.st_mode)) {
         // A device or a pipe (/dev/null, a FIFO): there is no file to replace.
-        m_pFile = std::fopen(path.c_str(), "wb");
+        m_pFile = std::fopen(m_target.c_str(), "wb");
         if (!m_pFile) Fail("cannot write");
         return;
     }
     std::string dir, base;
-    SplitPath(path, dir, base);
+    SplitPath(m_target, dir, base);
     m_tempPath = dir + "/." + base + ".XXXXXX";
     const int fd = ::mkstemp(&m_tempPath[0]);
     if (fd < 0) {
         m_tempPath.clear();
         Fail("cannot write");
     }
+    m_tempSlot = ListTemporaryFile(m_tempPath);
     // mkstemp creates 0600; the result should look like any file we write.
     ::fchmod(fd, bExists ? (st.st_mode & 07777) : NewFileMode());
     m_pFile = ::fdopen(fd, "wb");
@@ -134,11 +227,27 @@ COutput::~COutput()
 {
     if (m_pFile && m_pFile != stdout) std::fclose(m_pFile);
     if (!m_bCommitted && !m_tempPath.empty()) ::unlink(m_tempPath.c_str());
+    Forget();
+}
+
+// The temporary file is no business of the signal handler any more: renamed
+// or removed.
+void COutput::Forget()
+{
+    UnlistTemporaryFile(m_tempSlot);
+    m_tempSlot = -1;
 }
 
 void COutput::Fail(const char* what) const
 {
-    throw ToolError(exitIoError, std::string(what) + " " + m_displayName + ": " + ErrnoText());
+    const std::string reason = ErrnoText();
+    // A folder removed while we write (an output folder cleaned up mid-run)
+    // shows only as "No such file or directory", which points at the file.
+    std::string dir, base;
+    SplitPath(m_target, dir, base);
+    if (!m_target.empty() && !IsDirectory(dir))
+        throw ToolError(exitIoError, std::string(what) + " " + m_displayName + ": the folder " + dir + " does not exist");
+    throw ToolError(exitIoError, std::string(what) + " " + m_displayName + ": " + reason);
 }
 
 void COutput::Write(const char* p, std::size_t cb)
@@ -158,6 +267,7 @@ void COutput::Commit()
     if (std::fclose(pFile) != 0) Fail("cannot write");
     if (!m_tempPath.empty() && ::rename(m_tempPath.c_str(), m_target.c_str()) != 0) Fail("cannot write");
     m_bCommitted = true;
+    Forget();
 }
 
 } // namespace rtfconv

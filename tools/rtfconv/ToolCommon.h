@@ -3,7 +3,9 @@
 // the progress bar.
 //
 // Sources: ToolCommon.cpp (options, logging, the driver), Files.cpp (inputs
-// and outputs), Progress.cpp, CodePages.cpp.
+// and outputs, cleanup on signals), InputKind.cpp (what an input looks like),
+// Usage.cpp (usage errors, the man page and shell completion from the option
+// definitions), Progress.cpp, CodePages.cpp.
 //
 // A command registers its subcommand with the Add*Options helpers below, and
 // its action converts one input with a ConvertFn that RunConversions calls
@@ -75,17 +77,45 @@ std::string DisplayName(const std::string& input);
 // ---------------------------------------------------------------------------
 // Inputs and outputs.
 
+// The kind of input a command reads. Each command declares its own; the
+// driver refuses an input that looks like something else (unless --force).
+enum class InputKind {
+    Rtf,           // begins, after a BOM and white space, with "{\"
+    OldFormatText, // the host's 8-bit text, markup commands or not
+    PlainText,     // text (UTF-8, an 8-bit page, or UTF-16 with a BOM)
+};
+
+// What the first bytes of an input say it is.
+struct InputLook {
+    bool bRtf = false;
+    bool bOldFormat = false; // text holding markup commands (0x01 ... 0x02)
+    bool bText = false;      // text of any kind, RTF and old-format text included
+    std::string looksLike;   // for messages: "RTF", "a Word .docx", "PDF", "plain text", "empty"...
+};
+InputLook LookAt(const std::string& data);
+// Throws ToolError(exitConversionFailed) "not RTF (looks like PDF)" when
+// `data` is not of the kind `kind`.
+void CheckInputKind(InputKind kind, const std::string& data);
+
 struct IoOptions {
     std::vector<std::string> inputs; // "-" is standard input; none means "-"
     std::string outputFile;          // -o; empty or "-" is standard output
     std::string outputDir;           // --output-dir
     unsigned jobs = 0;               // -j; 0 is the number of cores
     bool bProgress = false;          // --progress
+    bool bForce = false;             // --force: read an input that does not look like `kind`
+    InputKind kind = InputKind::Rtf;
 };
 
-// Adds INPUT..., -o, --output-dir, -j and --progress to `cmd`; `inputKind`
-// names the inputs in --help ("RTF files").
-void AddIoOptions(CLI::App& cmd, IoOptions& io, const std::string& inputKind = "Files");
+// Adds INPUT..., -o, --output-dir, -j, --progress and --force to `cmd`, for
+// inputs of the kind `kind`.
+void AddIoOptions(CLI::App& cmd, IoOptions& io, InputKind kind);
+
+// Adds --raw and --utf8 (which exclude each other) to `cmd`, with the same
+// words on every command: `rawMeans` says what --raw does there.
+void AddEncodingOptions(CLI::App& cmd, bool& bRaw, bool& bUtf8, const std::string& rawMeans);
+// The tool's one account of text encodings, for --help and the man page.
+extern const char* const kEncodingStory;
 
 constexpr std::size_t kDefaultReadBuffer = 65536;
 constexpr std::size_t kMaxReadBuffer = std::size_t(16) << 20;
@@ -95,8 +125,15 @@ void AddBufferOption(CLI::App& cmd, std::size_t& cbBuffer);
 // Reads a file, or standard input for "-", whole. Throws ToolError(exitIoError).
 std::string ReadInput(const std::string& path);
 
+// On SIGINT, SIGTERM and SIGHUP, removes the temporary files of the outputs
+// being written and then dies of the signal (exit status 128 + N in a shell).
+// A signal the tool was started with ignored stays ignored. Call once, first.
+void InstallSignalCleanup();
+
 // An output written to standard output, or to a file through a temporary file
-// in the same folder that is renamed over the target by Commit(). Destroyed
+// in the same folder that is renamed over the target by Commit(). A target
+// that is a symbolic link is written through: the file it points to is
+// replaced and the link stays. Destroyed
 // without Commit(), it removes the temporary file: a failed run never leaves a
 // half-written target. Write errors throw ToolError(exitIoError).
 class COutput {
@@ -112,51 +149,82 @@ public:
     const std::string& Name() const { return m_displayName; }
 
 private:
-    void Fail(const char* what) const;
+    [[noreturn]] void Fail(const char* what) const;
+    void Forget();
 
     std::FILE* m_pFile = nullptr;
-    std::string m_target;      // empty for standard output
+    std::string m_target;      // empty for standard output; links followed
     std::string m_tempPath;    // empty when writing straight to the target
+    int m_tempSlot = -1;       // its entry in the table the signal handler cleans
     std::string m_displayName;
     bool m_bCommitted = false;
 };
 
 // ---------------------------------------------------------------------------
-// Progress bar on stderr, driven by input bytes consumed.
+// Progress bar on stderr: input bytes for one input, files for a batch, with
+// the rate and the time left.
 
 class CProgressMeter {
 public:
     enum class Mode { Off, Auto, On };
-    explicit CProgressMeter(Mode mode) : m_mode(mode) {}
+    enum class Unit { Bytes, Files };
+    CProgressMeter(Mode mode, Unit unit) : m_mode(mode), m_unit(unit), m_start(std::chrono::steady_clock::now()) {}
     ~CProgressMeter() { Finish(); }
     CProgressMeter(const CProgressMeter&) = delete;
     CProgressMeter& operator=(const CProgressMeter&) = delete;
 
-    // In Auto mode the bar appears once the inputs total more than this,
-    // and only when stderr is a terminal.
-    static constexpr std::uint64_t cbAutoThreshold = std::uint64_t(8) << 20;
+    // In Auto mode the bar appears, when stderr is a terminal, once the
+    // inputs total more than this, or the batch more files than this.
+    static constexpr std::uint64_t cbAutoThreshold = 50'000'000;
+    static constexpr std::uint64_t cAutoFiles = 100;
 
-    void AddTotal(std::uint64_t cb);
+    // Adds to what is to be done; each counts only for its own unit.
+    void AddBytes(std::uint64_t cb)
+    {
+        if (m_unit == Unit::Bytes) AddTotal(cb);
+    }
+    void AddFiles(std::uint64_t cFiles)
+    {
+        if (m_unit == Unit::Files) AddTotal(cFiles);
+    }
+    // Input bytes converted (counted for the Bytes unit only).
     void Advance(std::uint64_t cb)
     {
-        if (!m_bActive.load(std::memory_order_relaxed)) return;
-        m_cbDone.fetch_add(cb, std::memory_order_relaxed);
-        MaybeDraw();
+        if (m_unit == Unit::Bytes) AdvanceBy(cb);
+    }
+    // One input done (counted for the Files unit only).
+    void FileDone()
+    {
+        if (m_unit == Unit::Files) AdvanceBy(1);
     }
     void Finish();
 
 private:
+    void AddTotal(std::uint64_t c);
+    void AdvanceBy(std::uint64_t c)
+    {
+        if (!m_bActive.load(std::memory_order_relaxed)) return;
+        m_done.fetch_add(c, std::memory_order_relaxed);
+        MaybeDraw();
+    }
     void MaybeDraw();
     void Draw();
 
     Mode m_mode;
+    Unit m_unit;
+    std::chrono::steady_clock::time_point m_start;
     std::atomic<bool> m_bActive{false};
-    std::atomic<std::uint64_t> m_cbTotal{0};
-    std::atomic<std::uint64_t> m_cbDone{0};
+    std::atomic<std::uint64_t> m_total{0};
+    std::atomic<std::uint64_t> m_done{0};
     std::mutex m_drawMutex;
     std::chrono::steady_clock::time_point m_lastDraw{};
     bool m_bDrawn = false;
+    bool m_bFinished = false;
 };
+
+// One line of the bar (without the leading CR): "[####......]  40%  2.0 / 5.0 MiB
+// 1.0 MiB/s  0:03 left". `seconds` is the time since the start.
+std::string ProgressLine(CProgressMeter::Unit unit, std::uint64_t done, std::uint64_t total, double seconds);
 
 // ---------------------------------------------------------------------------
 // The conversion driver.

@@ -219,7 +219,7 @@ void RegisterOld2Rtf(CLI::App& app, ToolContext& ctx)
                 "placeholder. Without it attachments are left out.");
     auto options = std::make_shared<Old2RtfOptions>();
     AddVerbosityOptions(*cmd, ctx);
-    AddIoOptions(*cmd, options->io, "Old-format text files");
+    AddIoOptions(*cmd, options->io, InputKind::OldFormatText);
     AddFontOption(*cmd, options->font);
     cmd->add_option("--attachments", options->attachmentDir, "Answer attachment commands from the files of DIR")
         ->check(CLI::Validator(CLI::ExistingDirectory).description(""))

@@ -315,7 +315,7 @@ void RegisterRtf2Old(CLI::App& app, ToolContext& ctx)
                 "(in DIR/NAME/ for each input NAME.rtf when there are several).");
     auto options = std::make_shared<Rtf2OldOptions>();
     AddVerbosityOptions(*cmd, ctx);
-    AddIoOptions(*cmd, options->io);
+    AddIoOptions(*cmd, options->io, InputKind::Rtf);
     AddBufferOption(*cmd, options->cbBuffer);
     CLI::Option* codePage =
         cmd->add_option("--codepage", options->codePage,

@@ -119,7 +119,7 @@ void RegisterRtf2Txt(CLI::App& app, ToolContext& ctx)
                 "--raw writes the library's own bytes instead (8-bit text, CR paragraph marks).");
     auto options = std::make_shared<Rtf2TxtOptions>();
     AddVerbosityOptions(*cmd, ctx);
-    AddIoOptions(*cmd, options->io, "RTF files");
+    AddIoOptions(*cmd, options->io, InputKind::Rtf);
     AddBufferOption(*cmd, options->cbBuffer);
     AddCodePageOption(*cmd, options->codePage);
     CLI::Option* raw =

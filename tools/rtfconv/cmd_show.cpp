@@ -37,7 +37,7 @@ constexpr char kCmdEnd = '\x02';
 constexpr char kDataSeparator = '\x03';
 constexpr char kOpenMark[] = "\xC2\xAB";  // «
 constexpr char kCloseMark[] = "\xC2\xBB"; // »
-constexpr char kDefaultCodePage[] = "1252";
+constexpr char kShowDefaultCodePage[] = "1252";
 
 // Bytes that stand for themselves in the listing; the rest are escaped.
 bool IsShownAsIs(unsigned char b) { return (b >= 0x20 && b != 0x7F) || b == '\t' || b == '\n' || b == '\r'; }
@@ -295,7 +295,7 @@ void ShowOldFormat(const ShowOptions& options, CConversion& conversion)
 {
     std::unique_ptr<CCodePageToUtf8> toUtf8;
     if (!options.bRaw) {
-        const std::string& codePage = options.codePage.empty() ? kDefaultCodePage : options.codePage;
+        const std::string& codePage = options.codePage.empty() ? kShowDefaultCodePage : options.codePage;
         const std::string iconvName = IconvCodePageName(codePage);
         if (iconvName.empty()) throw ToolError(exitUsage, "unknown code page: " + codePage);
         toUtf8 = std::make_unique<CCodePageToUtf8>(iconvName);
@@ -315,11 +315,9 @@ void RegisterShow(CLI::App& app, ToolContext& ctx)
                 "converted from --codepage (default 1252); --raw keeps its own bytes and CRs.");
     auto options = std::make_shared<ShowOptions>();
     AddVerbosityOptions(*cmd, ctx);
-    AddIoOptions(*cmd, options->io, "Old-format text files");
+    AddIoOptions(*cmd, options->io, InputKind::OldFormatText);
     AddCodePageOption(*cmd, options->codePage);
-    CLI::Option* raw = cmd->add_flag("--raw", options->bRaw, "Keep the text's own bytes and CR paragraph marks");
-    CLI::Option* utf8 = cmd->add_flag("--utf8", options->bUtf8, "Write UTF-8 with LF line ends (the default)");
-    raw->excludes(utf8);
+    AddEncodingOptions(*cmd, options->bRaw, options->bUtf8, "Keep the text's own bytes and CR paragraph marks");
     cmd->add_flag("--explain", options->bExplain, "Follow each command with a description of what it does");
 
     SetCommandAction(*cmd, ctx, [&ctx, options] {

@@ -143,7 +143,7 @@ void RegisterTxt2Rtf(CLI::App& app, ToolContext& ctx)
                 "an error. --raw takes the bytes as they are: CR ends a paragraph, LF breaks a line.");
     auto options = std::make_shared<Txt2RtfOptions>();
     AddVerbosityOptions(*cmd, ctx);
-    AddIoOptions(*cmd, options->io, "Text files");
+    AddIoOptions(*cmd, options->io, InputKind::PlainText);
     AddFontOption(*cmd, options->font);
     AddCodePageOption(*cmd, options->codePage);
     CLI::Option* raw = cmd->add_flag("--raw", options->bRaw, "Take the input's bytes as they are (8-bit text)");
