@@ -79,11 +79,18 @@ asan: deps
 	@cmake --build $(BUILD_ASAN) -j $(JOBS)
 	@cd $(BUILD_ASAN) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
 
+# The whole-process table times rtfconv against catdoc, a peer, in the same run.
+BENCH_PACKAGES = catdoc bc time
+BENCH_RUNS ?= 5
+BENCH_BIG_MB ?= 500
+
 bench: configure
+	$(call install_missing,$(BENCH_PACKAGES))
 	@cmake -S . -B $(BUILD) -DRTFCONV_BUILD_BENCH=ON >/dev/null
-	@cmake --build $(BUILD) -j $(JOBS) --target rtfconverter_bench
+	@cmake --build $(BUILD) -j $(JOBS) --target rtfconverter_bench rtfconv
 	@[ -f bench/data/text-heavy.rtf ] || bash bench/make_bench.sh 20 >/dev/null
 	@$(BUILD)/bench/rtfconverter_bench --benchmark_counters_tabular=true
+	@bash bench/whole_process.sh $(BUILD) $(BENCH_RUNS) $(BENCH_BIG_MB)
 
 # libFuzzer needs clang; each target fuzzes for FUZZ_SECONDS on its own corpus.
 fuzz: deps
