@@ -3,8 +3,11 @@ BUILD      ?= build
 BUILD_ASAN ?= build-asan
 BUILD_FUZZ ?= build-fuzz
 BUILD_PACKAGE ?= build-package
+BUILD_TSAN ?= build-tsan
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_SECONDS ?= 60
+HOURS      ?= 1
+FUZZ_JOBS  ?= 1
 CMAKE_FLAGS ?=
 # Sub-makes run by `cmake --build` would otherwise announce every directory they enter.
 MAKEFLAGS += --no-print-directory
@@ -14,7 +17,7 @@ DEMO_PACKAGES = cmake g++ make libcli11-dev
 TEST_PACKAGES = $(DEMO_PACKAGES) libgtest-dev libbenchmark-dev groff-base man-db dpkg-dev lintian zsh pkg-config \
   pybind11-dev python3-dev python3-pytest python3-setuptools python3-wheel python3-venv python3-dask python3-distributed
 
-.PHONY: all deps deps-demo configure configure-demo build demo test asan bench fuzz corpus interop man package clean
+.PHONY: all deps deps-demo configure configure-demo build demo test asan bench fuzz corpus interop man package fuzz-build fuzz-campaign tsan clean
 
 all: build
 
@@ -79,6 +82,15 @@ asan: deps
 	@cmake --build $(BUILD_ASAN) -j $(JOBS)
 	@cd $(BUILD_ASAN) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
 
+# The tests that convert on several threads at once (the tool's -j, the
+# code-page tables and the keyword index that threads share) under
+# ThreadSanitizer.
+TSAN_TESTS = ParallelConversion|cli\.output
+tsan: deps
+	@cmake -S . -B $(BUILD_TSAN) -DRTFCONV_SANITIZE=thread -DRTFCONV_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(BUILD_TSAN) -j $(JOBS) --target rtfconverter_tests rtfconv
+	@cd $(BUILD_TSAN) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --output-on-failure -R '$(TSAN_TESTS)'
+
 # The whole-process table times rtfconv against catdoc, a peer, in the same run.
 BENCH_PACKAGES = catdoc bc time
 BENCH_RUNS ?= 5
@@ -93,11 +105,22 @@ bench: configure
 	@bash bench/whole_process.sh $(BUILD) $(BENCH_RUNS) $(BENCH_BIG_MB)
 
 # libFuzzer needs clang; each target fuzzes for FUZZ_SECONDS on its own corpus.
-fuzz: deps
+fuzz: fuzz-build
+	@bash fuzz/run.sh $(BUILD_FUZZ)/fuzz $(FUZZ_SECONDS)
+
+fuzz-build: deps
 	@cmake -S . -B $(BUILD_FUZZ) -DCMAKE_CXX_COMPILER=clang++ -DRTFCONV_BUILD_FUZZ=ON -DRTFCONV_LIBFUZZER=ON \
 	  -DRTFCONV_BUILD_TESTS=OFF -DRTFCONV_BUILD_BENCH=OFF -DRTFCONV_BUILD_TOOLS=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(BUILD_FUZZ) -j $(JOBS)
-	@bash fuzz/run.sh $(BUILD_FUZZ)/fuzz $(FUZZ_SECONDS)
+
+# A long campaign at the lowest priority: HOURS in all, shared by the targets
+# (FUZZ_JOBS of them at once), starting from the real documents too; what the
+# targets find is merged, minimised, into fuzz/corpus/ and findings are kept in
+# fuzz/findings/ for `make test`.
+fuzz-campaign: fuzz-build
+	@n=$$(ls $(BUILD_FUZZ)/fuzz/fuzz_* | wc -l); \
+	seconds=$$(awk -v h=$(HOURS) -v n=$$n -v j=$(FUZZ_JOBS) 'BEGIN { s = int(h * 3600 * j / n); print (s < 1 ? 1 : s) }'); \
+	FUZZ_CAMPAIGN=1 FUZZ_JOBS=$(FUZZ_JOBS) nice -n 19 bash fuzz/run.sh $(BUILD_FUZZ)/fuzz $$seconds
 
 # Does LibreOffice read the RTF we write as we mean it? Not part of `make test`:
 # installs libreoffice-writer and poppler-utils when missing (as root), compares

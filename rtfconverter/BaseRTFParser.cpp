@@ -423,8 +423,24 @@ bool CBaseRTFParser::ApplyCRCommand(const void*, int)
 
 void CBaseRTFParser::ApplyParagraphNumbering()
 {
+    m_pnInfo.SetTextBefore(CutNumberingText(m_pnInfo.GetTextBefore()));
+    m_pnInfo.SetTextAfter(CutNumberingText(m_pnInfo.GetTextAfter()));
     m_numbering.SetCurrentInfo(m_pnInfo);
     m_pnInfo.Clear();
+}
+
+// The text at the numbering text limit, not cutting a markup command (0x01 up
+// to its 0x02) in two.
+CString CBaseRTFParser::CutNumberingText(const CString& text)
+{
+    const std::size_t limit = static_cast<std::size_t>(m_limits.maxNumberingText);
+    if (WithinLimit(static_cast<std::size_t>(text.GetLength()), limit, limitNumberingText))
+        return text;
+    int cch = static_cast<int>(limit);
+    const int iCommandStart = text.Left(cch).ReverseFind('\x01');
+    if (iCommandStart >= 0 && text.Left(cch).Find('\x02', iCommandStart) < 0)
+        cch = iCommandStart;
+    return text.Left(cch);
 }
 
 bool CBaseRTFParser::InitPNCommand(const void*, int)

@@ -136,6 +136,7 @@ protected:
     int ParseHexParam(char first);
     // At the end of a \pn group: the collected numbering becomes current.
     void ApplyParagraphNumbering();
+    CString CutNumberingText(const CString& text);
 
     // The row s_Cmds would match first for szKeyword, or -1 when none does.
     static int FindKeyword(const char* szKeyword);

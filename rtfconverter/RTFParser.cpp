@@ -1,5 +1,7 @@
 #include "rtfconverter/RTFParser.h"
 
+#include <initializer_list>
+
 #include "hostlibs/VQLogger.h"
 
 namespace rtf_converter {
@@ -39,6 +41,7 @@ void CRTFParser::Init()
 {
     m_bStarted = true;
     m_cGroup = 0;
+    m_cUnsavedGroups = 0;
 }
 
 bool CRTFParser::PushRtfState()
@@ -82,11 +85,11 @@ void CRTFParser::Parse(bool& bMore)
             break;
         case '{':
             m_bSkipNextChar = false;
-            PushRtfState();
+            OpenGroup();
             break;
         case '}':
             m_bSkipNextChar = false;
-            PopRtfState();
+            CloseGroup();
             break;
         default:
             if (!ParseChar(ch) || !ParseOrdinaryRun())
@@ -130,12 +133,69 @@ bool CRTFParser::ParseRun(const char* /*p*/, std::size_t cb)
 
 bool CRTFParser::ParseOrdinaryRun()
 {
+    // Outside the outermost group the loop stops after every byte: a run
+    // would read on past where it stops.
+    if (m_cGroup < 1)
+        return true;
     std::size_t cbAhead = 0;
     const char* p = RunAhead(cbAhead);
     if (!p)
         return true;
     const std::size_t cbRun = OrdinaryRunLength(p, cbAhead);
     return cbRun == 0 || ParseRun(p, cbRun);
+}
+
+// Each saved group costs a record of the reader's formatting, so a document
+// of nothing but '{' would take memory many times its size. Past the depth
+// limit groups are counted, which keeps the braces balanced and the end of
+// the document where it was, but save nothing: the deepest saved group's
+// state serves them, and its '}' restores what they changed.
+void CRTFParser::OpenGroup()
+{
+    const std::size_t cDepth = static_cast<std::size_t>(m_cGroup > 0 ? m_cGroup : 0);
+    if (!WithinLimit(cDepth + 1, static_cast<std::size_t>(m_limits.maxDepth), limitDepth)) {
+        ++m_cUnsavedGroups;
+        ++m_cGroup;
+        return;
+    }
+    PushRtfState();
+}
+
+void CRTFParser::CloseGroup()
+{
+    if (m_cUnsavedGroups > 0) {
+        --m_cUnsavedGroups;
+        --m_cGroup;
+        return;
+    }
+    PopRtfState();
+}
+
+void CRTFParser::SetLimits(const ReadLimits& limits)
+{
+    m_limits = limits;
+    // A document needs its outermost group, and a colour table its automatic
+    // entry, whatever the caller asks for; a length is at least 0.
+    for (int* pCount : {&m_limits.maxDepth, &m_limits.maxFontEntries, &m_limits.maxColorEntries})
+        *pCount = *pCount < 1 ? 1 : *pCount;
+    for (int* pLength : {&m_limits.maxFontNameLength, &m_limits.maxFieldText, &m_limits.maxNumberingText})
+        *pLength = *pLength < 0 ? 0 : *pLength;
+}
+
+bool CRTFParser::WithinLimit(std::size_t cNew, std::size_t limit, ReadLimitKind kind)
+{
+    if (cNew <= limit)
+        return true;
+    NoteLimitReached(kind);
+    return false;
+}
+
+void CRTFParser::NoteLimitReached(ReadLimitKind kind)
+{
+    if (m_limitsReached & kind)
+        return;
+    m_limitsReached |= kind;
+    VQTRACE("RTF reader: %s limit reached\n", ReadLimitName(kind));
 }
 
 bool CRTFParser::ParseRtfKeyword()

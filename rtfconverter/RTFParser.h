@@ -30,6 +30,8 @@
 
 #include <cstddef>
 
+#include "rtfconverter/ReadLimits.h"
+
 namespace rtf_converter {
 
 class RTFCONV_API CRTFParser {
@@ -44,6 +46,14 @@ public:
     // refused, false when it ended (end of input, the outermost group closed,
     // or the document did not begin with '{').
     void Parse(bool& bMore);
+
+    // The caps on what the document may make the reader allocate; set them
+    // before the first Read. GetLimitsReached() has a ReadLimitKind bit for
+    // each limit the document has met.
+    // Counts below 1 count as 1.
+    void SetLimits(const ReadLimits& limits);
+    const ReadLimits& GetLimits() const { return m_limits; }
+    unsigned GetLimitsReached() const { return m_limitsReached; }
 
 protected:
     CRTFParser() = default;
@@ -85,6 +95,11 @@ protected:
     // Hands the run of ordinary bytes ahead, if the source offers one, to
     // ParseRun; false when the output refused a byte of it.
     bool ParseOrdinaryRun();
+    // Sets the limit's bit; the first time for each kind, also traces it.
+    void NoteLimitReached(ReadLimitKind kind);
+    // True when a structure grown to `cNew` stays within `limit`; otherwise
+    // notes the limit reached.
+    bool WithinLimit(std::size_t cNew, std::size_t limit, ReadLimitKind kind);
 
     bool m_bStarted = false;
     // One-shot request to drop the next plain character; cleared at every
@@ -92,6 +107,16 @@ protected:
     bool m_bSkipNextChar = false;
     // Number of '{' whose '}' has not been handled yet.
     int m_cGroup = 0;
+    ReadLimits m_limits;
+    unsigned m_limitsReached = 0;
+
+private:
+    // '{' and '}': past the depth limit a group is only counted.
+    void OpenGroup();
+    void CloseGroup();
+
+    // Groups open beyond the depth limit, which saved no state.
+    int m_cUnsavedGroups = 0;
 };
 
 } // namespace rtf_converter

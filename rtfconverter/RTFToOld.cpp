@@ -209,7 +209,8 @@ int CRTFImport::Read(bool& bMore)
 bool CRTFImport::Emit(const CString& s)
 {
     if (m_pRedirectCommands) {
-        *m_pRedirectCommands += s;
+        if (FieldTextHasRoom(*m_pRedirectCommands, static_cast<std::size_t>(s.GetLength())))
+            *m_pRedirectCommands += s;
         return true;
     }
     return Put(s);
@@ -265,7 +266,8 @@ bool CRTFImport::Append(char ch)
         return true;
     default:
         if (m_pRedirect) {
-            *m_pRedirect += ch;
+            if (RedirectHasRoom(1))
+                *m_pRedirect += ch;
             return true;
         }
         return Put(ch);
@@ -330,16 +332,15 @@ bool CRTFImport::ParseChar(char ch)
     }
     switch (m_rds) {
     case rdsFieldInst:
-        m_strFieldInst += ch;
+        if (FieldTextHasRoom(m_strFieldInst, 1))
+            m_strFieldInst += ch;
         return true;
     case rdsFontTable:
         FillFontName(ch);
         return true;
     case rdsColorTable:
-        if (ch == ';') {
-            AddAutomaticColorEntry();
+        if (ch == ';' && AddAutomaticColorEntry())
             ++m_nColorEntries;
-        }
         return true;
     case rdsStyleSheet:
     case rdsRevTable:
@@ -501,6 +502,8 @@ int CRTFImport::FindFontEntry(int fontNum) const
 bool CRTFImport::GetFontNum(const void*, int param)
 {
     if (m_rds == rdsFontTable) {
+        if (!FontTableHasRoom())
+            return true;
         ++m_nLastFont;
         m_FontTable.SetSize(m_nLastFont + 1, 10);
         FontTableStruct& entry = m_FontTable[m_nLastFont];
@@ -551,8 +554,38 @@ void CRTFImport::FillFontName(char ch)
 {
     if (ch == ';')
         return;
-    if (FontTableStruct* pEntry = FontEntryBeingDefined())
-        pEntry->FontName += ch;
+    FontTableStruct* pEntry = FontEntryBeingDefined();
+    if (!pEntry)
+        return;
+    CString& name = pEntry->FontName;
+    // Each group saves the font command, face name included.
+    if (WithinLimit(static_cast<std::size_t>(name.GetLength()) + 1,
+                    static_cast<std::size_t>(m_limits.maxFontNameLength), limitFontName))
+        name += ch;
+}
+
+// Past the limit an entry's group is skipped, its name and character set with
+// it; in a table without a group per entry that is the rest of the table.
+bool CRTFImport::FontTableHasRoom()
+{
+    if (WithinLimit(static_cast<std::size_t>(m_nLastFont) + 2, static_cast<std::size_t>(m_limits.maxFontEntries),
+                    limitFontEntries))
+        return true;
+    m_rds = rdsSkip;
+    return false;
+}
+
+// The field instruction and a hyperlink's display text are collected in
+// memory until the field ends.
+bool CRTFImport::FieldTextHasRoom(const CString& text, std::size_t cbMore)
+{
+    return WithinLimit(static_cast<std::size_t>(text.GetLength()) + cbMore,
+                       static_cast<std::size_t>(m_limits.maxFieldText), limitFieldText);
+}
+
+bool CRTFImport::RedirectHasRoom(std::size_t cbMore)
+{
+    return FieldTextHasRoom(*m_pRedirect, cbMore);
 }
 
 bool CRTFImport::GetDefaultFontNum(const void*, int param)
@@ -572,10 +605,18 @@ bool CRTFImport::InitColorTable(const void* pKeyword, int param)
     return true;
 }
 
-void CRTFImport::AddAutomaticColorEntry()
+bool CRTFImport::AddAutomaticColorEntry()
 {
+    // Past the limit the rest of the table is skipped, so that its colour
+    // values do not land on the last entry kept.
+    if (!WithinLimit(static_cast<std::size_t>(m_ColorTable.GetSize()) + 1,
+                     static_cast<std::size_t>(m_limits.maxColorEntries), limitColorEntries)) {
+        m_rds = rdsSkip;
+        return false;
+    }
     RTFCOLOR automatic;
     m_ColorTable.Add(automatic);
+    return true;
 }
 
 bool CRTFImport::FillColorTable(const void* pKeyword, int param)
@@ -828,6 +869,7 @@ bool CRTFImport::InitAttachment(const void* pKeyword, int)
     m_attachmentInfo.csExtra.Empty();
     ReleaseAttachmentStream();
     m_attachmentInfo.dwDataSize = 0;
+    m_bAttachmentDropped = false;
 
     if (KeywordIs(pKeyword, "objattph"))
         return AttachmentHandler();
@@ -897,6 +939,8 @@ bool CRTFImport::ObjectResult(const void*, int)
 
 bool CRTFImport::ParseAttachmentData(char ch)
 {
+    if (m_bAttachmentDropped)
+        return true;
     VQASSERT(m_attachmentInfo.pStm != NULL);
     VQASSERT(m_pBuffer != NULL);
     if (!m_attachmentInfo.pStm || !m_pBuffer)
@@ -934,6 +978,8 @@ void CRTFImport::DropUndecodableHexByte()
 
 void CRTFImport::WriteAttachmentBuffer(int cb)
 {
+    if (!AttachmentHasRoom(cb))
+        return;
     ULONG cbWritten = 0;
     const HRESULT hr = m_attachmentInfo.pStm->Write(m_pBuffer, static_cast<ULONG>(cb), &cbWritten);
     if (FAILED(hr))
@@ -967,10 +1013,26 @@ bool CRTFImport::GetBinary(const void*, int param)
     return true;
 }
 
+// The decoded data is held in memory until the attachment ends: past the
+// limit the attachment is dropped, and the rest of its data with it.
+bool CRTFImport::AttachmentHasRoom(int cb)
+{
+    if (m_bAttachmentDropped)
+        return false;
+    if (WithinLimit(std::size_t(m_attachmentInfo.dwDataSize) + static_cast<std::size_t>(cb),
+                    m_limits.maxAttachmentBytes, limitAttachment))
+        return true;
+    ReleaseAttachmentStream();
+    m_bAttachmentDropped = true;
+    return false;
+}
+
 void CRTFImport::EndAttachment(RDS rdsOld)
 {
     if (m_nBufferPos > 0)
         WriteAttachmentBuffer(m_nBufferPos);
+    if (m_bAttachmentDropped)
+        return;
 
     ULARGE_INTEGER size;
     size.QuadPart = m_attachmentInfo.dwDataSize;
@@ -1090,7 +1152,9 @@ bool CRTFImport::AppendNumberingCommand()
     if (m_pRedirectCommands) {
         // Through the command's text conversion, which reports an invalid
         // command.
-        *m_pRedirectCommands += static_cast<const char*>(cmd);
+        const char* pszCmd = static_cast<const char*>(cmd);
+        if (FieldTextHasRoom(*m_pRedirectCommands, std::strlen(pszCmd)))
+            *m_pRedirectCommands += pszCmd;
         return true;
     }
     return Put(cmd.GetCmd());

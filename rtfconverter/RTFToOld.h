@@ -311,8 +311,15 @@ private:
     void EndField();
     void InsertTabStop(int param);
     int FindFontEntry(int fontNum) const;
-    void AddAutomaticColorEntry();
+    bool AddAutomaticColorEntry();
     void ReleaseAttachmentStream();
+    // The checks of the reader's limits (ReadLimits.h).
+    bool FontTableHasRoom();
+    bool FieldTextHasRoom(const CString& text, std::size_t cbMore);
+    bool RedirectHasRoom(std::size_t cbMore);
+    bool AttachmentHasRoom(int cb);
+
+    bool m_bAttachmentDropped = false;  // past the size limit
 };
 
 class RTFCONV_API CRTFImportToPtr : public CRTFImport {

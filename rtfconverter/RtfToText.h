@@ -89,6 +89,11 @@ public:
     // bMore true means call again for the rest. No NUL is written or counted.
     unsigned long Read(char* pBegin, char* pEnd, bool& bMore);
 
+    // The caps on what a document may make the reader allocate (ReadLimits.h).
+    using CRTFParser::SetLimits;
+    using CRTFParser::GetLimits;
+    using CRTFParser::GetLimitsReached;
+
 protected:
     CRTFToPlainTextPtrParser() = default;
     CRTFToPlainTextPtrParser(const CRTFToPlainTextPtrParser&) = default;

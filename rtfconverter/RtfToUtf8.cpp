@@ -705,6 +705,8 @@ bool CRTFToUTF8Parser::GetFontNum(const void*, int param)
     if (param == noParam)
         return true;
     if (m_rds == rdsFontTable) {
+        if (!FontTableHasRoom(param))
+            return true;
         // A new entry, in the document's page until its \fcharset says otherwise.
         EndFontEntry();
         m_iFontEntry = param;
@@ -743,6 +745,17 @@ bool CRTFToUTF8Parser::SetAssociatedFont(char32_t, int param)
         m_state.iFontDbch = param;
     UpdatePage();
     return true;
+}
+
+// Past the limit a new font number is not entered, and the character set
+// that follows it is not given to the entry before.
+bool CRTFToUTF8Parser::FontTableHasRoom(int fontNum)
+{
+    if (m_fonts.count(fontNum) != 0 ||
+        WithinLimit(m_fonts.size() + 1, static_cast<std::size_t>(m_limits.maxFontEntries), limitFontEntries))
+        return true;
+    m_iFontEntry = -1;
+    return false;
 }
 
 bool CRTFToUTF8Parser::FillFontCharset(const void*, int param)

@@ -82,6 +82,11 @@ public:
     // Off by default: they repeat on every page and interrupt the body.
     void SetHeaders(bool bHeaders);
 
+    // The caps on what a document may make the reader allocate (ReadLimits.h).
+    using CRTFParser::SetLimits;
+    using CRTFParser::GetLimits;
+    using CRTFParser::GetLimitsReached;
+
 protected:
     CRTFToUTF8Parser();
     CRTFToUTF8Parser(const CRTFToUTF8Parser&) = default;
@@ -222,6 +227,7 @@ private:
     bool PayOwed();
     // At the end of the document: its last newline, then the footnotes.
     bool FinishText();
+    bool FontTableHasRoom(int fontNum);
 
     // Decodes one byte of text in the current page and writes what it gives.
     bool DecodeByte(unsigned char b);

@@ -255,9 +255,10 @@ TEST(CodePages, OneTableOfNames)
     };
     for (const auto& row : rows) {
         EXPECT_EQ(rtf_converter::CodePageOfIconvName(row.name), row.codePage) << row.name;
-        if (row.codePage && row.codePage != 850)
+        if (row.codePage && row.codePage != 850) {
             EXPECT_EQ(rtf_converter::CodePageOfIconvName(rtf_converter::IconvNameOfCodePage(row.codePage)), row.codePage)
                 << row.name;
+        }
     }
     EXPECT_EQ(rtf_converter::IconvNameOfCodePage(10001), "CP932");
 }

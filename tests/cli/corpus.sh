@@ -10,13 +10,13 @@ count=0
 for rtf in "$CORPUS"/*.rtf; do
     count=$((count + 1))
     name=$(basename "$rtf")
-    timeout 10 "$RTFCONV" -q rtf2txt --raw --force "$rtf" >"$TMP/default" 2>"$TMP/err"
+    timeout 60 "$RTFCONV" -q rtf2txt --raw --force "$rtf" >"$TMP/default" 2>"$TMP/err"
     status=$?
     if [ "$status" -ne 0 ]; then
         fail "$name: status $status ($(head -c 200 "$TMP/err"))"
         continue
     fi
-    timeout 10 "$RTFCONV" -q rtf2txt --raw --force --buffer 7 "$rtf" >"$TMP/small" 2>"$TMP/err"
+    timeout 60 "$RTFCONV" -q rtf2txt --raw --force --buffer 7 "$rtf" >"$TMP/small" 2>"$TMP/err"
     status=$?
     if [ "$status" -ne 0 ]; then
         fail "$name --buffer 7: status $status ($(head -c 200 "$TMP/err"))"

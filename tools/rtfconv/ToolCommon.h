@@ -26,6 +26,8 @@
 #include <string>
 #include <vector>
 
+#include "rtfconverter/ReadLimits.h"
+
 namespace CLI {
 class App;
 }
@@ -121,6 +123,48 @@ constexpr std::size_t kDefaultReadBuffer = 65536;
 constexpr std::size_t kMaxReadBuffer = std::size_t(16) << 20;
 // Adds --buffer N (1 .. 16 MiB) to `cmd`.
 void AddBufferOption(CLI::App& cmd, std::size_t& cbBuffer);
+
+// ---------------------------------------------------------------------------
+// The readers' limits on what a document may make them allocate (Limits.cpp).
+
+struct LimitOptions {
+    rtf_converter::ReadLimits limits;
+    const ToolContext* pCtx = nullptr; // for -q
+};
+// Adds --max-depth, --max-attachment, --max-fonts, --max-font-name,
+// --max-colors, --max-field-text and --max-numbering-text to `cmd`.
+void AddLimitOptions(CLI::App& cmd, const ToolContext& ctx, LimitOptions& options);
+// Prints one warning for each kind of limit in `reached` (ReadLimitKind bits),
+// naming the input.
+void WarnLimitsReached(const LimitOptions& options, unsigned reached, const std::string& inputName);
+
+// Gives a library reader the limits and, once the reader is done with (or has
+// failed), warns about the limits it reached. Declare it right after the
+// reader, so that it goes before it.
+template <class TReader>
+class CReaderLimits {
+public:
+    CReaderLimits(TReader& reader, const LimitOptions& options, const std::string& inputName)
+        : m_reader(reader), m_options(options), m_inputName(inputName)
+    {
+        m_reader.SetLimits(m_options.limits);
+    }
+    ~CReaderLimits()
+    {
+        try {
+            WarnLimitsReached(m_options, m_reader.GetLimitsReached(), m_inputName);
+        } catch (...) {
+            // A warning that cannot be printed is not worth ending the run for.
+        }
+    }
+    CReaderLimits(const CReaderLimits&) = delete;
+    CReaderLimits& operator=(const CReaderLimits&) = delete;
+
+private:
+    TReader& m_reader;
+    const LimitOptions& m_options;
+    const std::string& m_inputName;
+};
 
 // Reads a file, or standard input for "-", whole. Throws ToolError(exitIoError).
 std::string ReadInput(const std::string& path);

@@ -42,6 +42,7 @@ struct Rtf2OldOptions {
     bool bUtf8 = false;
     bool bRaw = false;
     std::string codePage;
+    LimitOptions limits;
 };
 
 // A read-only stream over the input bytes; it knows how far it was read.
@@ -268,6 +269,7 @@ void WarnOfUnrepresentable(const ToolContext& ctx, const CConversion& conversion
 template <class TReader>
 void ConvertWith(TReader& reader, const ToolContext& ctx, const Rtf2OldOptions& options, CConversion& conversion)
 {
+    const CReaderLimits<TReader> limits(reader, options.limits, conversion.Name());
     reader.SetPasteWithTableTags(options.bTableTags);
     reader.SetLossless(!options.bExact);
     AttachmentSaver saver{&ctx, AttachmentsDirFor(options, conversion.Name())};
@@ -322,6 +324,7 @@ void RegisterRtf2Old(CLI::App& app, ToolContext& ctx)
                         "The host's Windows code page: that of text outside font commands with a character set "
                         "(default 1252)")
             ->type_name("CP");
+    AddLimitOptions(*cmd, ctx, options->limits);
     cmd->add_option("--source", options->source, "Read the RTF through the stream reader or the pointer reader")
         ->check(CLI::IsMember({"stream", "ptr"}))
         ->default_str("stream");
@@ -331,7 +334,8 @@ void RegisterRtf2Old(CLI::App& app, ToolContext& ctx)
                   "ignore \\u and \\ansicpg, stop at bad table indexes");
     cmd->add_option("--attachments", options->attachmentsDir,
                     "Save each picture or object as DIR/NN.EXT (DIR is created when missing) and put attachment "
-                    "command NN in the text");
+                    "command NN in the text")
+        ->type_name("DIR");
     CLI::Option* raw = cmd->add_flag("--raw", options->bRaw, "Write the host's 8-bit old-format text, not UTF-8");
     cmd->add_flag("--utf8", options->bUtf8, "Write UTF-8 (the default)")->excludes(raw);
     codePage->excludes(raw);

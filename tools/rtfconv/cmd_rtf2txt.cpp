@@ -29,6 +29,7 @@ struct Rtf2TxtOptions {
     bool bUtf8 = false;
     bool bLossy = false;
     bool bHeaders = false;
+    LimitOptions limits;
 };
 
 // The library's reader, with its read position made visible for the progress bar.
@@ -62,6 +63,7 @@ void ConvertRtfToUtf8(const Rtf2TxtOptions& options, CConversion& conversion)
     const std::string& rtf = conversion.Data();
     const unsigned long cbRtf = rtf.size();
     auto reader = std::make_unique<CUtf8TextReader>(reinterpret_cast<const unsigned char*>(rtf.data()), cbRtf);
+    const CReaderLimits<CUtf8TextReader> limits(*reader, options.limits, conversion.Name());
     reader->SetNewline(NewlineKind(options.newline));
     reader->SetCodePage(CodePageNumberOf(options.codePage));
     reader->SetHeaders(options.bHeaders);
@@ -75,6 +77,7 @@ void ConvertRtfToText(const ToolContext& ctx, const Rtf2TxtOptions& options, CCo
     const unsigned long cbRtf = rtf.size();
     // The reader carries the whole group-state stack: keep it off the stack.
     auto reader = std::make_unique<CPlainTextReader>(reinterpret_cast<const unsigned char*>(rtf.data()), cbRtf);
+    const CReaderLimits<CPlainTextReader> limits(*reader, options.limits, conversion.Name());
     auto reportProgress = [&] { conversion.ReportConsumed(reader->BytesConsumed()); };
 
     if (options.bRaw) {
@@ -122,6 +125,7 @@ void RegisterRtf2Txt(CLI::App& app, ToolContext& ctx)
     AddIoOptions(*cmd, options->io, InputKind::Rtf);
     AddBufferOption(*cmd, options->cbBuffer);
     AddCodePageOption(*cmd, options->codePage);
+    AddLimitOptions(*cmd, ctx, options->limits);
     CLI::Option* raw =
         cmd->add_flag("--raw", options->bRaw, "Write the library's bytes exactly: 8-bit text, CR paragraph marks");
     CLI::Option* utf8 = cmd->add_flag("--utf8", options->bUtf8, "Write UTF-8 with LF line ends (the default)");
