@@ -98,20 +98,15 @@ std::string OldText(const std::string& rtf, std::size_t cb, bool bLossless)
 
 std::string OldTextFromStream(const std::string& rtf, bool bLossless)
 {
-    IStream* pStream = nullptr;
+    CComPtr<IStream> pStream;  // released on every way out, a throwing reader's too
     EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &pStream), S_OK);
     ULONG cbWritten = 0;
     pStream->Write(rtf.data(), static_cast<ULONG>(rtf.size()), &cbWritten);
     LARGE_INTEGER zero{};
     pStream->Seek(zero, STREAM_SEEK_SET, nullptr);
-    std::string out;
-    {
-        rtf_converter::CRTFStreamImport reader(pStream);
-        reader.SetLossless(bLossless);
-        out = PullAll(reader, 65536, rtf.size());
-    }
-    pStream->Release();
-    return out;
+    rtf_converter::CRTFStreamImport reader(pStream);
+    reader.SetLossless(bLossless);
+    return PullAll(reader, 65536, rtf.size());
 }
 
 // Sets the writer's quick-buffer size for the conversions in its scope.
