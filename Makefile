@@ -91,11 +91,18 @@ tsan: deps
 	@cmake --build $(BUILD_TSAN) -j $(JOBS) --target rtfconverter_tests rtfconv
 	@cd $(BUILD_TSAN) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --output-on-failure -R '$(TSAN_TESTS)'
 
+# The whole-process table times rtfconv against catdoc, a peer, in the same run.
+BENCH_PACKAGES = catdoc bc time
+BENCH_RUNS ?= 5
+BENCH_BIG_MB ?= 500
+
 bench: configure
+	$(call install_missing,$(BENCH_PACKAGES))
 	@cmake -S . -B $(BUILD) -DRTFCONV_BUILD_BENCH=ON >/dev/null
-	@cmake --build $(BUILD) -j $(JOBS) --target rtfconverter_bench
+	@cmake --build $(BUILD) -j $(JOBS) --target rtfconverter_bench rtfconv
 	@[ -f bench/data/text-heavy.rtf ] || bash bench/make_bench.sh 20 >/dev/null
 	@$(BUILD)/bench/rtfconverter_bench --benchmark_counters_tabular=true
+	@bash bench/whole_process.sh $(BUILD) $(BENCH_RUNS) $(BENCH_BIG_MB)
 
 # libFuzzer needs clang; each target fuzzes for FUZZ_SECONDS on its own corpus.
 fuzz: fuzz-build

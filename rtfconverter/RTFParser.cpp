@@ -11,6 +11,30 @@ namespace {
 inline bool IsAsciiLetter(char ch) { return static_cast<unsigned char>((ch | 0x20) - 'a') < 26; }
 inline bool IsAsciiDigit(char ch) { return static_cast<unsigned char>(ch - '0') < 10; }
 
+// The bytes that end a run of ordinary bytes: the ones the parse loop treats
+// itself, and NUL, which ends the input of the byte-pointer sources.
+struct CRunStopTable {
+    bool stop[256] = {};
+    constexpr CRunStopTable()
+    {
+        stop[static_cast<unsigned char>('\\')] = true;
+        stop[static_cast<unsigned char>('{')] = true;
+        stop[static_cast<unsigned char>('}')] = true;
+        stop[static_cast<unsigned char>('\r')] = true;
+        stop[static_cast<unsigned char>('\n')] = true;
+        stop[0] = true;
+    }
+};
+constexpr CRunStopTable kRunStops;
+
+std::size_t OrdinaryRunLength(const char* p, std::size_t cb)
+{
+    std::size_t n = 0;
+    while (n < cb && !kRunStops.stop[static_cast<unsigned char>(p[n])])
+        ++n;
+    return n;
+}
+
 } // namespace
 
 void CRTFParser::Init()
@@ -68,7 +92,7 @@ void CRTFParser::Parse(bool& bMore)
             CloseGroup();
             break;
         default:
-            if (!ParseChar(ch))
+            if (!ParseChar(ch) || !ParseOrdinaryRun())
                 bMore = true;
             break;
         }
@@ -78,6 +102,47 @@ void CRTFParser::Parse(bool& bMore)
         if (m_cGroup < 1 || bMore)
             return;
     }
+}
+
+const char* CRTFParser::RunAhead(std::size_t& cb) const
+{
+    cb = 0;
+    return nullptr;
+}
+
+void CRTFParser::SkipAhead(std::size_t cb)
+{
+    char ch = 0;
+    for (; cb > 0; --cb)
+        Get(ch);
+}
+
+// Reads the bytes through Get, as the parse loop would: a source that offers
+// runs but whose Get differs from its offer still sees its own protocol.
+bool CRTFParser::ParseRun(const char* /*p*/, std::size_t cb)
+{
+    char ch = 0;
+    for (std::size_t i = 0; i < cb; ++i) {
+        if (Get(ch) < 0)
+            return true;
+        if (!ParseChar(ch))
+            return false;
+    }
+    return true;
+}
+
+bool CRTFParser::ParseOrdinaryRun()
+{
+    // Outside the outermost group the loop stops after every byte: a run
+    // would read on past where it stops.
+    if (m_cGroup < 1)
+        return true;
+    std::size_t cbAhead = 0;
+    const char* p = RunAhead(cbAhead);
+    if (!p)
+        return true;
+    const std::size_t cbRun = OrdinaryRunLength(p, cbAhead);
+    return cbRun == 0 || ParseRun(p, cbRun);
 }
 
 // Each saved group costs a record of the reader's formatting, so a document

@@ -72,8 +72,29 @@ protected:
     virtual bool ParseChar(char ch) = 0;
     virtual bool TranslateKeyword(const char* szKeyword, int param) = 0;
 
+    // Runs of ordinary bytes, taken in one step instead of one Get and one
+    // ParseChar each. A source that holds its bytes in memory offers the ones
+    // ahead of the read position (RunAhead) and steps over them (SkipAhead);
+    // the parser cuts the offer at the first byte that means something to it
+    // (backslash, braces, CR, LF, NUL) and hands the rest to ParseRun. A
+    // source that offers nothing keeps the byte-by-byte protocol unchanged.
+    virtual const char* RunAhead(std::size_t& cb) const;
+    virtual void SkipAhead(std::size_t cb);
+    // The bytes [p, p + cb) are the next ones at the read position, not read
+    // yet. Takes them as that many Get and ParseChar calls would, leaving the
+    // read position after the bytes taken; false when the output refused one
+    // (the read position is then before it). The default does exactly that
+    // byte by byte: a reader that overrides ParseChar and not ParseRun behaves
+    // as before. A reader overriding ParseRun to copy runs in bulk must keep
+    // it equivalent to its ParseChar, and a class derived from such a reader
+    // that overrides ParseChar must override ParseRun too (calling this one).
+    virtual bool ParseRun(const char* p, std::size_t cb);
+
     bool ParseRtfKeyword();
     int ParseParam(char ch);
+    // Hands the run of ordinary bytes ahead, if the source offers one, to
+    // ParseRun; false when the output refused a byte of it.
+    bool ParseOrdinaryRun();
     // Sets the limit's bit; the first time for each kind, also traces it.
     void NoteLimitReached(ReadLimitKind kind);
     // True when a structure grown to `cNew` stays within `limit`; otherwise

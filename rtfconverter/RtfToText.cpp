@@ -1,5 +1,6 @@
 #include "rtfconverter/RtfToText.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "hostlibs/VQLogger.h"
@@ -51,6 +52,46 @@ bool CRTFToPlainTextParser::ParseChar(char ch)
     default:
         return true;  // dropped; a pending skip stays pending
     }
+}
+
+bool CRTFToPlainTextParser::ParseRun(const char* p, std::size_t cb)
+{
+    switch (m_rds) {
+    case rdsNorm:
+    case rdsField:
+    case rdsHyperlink:
+        // A pending skip or a paragraph number still due: byte by byte.
+        if (m_bSkipNextChar || m_bParagraphStart)
+            break;
+        {
+            const std::size_t cbTaken = PutText(p, cb);
+            SkipAhead(cbTaken);
+            return cbTaken == cb;
+        }
+    case rdsPNCommand:
+    case rdsPNTextBefore:
+    case rdsPNTextAfter:
+        break;
+    case rdsStyleSheet:
+    case rdsRevTable:
+    case rdsInfo:
+    case rdsPNText:
+        m_bSkipNextChar = false;
+        SkipAhead(cb);
+        return true;
+    default:
+        SkipAhead(cb);
+        return true;
+    }
+    return CBaseRTFParser::ParseRun(p, cb);
+}
+
+std::size_t CRTFToPlainTextParser::PutText(const char* p, std::size_t cb)
+{
+    std::size_t n = 0;
+    while (n < cb && Put(IsReservedByte(p[n]) ? ' ' : p[n]))
+        ++n;
+    return n;
 }
 
 bool CRTFToPlainTextParser::StartParagraphOutput()
@@ -222,6 +263,15 @@ bool CRTFToPlainTextPtrParser::Put(const CString& s)
     return true;
 }
 
+std::size_t CRTFToPlainTextPtrParser::PutText(const char* p, std::size_t cb)
+{
+    const std::size_t n = std::min(cb, static_cast<std::size_t>(m_pEnd - m_pCur));
+    for (std::size_t i = 0; i < n; ++i)
+        m_pCur[i] = IsReservedByte(p[i]) ? ' ' : p[i];
+    m_pCur += n;
+    return n;
+}
+
 unsigned long CRTFToPlainTextPtrParser::GetCBWritten() const
 {
     return static_cast<unsigned long>(m_pCur - m_pBegin);
@@ -256,6 +306,14 @@ void CBytePtrRTFToPlainTextPtrParser::Backtrack(int n)
     else
         m_pRead -= ClampBack(n);
 }
+
+const char* CBytePtrRTFToPlainTextPtrParser::RunAhead(std::size_t& cb) const
+{
+    cb = static_cast<std::size_t>(m_pData + m_cbData - m_pRead);
+    return reinterpret_cast<const char*>(m_pRead);
+}
+
+void CBytePtrRTFToPlainTextPtrParser::SkipAhead(std::size_t cb) { m_pRead += cb; }
 
 long CBytePtrRTFToPlainTextPtrParser::ClampBack(int n) const
 {

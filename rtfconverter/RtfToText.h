@@ -62,6 +62,14 @@ protected:
     virtual bool Put(char ch) = 0;
     virtual unsigned long GetCBWritten() const = 0;
 
+    // Plain characters of the body copied a run at a time (see CRTFParser);
+    // skipped destinations, pictures' hex data among them, passed over whole.
+    bool ParseRun(const char* p, std::size_t cb) override;
+    // Puts the first bytes of [p, p + cb) that fit, bytes that frame markup
+    // in old-format text as spaces, and returns how many. One Put each by
+    // default; a sink with a buffer copies them in one step.
+    virtual std::size_t PutText(const char* p, std::size_t cb);
+
     bool Append(char ch);
     bool AppendNumberingString();
     unsigned long Read(bool& bMore);
@@ -94,6 +102,7 @@ protected:
 
     bool Put(const CString& s) override;
     bool Put(char ch) override;
+    std::size_t PutText(const char* p, std::size_t cb) override;
     unsigned long GetCBWritten() const override;
 
     char* m_pBegin = nullptr;
@@ -114,6 +123,8 @@ protected:
     long Get(char& ch) override;
     void MarkBacktrack(int n) override;
     void Backtrack(int n) override;
+    const char* RunAhead(std::size_t& cb) const override;
+    void SkipAhead(std::size_t cb) override;
 
     const unsigned char* m_pData;
     unsigned long m_cbData;

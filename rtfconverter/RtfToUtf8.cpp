@@ -367,6 +367,44 @@ bool CRTFToUTF8Parser::SkipFallbackKeyword(const char* szKeyword)
 
 // --- characters
 
+bool CRTFToUTF8Parser::ParseRun(const char* p, std::size_t cb)
+{
+    if (m_cchUnicodeSkip > 0)
+        return CBaseRTFParser::ParseRun(p, cb);
+    m_bAtGroupStart = false;
+    if (!IsTextDestination()) {
+        // The destinations that collect their bytes take them one by one.
+        if (m_rds == rdsFontTable || m_rds == rdsPNTextBefore || m_rds == rdsPNTextAfter)
+            return CBaseRTFParser::ParseRun(p, cb);
+        if (m_rds == rdsStyleSheet || m_rds == rdsRevTable || m_rds == rdsInfo || m_rds == rdsPNText)
+            m_bSkipNextChar = false;
+        SkipAhead(cb);
+        return true;
+    }
+    if (m_bSkipNextChar || m_cGroup == 0)
+        return CBaseRTFParser::ParseRun(p, cb);
+    if (m_state.bHidden) {
+        SkipAhead(cb);
+        return true;
+    }
+    // ParseChar's quickest case, over as many bytes as it holds for.
+    std::size_t n = 0;
+    if (!m_chLeadByte && !m_highSurrogate && !IsTextOwed()) {
+        const CCodePage& page = CurrentPage();
+        for (; n < cb && m_pCur != m_pEnd; ++n) {
+            const unsigned char b = static_cast<unsigned char>(p[n]);
+            if (page.IsLeadByte(b))
+                break;
+            const char32_t cp = page.Single(b);
+            if (cp < 0x20 || cp >= 0x7F)
+                break;
+            *m_pCur++ = static_cast<char>(cp);
+        }
+    }
+    SkipAhead(n);
+    return n == cb || CBaseRTFParser::ParseRun(p + n, cb - n);
+}
+
 bool CRTFToUTF8Parser::ParseChar(char ch)
 {
     m_bAtGroupStart = false;
@@ -1059,6 +1097,14 @@ void CBytePtrRTFToUTF8PtrParser::Backtrack(int n)
     else
         m_pRead -= ClampBack(n);
 }
+
+const char* CBytePtrRTFToUTF8PtrParser::RunAhead(std::size_t& cb) const
+{
+    cb = static_cast<std::size_t>(m_pData + m_cbData - m_pRead);
+    return reinterpret_cast<const char*>(m_pRead);
+}
+
+void CBytePtrRTFToUTF8PtrParser::SkipAhead(std::size_t cb) { m_pRead += cb; }
 
 long CBytePtrRTFToUTF8PtrParser::ClampBack(int n) const
 {

@@ -106,6 +106,10 @@ protected:
     bool PopRtfState() override;
     bool InitBuffer() override;
     bool ParseChar(char ch) override;
+    // Printable ASCII of the body written a run at a time, hidden text and
+    // dropped destinations (pictures' hex data among them) passed over whole;
+    // everything else byte by byte (see CRTFParser).
+    bool ParseRun(const char* p, std::size_t cb) override;
     bool TranslateKeyword(const char* szKeyword, int param) override;
     CBaseRTFParserSave* CreateSave() override;
 
@@ -312,6 +316,8 @@ protected:
     bool AtEndOfInput() const override;
     void MarkBacktrack(int n) override;
     void Backtrack(int n) override;
+    const char* RunAhead(std::size_t& cb) const override;
+    void SkipAhead(std::size_t cb) override;
 
     const unsigned char* m_pData;
     unsigned long m_cbData;

@@ -1,0 +1,63 @@
+#!/usr/bin/env bash
+# Times rtfconv as a user does: the whole process, output to /dev/null, on the
+# three bench inputs (bench/make_bench.sh), each command's runs interleaved
+# with catdoc's on the same input and the median of N kept. Prints a table of
+# MB/s (MB = 10^6 bytes of input) and a plain byte loop as the ceiling, then
+# the peak resident memory of each command on a large input. The library's
+# own loop is timed by rtfconverter_bench (`make bench` runs both).
+# Usage: whole_process.sh BUILD_DIR [runs=5] [big-input-MB=500]
+set -euo pipefail
+build="$1"; runs="${2:-5}"; bigmb="${3:-500}"
+here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
+data="${RTFCONV_BENCH_DATA:-$here/data}"
+tool="$build/tools/rtfconv/rtfconv"
+work="$(mktemp -d)"; trap 'rm -rf "$work"' EXIT
+inputs=(text-heavy markup-heavy picture-heavy)
+for f in "${inputs[@]}"; do [ -f "$data/$f.rtf" ] || bash "$here/make_bench.sh" 20 >/dev/null; done
+
+# Seconds taken by one run of the command.
+seconds() { local t0 t1; t0=$(date +%s.%N); "$@" >/dev/null 2>&1 || true; t1=$(date +%s.%N); echo "$t1 - $t0" | bc -l; }
+median() { sort -g | awk '{v[NR]=$1} END {print (NR%2) ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2}'; }
+mbps() { echo "scale=0; $1 / 1000000 / $2" | bc -l; }
+
+# The writers' inputs: what the readers make of each bench input.
+for f in "${inputs[@]}"; do
+  "$tool" rtf2old "$data/$f.rtf" -o "$work/$f.old" 2>/dev/null
+  "$tool" rtf2txt "$data/$f.rtf" -o "$work/$f.txt" 2>/dev/null
+done
+
+echo "load: $(cut -d' ' -f1-3 /proc/loadavg), $(nproc) cores, median of $runs"
+printf '%-16s %-14s %10s %10s\n' command input rtfconv catdoc
+row() {  # name input-file catdoc(yes/no) command...
+  local name="$1" in="$2" withCatdoc="$3"; shift 3
+  local a=() c=() size; size=$(stat -c %s "$in")
+  for _ in $(seq "$runs"); do
+    a+=("$(seconds "$@" "$in" -o /dev/null)")
+    if [ "$withCatdoc" = yes ] && command -v catdoc >/dev/null; then c+=("$(seconds catdoc "$in")"); fi
+  done
+  local ta tc="-"; ta=$(printf '%s\n' "${a[@]}" | median)
+  if [ ${#c[@]} -gt 0 ]; then tc=$(mbps "$size" "$(printf '%s\n' "${c[@]}" | median)"); fi
+  printf '%-16s %-14s %10s %10s\n' "$name" "$(basename "$in")" "$(mbps "$size" "$ta")" "$tc"
+}
+for f in "${inputs[@]}"; do
+  row "rtf2txt --raw" "$data/$f.rtf" yes "$tool" rtf2txt --raw
+  row "rtf2txt" "$data/$f.rtf" no "$tool" rtf2txt
+  row "rtf2old" "$data/$f.rtf" no "$tool" rtf2old
+  row "old2rtf" "$work/$f.old" no "$tool" old2rtf
+  row "txt2rtf" "$work/$f.txt" no "$tool" txt2rtf
+done
+
+echo "ceiling, a plain byte loop over text-heavy.rtf (wc -l): $(mbps "$(stat -c %s "$data/text-heavy.rtf")" "$(seconds wc -l "$data/text-heavy.rtf")") MB/s"
+
+
+if [ "$bigmb" -gt 0 ]; then
+  big="$work/big"; mkdir -p "$big"
+  RTFCONV_BENCH_DATA="$big" bash "$here/make_bench.sh" "$bigmb" >/dev/null
+  rm -f "$big/markup-heavy.rtf" "$big/picture-heavy.rtf"
+  in="$big/text-heavy.rtf"
+  echo "peak resident memory on a $(( $(stat -c %s "$in") / 1000000 )) MB input (KiB):"
+  for cmd in "rtf2txt --raw" rtf2txt rtf2old; do
+    printf '  %-14s %s\n' "$cmd" "$( { /usr/bin/time -f %M "$tool" $cmd "$in" -o /dev/null >/dev/null 2>/dev/null; } 2>&1 | tail -1)"
+  done
+  command -v catdoc >/dev/null && printf '  %-14s %s\n' catdoc "$( { /usr/bin/time -f %M catdoc "$in" >/dev/null; } 2>&1 | tail -1)"
+fi
