@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <cstring>
 
 #include <iconv.h>
 
@@ -64,9 +66,27 @@ bool IsLibraryCodePage(const std::string& codePage)
     return codePage.empty() || rtf_converter::CCodePage::Get(CodePageNumberOf(codePage)) != nullptr;
 }
 
-std::size_t FindInvalidUtf8(const std::string& text)
+namespace {
+
+// The end of the run of ASCII bytes from `i`, taken 8 bytes at a time: most
+// text is mostly ASCII, and a byte-by-byte look at it is most of the cost.
+std::size_t SkipAscii(std::string_view text, std::size_t i)
 {
-    for (std::size_t i = 0; i < text.size();) {
+    constexpr std::uint64_t kHighBits = 0x8080808080808080u;
+    for (; i + 8 <= text.size(); i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, text.data() + i, sizeof word);
+        if (word & kHighBits) break;
+    }
+    while (i < text.size() && static_cast<unsigned char>(text[i]) < 0x80) ++i;
+    return i;
+}
+
+} // namespace
+
+std::size_t FindInvalidUtf8(std::string_view text)
+{
+    for (std::size_t i = SkipAscii(text, 0); i < text.size(); i = SkipAscii(text, i)) {
         const unsigned char lead = static_cast<unsigned char>(text[i]);
         const std::size_t cb = Utf8SequenceLength(lead);
         if (lead >= 0x80 && (cb == 1 || i + cb > text.size()))
@@ -81,10 +101,10 @@ std::size_t FindInvalidUtf8(const std::string& text)
             return i;
         i += cb;
     }
-    return std::string::npos;
+    return std::string_view::npos;
 }
 
-std::string ConvertToUtf8(const std::string& text, const std::string& fromEncoding)
+std::string ConvertToUtf8(std::string_view text, const std::string& fromEncoding)
 {
     const iconv_t cd = ::iconv_open(kUtf8, fromEncoding.c_str());
     if (cd == reinterpret_cast<iconv_t>(-1)) throw ToolError(exitUsage, "unknown encoding: " + fromEncoding);
@@ -104,11 +124,11 @@ std::string ConvertToUtf8(const std::string& text, const std::string& fromEncodi
     return out;
 }
 
-unsigned long FindAnsiCodePage(const std::string& rtf)
+unsigned long FindAnsiCodePage(std::string_view rtf)
 {
-    static const std::string keyword = "\\ansicpg";
+    constexpr std::string_view keyword = "\\ansicpg";
     const std::size_t at = rtf.find(keyword);
-    if (at == std::string::npos) return 0;
+    if (at == std::string_view::npos) return 0;
     unsigned long number = 0;
     for (std::size_t i = at + keyword.size(); i < rtf.size() && rtf[i] >= '0' && rtf[i] <= '9'; ++i) {
         number = number * 10 + static_cast<unsigned long>(rtf[i] - '0');
@@ -117,7 +137,7 @@ unsigned long FindAnsiCodePage(const std::string& rtf)
     return number;
 }
 
-std::string ResolveRtfCodePage(const ToolContext& ctx, const std::string& codePageOption, const std::string& rtf,
+std::string ResolveRtfCodePage(const ToolContext& ctx, const std::string& codePageOption, std::string_view rtf,
                                const std::string& inputName)
 {
     if (!codePageOption.empty()) {
@@ -188,7 +208,7 @@ void CCodePageToUtf8::Finish(std::string& out)
     m_pending.clear();
 }
 
-std::string Utf8ToCodePage(const std::string& utf8, const std::string& iconvName, bool bLossy)
+std::string Utf8ToCodePage(std::string_view utf8, const std::string& iconvName, bool bLossy)
 {
     const iconv_t cd = ::iconv_open(iconvName.c_str(), kUtf8);
     if (cd == reinterpret_cast<iconv_t>(-1)) throw ToolError(exitUsage, "unknown code page: " + iconvName);
@@ -215,8 +235,8 @@ std::string Utf8ToCodePage(const std::string& utf8, const std::string& iconvName
         if (!bLossy) {
             const auto itAt = utf8.begin() + static_cast<std::ptrdiff_t>(at);
             const std::size_t line = static_cast<std::size_t>(std::count(utf8.begin(), itAt, '\n')) + 1;
-            const std::size_t lastNewline = at == 0 ? std::string::npos : utf8.rfind('\n', at - 1);
-            const std::size_t from = lastNewline == std::string::npos ? 0 : lastNewline + 1;
+            const std::size_t lastNewline = at == 0 ? std::string_view::npos : utf8.rfind('\n', at - 1);
+            const std::size_t from = lastNewline == std::string_view::npos ? 0 : lastNewline + 1;
             std::size_t column = 1;
             for (std::size_t i = from; i < at; ++i)
                 if ((static_cast<unsigned char>(utf8[i]) & 0xC0) != 0x80) ++column;

@@ -1,14 +1,18 @@
-// Inputs read whole, and outputs that replace their target only on success,
-// even when the tool is interrupted.
+// Inputs mapped or read whole, and outputs written in large blocks that
+// replace their target only on success, even when the tool is interrupted.
 #include "tools/rtfconv/ToolCommon.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <new>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,26 +26,85 @@ std::string ErrnoText() { return std::strerror(errno); }
 
 // ---------------------------------------------------------------------------
 // Input.
+//
+// A regular file is mapped rather than read: its pages come in as the
+// converter reaches them, no byte is copied, and the pages behind the
+// converter are given back as it goes, so a large input costs little
+// resident memory. Anything else (standard input, a pipe, a FIFO, a file
+// whose size says nothing, such as those of /proc) is read into memory.
+//
+// The writers take NUL-terminated text, so a NUL always follows the bytes. A
+// mapping gets it without a copy: the file is mapped over a reservation one
+// byte longer, whose page past the file is anonymous zeros; when the file
+// ends inside a page, the NUL is written into our private copy of that page
+// (which also keeps bytes appended to the file meanwhile out of sight).
+//
+// A mapped file that another program truncates while we convert it would
+// raise SIGBUS on the first page past its new end. The handler below maps a
+// page of zeros there instead and notes it: the converter reads zeros (the
+// readers stop at a NUL) and the driver fails the conversion afterwards, so
+// that a shrunken input never crashes the tool nor yields a committed output.
 
 namespace {
 
-std::string ReadAllFrom(int fd, std::size_t cbExpected)
+constexpr int kcMapSlots = 2048; // every -j worker's input, with room to spare
+
+struct MappedRange {
+    std::atomic<bool> bClaimed{false};
+    std::atomic<const char*> pBegin{nullptr};
+    std::atomic<std::size_t> cb{0};
+    std::atomic<bool> bShrank{false};
+};
+MappedRange g_mappedInputs[kcMapSlots];
+std::size_t g_cbPage = 4096;
+
+extern "C" void ZeroFillShrunkenPage(int signalNumber, siginfo_t* pInfo, void*)
 {
-    std::string data;
-    data.reserve(cbExpected);
-    constexpr std::size_t cbChunk = 1 << 16;
-    for (;;) {
-        const std::size_t cbOld = data.size();
-        data.resize(cbOld + cbChunk);
-        const ssize_t cbRead = ::read(fd, &data[cbOld], cbChunk);
-        if (cbRead < 0 && errno == EINTR) {
-            data.resize(cbOld);
-            continue;
+    const char* const pFault = static_cast<const char*>(pInfo->si_addr);
+    for (MappedRange& range : g_mappedInputs) {
+        const char* const pBegin = range.pBegin.load();
+        if (!pBegin || pFault < pBegin || pFault >= pBegin + range.cb.load()) continue;
+        const std::uintptr_t page = reinterpret_cast<std::uintptr_t>(pFault) & ~(g_cbPage - 1);
+        // mmap is a plain system call on Linux, safe in a handler in practice.
+        if (::mmap(reinterpret_cast<void*>(page), g_cbPage, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != MAP_FAILED) {
+            range.bShrank.store(true);
+            return;
         }
-        if (cbRead < 0) throw ToolError(exitIoError, "cannot read: " + ErrnoText());
-        data.resize(cbOld + static_cast<std::size_t>(cbRead));
-        if (cbRead == 0) return data;
+        break;
     }
+    // Not ours (or beyond repair): the fault happens again and ends the process as it would have.
+    std::signal(signalNumber, SIG_DFL);
+}
+
+void InstallShrunkenFileGuard()
+{
+    static std::once_flag s_once;
+    std::call_once(s_once, [] {
+        const long cbPage = ::sysconf(_SC_PAGESIZE);
+        if (cbPage > 0) g_cbPage = static_cast<std::size_t>(cbPage);
+        struct sigaction guard {};
+        guard.sa_sigaction = ZeroFillShrunkenPage;
+        guard.sa_flags = SA_SIGINFO;
+        sigemptyset(&guard.sa_mask);
+        ::sigaction(SIGBUS, &guard, nullptr);
+    });
+}
+
+// Lists a mapping for the SIGBUS handler; the slot, or -1 when the table is
+// full (the caller then reads the file instead).
+int ListMapping(const char* p, std::size_t cb)
+{
+    for (int i = 0; i < kcMapSlots; ++i) {
+        MappedRange& range = g_mappedInputs[i];
+        if (range.bClaimed.exchange(true)) continue;
+        // The begin last: the handler looks at a range only once it is set.
+        range.cb.store(cb);
+        range.bShrank.store(false);
+        range.pBegin.store(p);
+        return i;
+    }
+    return -1;
 }
 
 // Closes a descriptor on every way out.
@@ -50,19 +113,107 @@ struct CFdCloser {
     ~CFdCloser() { ::close(fd); }
 };
 
+// After this much more is consumed, the pages behind are given back.
+constexpr std::size_t kcbReleaseStep = 8 << 20;
+
 } // namespace
 
-std::string ReadInput(const std::string& path)
+CInputBytes::CInputBytes(const std::string& path)
 {
-    if (path == "-") return ReadAllFrom(STDIN_FILENO, 0);
+    if (path == "-") {
+        ReadAll(STDIN_FILENO, 0);
+        return;
+    }
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) throw ToolError(exitIoError, "cannot read: " + ErrnoText());
     CFdCloser closer{fd};
     struct stat st {};
     if (::fstat(fd, &st) != 0) throw ToolError(exitIoError, "cannot read: " + ErrnoText());
     if (S_ISDIR(st.st_mode)) throw ToolError(exitIoError, "cannot read: is a directory");
-    return ReadAllFrom(fd, S_ISREG(st.st_mode) ? static_cast<std::size_t>(st.st_size) : 0);
+    const std::size_t cbFile = S_ISREG(st.st_mode) ? static_cast<std::size_t>(st.st_size) : 0;
+    if (cbFile == 0 || !Map(fd, cbFile)) ReadAll(fd, cbFile);
 }
+
+CInputBytes::~CInputBytes()
+{
+    if (m_mapSlot >= 0) {
+        // Unlisted first: the handler must never see a range being unmapped.
+        g_mappedInputs[m_mapSlot].pBegin.store(nullptr);
+        ::munmap(m_p, MappedSize(m_cb));
+        g_mappedInputs[m_mapSlot].bClaimed.store(false);
+    } else {
+        std::free(m_pRead);
+    }
+}
+
+std::size_t CInputBytes::MappedSize(std::size_t cb) { return (cb + g_cbPage) & ~(g_cbPage - 1); }
+
+bool CInputBytes::Map(int fd, std::size_t cb)
+{
+    InstallShrunkenFileGuard();
+    void* const pReserved =
+        ::mmap(nullptr, MappedSize(cb), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (pReserved == MAP_FAILED) return false;
+    char* const p = static_cast<char*>(pReserved);
+    // The page the file ends in is made writable for its NUL; private, so
+    // nothing written reaches the file.
+    const std::size_t cbWhole = cb & ~(g_cbPage - 1);
+    if (::mmap(pReserved, cb, PROT_READ, MAP_PRIVATE | MAP_FIXED, fd, 0) == MAP_FAILED ||
+        (cbWhole < cb && ::mprotect(p + cbWhole, g_cbPage, PROT_READ | PROT_WRITE) != 0)) {
+        ::munmap(pReserved, MappedSize(cb));
+        return false; // a file system that cannot map: read instead
+    }
+    const int slot = ListMapping(p, cb);
+    if (slot < 0) {
+        ::munmap(pReserved, MappedSize(cb));
+        return false;
+    }
+    m_p = p;
+    m_cb = cb;
+    m_mapSlot = slot;
+    ::madvise(pReserved, cb, MADV_SEQUENTIAL);
+    p[cb] = '\0';
+    return true;
+}
+
+void CInputBytes::ReadAll(int fd, std::size_t cbExpected)
+{
+    // Room for the NUL, and one byte more than expected, so that the end is
+    // seen without growing.
+    std::size_t cbCapacity = std::max<std::size_t>(cbExpected + 2, 64 * 1024);
+    m_pRead = static_cast<char*>(std::malloc(cbCapacity));
+    if (!m_pRead) throw std::bad_alloc();
+    for (;;) {
+        if (cbCapacity - m_cb < 2) {
+            // Doubling keeps a long pipe's cost linear; realloc of large
+            // blocks moves pages rather than bytes, and nothing is zeroed.
+            char* const pGrown = static_cast<char*>(std::realloc(m_pRead, cbCapacity * 2));
+            if (!pGrown) throw std::bad_alloc();
+            m_pRead = pGrown;
+            cbCapacity *= 2;
+        }
+        const ssize_t cbRead = ::read(fd, m_pRead + m_cb, cbCapacity - m_cb - 1);
+        if (cbRead < 0 && errno == EINTR) continue;
+        if (cbRead < 0) throw ToolError(exitIoError, "cannot read: " + ErrnoText());
+        if (cbRead == 0) break;
+        m_cb += static_cast<std::size_t>(cbRead);
+    }
+    m_pRead[m_cb] = '\0';
+    m_p = m_pRead;
+}
+
+void CInputBytes::DoneWith(std::size_t cbConsumed)
+{
+    if (m_mapSlot < 0 || cbConsumed < m_cbReleased + kcbReleaseStep) return;
+    const std::size_t cbRelease = std::min(cbConsumed, m_cb) & ~(g_cbPage - 1);
+    if (cbRelease <= m_cbReleased) return;
+    // The pages stay in the page cache; should a reader look back, they are
+    // simply mapped again from the file.
+    ::madvise(m_p + m_cbReleased, cbRelease - m_cbReleased, MADV_DONTNEED);
+    m_cbReleased = cbRelease;
+}
+
+bool CInputBytes::Shrank() const { return m_mapSlot >= 0 && g_mappedInputs[m_mapSlot].bShrank.load(); }
 
 // ---------------------------------------------------------------------------
 // Cleanup on signals.
@@ -186,7 +337,7 @@ bool IsDirectory(const std::string& path)
 COutput::COutput(const std::string& path)
 {
     if (path.empty() || path == "-") {
-        m_pFile = stdout;
+        m_fd = STDOUT_FILENO;
         m_displayName = "standard output";
         return;
     }
@@ -200,32 +351,35 @@ COutput::COutput(const std::string& path)
     }
     if (bExists && !S_ISREG(st.st_mode)) {
         // A device or a pipe (/dev/null, a FIFO): there is no file to replace.
-        m_pFile = std::fopen(m_target.c_str(), "wb");
-        if (!m_pFile) Fail("cannot write");
+        m_fd = ::open(m_target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        if (m_fd < 0) Fail("cannot write");
         return;
     }
     std::string dir, base;
     SplitPath(m_target, dir, base);
     m_tempPath = dir + "/." + base + ".XXXXXX";
-    const int fd = ::mkstemp(&m_tempPath[0]);
-    if (fd < 0) {
+    m_fd = ::mkostemp(&m_tempPath[0], O_CLOEXEC);
+    if (m_fd < 0) {
         m_tempPath.clear();
         Fail("cannot write");
     }
     m_tempSlot = ListTemporaryFile(m_tempPath);
     // mkstemp creates 0600; the result should look like any file we write.
-    ::fchmod(fd, bExists ? (st.st_mode & 07777) : NewFileMode());
-    m_pFile = ::fdopen(fd, "wb");
-    if (!m_pFile) {
-        ::close(fd);
-        Fail("cannot write");
-    }
-    std::setvbuf(m_pFile, nullptr, _IOFBF, 1 << 16);
+    ::fchmod(m_fd, bExists ? (st.st_mode & 07777) : NewFileMode());
 }
 
 COutput::~COutput()
 {
-    if (m_pFile && m_pFile != stdout) std::fclose(m_pFile);
+    if (!m_bCommitted && m_tempPath.empty() && m_fd >= 0) {
+        // Standard output and devices are streamed: what a failed conversion
+        // wrote before it failed still goes out, as it did through stdio.
+        try {
+            Flush();
+        } catch (const ToolError&) {
+            // Already failing; the first error is the one reported.
+        }
+    }
+    if (m_fd >= 0 && m_fd != STDOUT_FILENO) ::close(m_fd);
     if (!m_bCommitted && !m_tempPath.empty()) ::unlink(m_tempPath.c_str());
     Forget();
 }
@@ -252,19 +406,53 @@ void COutput::Fail(const char* what) const
 
 void COutput::Write(const char* p, std::size_t cb)
 {
-    if (cb > 0 && std::fwrite(p, 1, cb, m_pFile) != cb) Fail("cannot write");
+    if (cb > m_cbBlock - m_cbBuffered) Flush();
+    // A block as large as the buffer gains nothing from a copy.
+    if (cb >= m_cbBlock) {
+        WriteThrough(p, cb);
+        return;
+    }
+    if (cb == 0) return;
+    if (!m_pBuffer) m_pBuffer.reset(new char[kcbOutputBuffer]); // not zeroed: every byte is written before it is read
+    std::memcpy(m_pBuffer.get() + m_cbBuffered, p, cb);
+    m_cbBuffered += cb;
+}
+
+void COutput::Flush()
+{
+    const std::size_t cb = m_cbBuffered;
+    m_cbBuffered = 0; // a failed write is not tried again
+    WriteThrough(m_pBuffer.get(), cb);
+    // The first blocks are small, so that the output begins to appear (and a
+    // full disk shows) early in a long conversion; later ones grow to the
+    // whole buffer, so that a large output costs few system calls.
+    m_cbBlock = std::min(m_cbBlock * 2, kcbOutputBuffer);
+}
+
+void COutput::WriteThrough(const char* p, std::size_t cb)
+{
+    while (cb > 0) {
+        const ssize_t cbWritten = ::write(m_fd, p, cb);
+        if (cbWritten < 0 && errno == EINTR) continue;
+        if (cbWritten <= 0) {
+            if (cbWritten == 0) errno = EIO; // no progress and no reason: do not spin
+            Fail("cannot write");
+        }
+        p += cbWritten;
+        cb -= static_cast<std::size_t>(cbWritten);
+    }
 }
 
 void COutput::Commit()
 {
-    if (m_pFile == stdout) {
-        if (std::fflush(stdout) != 0 || std::ferror(stdout)) Fail("cannot write");
+    Flush();
+    if (m_fd == STDOUT_FILENO) {
         m_bCommitted = true;
         return;
     }
-    std::FILE* pFile = m_pFile;
-    m_pFile = nullptr;
-    if (std::fclose(pFile) != 0) Fail("cannot write");
+    const int fd = m_fd;
+    m_fd = -1;
+    if (::close(fd) != 0) Fail("cannot write");
     if (!m_tempPath.empty() && ::rename(m_tempPath.c_str(), m_target.c_str()) != 0) Fail("cannot write");
     m_bCommitted = true;
     Forget();

@@ -47,18 +47,18 @@ constexpr std::size_t kcbSniff = 64 * 1024;
 
 // Whether `data` holds the bytes [p, p + cb) at `pos`; an input shorter than
 // that does not (a 4-byte file asked for a header at offset 6).
-bool StartsWith(const std::string& data, std::size_t pos, const char* p, std::size_t cb)
+bool StartsWith(std::string_view data, std::size_t pos, const char* p, std::size_t cb)
 {
     return pos <= data.size() && data.size() - pos >= cb && std::memcmp(data.data() + pos, p, cb) == 0;
 }
 
-bool Contains(const std::string& data, const char* text)
+bool Contains(std::string_view data, const char* text)
 {
-    return data.find(text) != std::string::npos;
+    return data.find(text) != std::string_view::npos;
 }
 
 // A ZIP archive is most often an office document; its member names say which.
-std::string ZipLooksLike(const std::string& data)
+std::string ZipLooksLike(std::string_view data)
 {
     if (Contains(data, "word/")) return "a Word .docx";
     if (Contains(data, "mimetypeapplication/vnd.oasis.opendocument")) return "an OpenDocument file";
@@ -67,7 +67,7 @@ std::string ZipLooksLike(const std::string& data)
 
 // A BMP header holds two reserved 16-bit zeros at offset 6; text that happens
 // to begin with "BM" does not.
-bool IsBitmap(const std::string& data)
+bool IsBitmap(std::string_view data)
 {
     return StartsWith(data, 0, "BM", 2) && StartsWith(data, 6, "\0\0\0\0", 4);
 }
@@ -75,7 +75,7 @@ bool IsBitmap(const std::string& data)
 // After an optional UTF-8 byte-order mark and white space, RTF begins with a
 // group that opens with a control word or symbol: "{\rtf1" for a document,
 // "{\" for a fragment.
-bool IsRtf(const std::string& data)
+bool IsRtf(std::string_view data)
 {
     std::size_t pos = StartsWith(data, 0, kUtf8Bom, 3) ? 3 : 0;
     while (pos < data.size() && (data[pos] == ' ' || data[pos] == '\t' || data[pos] == '\r' || data[pos] == '\n')) ++pos;
@@ -92,28 +92,28 @@ bool IsBinaryByte(unsigned char b)
 // Binary data holds NULs among many bytes that text does not. Old-format
 // text may carry other control bytes of the host's, and a stray NUL in a long
 // text (which the old-format writer warns about) leaves it text.
-bool IsMostlyText(const std::string& head)
+bool IsMostlyText(std::string_view head)
 {
-    if (head.find('\0') == std::string::npos) return true;
+    if (head.find('\0') == std::string_view::npos) return true;
     const std::size_t cBinary = static_cast<std::size_t>(
         std::count_if(head.begin(), head.end(), [](char ch) { return IsBinaryByte(static_cast<unsigned char>(ch)); }));
     return cBinary * 100 <= head.size();
 }
 
 // A markup command: 0x01, then within a command's length, 0x02.
-bool HasMarkupCommand(const std::string& head)
+bool HasMarkupCommand(std::string_view head)
 {
     constexpr std::size_t kcchLongestCommand = 512;
-    for (std::size_t start = head.find('\x01'); start != std::string::npos; start = head.find('\x01', start + 1)) {
+    for (std::size_t start = head.find('\x01'); start != std::string_view::npos; start = head.find('\x01', start + 1)) {
         const std::size_t end = head.find('\x02', start + 1);
-        if (end != std::string::npos && end - start <= kcchLongestCommand) return true;
+        if (end != std::string_view::npos && end - start <= kcchLongestCommand) return true;
     }
     return false;
 }
 
 } // namespace
 
-InputLook LookAt(const std::string& data)
+InputLook LookAt(std::string_view data)
 {
     InputLook look;
     if (data.empty()) {
@@ -137,7 +137,7 @@ InputLook LookAt(const std::string& data)
         look.looksLike = "a BMP image";
         return look;
     }
-    const std::string head = data.substr(0, kcbSniff);
+    const std::string_view head = data.substr(0, kcbSniff);
     look.bText = IsMostlyText(head);
     look.bOldFormat = look.bText && HasMarkupCommand(head);
     look.looksLike = !look.bText ? "binary data" : look.bOldFormat ? "old-format text" : "plain text";
@@ -161,7 +161,7 @@ constexpr KindRule kKindRules[] = {
 
 } // namespace
 
-void CheckInputKind(InputKind kind, const std::string& data)
+void CheckInputKind(InputKind kind, std::string_view data)
 {
     for (const KindRule& rule : kKindRules) {
         if (rule.kind != kind) continue;

@@ -205,11 +205,14 @@ int Reported(const std::string& name, TStep&& step)
 void ConvertInto(const IoOptions& io, const std::string& input, COutput& out, CProgressMeter& progress,
                  const ConvertFn& convert)
 {
-    const std::string data = ReadInput(input);
+    CInputBytes bytes(input);
+    const std::string_view data = bytes.View();
     if (input == "-") progress.AddBytes(data.size()); // files were measured up front
     if (!io.bForce) CheckInputKind(io.kind, data);
-    CConversion conversion(input, data, out, progress);
+    CConversion conversion(input, bytes, out, progress);
     convert(conversion);
+    if (bytes.Shrank())
+        throw ToolError(exitIoError, "cannot read: the file was cut short while it was converted");
     conversion.ReportConsumed(data.size());
 }
 

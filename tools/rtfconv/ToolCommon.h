@@ -21,9 +21,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "rtfconverter/ReadLimits.h"
@@ -94,10 +96,10 @@ struct InputLook {
     bool bText = false;      // text of any kind, RTF and old-format text included
     std::string looksLike;   // for messages: "RTF", "a Word .docx", "PDF", "plain text", "empty"...
 };
-InputLook LookAt(const std::string& data);
+InputLook LookAt(std::string_view data);
 // Throws ToolError(exitConversionFailed) "not RTF (looks like PDF)" when
 // `data` is not of the kind `kind`.
-void CheckInputKind(InputKind kind, const std::string& data);
+void CheckInputKind(InputKind kind, std::string_view data);
 
 struct IoOptions {
     std::vector<std::string> inputs; // "-" is standard input; none means "-"
@@ -166,8 +168,39 @@ private:
     const std::string& m_inputName;
 };
 
-// Reads a file, or standard input for "-", whole. Throws ToolError(exitIoError).
-std::string ReadInput(const std::string& path);
+// The bytes of one input, for as long as it is converted: a regular file is
+// mapped (private), standard input, pipes and files without a size are read
+// into memory. A NUL follows the bytes, for the writers that take
+// NUL-terminated text; a NUL among them ends such text early, as before.
+// Throws ToolError(exitIoError).
+class CInputBytes {
+public:
+    explicit CInputBytes(const std::string& path); // "-": standard input
+    ~CInputBytes();
+    CInputBytes(const CInputBytes&) = delete;
+    CInputBytes& operator=(const CInputBytes&) = delete;
+
+    std::string_view View() const { return std::string_view(m_p, m_cb); }
+    // The bytes of View(), followed by a NUL.
+    const char* Terminated() const { return m_p; }
+    // The converter is done with the first `cbConsumed` bytes: the mapped
+    // pages behind them no longer need to stay resident.
+    void DoneWith(std::size_t cbConsumed);
+    // True when the mapped file was cut short while it was read: the bytes
+    // past its new end read as zeros, and the conversion must not stand.
+    [[nodiscard]] bool Shrank() const;
+
+private:
+    static std::size_t MappedSize(std::size_t cb);
+    bool Map(int fd, std::size_t cb);
+    void ReadAll(int fd, std::size_t cbExpected);
+
+    char* m_p = nullptr;
+    std::size_t m_cb = 0;
+    char* m_pRead = nullptr;     // the bytes read (malloc'ed), when not mapped
+    int m_mapSlot = -1;          // the mapping's entry in the SIGBUS handler's table
+    std::size_t m_cbReleased = 0; // mapped pages before this were given back
+};
 
 // On SIGINT, SIGTERM and SIGHUP, removes the temporary files of the outputs
 // being written and then dies of the signal (exit status 128 + N in a shell).
@@ -180,6 +213,9 @@ void InstallSignalCleanup();
 // replaced and the link stays. Destroyed
 // without Commit(), it removes the temporary file: a failed run never leaves a
 // half-written target. Write errors throw ToolError(exitIoError).
+// Bytes are gathered into blocks, 64 KiB at first and up to kcbOutputBuffer
+// later, written straight to the descriptor; a write at least as large as the
+// block goes out without a copy.
 class COutput {
 public:
     explicit COutput(const std::string& path); // "" or "-": standard output
@@ -187,16 +223,23 @@ public:
     COutput(const COutput&) = delete;
     COutput& operator=(const COutput&) = delete;
 
+    static constexpr std::size_t kcbOutputBuffer = std::size_t(1) << 20;
+
     void Write(const char* p, std::size_t cb);
-    void Write(const std::string& s) { Write(s.data(), s.size()); }
+    void Write(std::string_view s) { Write(s.data(), s.size()); }
     void Commit();
     const std::string& Name() const { return m_displayName; }
 
 private:
     [[noreturn]] void Fail(const char* what) const;
     void Forget();
+    void Flush();
+    void WriteThrough(const char* p, std::size_t cb);
 
-    std::FILE* m_pFile = nullptr;
+    int m_fd = -1;
+    std::unique_ptr<char[]> m_pBuffer; // allocated by the first small write
+    std::size_t m_cbBuffered = 0;
+    std::size_t m_cbBlock = std::size_t(64) << 10; // grows to kcbOutputBuffer
     std::string m_target;      // empty for standard output; links followed
     std::string m_tempPath;    // empty when writing straight to the target
     int m_tempSlot = -1;       // its entry in the table the signal handler cleans
@@ -276,26 +319,30 @@ std::string ProgressLine(CProgressMeter::Unit unit, std::uint64_t done, std::uin
 // One input to convert into one output.
 class CConversion {
 public:
-    CConversion(const std::string& name, const std::string& data, COutput& out, CProgressMeter& progress)
-        : m_name(name), m_data(data), m_out(out), m_progress(progress)
+    CConversion(const std::string& name, CInputBytes& input, COutput& out, CProgressMeter& progress)
+        : m_name(name), m_input(input), m_out(out), m_progress(progress)
     {
     }
     // The input as named on the command line ("-" for standard input).
     const std::string& Name() const { return m_name; }
-    const std::string& Data() const { return m_data; }
+    // The input's bytes, and the same followed by a NUL.
+    std::string_view Data() const { return m_input.View(); }
+    const char* Terminated() const { return m_input.Terminated(); }
     COutput& Out() { return m_out; }
-    // Tells the progress bar that the first `cbConsumed` input bytes are done.
+    // Tells the progress bar, and the input, that the first `cbConsumed`
+    // input bytes are done.
     void ReportConsumed(std::size_t cbConsumed)
     {
         if (cbConsumed > m_cbReported) {
             m_progress.Advance(cbConsumed - m_cbReported);
             m_cbReported = cbConsumed;
+            m_input.DoneWith(cbConsumed);
         }
     }
 
 private:
     const std::string& m_name;
-    const std::string& m_data;
+    CInputBytes& m_input;
     COutput& m_out;
     CProgressMeter& m_progress;
     std::size_t m_cbReported = 0;
@@ -367,16 +414,16 @@ int CodePageNumberOf(const std::string& codePage);
 // True when the library's Unicode reader and writer know the page (or none is given).
 bool IsLibraryCodePage(const std::string& codePage);
 // The offset of the first byte that is not part of valid UTF-8; npos when all is.
-std::size_t FindInvalidUtf8(const std::string& text);
+std::size_t FindInvalidUtf8(std::string_view text);
 // Text of an iconv encoding as UTF-8; a ToolError naming the byte offset of
 // the first invalid byte.
-std::string ConvertToUtf8(const std::string& text, const std::string& fromEncoding);
+std::string ConvertToUtf8(std::string_view text, const std::string& fromEncoding);
 // The N of the first \ansicpgN in an RTF document; 0 when there is none.
-unsigned long FindAnsiCodePage(const std::string& rtf);
+unsigned long FindAnsiCodePage(std::string_view rtf);
 // The iconv name to read an RTF document's text with: `codePageOption` when
 // given (unknown: ToolError(exitUsage)), else the document's \ansicpgN when
 // iconv knows it, else CP1252.
-std::string ResolveRtfCodePage(const ToolContext& ctx, const std::string& codePageOption, const std::string& rtf,
+std::string ResolveRtfCodePage(const ToolContext& ctx, const std::string& codePageOption, std::string_view rtf,
                                const std::string& inputName);
 
 // Converts 8-bit text in a code page to UTF-8, piece by piece. A byte the code
@@ -404,6 +451,6 @@ private:
 // Converts UTF-8 text to a code page. A character the code page cannot hold
 // (or a byte that is not UTF-8) throws ToolError(exitConversionFailed) naming
 // its line and column, unless `bLossy` replaces it with '?'.
-std::string Utf8ToCodePage(const std::string& utf8, const std::string& iconvName, bool bLossy);
+std::string Utf8ToCodePage(std::string_view utf8, const std::string& iconvName, bool bLossy);
 
 } // namespace rtfconv

@@ -13,8 +13,10 @@
 #include <CLI/CLI.hpp>
 
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "hostlibs/MFCKVUtils.h"
 #include "platform/ObjBase.h"
@@ -143,16 +145,44 @@ bool AnswerFromFolder(int, const CString& cmd, AttachmentInfo& info, void* pFold
     return true;
 }
 
-std::string StreamBytes(IStream* p)
-{
-    HGLOBAL h = nullptr;
-    STATSTG st;
-    if (GetHGlobalFromStream(p, &h) != S_OK || p->Stat(&st, STATFLAG_NONAME) != S_OK)
-        throw ToolError(exitConversionFailed, "the RTF could not be read back from memory");
-    std::string bytes(static_cast<const char*>(GlobalLock(h)), static_cast<std::size_t>(st.cbSize.QuadPart));
-    GlobalUnlock(h);
-    return bytes;
-}
+// The writer's output stream: what it writes goes straight on to the output,
+// not into memory to be copied there afterwards. The writer sees only a
+// failed write's HRESULT (and with --exact not even that), so the error
+// itself is kept, to be thrown, naming the output, once the writer returns.
+class COutputStream final : public IStream {
+public:
+    explicit COutputStream(COutput& out) : m_out(out) {}
+    // Lives on the stack of the conversion, which outlives the writer.
+    ULONG AddRef() override { return 2; }
+    ULONG Release() override { return 1; }
+    HRESULT Read(void*, ULONG, ULONG*) override { return E_NOTIMPL; }
+    HRESULT Write(const void* pv, ULONG cb, ULONG* pcbWritten) override
+    {
+        if (pcbWritten) *pcbWritten = 0;
+        if (m_writeError) return STG_E_WRITEFAULT;
+        try {
+            m_out.Write(static_cast<const char*>(pv), cb);
+        } catch (...) {
+            m_writeError = std::current_exception();
+            return STG_E_WRITEFAULT;
+        }
+        if (pcbWritten) *pcbWritten = cb;
+        return S_OK;
+    }
+    HRESULT Seek(LARGE_INTEGER, DWORD, ULARGE_INTEGER*) override { return STG_E_INVALIDFUNCTION; }
+    HRESULT SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
+    HRESULT CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override { return E_NOTIMPL; }
+    HRESULT Stat(STATSTG*, DWORD) override { return E_NOTIMPL; }
+
+    void ThrowWriteError() const
+    {
+        if (m_writeError) std::rethrow_exception(m_writeError);
+    }
+
+private:
+    COutput& m_out;
+    std::exception_ptr m_writeError;
+};
 
 // The code page of text outside any font command with a character set.
 int DefaultCodePage(const Old2RtfOptions& options)
@@ -165,7 +195,7 @@ int DefaultCodePage(const Old2RtfOptions& options)
 std::string OldTextOfUtf8Input(const ToolContext& ctx, const Old2RtfOptions& options, const CConversion& conversion)
 {
     rtf_converter::OldTextFromUtf8Counts counts;
-    std::string text = rtf_converter::OldTextFromUtf8(conversion.Data(), DefaultCodePage(options), &counts);
+    std::string text = rtf_converter::OldTextFromUtf8(std::string(conversion.Data()), DefaultCodePage(options), &counts);
     const std::string name = DisplayName(conversion.Name());
     if (counts.nInvalid)
         PrintWarning(ctx, name + ": " + std::to_string(counts.nInvalid) +
@@ -182,24 +212,26 @@ std::string OldTextOfUtf8Input(const ToolContext& ctx, const Old2RtfOptions& opt
 
 void ConvertOldToRtf(const ToolContext& ctx, const Old2RtfOptions& options, CConversion& conversion)
 {
-    const std::string text = options.bRaw ? conversion.Data() : OldTextOfUtf8Input(ctx, options, conversion);
+    // The raw input is taken as it is, NUL-terminated where it lies.
+    const std::string utf8Text = options.bRaw ? std::string() : OldTextOfUtf8Input(ctx, options, conversion);
+    const std::string_view text = options.bRaw ? conversion.Data() : std::string_view(utf8Text);
+    const char* const pszText = options.bRaw ? conversion.Terminated() : utf8Text.c_str();
     const std::size_t nul = text.find('\0');
-    if (nul != std::string::npos)
+    if (nul != std::string_view::npos)
         PrintWarning(ctx, DisplayName(conversion.Name()) + ": a NUL byte at offset " + std::to_string(nul) +
                               " ends the text there");
 
     LOGFONT lf;
     const bool bFont = options.font.GetLogFont(lf);
-    CComPtr<IStream> out;
-    if (FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &out))) throw ToolError(exitConversionFailed, "out of memory");
-    rtf_converter::COldToRTF writer(*out);
+    COutputStream out(conversion.Out());
+    rtf_converter::COldToRTF writer(out);
     writer.SetLossless(!options.bExact);
     AttachmentFolder folder{&ctx, options.attachmentDir, conversion.Name(), writer.IsLossless()};
     if (!options.attachmentDir.empty()) writer.SetAttachmentFilter(AnswerFromFolder, &folder, nullptr);
-    if (FAILED(writer.Convert(text.c_str(), bFont ? &lf : nullptr)))
-        throw ToolError(exitConversionFailed, "the conversion to RTF failed");
+    const long hr = writer.Convert(pszText, bFont ? &lf : nullptr);
+    out.ThrowWriteError();
+    if (FAILED(hr)) throw ToolError(exitConversionFailed, "the conversion to RTF failed");
     conversion.ReportConsumed(conversion.Data().size());
-    conversion.Out().Write(StreamBytes(out));
 }
 
 } // namespace

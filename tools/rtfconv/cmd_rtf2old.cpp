@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "platform/AfxExceptions.h"
 #include "platform/ObjBase.h"
@@ -48,7 +49,7 @@ struct Rtf2OldOptions {
 // A read-only stream over the input bytes; it knows how far it was read.
 class CInputStream : public IStream {
 public:
-    explicit CInputStream(const std::string& data) : m_data(data) {}
+    explicit CInputStream(std::string_view data) : m_data(data) {}
     ~CInputStream() override = default;
     ULONG AddRef() override { return 1; }
     ULONG Release() override { return 1; }
@@ -70,7 +71,7 @@ public:
     std::size_t Position() const { return m_pos; }
 
 private:
-    const std::string& m_data;
+    const std::string_view m_data;
     std::size_t m_pos = 0;
 };
 
@@ -293,9 +294,8 @@ void ConvertWith(TReader& reader, const ToolContext& ctx, const Rtf2OldOptions& 
 void ConvertRtfToOld(const ToolContext& ctx, const Rtf2OldOptions& options, CConversion& conversion)
 {
     if (options.source == "ptr") {
-        // The pointer reader needs a NUL-terminated text; the input string
-        // provides one.
-        auto reader = std::make_unique<CPtrReader>(conversion.Data().c_str());
+        // The pointer reader needs a NUL-terminated text; the input has one.
+        auto reader = std::make_unique<CPtrReader>(conversion.Terminated());
         ConvertWith(*reader, ctx, options, conversion);
     } else {
         CInputStream stream(conversion.Data());

@@ -60,7 +60,7 @@ rtf_converter::CRTFToUTF8Parser::Newline NewlineKind(const std::string& newline)
 
 void ConvertRtfToUtf8(const Rtf2TxtOptions& options, CConversion& conversion)
 {
-    const std::string& rtf = conversion.Data();
+    const std::string_view rtf = conversion.Data();
     const unsigned long cbRtf = rtf.size();
     auto reader = std::make_unique<CUtf8TextReader>(reinterpret_cast<const unsigned char*>(rtf.data()), cbRtf);
     const CReaderLimits<CUtf8TextReader> limits(*reader, options.limits, conversion.Name());
@@ -73,7 +73,7 @@ void ConvertRtfToUtf8(const Rtf2TxtOptions& options, CConversion& conversion)
 
 void ConvertRtfToText(const ToolContext& ctx, const Rtf2TxtOptions& options, CConversion& conversion)
 {
-    const std::string& rtf = conversion.Data();
+    const std::string_view rtf = conversion.Data();
     const unsigned long cbRtf = rtf.size();
     // The reader carries the whole group-state stack: keep it off the stack.
     auto reader = std::make_unique<CPlainTextReader>(reinterpret_cast<const unsigned char*>(rtf.data()), cbRtf);

@@ -288,7 +288,7 @@ std::string Utf8OfRawInput(const ShowOptions& options, const std::string& data)
 void WarnOfInvalidUtf8(const ToolContext& ctx, const CConversion& conversion)
 {
     OldTextFromUtf8Counts counts;
-    (void)OldTextFromUtf8(conversion.Data(), 1252, &counts);
+    (void)OldTextFromUtf8(std::string(conversion.Data()), 1252, &counts);
     if (counts.nInvalid)
         PrintWarning(ctx, DisplayName(conversion.Name()) + ": " + std::to_string(counts.nInvalid) +
                               " bytes are not UTF-8 and are shown as they are (--raw reads 8-bit old-format text)");
@@ -297,7 +297,7 @@ void WarnOfInvalidUtf8(const ToolContext& ctx, const CConversion& conversion)
 void ShowOldFormat(const ToolContext& ctx, const ShowOptions& options, CConversion& conversion)
 {
     if (!options.bRaw) WarnOfInvalidUtf8(ctx, conversion);
-    const std::string text = options.bRaw ? Utf8OfRawInput(options, conversion.Data()) : conversion.Data();
+    const std::string text = options.bRaw ? Utf8OfRawInput(options, std::string(conversion.Data())) : std::string(conversion.Data());
     CListing listing(conversion.Out());
     WriteListing(text, listing, options.bExplain);
     conversion.ReportConsumed(conversion.Data().size());

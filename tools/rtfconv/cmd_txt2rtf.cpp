@@ -14,6 +14,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "rtfconverter/PlainTextToRTF.h"
 #include "rtfconverter/Utf8ToRTF.h"
@@ -37,16 +38,16 @@ struct Txt2RtfOptions {
 
 constexpr char kDefaultCodePage[] = "1252";
 
-// LF and CR LF become the library's paragraph mark, CR.
-std::string LineEndsToParagraphMarks(const std::string& text)
+// LF and CR LF become the library's paragraph mark, CR (in place: the text
+// only shrinks).
+void LineEndsToParagraphMarks(std::string& text)
 {
-    std::string out;
-    out.reserve(text.size());
+    std::size_t cbKept = 0;
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n') continue;
-        out += text[i] == '\n' ? '\r' : text[i];
+        text[cbKept++] = text[i] == '\n' ? '\r' : text[i];
     }
-    return out;
+    text.resize(cbKept);
 }
 
 bool UsesUnicodeWriter(const Txt2RtfOptions& options)
@@ -54,46 +55,48 @@ bool UsesUnicodeWriter(const Txt2RtfOptions& options)
     return !options.bRaw && !options.bLossy && IsLibraryCodePage(options.codePage);
 }
 
-// The input as UTF-8: converted from --from, or from UTF-16 when it begins
-// with that byte-order mark; otherwise it must be UTF-8 already.
-std::string InputAsUtf8(const Txt2RtfOptions& options, const std::string& data)
+// The input as UTF-8, followed by a NUL: the input itself when it is UTF-8
+// already (it must be, unless --from names its encoding or it begins with a
+// UTF-16 byte-order mark), else its conversion, kept in `converted`.
+std::string_view InputAsUtf8(const Txt2RtfOptions& options, const CConversion& conversion, std::string& converted)
 {
-    if (!options.from.empty())
-        return ConvertToUtf8(data, options.from);
-    if (data.size() >= 2 && ((data[0] == '\xFF' && data[1] == '\xFE') || (data[0] == '\xFE' && data[1] == '\xFF')))
-        return ConvertToUtf8(data, "UTF-16");
+    const std::string_view data = conversion.Data();
+    if (!options.from.empty() ||
+        (data.size() >= 2 && ((data[0] == '\xFF' && data[1] == '\xFE') || (data[0] == '\xFE' && data[1] == '\xFF')))) {
+        converted = ConvertToUtf8(data, options.from.empty() ? "UTF-16" : options.from);
+        return converted;
+    }
     const std::size_t invalid = FindInvalidUtf8(data);
-    if (invalid != std::string::npos)
+    if (invalid != std::string_view::npos)
         throw ToolError(exitConversionFailed, "not UTF-8 at byte offset " + std::to_string(invalid) +
                                                   " (use --from latin1, or another encoding, to read it)");
-    return data;
+    return std::string_view(conversion.Terminated(), data.size());
 }
 
 // The 8-bit writer keeps bytes above 0x7F as they are; escaped, the RTF is
 // 7-bit ASCII. Its header and escapes are ASCII, so every such byte is text.
-std::string EscapeEightBitBytes(const CString& rtf)
+// Runs of ASCII go out as they are.
+void WriteEscapingEightBitBytes(const CString& rtf, COutput& out)
 {
     static const char s_hex[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(static_cast<std::size_t>(rtf.GetLength()));
-    for (const char* p = rtf.GetString(); p < rtf.GetString() + rtf.GetLength(); ++p) {
-        const unsigned char b = static_cast<unsigned char>(*p);
-        if (b < 0x80) {
-            out += *p;
-            continue;
-        }
-        out += "\\'";
-        out += s_hex[b >> 4];
-        out += s_hex[b & 0xF];
+    const char* p = rtf.GetString();
+    const char* const end = p + rtf.GetLength();
+    while (p < end) {
+        const char* const run = p;
+        while (p < end && static_cast<unsigned char>(*p) < 0x80) ++p;
+        out.Write(run, static_cast<std::size_t>(p - run));
+        if (p == end) break;
+        const unsigned char b = static_cast<unsigned char>(*p++);
+        const char escape[] = {'\\', '\'', s_hex[b >> 4], s_hex[b & 0xF]};
+        out.Write(escape, sizeof escape);
     }
-    return out;
 }
 
-CString ConvertUtf8TextToRtf(const Txt2RtfOptions& options, const std::string& text, const LOGFONT* pFont)
+CString ConvertUtf8TextToRtf(const Txt2RtfOptions& options, const char* pszText, const LOGFONT* pFont)
 {
     rtf_converter::CUTF8TextToRTF writer;
     writer.SetCodePage(options.codePage.empty() ? std::stoi(kDefaultCodePage) : CodePageNumberOf(options.codePage));
-    writer.Convert(text.c_str(), pFont);
+    writer.Convert(pszText, pFont);
     return writer.Export();
 }
 
@@ -101,33 +104,38 @@ void ConvertTextToRtf(const ToolContext& ctx, const Txt2RtfOptions& options, CCo
 {
     LOGFONT lf;
     const bool bFont = options.font.GetLogFont(lf);
+    std::string converted;
     if (UsesUnicodeWriter(options)) {
-        const CString rtf = ConvertUtf8TextToRtf(options, InputAsUtf8(options, conversion.Data()), bFont ? &lf : nullptr);
+        const CString rtf =
+            ConvertUtf8TextToRtf(options, InputAsUtf8(options, conversion, converted).data(), bFont ? &lf : nullptr);
         conversion.ReportConsumed(conversion.Data().size());
         conversion.Out().Write(rtf.GetString(), static_cast<std::size_t>(rtf.GetLength()));
         return;
     }
 
-    std::string text = conversion.Data();
+    // --raw takes the input as it is; otherwise it becomes the code page's bytes.
+    std::string_view text(conversion.Terminated(), conversion.Data().size());
+    std::string inCodePage;
     if (!options.bRaw) {
-        text = Utf8ToCodePage(InputAsUtf8(options, text),
-                              IconvCodePageName(options.codePage.empty() ? kDefaultCodePage : options.codePage),
-                              options.bLossy);
-        text = LineEndsToParagraphMarks(text);
+        inCodePage = Utf8ToCodePage(InputAsUtf8(options, conversion, converted),
+                                   IconvCodePageName(options.codePage.empty() ? kDefaultCodePage : options.codePage),
+                                   options.bLossy);
+        LineEndsToParagraphMarks(inCodePage);
+        text = inCodePage;
     }
     const std::size_t nul = text.find('\0');
-    if (nul != std::string::npos)
+    if (nul != std::string_view::npos)
         PrintWarning(ctx, DisplayName(conversion.Name()) + ": a NUL byte at offset " + std::to_string(nul) +
                               " ends the text there");
     rtf_converter::CPlainTextToRTF writer;
-    writer.Convert(text.c_str(), bFont ? &lf : nullptr);
+    writer.Convert(text.data(), bFont ? &lf : nullptr);
     const CString rtf = writer.Export();
     conversion.ReportConsumed(conversion.Data().size());
     if (options.bRaw) {
         conversion.Out().Write(rtf.GetString(), static_cast<std::size_t>(rtf.GetLength()));
         return;
     }
-    conversion.Out().Write(EscapeEightBitBytes(rtf));
+    WriteEscapingEightBitBytes(rtf, conversion.Out());
 }
 
 } // namespace
