@@ -2,18 +2,51 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
-#include <stdexcept>
 #include <vector>
 
 namespace {
 
-// What a global memory handle points at.
+// What a global memory handle points at. The block's bytes are all zeroed
+// or written; the room allocated beyond them is neither, so that a stream
+// growing by small writes neither zeroes what it is about to write nor copies
+// its bytes on every growth.
 struct GlobalBlock {
-    std::vector<BYTE> bytes;
+    BYTE* pBytes = nullptr; // malloc'ed, never null once made: an empty block has an address too
+    std::size_t cb = 0;     // what GlobalSize says
+    std::size_t cbRoom = 0; // allocated
     int nLocks = 0;
+
+    GlobalBlock() = default;
+    GlobalBlock(const GlobalBlock&) = delete;
+    GlobalBlock& operator=(const GlobalBlock&) = delete;
+    ~GlobalBlock() { std::free(pBytes); }
+
+    // Room for `cbNeeded` bytes, at least doubling: appends cost amortised
+    // constant time, and realloc moves a large block's pages, not its bytes.
+    bool MakeRoom(std::size_t cbNeeded)
+    {
+        if (cbNeeded <= cbRoom && pBytes) return true;
+        const std::size_t cbNewRoom = std::max({cbNeeded, cbRoom * 2, std::size_t(64)});
+        void* const p = std::realloc(pBytes, cbNewRoom);
+        if (!p) return false;
+        pBytes = static_cast<BYTE*>(p);
+        cbRoom = cbNewRoom;
+        return true;
+    }
+
+    // Sets the size. The bytes it adds below `cbZeroTo` are zeroed; those
+    // above it the caller is about to write.
+    bool Resize(std::size_t cbNew, std::size_t cbZeroTo)
+    {
+        if (!MakeRoom(cbNew)) return false;
+        if (cbNew > cb && cbZeroTo > cb) std::memset(pBytes + cb, 0, std::min(cbNew, cbZeroTo) - cb);
+        cb = cbNew;
+        return true;
+    }
 };
 
 GlobalBlock* BlockFromHandle(HGLOBAL h) { return static_cast<GlobalBlock*>(h); }
@@ -23,7 +56,7 @@ GlobalBlock* BlockFromHandle(HGLOBAL h) { return static_cast<GlobalBlock*>(h); }
 class CHGlobalStream final : public IStream {
 public:
     CHGlobalStream(GlobalBlock* pBlock, bool bDeleteOnRelease)
-        : m_pBlock(pBlock), m_cbSize(pBlock->bytes.size()), m_bDeleteOnRelease(bDeleteOnRelease)
+        : m_pBlock(pBlock), m_cbSize(pBlock->cb), m_bDeleteOnRelease(bDeleteOnRelease)
     {
     }
 
@@ -40,7 +73,7 @@ public:
         if (pcbRead) *pcbRead = 0;
         if (!pv && cb) return STG_E_INVALIDPOINTER;
         ULONG n = static_cast<ULONG>(std::min<std::uint64_t>(cb, Remaining()));
-        if (n) std::memcpy(pv, m_pBlock->bytes.data() + m_pos, n);
+        if (n) std::memcpy(pv, m_pBlock->pBytes + m_pos, n);
         m_pos += n;
         if (pcbRead) *pcbRead = n;
         return S_OK;
@@ -53,10 +86,11 @@ public:
         if (cb == 0) return S_OK;
         std::uint64_t end = m_pos + cb;
         if (end > m_cbSize) {
-            HRESULT hr = Resize(end);
+            // Only a gap left by a seek past the end is zeroed.
+            HRESULT hr = Resize(end, m_pos);
             if (FAILED(hr)) return hr;
         }
-        std::memcpy(m_pBlock->bytes.data() + m_pos, pv, cb);
+        std::memcpy(m_pBlock->pBytes + m_pos, pv, cb);
         m_pos = end;
         if (pcbWritten) *pcbWritten = cb;
         return S_OK;
@@ -84,7 +118,7 @@ public:
     HRESULT SetSize(ULARGE_INTEGER newSize) override
     {
         if (newSize.QuadPart > std::numeric_limits<DWORD>::max()) return STG_E_MEDIUMFULL;
-        return Resize(newSize.QuadPart);
+        return Resize(newSize.QuadPart, newSize.QuadPart);
     }
 
     HRESULT CopyTo(IStream* pDest, ULARGE_INTEGER cb, ULARGE_INTEGER* pcbRead, ULARGE_INTEGER* pcbWritten) override
@@ -93,7 +127,7 @@ public:
         if (pcbWritten) pcbWritten->QuadPart = 0;
         if (!pDest) return STG_E_INVALIDPOINTER;
         ULONG n = static_cast<ULONG>(std::min<std::uint64_t>(cb.QuadPart, Remaining()));
-        const BYTE* pSource = m_pBlock->bytes.data() + m_pos;
+        const BYTE* pSource = m_pBlock->pBytes + m_pos;
         // Copying into itself may grow (and move) the very block being read.
         std::vector<BYTE> copy;
         if (pDest == this && n) {
@@ -127,18 +161,13 @@ private:
 
     std::uint64_t Remaining() const { return m_pos < m_cbSize ? m_cbSize - m_pos : 0; }
 
-    // Sets the logical size; the block grows as needed (the vector's own
-    // geometric growth keeps appends amortised) and shrinks with the stream.
-    HRESULT Resize(std::uint64_t cbNew)
+    // Sets the logical size; the block grows as needed and shrinks with the
+    // stream. Added bytes below `cbZeroTo` are zeroed.
+    HRESULT Resize(std::uint64_t cbNew, std::uint64_t cbZeroTo)
     {
         if (cbNew > std::numeric_limits<DWORD>::max()) return STG_E_MEDIUMFULL;
-        try {
-            m_pBlock->bytes.resize(static_cast<std::size_t>(cbNew));
-        } catch (const std::bad_alloc&) {
+        if (!m_pBlock->Resize(static_cast<std::size_t>(cbNew), static_cast<std::size_t>(cbZeroTo)))
             return E_OUTOFMEMORY;
-        } catch (const std::length_error&) {
-            return STG_E_MEDIUMFULL;
-        }
         m_cbSize = cbNew;
         return S_OK;
     }
@@ -154,20 +183,12 @@ private:
 
 HGLOBAL GlobalAlloc(UINT /*flags*/, std::size_t size)
 {
-    try {
-        GlobalBlock* pBlock = new GlobalBlock;
-        try {
-            pBlock->bytes.resize(size);
-        } catch (...) {
-            delete pBlock;
-            throw;
-        }
-        return pBlock;
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    } catch (const std::length_error&) {
+    GlobalBlock* pBlock = new (std::nothrow) GlobalBlock;
+    if (!pBlock || !pBlock->Resize(size, size)) {
+        delete pBlock;
         return nullptr;
     }
+    return pBlock;
 }
 
 HGLOBAL GlobalFree(HGLOBAL hMem)
@@ -181,9 +202,7 @@ void* GlobalLock(HGLOBAL hMem)
     GlobalBlock* pBlock = BlockFromHandle(hMem);
     if (!pBlock) return nullptr;
     ++pBlock->nLocks;
-    // An empty block still yields a usable, distinct address.
-    if (pBlock->bytes.empty()) pBlock->bytes.reserve(1);
-    return pBlock->bytes.data();
+    return pBlock->pBytes; // an empty block's too is a usable, distinct address
 }
 
 BOOL GlobalUnlock(HGLOBAL hMem)
@@ -196,7 +215,7 @@ BOOL GlobalUnlock(HGLOBAL hMem)
 std::size_t GlobalSize(HGLOBAL hMem)
 {
     GlobalBlock* pBlock = BlockFromHandle(hMem);
-    return pBlock ? pBlock->bytes.size() : 0;
+    return pBlock ? pBlock->cb : 0;
 }
 
 HRESULT CreateStreamOnHGlobal(HGLOBAL hGlobal, BOOL fDeleteOnRelease, IStream** ppstm)

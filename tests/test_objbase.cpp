@@ -139,6 +139,27 @@ TEST(MemoryStream, SetSizeStatAndTheBlockView)
     EXPECT_EQ(p->Stat(nullptr, STATFLAG_DEFAULT), STG_E_INVALIDPOINTER);
 }
 
+// The block keeps its room when the stream shrinks: growing again, by SetSize
+// or by a write past a gap, must show zeros, never the bytes that were there.
+TEST(MemoryStream, RegrowingShowsZerosNotOldBytes)
+{
+    CComPtr<IStream> p = NewStream();
+    ASSERT_EQ(p->Write("abcdefgh", 8, nullptr), S_OK);
+    ASSERT_EQ(p->SetSize(Uli(2)), S_OK);
+    ASSERT_EQ(p->Seek(Li(5), STREAM_SEEK_SET, nullptr), S_OK);
+    ASSERT_EQ(p->Write("X", 1, nullptr), S_OK);
+    EXPECT_EQ(StreamBytes(p), std::string("ab\0\0\0X", 6));
+    ASSERT_EQ(p->SetSize(Uli(1)), S_OK);
+    ASSERT_EQ(p->SetSize(Uli(4)), S_OK);
+    EXPECT_EQ(StreamBytes(p), std::string("a\0\0\0", 4));
+
+    HGLOBAL h = GlobalAlloc(GMEM_FIXED, 3);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(std::string(static_cast<const char*>(GlobalLock(h)), GlobalSize(h)), std::string(3, '\0'));
+    GlobalUnlock(h);
+    GlobalFree(h);
+}
+
 TEST(MemoryStream, OverACallersBlock)
 {
     HGLOBAL h = GlobalAlloc(GMEM_MOVEABLE, 4);
