@@ -281,3 +281,116 @@ TEST(Output, WritesThroughASymbolicLink)
     ::unlink((dir + "/target.txt").c_str());
     ::rmdir(dir.c_str());
 }
+
+namespace {
+
+// A scratch folder removed with everything in it.
+struct CScratchDir {
+    std::string path = testing::TempDir() + "rtfconv_io_XXXXXX";
+    CScratchDir() { EXPECT_NE(::mkdtemp(&path[0]), nullptr); }
+    ~CScratchDir()
+    {
+        for (const std::string& name : DirEntries(path)) ::unlink((path + "/" + name).c_str());
+        ::rmdir(path.c_str());
+    }
+};
+
+// `cb` bytes that show where each lies: a byte's offset cycles through the letters.
+std::string Lettered(std::size_t cb)
+{
+    std::string bytes(cb, '\0');
+    for (std::size_t i = 0; i < cb; ++i) bytes[i] = static_cast<char>('a' + i % 26);
+    return bytes;
+}
+
+} // namespace
+
+// Small files, files ending exactly at a page boundary and beyond it, large
+// files: the bytes are the file's, and a NUL follows them.
+TEST(InputBytes, HoldsTheFileFollowedByANul)
+{
+    CScratchDir dir;
+    const std::size_t cbPage = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    for (const std::size_t cb : {std::size_t(0), std::size_t(1), cbPage - 1, cbPage, cbPage + 1, 2 * cbPage,
+                                 std::size_t(3) << 20}) {
+        const std::string path = dir.path + "/in" + std::to_string(cb);
+        const std::string bytes = Lettered(cb);
+        std::ofstream(path, std::ios::binary) << bytes;
+        CInputBytes input(path);
+        EXPECT_EQ(input.View(), bytes) << cb;
+        EXPECT_EQ(input.Terminated(), input.View().data()) << cb;
+        EXPECT_EQ(input.Terminated()[cb], '\0') << cb;
+        input.DoneWith(cb); // pages given back come again from the file
+        EXPECT_EQ(input.View(), bytes) << cb;
+        EXPECT_FALSE(input.Shrank()) << cb;
+    }
+    try {
+        CInputBytes missing(dir.path + "/missing");
+        FAIL() << "no error";
+    } catch (const ToolError& e) {
+        EXPECT_EQ(e.Code(), exitIoError);
+    }
+}
+
+// A mapped file cut short under the tool: its lost pages read as zeros, and
+// the input says so, instead of the process dying of SIGBUS.
+TEST(InputBytes, AFileCutShortReadsAsZerosAndSaysSo)
+{
+    CScratchDir dir;
+    const std::size_t cbPage = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    const std::string path = dir.path + "/shrinking";
+    std::ofstream(path, std::ios::binary) << Lettered(4 * cbPage);
+    CInputBytes input(path);
+    ASSERT_EQ(::truncate(path.c_str(), static_cast<off_t>(cbPage)), 0);
+    EXPECT_EQ(input.View()[cbPage - 1], Lettered(cbPage)[cbPage - 1]);
+    EXPECT_EQ(input.View()[3 * cbPage + 5], '\0');
+    EXPECT_TRUE(input.Shrank());
+}
+
+// Small writes gathered, large ones written through, in any mix: the file
+// holds exactly the bytes in their order.
+TEST(Output, WritesEveryPieceInOrder)
+{
+    CScratchDir dir;
+    const std::string target = dir.path + "/out";
+    const std::string bytes = Lettered(std::size_t(5) << 20);
+    const std::size_t pieces[] = {1, 7, 65535, 1, 65536, COutput::kcbOutputBuffer, 3, COutput::kcbOutputBuffer - 1,
+                                  std::size_t(2) << 20, 12345};
+    {
+        COutput out(target);
+        std::size_t pos = 0;
+        for (std::size_t cb : pieces) {
+            out.Write(bytes.data() + pos, cb);
+            pos += cb;
+        }
+        out.Write(std::string_view(bytes).substr(pos));
+        out.Commit();
+    }
+    EXPECT_EQ(FileText(target), bytes);
+}
+
+TEST(FindInvalidUtf8, FindsTheFirstBadByteWhereverItLies)
+{
+    // An invalid byte at every offset around the 8-byte steps of the ASCII scan.
+    for (std::size_t at = 0; at < 20; ++at) {
+        std::string text = Lettered(24);
+        text[at] = '\xFF';
+        EXPECT_EQ(FindInvalidUtf8(text), at) << at;
+        text[at] = '\xC3'; // a lead byte cut off by the next ASCII byte, or by the end
+        EXPECT_EQ(FindInvalidUtf8(text), at) << at;
+    }
+    const struct {
+        std::string text;
+        std::size_t invalidAt;
+    } rows[] = {
+        {"", std::string_view::npos},
+        {"plain ASCII text, longer than eight bytes", std::string_view::npos},
+        {"caf\xC3\xA9 cr\xC3\xA8me br\xC3\xBBl\xC3\xA9\x65, \xE2\x82\xAC 5, \xF0\x9F\x98\x80!", std::string_view::npos},
+        {"abcdefgh\xC3\xA9" "abcdefgh\xC0\xAF", 18},          // an overlong slash after a valid character
+        {"abcdefghijklmno\xED\xA0\x80", 15},                   // a surrogate
+        {"abcdefghijklmnop\xF4\x90\x80\x80", 16},              // beyond U+10FFFF
+        {"abcdefghijklmnop\xE2\x82", 16},                      // cut by the end
+        {std::string("abcdefgh\0ijklmnop", 17), std::string_view::npos}, // NUL is ASCII
+    };
+    for (const auto& row : rows) EXPECT_EQ(FindInvalidUtf8(row.text), row.invalidAt) << row.text;
+}
