@@ -2,9 +2,11 @@
 # Times rtfconv as a user does: the whole process, output to /dev/null, on the
 # three bench inputs (bench/make_bench.sh), each command's runs interleaved
 # with catdoc's on the same input and the median of N kept. Prints a table of
-# MB/s (MB = 10^6 bytes of input) and a plain byte loop as the ceiling, then
-# the peak resident memory of each command on a large input. The library's
-# own loop is timed by rtfconverter_bench (`make bench` runs both).
+# MB/s (MB = 10^6 bytes of input; one decimal below 100) with each input's
+# size, and a plain byte loop as the ceiling, then the peak resident memory of
+# each command on a large input: the readers on the RTF, the writers on what
+# the readers make of it. The library's own loop is timed by
+# rtfconverter_bench (`make bench` runs both).
 # Usage: whole_process.sh BUILD_DIR [runs=5] [big-input-MB=500]
 set -euo pipefail
 build="$1"; runs="${2:-5}"; bigmb="${3:-500}"
@@ -18,7 +20,9 @@ for f in "${inputs[@]}"; do [ -f "$data/$f.rtf" ] || bash "$here/make_bench.sh" 
 # Seconds taken by one run of the command.
 seconds() { local t0 t1; t0=$(date +%s.%N); "$@" >/dev/null 2>&1 || true; t1=$(date +%s.%N); echo "$t1 - $t0" | bc -l; }
 median() { sort -g | awk '{v[NR]=$1} END {print (NR%2) ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2}'; }
-mbps() { echo "scale=0; $1 / 1000000 / $2" | bc -l; }
+# MB/s of BYTES in SECONDS: one decimal where small, whole numbers above 100.
+mbps() { awk -v cb="$1" -v s="$2" 'BEGIN { r = s > 0 ? cb / 1e6 / s : 0; printf(r < 100 ? "%.1f" : "%.0f", r) }'; }
+megabytes() { awk -v cb="$(stat -c %s "$1")" 'BEGIN { printf("%.1f", cb / 1e6) }'; }
 
 # The writers' inputs: what the readers make of each bench input.
 for f in "${inputs[@]}"; do
@@ -27,7 +31,7 @@ for f in "${inputs[@]}"; do
 done
 
 echo "load: $(cut -d' ' -f1-3 /proc/loadavg), $(nproc) cores, median of $runs"
-printf '%-16s %-14s %10s %10s\n' command input rtfconv catdoc
+printf '%-16s %-18s %9s %10s %10s\n' command input "size MB" rtfconv catdoc
 row() {  # name input-file catdoc(yes/no) command...
   local name="$1" in="$2" withCatdoc="$3"; shift 3
   local a=() c=() size; size=$(stat -c %s "$in")
@@ -37,7 +41,7 @@ row() {  # name input-file catdoc(yes/no) command...
   done
   local ta tc="-"; ta=$(printf '%s\n' "${a[@]}" | median)
   if [ ${#c[@]} -gt 0 ]; then tc=$(mbps "$size" "$(printf '%s\n' "${c[@]}" | median)"); fi
-  printf '%-16s %-14s %10s %10s\n' "$name" "$(basename "$in")" "$(mbps "$size" "$ta")" "$tc"
+  printf '%-16s %-18s %9s %10s %10s\n' "$name" "$(basename "$in")" "$(megabytes "$in")" "$(mbps "$size" "$ta")" "$tc"
 }
 for f in "${inputs[@]}"; do
   row "rtf2txt --raw" "$data/$f.rtf" yes "$tool" rtf2txt --raw
@@ -55,9 +59,26 @@ if [ "$bigmb" -gt 0 ]; then
   RTFCONV_BENCH_DATA="$big" bash "$here/make_bench.sh" "$bigmb" >/dev/null
   rm -f "$big/markup-heavy.rtf" "$big/picture-heavy.rtf"
   in="$big/text-heavy.rtf"
-  echo "peak resident memory on a $(( $(stat -c %s "$in") / 1000000 )) MB input (KiB):"
-  for cmd in "rtf2txt --raw" rtf2txt rtf2old; do
-    printf '  %-14s %s\n' "$cmd" "$( { /usr/bin/time -f %M "$tool" $cmd "$in" -o /dev/null >/dev/null 2>/dev/null; } 2>&1 | tail -1)"
-  done
-  command -v catdoc >/dev/null && printf '  %-14s %s\n' catdoc "$( { /usr/bin/time -f %M catdoc "$in" >/dev/null; } 2>&1 | tail -1)"
+  "$tool" rtf2old "$in" -o "$big/text-heavy.old" 2>/dev/null
+  "$tool" rtf2txt "$in" -o "$big/text-heavy.txt" 2>/dev/null
+  echo "peak resident memory on a $(( $(stat -c %s "$in") / 1000000 )) MB input (the writers' on what the readers make of it):"
+  printf '  %-14s %-16s %9s %10s %10s\n' command input "size MB" "output MB" "peak MB"
+  # peak COMMAND INPUT: the command's peak resident memory, its input's and its output's size.
+  peak() {
+    local cmd="$1" input="$2" kib
+    # time's own report goes to a file: the command's stderr is thrown away.
+    /usr/bin/time -o "$big/peak" -f %M $cmd "$input" -o "$big/out" >/dev/null 2>/dev/null || true
+    kib=$(tail -1 "$big/peak")
+    printf '  %-14s %-16s %9s %10s %10s\n' "${cmd#"$tool" }" "$(basename "$input")" "$(megabytes "$input")" \
+      "$(megabytes "$big/out")" "$(awk -v k="$kib" 'BEGIN { printf("%.1f", k * 1024 / 1e6) }')"
+    rm -f "$big/out"
+  }
+  for cmd in "rtf2txt --raw" rtf2txt rtf2old; do peak "$tool $cmd" "$in"; done
+  peak "$tool old2rtf" "$big/text-heavy.old"
+  peak "$tool txt2rtf" "$big/text-heavy.txt"
+  if command -v catdoc >/dev/null; then
+    /usr/bin/time -o "$big/peak" -f %M catdoc "$in" >/dev/null 2>/dev/null || true
+    printf '  %-14s %-16s %9s %10s %10s\n' catdoc "$(basename "$in")" "$(megabytes "$in")" - \
+      "$(awk -v k="$(tail -1 "$big/peak")" 'BEGIN { printf("%.1f", k * 1024 / 1e6) }')"
+  fi
 fi
