@@ -73,8 +73,9 @@ extern "C" void ZeroFillShrunkenPage(int signalNumber, siginfo_t* pInfo, void*)
         }
         break;
     }
-    // Not ours (or beyond repair): the fault happens again and ends the process as it would have.
+    // Not ours (or beyond repair): the process ends as it would have.
     std::signal(signalNumber, SIG_DFL);
+    std::raise(signalNumber);
 }
 
 void InstallShrunkenFileGuard()
@@ -141,10 +142,10 @@ CInputBytes::~CInputBytes()
         g_mappedInputs[m_mapSlot].pBegin.store(nullptr);
         ::munmap(m_p, MappedSize(m_cb));
         g_mappedInputs[m_mapSlot].bClaimed.store(false);
-    } else {
-        std::free(m_pRead);
     }
 }
+
+void CInputBytes::CFree::operator()(char* p) const { std::free(p); }
 
 std::size_t CInputBytes::MappedSize(std::size_t cb) { return (cb + g_cbPage) & ~(g_cbPage - 1); }
 
@@ -181,25 +182,26 @@ void CInputBytes::ReadAll(int fd, std::size_t cbExpected)
     // Room for the NUL, and one byte more than expected, so that the end is
     // seen without growing.
     std::size_t cbCapacity = std::max<std::size_t>(cbExpected + 2, 64 * 1024);
-    m_pRead = static_cast<char*>(std::malloc(cbCapacity));
+    m_pRead.reset(static_cast<char*>(std::malloc(cbCapacity)));
     if (!m_pRead) throw std::bad_alloc();
     for (;;) {
         if (cbCapacity - m_cb < 2) {
             // Doubling keeps a long pipe's cost linear; realloc of large
             // blocks moves pages rather than bytes, and nothing is zeroed.
-            char* const pGrown = static_cast<char*>(std::realloc(m_pRead, cbCapacity * 2));
+            char* const pGrown = static_cast<char*>(std::realloc(m_pRead.get(), cbCapacity * 2));
             if (!pGrown) throw std::bad_alloc();
-            m_pRead = pGrown;
+            (void)m_pRead.release(); // realloc took it over
+            m_pRead.reset(pGrown);
             cbCapacity *= 2;
         }
-        const ssize_t cbRead = ::read(fd, m_pRead + m_cb, cbCapacity - m_cb - 1);
+        const ssize_t cbRead = ::read(fd, m_pRead.get() + m_cb, cbCapacity - m_cb - 1);
         if (cbRead < 0 && errno == EINTR) continue;
         if (cbRead < 0) throw ToolError(exitIoError, "cannot read: " + ErrnoText());
         if (cbRead == 0) break;
         m_cb += static_cast<std::size_t>(cbRead);
     }
-    m_pRead[m_cb] = '\0';
-    m_p = m_pRead;
+    m_pRead.get()[m_cb] = '\0';
+    m_p = m_pRead.get();
 }
 
 void CInputBytes::DoneWith(std::size_t cbConsumed)
@@ -420,6 +422,7 @@ void COutput::Write(const char* p, std::size_t cb)
 
 void COutput::Flush()
 {
+    if (m_cbBuffered == 0) return;
     const std::size_t cb = m_cbBuffered;
     m_cbBuffered = 0; // a failed write is not tried again
     WriteThrough(m_pBuffer.get(), cb);

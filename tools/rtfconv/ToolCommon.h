@@ -197,7 +197,10 @@ private:
 
     char* m_p = nullptr;
     std::size_t m_cb = 0;
-    char* m_pRead = nullptr;     // the bytes read (malloc'ed), when not mapped
+    struct CFree {
+        void operator()(char* p) const;
+    };
+    std::unique_ptr<char, CFree> m_pRead; // the bytes read, when not mapped (malloc'ed: grown by realloc)
     int m_mapSlot = -1;          // the mapping's entry in the SIGBUS handler's table
     std::size_t m_cbReleased = 0; // mapped pages before this were given back
 };
