@@ -164,7 +164,8 @@ bool CInputBytes::Map(int fd, std::size_t cb)
         ::munmap(pReserved, MappedSize(cb));
         return false; // a file system that cannot map: read instead
     }
-    const int slot = ListMapping(p, cb);
+    // The whole reservation: the NUL's page may be the file's last.
+    const int slot = ListMapping(p, MappedSize(cb));
     if (slot < 0) {
         ::munmap(pReserved, MappedSize(cb));
         return false;
