@@ -4,6 +4,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <iterator>
 #include <new>
 #include <string>
 #include <vector>
@@ -92,17 +93,6 @@ ControlWord ControlWordOf(ByteClass c)
     default: return {"\\par ", 5};
     }
 }
-
-// --- fonts -----------------------------------------------------------------------
-
-// The character attributes of the font writer, in the order their words are
-// written.
-struct AttributeWord {
-    bool (CFontCmd::*isOn)() const;
-    bool COldToRTF::*state;
-    const char* pszOn;
-    const char* pszOff;
-};
 
 // --- layout ----------------------------------------------------------------------
 
@@ -267,6 +257,7 @@ long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
         m_csLayoutWords.Empty();
         m_nRowCells = m_nRowCellsEnded = 0;
         m_pNoCellsBefore = nullptr;
+        ClearFontCmdCache();
         InitBuffer();
         InitBaseFont(pBaseFont);
         ResetParagraphAttributes();
@@ -296,6 +287,7 @@ long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
     } catch (...) {
         hr = E_FAIL;
     }
+    ClearFontCmdCache();
     return hr;
 }
 
@@ -614,49 +606,105 @@ CString COldToRTF::GetColorTable() const
     return s;
 }
 
+namespace {
+
+// The character attributes of the font writer, in the order their words are
+// written.
+struct AttributeWord {
+    bool (CFontCmd::*isOn)() const;
+    const char* pszOn;
+    const char* pszOff;
+};
+constexpr AttributeWord kAttributeWords[] = {
+    {&CFontCmd::IsBold, "\\b", "\\b0"},
+    {&CFontCmd::IsUnderline, "\\ul", "\\ul0"},
+    {&CFontCmd::IsItalic, "\\i", "\\i0"},
+    {&CFontCmd::IsStrikeout, "\\strike", "\\strike0"},
+    {&CFontCmd::IsSuperscript, "\\super", "\\nosupersub"},
+    {&CFontCmd::IsSubscript, "\\sub", "\\nosupersub"},
+};
+
+std::size_t HashOf(const char* p, int n)
+{
+    std::size_t h = 14695981039346656037ull;
+    for (int i = 0; i < n; ++i) h = (h ^ static_cast<unsigned char>(p[i])) * 1099511628211ull;
+    return h;
+}
+
+} // namespace
+
+// Adds the command's font and colours to the tables when they are new there.
+COldToRTF::FontCmdMeaning COldToRTF::ParseFontCmd(const CString& sFontCmd)
+{
+    const CFontCmd cmd(sFontCmd);
+    FontCmdMeaning meaning;
+    meaning.nFont = AddToFontTableIfNecessary(cmd);
+    meaning.nPoints = cmd.GetPoints(m_logFont);
+    meaning.nColor = cmd.IsDefaultColor() ? 1 : AddToColorTableIfNecessary(ColorCharToRGB(cmd.GetColor()));
+    const char backLetter = cmd.GetBackColor();
+    meaning.nBackColor = backLetter ? AddToColorTableIfNecessary(BackColorCharToRGB(backLetter)) : 0;
+    for (std::size_t k = 0; k < std::size(kAttributeWords); ++k) meaning.bAttributes[k] = (cmd.*kAttributeWords[k].isOn)();
+    return meaning;
+}
+
+// Once a command's font and colours are in the tables, the same text finds
+// the same entries again (entries are only ever appended, and never twice for
+// one font or colour), so its meaning can be remembered.
+const COldToRTF::FontCmdMeaning& COldToRTF::MeaningOfFontCmd(const CString& sFontCmd)
+{
+    if (!m_fontCmdCache) m_fontCmdCache.reset(new FontCmdCacheEntry[nFontCmdCacheSize]);
+    const char* const p = sFontCmd.GetString();
+    const int n = sFontCmd.GetLength();
+    FontCmdCacheEntry& entry = m_fontCmdCache[HashOf(p, n) % nFontCmdCacheSize];
+    if (entry.text.size() != static_cast<std::size_t>(n) || entry.text.compare(0, entry.text.size(), p, static_cast<std::size_t>(n)) != 0) {
+        entry.text.clear(); // a parse that throws leaves no half-made entry
+        entry.meaning = ParseFontCmd(sFontCmd);
+        entry.text.assign(p, static_cast<std::size_t>(n));
+    }
+    return entry.meaning;
+}
+
+void COldToRTF::ClearFontCmdCache()
+{
+    if (!m_fontCmdCache) return;
+    for (std::size_t k = 0; k < nFontCmdCacheSize; ++k) m_fontCmdCache[k].text.clear();
+}
+
 int COldToRTF::AddFontCmdToBuffer(const CString& sFontCmd)
 {
-    static const AttributeWord kAttributeWords[] = {
-        {&CFontCmd::IsBold, &COldToRTF::m_bBold, "\\b", "\\b0"},
-        {&CFontCmd::IsUnderline, &COldToRTF::m_bUnderline, "\\ul", "\\ul0"},
-        {&CFontCmd::IsItalic, &COldToRTF::m_bItalic, "\\i", "\\i0"},
-        {&CFontCmd::IsStrikeout, &COldToRTF::m_bStrikeout, "\\strike", "\\strike0"},
-        {&CFontCmd::IsSuperscript, &COldToRTF::m_bSuperscript, "\\super", "\\nosupersub"},
-        {&CFontCmd::IsSubscript, &COldToRTF::m_bSubscript, "\\sub", "\\nosupersub"},
+    static bool COldToRTF::*const kAttributeStates[] = {
+        &COldToRTF::m_bBold,      &COldToRTF::m_bUnderline,   &COldToRTF::m_bItalic,
+        &COldToRTF::m_bStrikeout, &COldToRTF::m_bSuperscript, &COldToRTF::m_bSubscript,
     };
+    static_assert(std::size(kAttributeStates) == std::size(kAttributeWords), "one state per attribute word");
     const char font = CDocCmd::font;
     VQASSERT(font == sFontCmd[1]);
 
-    const CFontCmd cmd(sFontCmd);
+    const FontCmdMeaning meaning = MeaningOfFontCmd(sFontCmd);
     CString words;
 
-    int idx = AddToFontTableIfNecessary(cmd);
-    if (idx != m_nCurrentFont) {
-        m_nCurrentFont = idx;
-        AppendWord(words, "\\f", m_fontTable[idx].nFontNumber);
+    if (meaning.nFont != m_nCurrentFont) {
+        m_nCurrentFont = meaning.nFont;
+        AppendWord(words, "\\f", m_fontTable[meaning.nFont].nFontNumber);
     }
-    int pts = cmd.GetPoints(m_logFont);
-    if (pts != m_nCurrentPoints) {
-        m_nCurrentPoints = pts;
-        AppendWord(words, "\\fs", HalfPoints(pts));
+    if (meaning.nPoints != m_nCurrentPoints) {
+        m_nCurrentPoints = meaning.nPoints;
+        AppendWord(words, "\\fs", HalfPoints(meaning.nPoints));
     }
-    int color = cmd.IsDefaultColor() ? 1 : AddToColorTableIfNecessary(ColorCharToRGB(cmd.GetColor()));
-    if (color != m_nCurrentColor) {
-        m_nCurrentColor = color;
-        AppendWord(words, "\\cf", color);
+    if (meaning.nColor != m_nCurrentColor) {
+        m_nCurrentColor = meaning.nColor;
+        AppendWord(words, "\\cf", meaning.nColor);
     }
-    char backLetter = cmd.GetBackColor();
-    int backColor = backLetter ? AddToColorTableIfNecessary(BackColorCharToRGB(backLetter)) : 0;
-    if (backColor != m_nCurrentBackColor) {
-        m_nCurrentBackColor = backColor;
-        AppendWord(words, "\\cb", backColor);
-        AppendWord(words, "\\chcbpat", backColor);
+    if (meaning.nBackColor != m_nCurrentBackColor) {
+        m_nCurrentBackColor = meaning.nBackColor;
+        AppendWord(words, "\\cb", meaning.nBackColor);
+        AppendWord(words, "\\chcbpat", meaning.nBackColor);
     }
-    for (const AttributeWord& attr : kAttributeWords) {
-        bool bOn = (cmd.*attr.isOn)();
-        if (bOn != this->*attr.state) {
-            this->*attr.state = bOn;
-            words += bOn ? attr.pszOn : attr.pszOff;
+    for (std::size_t k = 0; k < std::size(kAttributeWords); ++k) {
+        const bool bOn = meaning.bAttributes[k];
+        if (bOn != this->*kAttributeStates[k]) {
+            this->*kAttributeStates[k] = bOn;
+            words += bOn ? kAttributeWords[k].pszOn : kAttributeWords[k].pszOff;
         }
     }
     if (!words.IsEmpty()) {
@@ -908,37 +956,89 @@ void COldToRTF::AddTextRun(const char* p, int n)
 
 void COldToRTF::AddTextKeepingEveryByte(const char* p, int n)
 {
-    const std::string escaped = EscapedKeepingEveryByte(p, n);
-    AddToBuffer(escaped.data(), static_cast<int>(escaped.size()));
+    EscapeKeepingEveryByte(p, n, [this](const char* pEscaped, std::size_t cb) { AddToBuffer(pEscaped, static_cast<int>(cb)); });
 }
+
+std::string COldToRTF::EscapedKeepingEveryByte(const char* p, int n) const
+{
+    std::string out;
+    out.reserve(static_cast<std::size_t>(n) * 2);
+    EscapeKeepingEveryByte(p, n, [&out](const char* pEscaped, std::size_t cb) { out.append(pEscaped, cb); });
+    return out;
+}
+
+// The page of the current font's character set, looked up again only when
+// the set changes: the lookup takes the process-wide lock of the page table.
+const CCodePage* COldToRTF::PageOfCurrentFont() const
+{
+    const int charset = m_nCurrentFont >= 0 && m_nCurrentFont < m_fontTable.GetSize() ? m_fontTable[m_nCurrentFont].nCharset : 0;
+    if (charset != m_nPageCharset) {
+        m_pPageOfCharset = CCodePage::Get(CodePageOfCharset(charset));
+        m_nPageCharset = charset;
+    }
+    return m_pPageOfCharset;
+}
+
+namespace {
+
+// Bytes the lossless writer writes as they are: ASCII but the RTF specials.
+struct PlainRunByteTable {
+    bool plain[256];
+    constexpr PlainRunByteTable() : plain()
+    {
+        for (int b = 0; b < 0x80; ++b) plain[b] = b != '\\' && b != '{' && b != '}';
+    }
+};
+constexpr PlainRunByteTable kPlainRunByte;
+
+} // namespace
 
 // Bytes above 0x7F as \'hh, so that no reader guesses their code page from
 // anything but the font; in a double-byte font a lead byte and its trail byte
 // as one character, the trail byte escaped with it even when it is a
-// backslash or a brace.
-std::string COldToRTF::EscapedKeepingEveryByte(const char* p, int n) const
+// backslash or a brace. Runs of plain bytes go to `append` as they are, the
+// escapes through a small block of their own.
+template <class Append>
+void COldToRTF::EscapeKeepingEveryByte(const char* p, int n, Append&& append) const
 {
-    const int charset = m_nCurrentFont >= 0 && m_nCurrentFont < m_fontTable.GetSize() ? m_fontTable[m_nCurrentFont].nCharset : 0;
-    const CCodePage* pPage = CCodePage::Get(CodePageOfCharset(charset));
-    std::string out;
-    out.reserve(static_cast<std::size_t>(n) * 2);
-    auto appendHex = [&out](unsigned char b) {
-        out += "\\'";
-        out.append(kHexPairs.pair[b], 2);
+    const CCodePage* pPage = PageOfCurrentFont();
+    char escapes[256];
+    std::size_t nEscapes = 0;
+    auto flushEscapes = [&] {
+        if (nEscapes) append(escapes, nEscapes);
+        nEscapes = 0;
     };
-    for (int i = 0; i < n; ++i) {
+    auto addHex = [&](unsigned char b) {
+        escapes[nEscapes++] = '\\';
+        escapes[nEscapes++] = '\'';
+        escapes[nEscapes++] = kHexPairs.pair[b][0];
+        escapes[nEscapes++] = kHexPairs.pair[b][1];
+    };
+    for (int i = 0; i < n;) {
+        int runEnd = i;
+        while (runEnd < n && kPlainRunByte.plain[static_cast<unsigned char>(p[runEnd])]) ++runEnd;
+        if (runEnd > i) {
+            flushEscapes();
+            append(p + i, static_cast<std::size_t>(runEnd - i));
+            i = runEnd;
+            continue;
+        }
+        if (nEscapes + 8 > sizeof escapes) flushEscapes();
         const unsigned char b = static_cast<unsigned char>(p[i]);
         if (pPage && pPage->IsLeadByte(b) && i + 1 < n && pPage->Pair(b, static_cast<unsigned char>(p[i + 1])) != CCodePage::invalidPair) {
-            appendHex(b);
-            appendHex(static_cast<unsigned char>(p[++i]));
+            addHex(b);
+            addHex(static_cast<unsigned char>(p[i + 1]));
+            i += 2;
         } else if (b > 0x7F) {
-            appendHex(b);
+            addHex(b);
+            ++i;
         } else {
-            if (b == '\\' || b == '{' || b == '}') out += '\\';
-            out += static_cast<char>(b);
+            escapes[nEscapes++] = '\\';
+            escapes[nEscapes++] = static_cast<char>(b);
+            ++i;
         }
     }
-    return out;
+    flushEscapes();
 }
 
 const char* COldToRTF::FindCommandEnd(const char* pCmd) const
