@@ -7,6 +7,7 @@
 #include <iterator>
 #include <new>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "hostlibs/KVBase.h"
@@ -371,16 +372,21 @@ void COldToRTF::ConvertText(const char* pszText)
             ++ptr;
             VQASSERT(ptr[-1] == CDocCmd::chCmdEnd);
             m_pAfterCommand = ptr;
-            const CString cmd(p, static_cast<int>(ptr - p));
             const int nPos = static_cast<int>(nTextPos);
             int nAdvance = 0;
-            switch (p[1]) {
-            case CDocCmd::attachment: nAdvance = AddOleCmdToBuffer(cmd, nPos); break;
-            case CDocCmd::comment: nAdvance = AddCommentCmdToBuffer(cmd, nPos); break;
-            case CDocCmd::font: nAdvance = AddFontCmdToBuffer(cmd); break;
-            case CDocCmd::layout: nAdvance = AddLayoutCmdToBuffer(cmd); break;
-            case CDocCmd::print: nAdvance = AddPrintCmdToBuffer(cmd); break;
-            default: VQASSERT(0); break;
+            // Font commands, the most frequent, are mostly ones met before
+            // and need no string of their own.
+            if (p[1] == CDocCmd::font) {
+                nAdvance = AddFontCmdToBuffer(p, static_cast<int>(ptr - p));
+            } else {
+                const CString cmd(p, static_cast<int>(ptr - p));
+                switch (p[1]) {
+                case CDocCmd::attachment: nAdvance = AddOleCmdToBuffer(cmd, nPos); break;
+                case CDocCmd::comment: nAdvance = AddCommentCmdToBuffer(cmd, nPos); break;
+                case CDocCmd::layout: nAdvance = AddLayoutCmdToBuffer(cmd); break;
+                case CDocCmd::print: nAdvance = AddPrintCmdToBuffer(cmd); break;
+                default: VQASSERT(0); break;
+                }
             }
             nTextPos += static_cast<unsigned>(nAdvance);
             p = ptr - 1;
@@ -650,16 +656,15 @@ COldToRTF::FontCmdMeaning COldToRTF::ParseFontCmd(const CString& sFontCmd)
 // Once a command's font and colours are in the tables, the same text finds
 // the same entries again (entries are only ever appended, and never twice for
 // one font or colour), so its meaning can be remembered.
-const COldToRTF::FontCmdMeaning& COldToRTF::MeaningOfFontCmd(const CString& sFontCmd)
+const COldToRTF::FontCmdMeaning& COldToRTF::MeaningOfFontCmd(const char* p, int n)
 {
     if (!m_fontCmdCache) m_fontCmdCache.reset(new FontCmdCacheEntry[nFontCmdCacheSize]);
-    const char* const p = sFontCmd.GetString();
-    const int n = sFontCmd.GetLength();
+    const std::string_view text(p, static_cast<std::size_t>(n));
     FontCmdCacheEntry& entry = m_fontCmdCache[HashOf(p, n) % nFontCmdCacheSize];
-    if (entry.text.size() != static_cast<std::size_t>(n) || entry.text.compare(0, entry.text.size(), p, static_cast<std::size_t>(n)) != 0) {
+    if (std::string_view(entry.text) != text) {
         entry.text.clear(); // a parse that throws leaves no half-made entry
-        entry.meaning = ParseFontCmd(sFontCmd);
-        entry.text.assign(p, static_cast<std::size_t>(n));
+        entry.meaning = ParseFontCmd(CString(p, n));
+        entry.text.assign(text);
     }
     return entry.meaning;
 }
@@ -672,15 +677,21 @@ void COldToRTF::ClearFontCmdCache()
 
 int COldToRTF::AddFontCmdToBuffer(const CString& sFontCmd)
 {
+    const char font = CDocCmd::font;
+    VQASSERT(font == sFontCmd[1]);
+    return AddFontCmdToBuffer(sFontCmd.GetString(), sFontCmd.GetLength());
+}
+
+// The command's bytes, 0x01 'F' to 0x02.
+
+int COldToRTF::AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd)
+{
     static bool COldToRTF::*const kAttributeStates[] = {
         &COldToRTF::m_bBold,      &COldToRTF::m_bUnderline,   &COldToRTF::m_bItalic,
         &COldToRTF::m_bStrikeout, &COldToRTF::m_bSuperscript, &COldToRTF::m_bSubscript,
     };
     static_assert(std::size(kAttributeStates) == std::size(kAttributeWords), "one state per attribute word");
-    const char font = CDocCmd::font;
-    VQASSERT(font == sFontCmd[1]);
-
-    const FontCmdMeaning meaning = MeaningOfFontCmd(sFontCmd);
+    const FontCmdMeaning meaning = MeaningOfFontCmd(pFontCmd, nFontCmd);
     CString words;
 
     if (meaning.nFont != m_nCurrentFont) {

@@ -180,8 +180,9 @@ private:
         std::string text;
         FontCmdMeaning meaning;
     };
-    static constexpr std::size_t nFontCmdCacheSize = 64;
-    const FontCmdMeaning& MeaningOfFontCmd(const CString& sFontCmd);
+    static constexpr std::size_t nFontCmdCacheSize = 512;
+    const FontCmdMeaning& MeaningOfFontCmd(const char* p, int n);
+    int AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd);
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
     void ClearFontCmdCache();
 
