@@ -1,6 +1,7 @@
 #include "rtfconverter/OldTextUtf8.h"
 
 #include <array>
+#include <functional>
 
 #include "platform/WinGdi.h"
 #include "rtfconverter/CodePages.h"
@@ -221,13 +222,7 @@ private:
         const std::size_t end = FindOrEnd(m_in, CDocCmd::chCmdEnd, start + 1);
         const char type = start + 1 < m_in.size() ? m_in[start + 1] : '\0';
         if (type == CDocCmd::font) {
-            const std::size_t face = FaceStart(start, end);
-            const std::size_t headStart = m_out.size();
-            EncodeRange(face, Region::bytes);
-            m_pPage = &PageOfCharset(CharsetOfFontHead(std::string_view(m_out).substr(headStart)), m_defaultPage);
-            EncodeRange(end, Region::text);
-            m_fontInForce.assign(m_out, headStart, std::string::npos);
-            m_fontInForce += CDocCmd::chCmdEnd;
+            EncodeFontCommand(end);
         } else if (type == CDocCmd::comment) {
             EncodeRange(end, Region::text);
         } else {
@@ -235,6 +230,56 @@ private:
         }
         if (end < m_in.size()) m_out += CDocCmd::chCmdEnd;
         m_pos = end + 1;
+    }
+
+    // A font command's bytes are a function of its UTF-8 alone (its face name
+    // is written in the page its own character set names), and a document
+    // repeats a few font commands many times: the last ones met are kept.
+    struct FontCommandEncoding {
+        std::string source;
+        std::string bytes;
+        const CCodePage* pPage = nullptr;
+        OldTextFromUtf8Counts counts;
+    };
+    static constexpr std::size_t kFontMemoSize = 64;
+    static constexpr std::size_t kMaxMemoCommand = 256;  // longer commands are rare and not worth the copy
+
+    void EncodeFontCommand(std::size_t end)
+    {
+        const std::string_view source = m_in.substr(m_pos, end - m_pos);
+        FontCommandEncoding* pMemo = nullptr;
+        if (source.size() <= kMaxMemoCommand) {
+            pMemo = &m_fontMemo[std::hash<std::string_view>()(source) % kFontMemoSize];
+            if (pMemo->pPage && pMemo->source == source) {
+                m_out += pMemo->bytes;
+                m_pPage = pMemo->pPage;
+                m_counts.nInvalid += pMemo->counts.nInvalid;
+                m_counts.nUnencodable += pMemo->counts.nUnencodable;
+                m_pos = end;
+                SetFontInForce(pMemo->bytes);
+                return;
+            }
+        }
+        const OldTextFromUtf8Counts countsBefore = m_counts;
+        const std::size_t face = FaceStart(m_pos, end);
+        const std::size_t headStart = m_out.size();
+        EncodeRange(face, Region::bytes);
+        m_pPage = &PageOfCharset(CharsetOfFontHead(std::string_view(m_out).substr(headStart)), m_defaultPage);
+        EncodeRange(end, Region::text);
+        const std::string_view bytes = std::string_view(m_out).substr(headStart);
+        SetFontInForce(bytes);
+        if (!pMemo) return;
+        pMemo->source.assign(source);
+        pMemo->bytes.assign(bytes);
+        pMemo->pPage = m_pPage;
+        pMemo->counts.nInvalid = m_counts.nInvalid - countsBefore.nInvalid;
+        pMemo->counts.nUnencodable = m_counts.nUnencodable - countsBefore.nUnencodable;
+    }
+
+    void SetFontInForce(std::string_view bytes)
+    {
+        m_fontInForce.assign(bytes);
+        m_fontInForce += CDocCmd::chCmdEnd;
     }
 
     // Just past the face separator: the first ':' from the font command's
@@ -334,6 +379,7 @@ private:
     std::string& m_out;
     std::string m_fontInForce;
     OldTextFromUtf8Counts m_counts;
+    std::array<FontCommandEncoding, kFontMemoSize> m_fontMemo;
 };
 
 } // namespace

@@ -123,6 +123,21 @@ TEST(OldTextUtf8Streaming, CorpusMatchesTheReference)
     EXPECT_GT(nImported, files.size());
 }
 
+// The same font commands again and again, with bytes that are not UTF-8 and
+// characters past 0xFF among their bytes, and with face names in their own
+// character set: each time written and counted alike.
+TEST(OldTextUtf8Streaming, RepeatedFontCommandsMatchTheReference)
+{
+    const std::string commands[] = {
+        "\x01" "F12-B\xC3\x8A:\xD0\x96\xD0\xB0\x02", "\x01" "F12-\xE2\x82\xAC\xFF:Face\x02",
+        "\x01" "F---\xC3\x8B:\xE8\xA1\xA8\xF0\x9F\x98\x80\x02", "\x01" "F---:-\x02",
+    };
+    std::string text;
+    for (int round = 0; round < 3; ++round)
+        for (const std::string& command : commands) text += command + "\xD0\x96x\xE8\xA1\xA8 ";
+    for (int page : kDefaultPages) ExpectSameAsReference(text, page);
+}
+
 TEST(OldTextUtf8Streaming, RandomAndMalformedTextMatchesTheReference)
 {
     std::mt19937 rng(20261123);
