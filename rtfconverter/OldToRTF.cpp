@@ -3,6 +3,7 @@
 #include <charconv>
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <iterator>
 #include <new>
@@ -80,6 +81,39 @@ struct RunByteClassTable : ByteClassTable {
     }
 };
 constexpr RunByteClassTable kRunByteClass;
+
+// Eight bytes at a time: whether any byte of a word is one the scan or the
+// lossless run writer stops at.
+constexpr std::uint64_t kEveryByte = 0x0101010101010101ull;
+constexpr std::uint64_t kHighBits = 0x8080808080808080ull;
+
+// The high bit of a byte of the word set where the byte is b (and perhaps of
+// a byte after one that is): enough to tell whether any byte is b.
+std::uint64_t BytesEqualTo(std::uint64_t word, unsigned char b)
+{
+    const std::uint64_t x = word ^ (kEveryByte * b);
+    return (x - kEveryByte) & ~x & kHighBits;
+}
+
+// The same for bytes below 0x20, every control byte the scan stops at among them.
+std::uint64_t ControlBytes(std::uint64_t word) { return (word - kEveryByte * 0x20) & ~word & kHighBits; }
+
+std::uint64_t RtfSpecials(std::uint64_t word)
+{
+    return BytesEqualTo(word, '\\') | BytesEqualTo(word, '{') | BytesEqualTo(word, '}');
+}
+
+// Past the whole words of plain bytes from p (none of them a control byte,
+// nor an RTF special when the specials stop the scan), up to pEnd.
+const char* SkipPlainWords(const char* p, const char* pEnd, bool bSpecialsStop)
+{
+    for (; pEnd - p >= 8; p += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, p, 8);
+        if (ControlBytes(word) | (bSpecialsStop ? RtfSpecials(word) : 0)) break;
+    }
+    return p;
+}
 
 // The control word (with its blank) for a plain-text control byte.
 struct ControlWord {
@@ -336,7 +370,9 @@ void COldToRTF::ConvertText(const char* pszText)
     };
 
     const ByteClassTable& classes = m_bLossless ? kRunByteClass : kByteClass;
+    const char* const pEnd = pszText + std::strlen(pszText);
     for (;; ++p) {
+        p = SkipPlainWords(p, pEnd, !m_bLossless);
         const ByteClass c = classes.cls[static_cast<unsigned char>(*p)];
         if (c == bcPlain) continue;
         flushRun();
@@ -1002,6 +1038,19 @@ struct PlainRunByteTable {
 };
 constexpr PlainRunByteTable kPlainRunByte;
 
+// The end of the run of plain bytes from p[i], eight bytes at a time while
+// none of them is special.
+int PlainRunEnd(const char* p, int i, int n)
+{
+    for (; i + 8 <= n; i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, p + i, 8);
+        if ((word & kHighBits) | RtfSpecials(word)) break;
+    }
+    while (i < n && kPlainRunByte.plain[static_cast<unsigned char>(p[i])]) ++i;
+    return i;
+}
+
 } // namespace
 
 // Bytes above 0x7F as \'hh, so that no reader guesses their code page from
@@ -1026,8 +1075,7 @@ void COldToRTF::EscapeKeepingEveryByte(const char* p, int n, Append&& append) co
         escapes[nEscapes++] = kHexPairs.pair[b][1];
     };
     for (int i = 0; i < n;) {
-        int runEnd = i;
-        while (runEnd < n && kPlainRunByte.plain[static_cast<unsigned char>(p[runEnd])]) ++runEnd;
+        const int runEnd = PlainRunEnd(p, i, n);
         if (runEnd > i) {
             flushEscapes();
             append(p + i, static_cast<std::size_t>(runEnd - i));
