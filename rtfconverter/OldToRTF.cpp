@@ -691,9 +691,11 @@ COldToRTF::FontCmdMeaning COldToRTF::ParseFontCmd(const CString& sFontCmd)
 
 // Once a command's font and colours are in the tables, the same text finds
 // the same entries again (entries are only ever appended, and never twice for
-// one font or colour), so its meaning can be remembered.
-const COldToRTF::FontCmdMeaning& COldToRTF::MeaningOfFontCmd(const char* p, int n)
+// one font or colour), so its meaning can be remembered. Not that of a
+// command too short to be one: reading it reports so, every time.
+COldToRTF::FontCmdMeaning COldToRTF::MeaningOfFontCmd(const char* p, int n)
 {
+    if (n < CFontCmd::iFntCmdLenMin) return ParseFontCmd(CString(p, n));
     if (!m_fontCmdCache) m_fontCmdCache.reset(new FontCmdCacheEntry[nFontCmdCacheSize]);
     const std::string_view text(p, static_cast<std::size_t>(n));
     FontCmdCacheEntry& entry = m_fontCmdCache[HashOf(p, n) % nFontCmdCacheSize];

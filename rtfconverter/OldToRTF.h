@@ -181,7 +181,7 @@ private:
         FontCmdMeaning meaning;
     };
     static constexpr std::size_t nFontCmdCacheSize = 512;
-    const FontCmdMeaning& MeaningOfFontCmd(const char* p, int n);
+    FontCmdMeaning MeaningOfFontCmd(const char* p, int n);
     int AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd);
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
     void ClearFontCmdCache();

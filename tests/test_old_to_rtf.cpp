@@ -452,3 +452,22 @@ TEST(OldToRTF, SecondConvertForgetsTheFirstsFontCommands)
     EXPECT_EQ(StreamBytes(out).substr(first.size()),
               DocumentAround("\\pard\\f0\\fs20\\cf1 \\f3\\cf1 y\\par }", "{\\f3\\fcharset0\\fswiss Courier;}"));
 }
+
+// A font command too short to be one is reported each time it is read, the
+// second time as the first.
+TEST(OldToRTF, ShortFontCommandReportedEveryTime)
+{
+    for (const std::string& cmd : {Cmd("F"), Cmd("F12"), Cmd("F12-:")}) {
+        SCOPED_TRACE(::testing::PrintToString(cmd));
+        std::size_t nOnce = 0;
+        {
+            CRecordingLogSink log;
+            Convert(cmd + "x");
+            nOnce = log.AssertTexts().size();
+        }
+        CRecordingLogSink log;
+        Convert(cmd + "x" + cmd + "y" + cmd);
+        EXPECT_GT(nOnce, 0u);
+        EXPECT_EQ(log.AssertTexts().size(), 3 * nOnce);
+    }
+}
