@@ -218,14 +218,14 @@ public:
     {
         if (m_in.substr(0, 3) == "\xEF\xBB\xBF") m_pos = 3; // a byte-order mark is not text
         while (m_pos < m_in.size()) {
-            if (m_in[m_pos] != CDocCmd::chCmdStart) EncodeText(FindOrEnd(m_in, CDocCmd::chCmdStart, m_pos));
+            if (m_in[m_pos] != CDocCmd::chCmdStart) EncodeRange(FindOrEnd(m_in, CDocCmd::chCmdStart, m_pos), Region::textOutsideCommands);
             else EncodeCommand();
         }
         return m_counts;
     }
 
 private:
-    enum class Region { text, bytes };
+    enum class Region { bytes, text, textOutsideCommands };
 
     void EncodeCommand()
     {
@@ -331,8 +331,11 @@ private:
         ++m_counts.nUnencodable;
     }
 
-    // The characters up to end: of text in the page in force, or each one
-    // byte (what is past 0xFF becomes '?').
+    // The characters up to end: each one byte (what is past 0xFF becomes
+    // '?'), or text in the page in force. Outside commands a run of
+    // characters the page in force cannot hold is written in the font command
+    // in force with a character set whose page holds them, and the command in
+    // force follows it again; inside them such a character becomes '?'.
     void EncodeRange(std::size_t end, Region region)
     {
         while (m_pos < end) {
@@ -342,22 +345,9 @@ private:
             const char32_t cp = Next(bInvalid);
             if (bInvalid) m_out += static_cast<char>(cp);
             else if (region == Region::bytes && cp <= 0xFF) m_out += static_cast<char>(cp);
-            else if (region == Region::bytes || !EncodeIfHeld(cp, *m_pPage, m_out)) Unencodable();
-        }
-    }
-
-    // Text outside commands: a run of characters the page in force cannot
-    // hold is written in the font command in force with a character set
-    // whose page holds them, and the command in force follows it again.
-    void EncodeText(std::size_t end)
-    {
-        while (m_pos < end) {
-            CopyAsciiRun(end);
-            if (m_pos >= end) break;
-            bool bInvalid = false;
-            const char32_t cp = Next(bInvalid);
-            if (bInvalid) m_out += static_cast<char>(cp);
-            else if (!EncodeIfHeld(cp, *m_pPage, m_out)) EncodeForeignRun(cp, end);
+            else if (region != Region::bytes && EncodeIfHeld(cp, *m_pPage, m_out)) continue;
+            else if (region == Region::textOutsideCommands) EncodeForeignRun(cp, end);
+            else Unencodable();
         }
     }
 

@@ -3,8 +3,6 @@
 // against the one-call form.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <random>
 #include <string>
@@ -73,21 +71,6 @@ std::string RandomText(std::mt19937& rng)
     return s;
 }
 
-std::vector<std::string> CorpusFiles()
-{
-    std::vector<std::string> files;
-    if (DIR* dir = opendir(RTFCONV_CORPUS_DIR)) {
-        while (dirent* e = readdir(dir)) {
-            const std::string name = e->d_name;
-            if (name.size() > 4 && name.compare(name.size() - 4, 4, ".rtf") == 0)
-                files.push_back(std::string(RTFCONV_CORPUS_DIR) + "/" + name);
-        }
-        closedir(dir);
-    }
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
 // What the importer makes of a document; some of the corpus it refuses.
 std::string OldTextOrEmpty(const std::string& rtf, bool bLossless)
 {
@@ -106,7 +89,7 @@ std::string OldTextOrEmpty(const std::string& rtf, bool bLossless)
 // lossless), its UTF-8, and the RTF bytes themselves as text of neither kind.
 TEST(OldTextUtf8Streaming, CorpusMatchesTheReference)
 {
-    const std::vector<std::string> files = CorpusFiles();
+    const std::vector<std::string> files = CorpusRtfFiles();
     ASSERT_GT(files.size(), 50u);
     std::size_t nImported = 0;
     for (const std::string& file : files) {
