@@ -370,9 +370,11 @@ void COldToRTF::ConvertText(const char* pszText)
     };
 
     const ByteClassTable& classes = m_bLossless ? kRunByteClass : kByteClass;
+    // Whole words of plain bytes are passed over where a run starts; within a
+    // run the bytes are looked at one by one.
     const char* const pEnd = pszText + std::strlen(pszText);
-    for (;; ++p) {
-        p = SkipPlainWords(p, pEnd, !m_bLossless);
+    const bool bSpecialsStop = !m_bLossless;
+    for (p = SkipPlainWords(p, pEnd, bSpecialsStop);; ++p) {
         const ByteClass c = classes.cls[static_cast<unsigned char>(*p)];
         if (c == bcPlain) continue;
         flushRun();
@@ -432,6 +434,7 @@ void COldToRTF::ConvertText(const char* pszText)
         case bcPlain:
             break;
         }
+        p = SkipPlainWords(p + 1, pEnd, bSpecialsStop) - 1;
     }
 }
 
