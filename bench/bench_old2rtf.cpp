@@ -6,17 +6,21 @@
 // - pictures: short paragraphs each with a 64x64 24-bit picture (12 KB of
 //   pixels, 24 KB of hexadecimal) handed over by the attachment filter.
 // The bytes counted are those of the input text; rtf_bytes_per_second counts
-// the document written.
+// the document written. The writer runs in both modes; the old-format text
+// codec (UTF-8 to the host's bytes and back, whole and in 64 KiB pieces) on
+// the same texts.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "hostlibs/MFCKVUtils.h"
 #include "platform/ObjBase.h"
 #include "rtfconverter/DocCmd.h"
+#include "rtfconverter/OldTextUtf8.h"
 #include "rtfconverter/OldToRTF.h"
 #include "rtfconverter/PlainTextToRTF.h"
 
@@ -75,7 +79,7 @@ bool PictureFilter(int, const CString&, AttachmentInfo& info, void* pDib, void*)
     return true;
 }
 
-void OldToRtf(benchmark::State& state, Kind kind)
+void OldToRtf(benchmark::State& state, Kind kind, bool bLossless)
 {
     const std::string text = GenerateOldText(kind, static_cast<std::size_t>(state.range(0)));
     std::vector<BYTE> dib = Picture();
@@ -86,6 +90,7 @@ void OldToRtf(benchmark::State& state, Kind kind)
         CComPtr<IStream> out;
         CreateStreamOnHGlobal(nullptr, TRUE, &out);
         rtf_converter::COldToRTF writer(*out);
+        writer.SetLossless(bLossless);
         writer.SetAttachmentFilter(PictureFilter, &dib, nullptr);
         if (writer.Convert(text.c_str(), &lf) != S_OK) state.SkipWithError("Convert failed");
         STATSTG st;
@@ -96,6 +101,42 @@ void OldToRtf(benchmark::State& state, Kind kind)
     state.counters["rtf_bytes"] = static_cast<double>(cbRtf);
     state.counters["rtf_bytes_per_second"] =
         benchmark::Counter(static_cast<double>(cbRtf) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+// The host's bytes of the text from its UTF-8, as old2rtf reads it.
+void OldTextFromUtf8(benchmark::State& state, Kind kind)
+{
+    const std::string utf8 =
+        rtf_converter::OldTextToUtf8(GenerateOldText(kind, static_cast<std::size_t>(state.range(0))), 1252);
+    for (auto _ : state) {
+        std::string old = rtf_converter::OldTextFromUtf8(utf8, 1252);
+        benchmark::DoNotOptimize(old.data());
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(utf8.size()));
+}
+
+// The UTF-8 of the host's bytes, as rtf2old writes it: whole, or fed in the
+// pieces a reader's buffer gives.
+void OldTextToUtf8(benchmark::State& state, Kind kind, bool bInPieces)
+{
+    const std::string old = GenerateOldText(kind, static_cast<std::size_t>(state.range(0)));
+    const std::size_t cbPiece = 64 << 10;
+    for (auto _ : state) {
+        if (!bInPieces) {
+            std::string utf8 = rtf_converter::OldTextToUtf8(old, 1252);
+            benchmark::DoNotOptimize(utf8.data());
+            continue;
+        }
+        rtf_converter::COldTextUtf8Decoder decoder(1252);
+        std::string utf8;
+        for (std::size_t at = 0; at < old.size(); at += cbPiece) {
+            utf8.clear();
+            decoder.Feed(std::string_view(old).substr(at, cbPiece), utf8);
+            benchmark::DoNotOptimize(utf8.data());
+        }
+        decoder.Finish(utf8);
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(old.size()));
 }
 
 void PlainTextToRtf(benchmark::State& state)
@@ -119,7 +160,14 @@ void PlainTextToRtf(benchmark::State& state)
 
 } // namespace
 
-BENCHMARK_CAPTURE(OldToRtf, prose, Kind::Prose)->Arg(64 << 10)->Arg(1 << 20)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(OldToRtf, markup, Kind::Markup)->Arg(64 << 10)->Arg(1 << 20)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(OldToRtf, pictures, Kind::Pictures)->Arg(16 << 10)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(OldToRtf, prose, Kind::Prose, false)->Arg(64 << 10)->Arg(1 << 20)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(OldToRtf, markup, Kind::Markup, false)->Arg(64 << 10)->Arg(1 << 20)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(OldToRtf, pictures, Kind::Pictures, false)->Arg(16 << 10)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(OldToRtf, prose_lossless, Kind::Prose, true)->Arg(1 << 20)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(OldToRtf, markup_lossless, Kind::Markup, true)->Arg(1 << 20)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(OldTextFromUtf8, prose, Kind::Prose)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(OldTextFromUtf8, markup, Kind::Markup)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(OldTextToUtf8, prose, Kind::Prose, false)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(OldTextToUtf8, markup, Kind::Markup, false)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(OldTextToUtf8, markup_pieces, Kind::Markup, true)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
 BENCHMARK(PlainTextToRtf)->Arg(64 << 10)->Arg(1 << 20)->Arg(8 << 20)->Unit(benchmark::kMillisecond);

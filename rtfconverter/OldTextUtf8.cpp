@@ -1,6 +1,9 @@
 #include "rtfconverter/OldTextUtf8.h"
 
-#include <vector>
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <functional>
 
 #include "platform/WinGdi.h"
 #include "rtfconverter/CodePages.h"
@@ -30,26 +33,61 @@ const CCodePage& PageOfCharset(int charset, const CCodePage& defaultPage)
     return pPage ? *pPage : defaultPage;
 }
 
-// The character set of a font command's bytes (up to its face separator at least).
-int CharsetOfFontCommand(const std::string& head)
+// A font command's attribute field gives its character set as one byte from
+// 0xC0 to 0xD2.
+constexpr unsigned char kFirstCharsetCode = 0xC0;
+constexpr unsigned char kLastCharsetCode = 0xD2;
+
+// The character set a charset code names, as the font command reads it.
+int CharsetOfCode(unsigned char code)
 {
-    return CFontCmd(CString(head.data(), static_cast<int>(head.size())) + "-\x02").GetCharset();
+    static const auto s_charsets = [] {
+        std::array<int, kLastCharsetCode - kFirstCharsetCode + 1> charsets{};
+        for (std::size_t k = 0; k < charsets.size(); ++k) {
+            const std::string cmd = std::string("\x01" "F---") + static_cast<char>(kFirstCharsetCode + k) + ":-\x02";
+            charsets[k] = CFontCmd(CString(cmd.data(), static_cast<int>(cmd.size()))).GetCharset();
+        }
+        return charsets;
+    }();
+    return s_charsets[code - kFirstCharsetCode];
 }
 
-// The end of the command starting at `start` (the index of its 0x02, or the
-// text's length when it has none), as the writers frame commands.
-std::size_t CommandEnd(const std::string& s, std::size_t start)
+// A font command reads its character set from the first charset code after
+// its size and colour (and before its face separator).
+bool IsCharsetCodeAt(std::size_t offset, unsigned char b)
 {
-    const std::size_t end = s.find(CDocCmd::chCmdEnd, start + 1);
-    return end == std::string::npos ? s.size() : end;
+    return offset >= static_cast<std::size_t>(CFontCmd::posAttributes) && b >= kFirstCharsetCode && b <= kLastCharsetCode;
 }
 
-// The index just past a font command's face separator (the first ':' after
-// the colour), or `end` when there is none.
-std::size_t FaceStart(const std::string& s, std::size_t start, std::size_t end)
+// The character set of a font command's bytes up to its face separator.
+int CharsetOfFontHead(std::string_view head)
 {
-    const std::size_t colon = s.find(CFontCmd::chFaceSeparator, start + CFontCmd::posAttributes);
-    return colon < end ? colon + 1 : end;
+    for (std::size_t k = CFontCmd::posAttributes; k < head.size() && head[k] != CFontCmd::chFaceSeparator; ++k)
+        if (IsCharsetCodeAt(k, static_cast<unsigned char>(head[k]))) return CharsetOfCode(static_cast<unsigned char>(head[k]));
+    return DEFAULT_CHARSET;
+}
+
+// The end of a run of ASCII bytes from `i`, stopping at `stop` too: the
+// bytes the codec copies as they are in both directions. Eight bytes at a
+// time while none of them is above 0x7F or the stop byte.
+std::size_t AsciiRunEnd(std::string_view s, std::size_t i, char stop)
+{
+    constexpr std::uint64_t kOnes = 0x0101010101010101ull, kHighBits = 0x8080808080808080ull;
+    const std::uint64_t stops = kOnes * static_cast<unsigned char>(stop);
+    for (; i + 8 <= s.size(); i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, s.data() + i, 8);
+        const std::uint64_t matches = word ^ stops;  // a zero byte where the stop byte is
+        if ((word | ((matches - kOnes) & ~matches)) & kHighBits) break;
+    }
+    while (i < s.size() && static_cast<unsigned char>(s[i]) < 0x80 && s[i] != stop) ++i;
+    return i;
+}
+
+std::size_t FindOrEnd(std::string_view s, char ch, std::size_t from)
+{
+    const std::size_t at = from < s.size() ? s.find(ch, from) : std::string_view::npos;
+    return at == std::string_view::npos ? s.size() : at;
 }
 
 // --- UTF-8
@@ -58,7 +96,7 @@ std::size_t FaceStart(const std::string& s, std::size_t start, std::size_t end)
 // well-formed sequence (overlong, surrogate, past U+10FFFF, cut short) is
 // returned as kInvalid with i past that one byte.
 constexpr char32_t kInvalid = 0xFFFFFFFF;
-char32_t NextUtf8(const std::string& s, std::size_t& i)
+char32_t NextUtf8(std::string_view s, std::size_t& i)
 {
     const unsigned char b = static_cast<unsigned char>(s[i]);
     int nTrail = 0;
@@ -108,52 +146,27 @@ bool EncodesBackTo(const CCodePage& page, char32_t cp, unsigned char b0, int nBy
     return page.Encode(cp, bytes) == nBytes && bytes[0] == b0 && (nBytes == 1 || bytes[1] == b1);
 }
 
-void DecodeText(const std::string& s, std::size_t begin, std::size_t end, const CCodePage& page, std::string& out)
-{
-    for (std::size_t i = begin; i < end; ++i) {
-        const unsigned char b = static_cast<unsigned char>(s[i]);
-        if (b < 0x80) {
-            out += static_cast<char>(b);
-            continue;
-        }
-        if (page.IsLeadByte(b) && i + 1 < end) {
-            const unsigned char trail = static_cast<unsigned char>(s[i + 1]);
-            const char32_t cp = page.Pair(b, trail);
-            if (EncodesBackTo(page, cp, b, 2, trail)) {
-                AppendUtf8(out, cp);
-                ++i;
-                continue;
-            }
-        }
-        const char32_t cp = page.IsLeadByte(b) ? kReplacement : page.Single(b);
-        AppendUtf8(out, EncodesBackTo(page, cp, b, 1) ? cp : kByteEscapeFirst + b);
-    }
-}
-
-// Bytes that are not text: each one its own character.
-void DecodeBytes(const std::string& s, std::size_t begin, std::size_t end, std::string& out)
-{
-    for (std::size_t i = begin; i < end; ++i) AppendUtf8(out, static_cast<unsigned char>(s[i]));
-}
-
 // --- encoding
 
-void EncodeCharacter(char32_t cp, const CCodePage& page, std::string& out, OldTextFromUtf8Counts& counts)
+// Writes cp in the page when the page holds it (ASCII and the characters
+// that stand for bytes included); false, writing nothing, when it does not.
+bool EncodeIfHeld(char32_t cp, const CCodePage& page, std::string& out)
 {
     if (cp < 0x80) {
         out += static_cast<char>(cp);
-        return;
+        return true;
     }
     unsigned char bytes[2];
     const int n = page.Encode(cp, bytes);
     if (n > 0) {
         out.append(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(n));
-    } else if (cp >= kByteEscapeFirst && cp <= kByteEscapeLast) {
-        out += static_cast<char>(cp - kByteEscapeFirst);
-    } else {
-        out += '?';
-        ++counts.nUnencodable;
+        return true;
     }
+    if (cp >= kByteEscapeFirst && cp <= kByteEscapeLast) {
+        out += static_cast<char>(cp - kByteEscapeFirst);
+        return true;
+    }
+    return false;
 }
 
 bool CanEncode(const CCodePage& page, char32_t cp)
@@ -191,146 +204,373 @@ std::string FontCommandWithCharset(const std::string& fontInForce, int charset)
     return std::string(cmd.GetCmd().GetString(), static_cast<std::size_t>(cmd.GetCmd().GetLength()));
 }
 
-void EncodeByte(char32_t cp, std::string& out, OldTextFromUtf8Counts& counts)
-{
-    if (cp <= 0xFF) {
-        out += static_cast<char>(cp);
-    } else {
-        out += '?';
-        ++counts.nUnencodable;
+// UTF-8 to old-format text in one pass over the bytes. Runs of ASCII are
+// copied as they are; the framing bytes and the face separator are ASCII, so
+// they are found among the bytes without decoding the characters before them.
+class CUtf8ToOldEncoder {
+public:
+    CUtf8ToOldEncoder(std::string_view in, int defaultCodePage, std::string& out)
+        : m_in(in), m_defaultPage(PageOrFallback(defaultCodePage)), m_pPage(&m_defaultPage), m_out(out)
+    {
     }
-}
 
-// The characters of a UTF-8 text, each with the byte it began at; bytes that
-// are not UTF-8 are kept as themselves (marked invalid).
-struct Character {
-    char32_t cp;
-    bool bInvalid;
-};
-std::vector<Character> Characters(const std::string& utf8, OldTextFromUtf8Counts& counts)
-{
-    std::vector<Character> chars;
-    chars.reserve(utf8.size());
-    std::size_t i = 0;
-    if (utf8.compare(0, 3, "\xEF\xBB\xBF") == 0) i = 3; // a byte-order mark is not text
-    while (i < utf8.size()) {
-        const std::size_t at = i;
-        const char32_t cp = NextUtf8(utf8, i);
-        if (cp == kInvalid) {
-            ++counts.nInvalid;
-            chars.push_back({static_cast<unsigned char>(utf8[at]), true});
+    OldTextFromUtf8Counts Run()
+    {
+        if (m_in.substr(0, 3) == "\xEF\xBB\xBF") m_pos = 3; // a byte-order mark is not text
+        while (m_pos < m_in.size()) {
+            if (m_in[m_pos] != CDocCmd::chCmdStart) EncodeRange(FindOrEnd(m_in, CDocCmd::chCmdStart, m_pos), Region::textOutsideCommands);
+            else EncodeCommand();
+        }
+        return m_counts;
+    }
+
+private:
+    enum class Region { bytes, text, textOutsideCommands };
+
+    void EncodeCommand()
+    {
+        const std::size_t start = m_pos;
+        const std::size_t end = FindOrEnd(m_in, CDocCmd::chCmdEnd, start + 1);
+        const char type = start + 1 < m_in.size() ? m_in[start + 1] : '\0';
+        if (type == CDocCmd::font) {
+            EncodeFontCommand(end);
+        } else if (type == CDocCmd::comment) {
+            EncodeRange(end, Region::text);
         } else {
-            chars.push_back({cp, false});
+            EncodeRange(end, Region::bytes);
+        }
+        if (end < m_in.size()) m_out += CDocCmd::chCmdEnd;
+        m_pos = end + 1;
+    }
+
+    // A font command's bytes are a function of its UTF-8 alone (its face name
+    // is written in the page its own character set names), and a document
+    // repeats a few font commands many times: the last ones met are kept.
+    struct FontCommandEncoding {
+        std::string source;
+        std::string bytes;
+        const CCodePage* pPage = nullptr;
+        OldTextFromUtf8Counts counts;
+    };
+    static constexpr std::size_t kFontMemoSize = 64;
+    static constexpr std::size_t kMaxMemoCommand = 256;  // longer commands are rare and not worth the copy
+
+    void EncodeFontCommand(std::size_t end)
+    {
+        const std::string_view source = m_in.substr(m_pos, end - m_pos);
+        FontCommandEncoding* pMemo = nullptr;
+        if (source.size() <= kMaxMemoCommand) {
+            pMemo = &m_fontMemo[std::hash<std::string_view>()(source) % kFontMemoSize];
+            if (pMemo->pPage && pMemo->source == source) {
+                m_out += pMemo->bytes;
+                m_pPage = pMemo->pPage;
+                m_counts.nInvalid += pMemo->counts.nInvalid;
+                m_counts.nUnencodable += pMemo->counts.nUnencodable;
+                m_pos = end;
+                SetFontInForce(pMemo->bytes);
+                return;
+            }
+        }
+        const OldTextFromUtf8Counts countsBefore = m_counts;
+        const std::size_t face = FaceStart(m_pos, end);
+        const std::size_t headStart = m_out.size();
+        EncodeRange(face, Region::bytes);
+        m_pPage = &PageOfCharset(CharsetOfFontHead(std::string_view(m_out).substr(headStart)), m_defaultPage);
+        EncodeRange(end, Region::text);
+        const std::string_view bytes = std::string_view(m_out).substr(headStart);
+        SetFontInForce(bytes);
+        if (!pMemo) return;
+        pMemo->source.assign(source);
+        pMemo->bytes.assign(bytes);
+        pMemo->pPage = m_pPage;
+        pMemo->counts.nInvalid = m_counts.nInvalid - countsBefore.nInvalid;
+        pMemo->counts.nUnencodable = m_counts.nUnencodable - countsBefore.nUnencodable;
+    }
+
+    void SetFontInForce(std::string_view bytes)
+    {
+        m_fontInForce.assign(bytes);
+        m_fontInForce += CDocCmd::chCmdEnd;
+    }
+
+    // Just past the face separator: the first ':' from the font command's
+    // attributes on, counted in characters; `end` when there is none.
+    std::size_t FaceStart(std::size_t start, std::size_t end) const
+    {
+        std::size_t i = start;
+        for (int k = 0; k < CFontCmd::posAttributes && i < end; ++k) (void)NextUtf8(m_in, i);
+        if (i >= end) return end;
+        const std::size_t colon = FindOrEnd(m_in.substr(0, end), CFontCmd::chFaceSeparator, i);
+        return colon < end ? colon + 1 : end;
+    }
+
+    // The next character, or kInvalid for a byte that is not UTF-8, which is
+    // then written as it is and counted.
+    char32_t Next(bool& bInvalid)
+    {
+        const std::size_t at = m_pos;
+        const char32_t cp = NextUtf8(m_in, m_pos);
+        bInvalid = cp == kInvalid;
+        if (bInvalid) {
+            ++m_counts.nInvalid;
+            return static_cast<unsigned char>(m_in[at]);
+        }
+        return cp;
+    }
+
+    void CopyAsciiRun(std::size_t end)
+    {
+        const std::size_t runEnd = AsciiRunEnd(m_in.substr(0, end), m_pos, '\0');
+        m_out.append(m_in, m_pos, runEnd - m_pos);
+        m_pos = runEnd;
+    }
+
+    void Unencodable()
+    {
+        m_out += '?';
+        ++m_counts.nUnencodable;
+    }
+
+    // The characters up to end: each one byte (what is past 0xFF becomes
+    // '?'), or text in the page in force. Outside commands a run of
+    // characters the page in force cannot hold is written in the font command
+    // in force with a character set whose page holds them, and the command in
+    // force follows it again; inside them such a character becomes '?'.
+    void EncodeRange(std::size_t end, Region region)
+    {
+        while (m_pos < end) {
+            CopyAsciiRun(end);
+            if (m_pos >= end) break;
+            bool bInvalid = false;
+            const char32_t cp = Next(bInvalid);
+            if (bInvalid) m_out += static_cast<char>(cp);
+            else if (region == Region::bytes && cp <= 0xFF) m_out += static_cast<char>(cp);
+            else if (region != Region::bytes && EncodeIfHeld(cp, *m_pPage, m_out)) continue;
+            else if (region == Region::textOutsideCommands) EncodeForeignRun(cp, end);
+            else Unencodable();
         }
     }
-    return chars;
-}
+
+    void EncodeForeignRun(char32_t first, std::size_t end)
+    {
+        const int charset = CharsetHolding(first);
+        const std::string switched = charset == ANSI_CHARSET ? std::string() : FontCommandWithCharset(m_fontInForce, charset);
+        if (switched.empty()) {
+            Unencodable();
+            return;
+        }
+        const CCodePage& page = PageOfCharset(charset, m_defaultPage);
+        m_out += switched;
+        (void)EncodeIfHeld(first, page, m_out);
+        while (m_pos < end) {
+            std::size_t next = m_pos;
+            const char32_t cp = NextUtf8(m_in, next);
+            if (cp == kInvalid || CanEncode(*m_pPage, cp) || !CanEncode(page, cp)) break;
+            (void)EncodeIfHeld(cp, page, m_out);
+            m_pos = next;
+        }
+        if (m_fontInForce.empty()) m_out += CFontCmd::s_defaultCmd.GetCmd().GetString();
+        else m_out += m_fontInForce;
+    }
+
+    std::string_view m_in;
+    std::size_t m_pos = 0;
+    const CCodePage& m_defaultPage;
+    const CCodePage* m_pPage;
+    std::string& m_out;
+    std::string m_fontInForce;
+    OldTextFromUtf8Counts m_counts;
+    std::array<FontCommandEncoding, kFontMemoSize> m_fontMemo;
+};
 
 } // namespace
 
-std::string OldTextToUtf8(const std::string& oldText, int defaultCodePage)
+// --- decoding
+
+COldTextUtf8Decoder::COldTextUtf8Decoder(int defaultCodePage)
+    : m_pDefaultPage(&PageOrFallback(defaultCodePage)), m_pPage(m_pDefaultPage)
 {
-    const CCodePage& defaultPage = PageOrFallback(defaultCodePage);
-    const CCodePage* pPage = &defaultPage;
+}
+
+void COldTextUtf8Decoder::SetPage(const CCodePage& page)
+{
+    if (&page == m_pPage) return;
+    m_pPage = &page;
+    for (HighByte& high : m_high) high.n = 0;
+}
+
+void COldTextUtf8Decoder::SetPageOfCharset(int charset)
+{
+    SetPage(PageOfCharset(charset < 0 ? DEFAULT_CHARSET : charset, *m_pDefaultPage));
+}
+
+// The byte that ends the region of text the decoder is in.
+char COldTextUtf8Decoder::RegionEnd() const
+{
+    return m_region == Region::text ? CDocCmd::chCmdStart : CDocCmd::chCmdEnd;
+}
+
+void COldTextUtf8Decoder::AppendHighByte(unsigned char b, std::string& out)
+{
+    HighByte& high = m_high[b - 0x80];
+    if (high.n == 0) {
+        const char32_t cp = m_pPage->IsLeadByte(b) ? kReplacement : m_pPage->Single(b);
+        high.n = static_cast<unsigned char>(EncodeUtf8(EncodesBackTo(*m_pPage, cp, b, 1) ? cp : kByteEscapeFirst + b, high.utf8));
+    }
+    out.append(high.utf8, high.n);
+}
+
+// A lead byte with the byte after it in the same region (-1 when the region
+// ends there): the pair when it encodes back to both bytes, else the lead
+// byte alone. Returns the number of bytes after the lead byte it took.
+std::size_t COldTextUtf8Decoder::DecodeLead(unsigned char lead, int next, std::string& out)
+{
+    if (next >= 0) {
+        const unsigned char trail = static_cast<unsigned char>(next);
+        const char32_t cp = m_pPage->Pair(lead, trail);
+        if (EncodesBackTo(*m_pPage, cp, lead, 2, trail)) {
+            AppendUtf8(out, cp);
+            return 1;
+        }
+    }
+    AppendHighByte(lead, out);
+    return 0;
+}
+
+// Text in the page in force from piece[i] up to the terminator (or the end
+// of the piece, a lead byte there waiting for the next piece); returns where
+// it stopped.
+std::size_t COldTextUtf8Decoder::DecodeTextUntil(std::string_view piece, std::size_t i, char terminator, std::string& out)
+{
+    while (i < piece.size()) {
+        const std::size_t runEnd = AsciiRunEnd(piece, i, terminator);
+        out.append(piece, i, runEnd - i);
+        i = runEnd;
+        if (i == piece.size() || piece[i] == terminator) break;
+        const unsigned char b = static_cast<unsigned char>(piece[i]);
+        if (!m_pPage->IsLeadByte(b)) {
+            AppendHighByte(b, out);
+            ++i;
+        } else if (i + 1 == piece.size()) {
+            m_pendingLead = b;
+            return piece.size();
+        } else {
+            const int next = piece[i + 1] == terminator ? -1 : static_cast<unsigned char>(piece[i + 1]);
+            i += 1 + DecodeLead(b, next, out);
+        }
+    }
+    return i;
+}
+
+// Bytes that are not text, up to the command's end: each one its own character.
+std::size_t COldTextUtf8Decoder::DecodeBytes(std::string_view piece, std::size_t i, std::string& out)
+{
+    while (i < piece.size()) {
+        const std::size_t runEnd = AsciiRunEnd(piece, i, CDocCmd::chCmdEnd);
+        out.append(piece, i, runEnd - i);
+        i = runEnd;
+        if (i == piece.size() || piece[i] == CDocCmd::chCmdEnd) break;
+        AppendUtf8(out, static_cast<unsigned char>(piece[i++]));
+    }
+    return i;
+}
+
+// A font command's bytes up to its face separator, each its own character;
+// the separator sets the page of the face name and of the text after.
+std::size_t COldTextUtf8Decoder::DecodeFontHead(std::string_view piece, std::size_t i, std::string& out)
+{
+    for (; i < piece.size(); ++i, ++m_cmdOffset) {
+        const unsigned char b = static_cast<unsigned char>(piece[i]);
+        if (b == static_cast<unsigned char>(CDocCmd::chCmdEnd)) {
+            SetPageOfCharset(m_headCharset);
+            return i;
+        }
+        AppendUtf8(out, b);
+        if (m_cmdOffset < static_cast<std::size_t>(CFontCmd::posAttributes)) continue;
+        if (b == static_cast<unsigned char>(CFontCmd::chFaceSeparator)) {
+            SetPageOfCharset(m_headCharset);
+            m_region = Region::fontFace;
+            return i + 1;
+        }
+        if (m_headCharset < 0 && IsCharsetCodeAt(m_cmdOffset, b)) m_headCharset = CharsetOfCode(b);
+    }
+    return i;
+}
+
+void COldTextUtf8Decoder::Feed(std::string_view piece, std::string& out)
+{
+    std::size_t i = 0;
+    if (m_pendingLead >= 0 && !piece.empty()) {
+        const int next = piece[0] == RegionEnd() ? -1 : static_cast<unsigned char>(piece[0]);
+        const unsigned char lead = static_cast<unsigned char>(m_pendingLead);
+        m_pendingLead = -1;
+        i += DecodeLead(lead, next, out);
+    }
+    while (i < piece.size()) {
+        switch (m_region) {
+        case Region::text:
+            i = DecodeTextUntil(piece, i, CDocCmd::chCmdStart, out);
+            if (i < piece.size()) {
+                out += CDocCmd::chCmdStart;
+                ++i;
+                m_region = Region::commandType;
+            }
+            continue;
+        case Region::commandType:
+            if (piece[i] == CDocCmd::font) {
+                m_region = Region::fontHead;
+                m_cmdOffset = 1;
+                m_headCharset = -1;
+                continue;
+            }
+            m_region = piece[i] == CDocCmd::comment ? Region::comment : Region::bytes;
+            continue;
+        case Region::fontHead:
+            i = DecodeFontHead(piece, i, out);
+            if (m_region == Region::fontFace || i == piece.size()) continue;
+            break;
+        case Region::fontFace:
+        case Region::comment:
+            i = DecodeTextUntil(piece, i, CDocCmd::chCmdEnd, out);
+            break;
+        case Region::bytes:
+            i = DecodeBytes(piece, i, out);
+            break;
+        }
+        // At the command's end, or at the end of the piece inside it.
+        if (i < piece.size()) {
+            out += CDocCmd::chCmdEnd;
+            ++i;
+            m_region = Region::text;
+        }
+    }
+}
+
+void COldTextUtf8Decoder::Finish(std::string& out)
+{
+    if (m_pendingLead >= 0) AppendHighByte(static_cast<unsigned char>(m_pendingLead), out);
+    m_pendingLead = -1;
+    m_region = Region::text;
+    SetPage(*m_pDefaultPage);
+}
+
+std::string OldTextToUtf8(std::string_view oldText, int defaultCodePage)
+{
     std::string out;
     out.reserve(oldText.size() + oldText.size() / 4);
-    std::size_t i = 0;
-    while (i < oldText.size()) {
-        if (oldText[i] != CDocCmd::chCmdStart) {
-            std::size_t next = oldText.find(CDocCmd::chCmdStart, i);
-            if (next == std::string::npos) next = oldText.size();
-            DecodeText(oldText, i, next, *pPage, out);
-            i = next;
-            continue;
-        }
-        const std::size_t end = CommandEnd(oldText, i);
-        const char type = i + 1 < oldText.size() ? oldText[i + 1] : '\0';
-        if (type == CDocCmd::font) {
-            const std::size_t face = FaceStart(oldText, i, end);
-            DecodeBytes(oldText, i, face, out);
-            pPage = &PageOfCharset(CharsetOfFontCommand(oldText.substr(i, face - i)), defaultPage);
-            DecodeText(oldText, face, end, *pPage, out);
-        } else if (type == CDocCmd::comment) {
-            DecodeText(oldText, i, end, *pPage, out);
-        } else {
-            DecodeBytes(oldText, i, end, out);
-        }
-        if (end < oldText.size()) out += CDocCmd::chCmdEnd;
-        i = end + 1;
-    }
+    COldTextUtf8Decoder decoder(defaultCodePage);
+    decoder.Feed(oldText, out);
+    decoder.Finish(out);
     return out;
 }
 
-std::string OldTextFromUtf8(const std::string& utf8, int defaultCodePage, OldTextFromUtf8Counts* pCounts)
+// --- encoding
+
+std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePage, OldTextFromUtf8Counts* pCounts)
 {
-    OldTextFromUtf8Counts counts;
-    const std::vector<Character> chars = Characters(utf8, counts);
-    const CCodePage& defaultPage = PageOrFallback(defaultCodePage);
-    const CCodePage* pPage = &defaultPage;
     std::string out;
     out.reserve(utf8.size());
-
-    enum Region { text, bytes };
-    auto encodeRange = [&](std::size_t begin, std::size_t end, Region region) {
-        for (std::size_t k = begin; k < end; ++k) {
-            if (chars[k].bInvalid) out += static_cast<char>(chars[k].cp);
-            else if (region == bytes) EncodeByte(chars[k].cp, out, counts);
-            else EncodeCharacter(chars[k].cp, *pPage, out, counts);
-        }
-    };
-    auto find = [&](char32_t cp, std::size_t from, std::size_t limit) {
-        for (std::size_t k = from; k < limit; ++k)
-            if (chars[k].cp == cp && !chars[k].bInvalid) return k;
-        return limit;
-    };
-
-    // A run of characters the page in force cannot hold is written in the font
-    // command in force with a character set whose page holds them, and the
-    // command in force follows it again.
-    std::string fontInForce;
-    auto isForeign = [&](std::size_t k) { return !chars[k].bInvalid && !CanEncode(*pPage, chars[k].cp); };
-    auto encodeText = [&](std::size_t begin, std::size_t end) {
-        for (std::size_t k = begin; k < end;) {
-            const int charset = isForeign(k) ? CharsetHolding(chars[k].cp) : ANSI_CHARSET;
-            const std::string switched = charset == ANSI_CHARSET ? std::string() : FontCommandWithCharset(fontInForce, charset);
-            if (switched.empty()) {
-                encodeRange(k, k + 1, text);
-                ++k;
-                continue;
-            }
-            const CCodePage& page = PageOfCharset(charset, defaultPage);
-            out += switched;
-            for (; k < end && isForeign(k) && CanEncode(page, chars[k].cp); ++k) EncodeCharacter(chars[k].cp, page, out, counts);
-            out += fontInForce.empty() ? std::string(CFontCmd::s_defaultCmd.GetCmd().GetString()) : fontInForce;
-        }
-    };
-
-    std::size_t i = 0;
-    while (i < chars.size()) {
-        if (chars[i].cp != static_cast<unsigned char>(CDocCmd::chCmdStart) || chars[i].bInvalid) {
-            const std::size_t next = find(static_cast<unsigned char>(CDocCmd::chCmdStart), i + 1, chars.size());
-            encodeText(i, next);
-            i = next;
-            continue;
-        }
-        const std::size_t end = find(static_cast<unsigned char>(CDocCmd::chCmdEnd), i + 1, chars.size());
-        const char32_t type = i + 1 < chars.size() ? chars[i + 1].cp : 0;
-        if (type == static_cast<unsigned char>(CDocCmd::font)) {
-            std::size_t face = find(static_cast<unsigned char>(CFontCmd::chFaceSeparator), i + CFontCmd::posAttributes, end);
-            face = face < end ? face + 1 : end;
-            const std::size_t headStart = out.size();
-            encodeRange(i, face, bytes);
-            pPage = &PageOfCharset(CharsetOfFontCommand(out.substr(headStart)), defaultPage);
-            encodeRange(face, end, text);
-            fontInForce = out.substr(headStart) + CDocCmd::chCmdEnd;
-        } else if (type == static_cast<unsigned char>(CDocCmd::comment)) {
-            encodeRange(i, end, text);
-        } else {
-            encodeRange(i, end, bytes);
-        }
-        if (end < chars.size()) out += CDocCmd::chCmdEnd;
-        i = end + 1;
-    }
+    const OldTextFromUtf8Counts counts = CUtf8ToOldEncoder(utf8, defaultCodePage, out).Run();
     if (pCounts) *pCounts = counts;
     return out;
 }

@@ -23,21 +23,70 @@
 // holds it (Cyrillic in RUSSIAN_CHARSET, Japanese in SHIFTJIS_CHARSET, ...),
 // followed by the command in force again; what no Windows page holds, and
 // what a comment command's page cannot hold, becomes '?', counted.
+//
+// Old-format text arriving in pieces (from a reader's buffer) is decoded as
+// it comes; a command or a double-byte character cut between two pieces
+// comes out the same as when the text is whole:
+//
+//     COldTextUtf8Decoder decoder(1252);
+//     std::string utf8;
+//     while (...) { decoder.Feed(piece, utf8); write(utf8); utf8.clear(); }
+//     decoder.Finish(utf8);
 #pragma once
 #include "rtfconverter/Export.h"
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace rtf_converter {
 
-RTFCONV_API std::string OldTextToUtf8(const std::string& oldText, int defaultCodePage);
+class CCodePage;
+
+RTFCONV_API std::string OldTextToUtf8(std::string_view oldText, int defaultCodePage);
+
+class RTFCONV_API COldTextUtf8Decoder {
+public:
+    explicit COldTextUtf8Decoder(int defaultCodePage);
+
+    // Appends the UTF-8 of the next piece of old-format text to out; what
+    // the piece leaves unfinished (a lead byte) waits for the next piece.
+    void Feed(std::string_view piece, std::string& out);
+    // Appends what the last piece left unfinished and starts over.
+    void Finish(std::string& out);
+
+private:
+    // Where in the text the next byte falls.
+    enum class Region : unsigned char { text, commandType, fontHead, fontFace, comment, bytes };
+    // The UTF-8 of a byte of text >= 0x80 alone in the page in force.
+    struct HighByte {
+        unsigned char n;  // 0: not worked out yet
+        char utf8[4];
+    };
+
+    std::size_t DecodeTextUntil(std::string_view piece, std::size_t i, char terminator, std::string& out);
+    std::size_t DecodeFontHead(std::string_view piece, std::size_t i, std::string& out);
+    std::size_t DecodeBytes(std::string_view piece, std::size_t i, std::string& out);
+    std::size_t DecodeLead(unsigned char lead, int next, std::string& out);
+    void AppendHighByte(unsigned char b, std::string& out);
+    void SetPage(const CCodePage& page);
+    void SetPageOfCharset(int charset);
+    char RegionEnd() const;
+
+    const CCodePage* m_pDefaultPage;
+    const CCodePage* m_pPage;
+    Region m_region = Region::text;
+    std::size_t m_cmdOffset = 0;  // bytes of the font command before the next one
+    int m_headCharset = -1;       // the first character set code of the font command's head; -1: none yet
+    int m_pendingLead = -1;       // a lead byte whose trail byte has not come yet; -1: none
+    HighByte m_high[128] = {};
+};
 
 struct OldTextFromUtf8Counts {
     std::size_t nUnencodable = 0;  // characters written as '?'
     std::size_t nInvalid = 0;      // bytes that are not UTF-8, passed through as they are
 };
 
-RTFCONV_API std::string OldTextFromUtf8(const std::string& utf8, int defaultCodePage, OldTextFromUtf8Counts* pCounts = nullptr);
+RTFCONV_API std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePage, OldTextFromUtf8Counts* pCounts = nullptr);
 
 } // namespace rtf_converter

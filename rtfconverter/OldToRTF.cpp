@@ -3,9 +3,12 @@
 #include <charconv>
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <new>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "hostlibs/KVBase.h"
@@ -79,6 +82,39 @@ struct RunByteClassTable : ByteClassTable {
 };
 constexpr RunByteClassTable kRunByteClass;
 
+// Eight bytes at a time: whether any byte of a word is one the scan or the
+// lossless run writer stops at.
+constexpr std::uint64_t kEveryByte = 0x0101010101010101ull;
+constexpr std::uint64_t kHighBits = 0x8080808080808080ull;
+
+// The high bit of a byte of the word set where the byte is b (and perhaps of
+// a byte after one that is): enough to tell whether any byte is b.
+std::uint64_t BytesEqualTo(std::uint64_t word, unsigned char b)
+{
+    const std::uint64_t x = word ^ (kEveryByte * b);
+    return (x - kEveryByte) & ~x & kHighBits;
+}
+
+// The same for bytes below 0x20, every control byte the scan stops at among them.
+std::uint64_t ControlBytes(std::uint64_t word) { return (word - kEveryByte * 0x20) & ~word & kHighBits; }
+
+std::uint64_t RtfSpecials(std::uint64_t word)
+{
+    return BytesEqualTo(word, '\\') | BytesEqualTo(word, '{') | BytesEqualTo(word, '}');
+}
+
+// Past the whole words of plain bytes from p (none of them a control byte,
+// nor an RTF special when the specials stop the scan), up to pEnd.
+const char* SkipPlainWords(const char* p, const char* pEnd, bool bSpecialsStop)
+{
+    for (; pEnd - p >= 8; p += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, p, 8);
+        if (ControlBytes(word) | (bSpecialsStop ? RtfSpecials(word) : 0)) break;
+    }
+    return p;
+}
+
 // The control word (with its blank) for a plain-text control byte.
 struct ControlWord {
     const char* psz;
@@ -92,17 +128,6 @@ ControlWord ControlWordOf(ByteClass c)
     default: return {"\\par ", 5};
     }
 }
-
-// --- fonts -----------------------------------------------------------------------
-
-// The character attributes of the font writer, in the order their words are
-// written.
-struct AttributeWord {
-    bool (CFontCmd::*isOn)() const;
-    bool COldToRTF::*state;
-    const char* pszOn;
-    const char* pszOff;
-};
 
 // --- layout ----------------------------------------------------------------------
 
@@ -267,6 +292,7 @@ long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
         m_csLayoutWords.Empty();
         m_nRowCells = m_nRowCellsEnded = 0;
         m_pNoCellsBefore = nullptr;
+        ClearFontCmdCache();
         InitBuffer();
         InitBaseFont(pBaseFont);
         ResetParagraphAttributes();
@@ -296,6 +322,7 @@ long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
     } catch (...) {
         hr = E_FAIL;
     }
+    ClearFontCmdCache();
     return hr;
 }
 
@@ -343,7 +370,11 @@ void COldToRTF::ConvertText(const char* pszText)
     };
 
     const ByteClassTable& classes = m_bLossless ? kRunByteClass : kByteClass;
-    for (;; ++p) {
+    // Whole words of plain bytes are passed over where a run starts; within a
+    // run the bytes are looked at one by one.
+    const char* const pEnd = pszText + std::strlen(pszText);
+    const bool bSpecialsStop = !m_bLossless;
+    for (p = SkipPlainWords(p, pEnd, bSpecialsStop);; ++p) {
         const ByteClass c = classes.cls[static_cast<unsigned char>(*p)];
         if (c == bcPlain) continue;
         flushRun();
@@ -379,16 +410,21 @@ void COldToRTF::ConvertText(const char* pszText)
             ++ptr;
             VQASSERT(ptr[-1] == CDocCmd::chCmdEnd);
             m_pAfterCommand = ptr;
-            const CString cmd(p, static_cast<int>(ptr - p));
             const int nPos = static_cast<int>(nTextPos);
             int nAdvance = 0;
-            switch (p[1]) {
-            case CDocCmd::attachment: nAdvance = AddOleCmdToBuffer(cmd, nPos); break;
-            case CDocCmd::comment: nAdvance = AddCommentCmdToBuffer(cmd, nPos); break;
-            case CDocCmd::font: nAdvance = AddFontCmdToBuffer(cmd); break;
-            case CDocCmd::layout: nAdvance = AddLayoutCmdToBuffer(cmd); break;
-            case CDocCmd::print: nAdvance = AddPrintCmdToBuffer(cmd); break;
-            default: VQASSERT(0); break;
+            // Font commands, the most frequent, are mostly ones met before
+            // and need no string of their own.
+            if (p[1] == CDocCmd::font) {
+                nAdvance = AddFontCmdToBuffer(p, static_cast<int>(ptr - p));
+            } else {
+                const CString cmd(p, static_cast<int>(ptr - p));
+                switch (p[1]) {
+                case CDocCmd::attachment: nAdvance = AddOleCmdToBuffer(cmd, nPos); break;
+                case CDocCmd::comment: nAdvance = AddCommentCmdToBuffer(cmd, nPos); break;
+                case CDocCmd::layout: nAdvance = AddLayoutCmdToBuffer(cmd); break;
+                case CDocCmd::print: nAdvance = AddPrintCmdToBuffer(cmd); break;
+                default: VQASSERT(0); break;
+                }
             }
             nTextPos += static_cast<unsigned>(nAdvance);
             p = ptr - 1;
@@ -398,6 +434,7 @@ void COldToRTF::ConvertText(const char* pszText)
         case bcPlain:
             break;
         }
+        p = SkipPlainWords(p + 1, pEnd, bSpecialsStop) - 1;
     }
 }
 
@@ -614,49 +651,112 @@ CString COldToRTF::GetColorTable() const
     return s;
 }
 
+namespace {
+
+// The character attributes of the font writer, in the order their words are
+// written.
+struct AttributeWord {
+    bool (CFontCmd::*isOn)() const;
+    const char* pszOn;
+    const char* pszOff;
+};
+constexpr AttributeWord kAttributeWords[] = {
+    {&CFontCmd::IsBold, "\\b", "\\b0"},
+    {&CFontCmd::IsUnderline, "\\ul", "\\ul0"},
+    {&CFontCmd::IsItalic, "\\i", "\\i0"},
+    {&CFontCmd::IsStrikeout, "\\strike", "\\strike0"},
+    {&CFontCmd::IsSuperscript, "\\super", "\\nosupersub"},
+    {&CFontCmd::IsSubscript, "\\sub", "\\nosupersub"},
+};
+
+std::size_t HashOf(const char* p, int n)
+{
+    std::size_t h = 14695981039346656037ull;
+    for (int i = 0; i < n; ++i) h = (h ^ static_cast<unsigned char>(p[i])) * 1099511628211ull;
+    return h;
+}
+
+} // namespace
+
+// Adds the command's font and colours to the tables when they are new there.
+COldToRTF::FontCmdMeaning COldToRTF::ParseFontCmd(const CString& sFontCmd)
+{
+    const CFontCmd cmd(sFontCmd);
+    FontCmdMeaning meaning;
+    meaning.nFont = AddToFontTableIfNecessary(cmd);
+    meaning.nPoints = cmd.GetPoints(m_logFont);
+    meaning.nColor = cmd.IsDefaultColor() ? 1 : AddToColorTableIfNecessary(ColorCharToRGB(cmd.GetColor()));
+    const char backLetter = cmd.GetBackColor();
+    meaning.nBackColor = backLetter ? AddToColorTableIfNecessary(BackColorCharToRGB(backLetter)) : 0;
+    for (std::size_t k = 0; k < std::size(kAttributeWords); ++k) meaning.bAttributes[k] = (cmd.*kAttributeWords[k].isOn)();
+    return meaning;
+}
+
+// Once a command's font and colours are in the tables, the same text finds
+// the same entries again (entries are only ever appended, and never twice for
+// one font or colour), so its meaning can be remembered. Not that of a
+// command too short to be one: reading it reports so, every time.
+COldToRTF::FontCmdMeaning COldToRTF::MeaningOfFontCmd(const char* p, int n)
+{
+    if (n < CFontCmd::iFntCmdLenMin) return ParseFontCmd(CString(p, n));
+    if (!m_fontCmdCache) m_fontCmdCache.reset(new FontCmdCacheEntry[nFontCmdCacheSize]);
+    const std::string_view text(p, static_cast<std::size_t>(n));
+    FontCmdCacheEntry& entry = m_fontCmdCache[HashOf(p, n) % nFontCmdCacheSize];
+    if (std::string_view(entry.text) != text) {
+        entry.text.clear(); // a parse that throws leaves no half-made entry
+        entry.meaning = ParseFontCmd(CString(p, n));
+        entry.text.assign(text);
+    }
+    return entry.meaning;
+}
+
+void COldToRTF::ClearFontCmdCache()
+{
+    if (!m_fontCmdCache) return;
+    for (std::size_t k = 0; k < nFontCmdCacheSize; ++k) m_fontCmdCache[k].text.clear();
+}
+
 int COldToRTF::AddFontCmdToBuffer(const CString& sFontCmd)
 {
-    static const AttributeWord kAttributeWords[] = {
-        {&CFontCmd::IsBold, &COldToRTF::m_bBold, "\\b", "\\b0"},
-        {&CFontCmd::IsUnderline, &COldToRTF::m_bUnderline, "\\ul", "\\ul0"},
-        {&CFontCmd::IsItalic, &COldToRTF::m_bItalic, "\\i", "\\i0"},
-        {&CFontCmd::IsStrikeout, &COldToRTF::m_bStrikeout, "\\strike", "\\strike0"},
-        {&CFontCmd::IsSuperscript, &COldToRTF::m_bSuperscript, "\\super", "\\nosupersub"},
-        {&CFontCmd::IsSubscript, &COldToRTF::m_bSubscript, "\\sub", "\\nosupersub"},
-    };
     const char font = CDocCmd::font;
     VQASSERT(font == sFontCmd[1]);
+    return AddFontCmdToBuffer(sFontCmd.GetString(), sFontCmd.GetLength());
+}
 
-    const CFontCmd cmd(sFontCmd);
+// The command's bytes, 0x01 'F' to 0x02.
+
+int COldToRTF::AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd)
+{
+    static bool COldToRTF::*const kAttributeStates[] = {
+        &COldToRTF::m_bBold,      &COldToRTF::m_bUnderline,   &COldToRTF::m_bItalic,
+        &COldToRTF::m_bStrikeout, &COldToRTF::m_bSuperscript, &COldToRTF::m_bSubscript,
+    };
+    static_assert(std::size(kAttributeStates) == std::size(kAttributeWords), "one state per attribute word");
+    const FontCmdMeaning meaning = MeaningOfFontCmd(pFontCmd, nFontCmd);
     CString words;
 
-    int idx = AddToFontTableIfNecessary(cmd);
-    if (idx != m_nCurrentFont) {
-        m_nCurrentFont = idx;
-        AppendWord(words, "\\f", m_fontTable[idx].nFontNumber);
+    if (meaning.nFont != m_nCurrentFont) {
+        m_nCurrentFont = meaning.nFont;
+        AppendWord(words, "\\f", m_fontTable[meaning.nFont].nFontNumber);
     }
-    int pts = cmd.GetPoints(m_logFont);
-    if (pts != m_nCurrentPoints) {
-        m_nCurrentPoints = pts;
-        AppendWord(words, "\\fs", HalfPoints(pts));
+    if (meaning.nPoints != m_nCurrentPoints) {
+        m_nCurrentPoints = meaning.nPoints;
+        AppendWord(words, "\\fs", HalfPoints(meaning.nPoints));
     }
-    int color = cmd.IsDefaultColor() ? 1 : AddToColorTableIfNecessary(ColorCharToRGB(cmd.GetColor()));
-    if (color != m_nCurrentColor) {
-        m_nCurrentColor = color;
-        AppendWord(words, "\\cf", color);
+    if (meaning.nColor != m_nCurrentColor) {
+        m_nCurrentColor = meaning.nColor;
+        AppendWord(words, "\\cf", meaning.nColor);
     }
-    char backLetter = cmd.GetBackColor();
-    int backColor = backLetter ? AddToColorTableIfNecessary(BackColorCharToRGB(backLetter)) : 0;
-    if (backColor != m_nCurrentBackColor) {
-        m_nCurrentBackColor = backColor;
-        AppendWord(words, "\\cb", backColor);
-        AppendWord(words, "\\chcbpat", backColor);
+    if (meaning.nBackColor != m_nCurrentBackColor) {
+        m_nCurrentBackColor = meaning.nBackColor;
+        AppendWord(words, "\\cb", meaning.nBackColor);
+        AppendWord(words, "\\chcbpat", meaning.nBackColor);
     }
-    for (const AttributeWord& attr : kAttributeWords) {
-        bool bOn = (cmd.*attr.isOn)();
-        if (bOn != this->*attr.state) {
-            this->*attr.state = bOn;
-            words += bOn ? attr.pszOn : attr.pszOff;
+    for (std::size_t k = 0; k < std::size(kAttributeWords); ++k) {
+        const bool bOn = meaning.bAttributes[k];
+        if (bOn != this->*kAttributeStates[k]) {
+            this->*kAttributeStates[k] = bOn;
+            words += bOn ? kAttributeWords[k].pszOn : kAttributeWords[k].pszOff;
         }
     }
     if (!words.IsEmpty()) {
@@ -908,37 +1008,101 @@ void COldToRTF::AddTextRun(const char* p, int n)
 
 void COldToRTF::AddTextKeepingEveryByte(const char* p, int n)
 {
-    const std::string escaped = EscapedKeepingEveryByte(p, n);
-    AddToBuffer(escaped.data(), static_cast<int>(escaped.size()));
+    EscapeKeepingEveryByte(p, n, [this](const char* pEscaped, std::size_t cb) { AddToBuffer(pEscaped, static_cast<int>(cb)); });
 }
+
+std::string COldToRTF::EscapedKeepingEveryByte(const char* p, int n) const
+{
+    std::string out;
+    out.reserve(static_cast<std::size_t>(n) * 2);
+    EscapeKeepingEveryByte(p, n, [&out](const char* pEscaped, std::size_t cb) { out.append(pEscaped, cb); });
+    return out;
+}
+
+// The page of the current font's character set, looked up again only when
+// the set changes: the lookup takes the process-wide lock of the page table.
+const CCodePage* COldToRTF::PageOfCurrentFont() const
+{
+    const int charset = m_nCurrentFont >= 0 && m_nCurrentFont < m_fontTable.GetSize() ? m_fontTable[m_nCurrentFont].nCharset : 0;
+    if (charset != m_nPageCharset) {
+        m_pPageOfCharset = CCodePage::Get(CodePageOfCharset(charset));
+        m_nPageCharset = charset;
+    }
+    return m_pPageOfCharset;
+}
+
+namespace {
+
+// Bytes the lossless writer writes as they are: ASCII but the RTF specials.
+struct PlainRunByteTable {
+    bool plain[256];
+    constexpr PlainRunByteTable() : plain()
+    {
+        for (int b = 0; b < 0x80; ++b) plain[b] = b != '\\' && b != '{' && b != '}';
+    }
+};
+constexpr PlainRunByteTable kPlainRunByte;
+
+// The end of the run of plain bytes from p[i], eight bytes at a time while
+// none of them is special.
+int PlainRunEnd(const char* p, int i, int n)
+{
+    for (; i + 8 <= n; i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, p + i, 8);
+        if ((word & kHighBits) | RtfSpecials(word)) break;
+    }
+    while (i < n && kPlainRunByte.plain[static_cast<unsigned char>(p[i])]) ++i;
+    return i;
+}
+
+} // namespace
 
 // Bytes above 0x7F as \'hh, so that no reader guesses their code page from
 // anything but the font; in a double-byte font a lead byte and its trail byte
 // as one character, the trail byte escaped with it even when it is a
-// backslash or a brace.
-std::string COldToRTF::EscapedKeepingEveryByte(const char* p, int n) const
+// backslash or a brace. Runs of plain bytes go to `append` as they are, the
+// escapes through a small block of their own.
+template <class Append>
+void COldToRTF::EscapeKeepingEveryByte(const char* p, int n, Append&& append) const
 {
-    const int charset = m_nCurrentFont >= 0 && m_nCurrentFont < m_fontTable.GetSize() ? m_fontTable[m_nCurrentFont].nCharset : 0;
-    const CCodePage* pPage = CCodePage::Get(CodePageOfCharset(charset));
-    std::string out;
-    out.reserve(static_cast<std::size_t>(n) * 2);
-    auto appendHex = [&out](unsigned char b) {
-        out += "\\'";
-        out.append(kHexPairs.pair[b], 2);
+    const CCodePage* pPage = PageOfCurrentFont();
+    char escapes[256];
+    std::size_t nEscapes = 0;
+    auto flushEscapes = [&] {
+        if (nEscapes) append(escapes, nEscapes);
+        nEscapes = 0;
     };
-    for (int i = 0; i < n; ++i) {
+    auto addHex = [&](unsigned char b) {
+        escapes[nEscapes++] = '\\';
+        escapes[nEscapes++] = '\'';
+        escapes[nEscapes++] = kHexPairs.pair[b][0];
+        escapes[nEscapes++] = kHexPairs.pair[b][1];
+    };
+    for (int i = 0; i < n;) {
+        const int runEnd = PlainRunEnd(p, i, n);
+        if (runEnd > i) {
+            flushEscapes();
+            append(p + i, static_cast<std::size_t>(runEnd - i));
+            i = runEnd;
+            continue;
+        }
+        if (nEscapes + 8 > sizeof escapes) flushEscapes();
         const unsigned char b = static_cast<unsigned char>(p[i]);
         if (pPage && pPage->IsLeadByte(b) && i + 1 < n && pPage->Pair(b, static_cast<unsigned char>(p[i + 1])) != CCodePage::invalidPair) {
-            appendHex(b);
-            appendHex(static_cast<unsigned char>(p[++i]));
+            addHex(b);
+            addHex(static_cast<unsigned char>(p[i + 1]));
+            i += 2;
         } else if (b > 0x7F) {
-            appendHex(b);
+            addHex(b);
+            ++i;
         } else {
-            if (b == '\\' || b == '{' || b == '}') out += '\\';
-            out += static_cast<char>(b);
+            escapes[nEscapes++] = '\\';
+            escapes[nEscapes++] = static_cast<char>(b);
+            ++i;
         }
     }
-    return out;
+    flushEscapes();
 }
 
 const char* COldToRTF::FindCommandEnd(const char* pCmd) const

@@ -37,6 +37,7 @@ class CDIBitmap;
 
 namespace rtf_converter {
 
+class CCodePage;
 class CCommentCmd;
 class CFontCmd;
 
@@ -162,6 +163,29 @@ protected:
     int AddPictureToBuffer(AttachmentInfo& info);
 
 private:
+    // What a font command sets: its entries in the font and colour tables,
+    // its size and its attributes, in the order the font writer writes them.
+    struct FontCmdMeaning {
+        int nFont = 0;
+        int nPoints = 0;
+        int nColor = 0;
+        int nBackColor = 0;
+        bool bAttributes[6] = {};
+    };
+    // The meanings of the font commands met last, by the hash of their text:
+    // a document repeats a few commands many times. Valid for one conversion,
+    // the tables only ever growing during it; a fixed number of entries, so
+    // that a text of ever new commands takes no more memory.
+    struct FontCmdCacheEntry {
+        std::string text;
+        FontCmdMeaning meaning;
+    };
+    static constexpr std::size_t nFontCmdCacheSize = 512;
+    FontCmdMeaning MeaningOfFontCmd(const char* p, int n);
+    int AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd);
+    FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
+    void ClearFontCmdCache();
+
     void CopyToQuickBuffer(const char* p, DWORD n)
     {
         if (n) {
@@ -192,6 +216,9 @@ private:
     void AddTextRun(const char* p, int n);
     void AddTextKeepingEveryByte(const char* p, int n);
     std::string EscapedKeepingEveryByte(const char* p, int n) const;
+    template <class Append>
+    void EscapeKeepingEveryByte(const char* p, int n, Append&& append) const;
+    const CCodePage* PageOfCurrentFont() const;
     const char* FindCommandEnd(const char* pCmd) const;
     const char* FindCommandEndKeepingNestedCommands(const char* pCmd) const;
     // A hyperlink's display text (its font commands whole) and target.
@@ -211,6 +238,9 @@ private:
     long ResultKeepingWriteFailures() const;
 
     bool m_bLossless = false;
+    // The current font's character set and its page, as last looked up.
+    mutable int m_nPageCharset = -1;
+    mutable const CCodePage* m_pPageOfCharset = nullptr;
     // The first failed write to the output stream (S_OK when none).
     HRESULT m_hrFirstOutFailure = S_OK;
     // The words of the last layout command, "\pard..." without the blank: a
@@ -225,6 +255,8 @@ private:
     // Where the last look-ahead that found no cell stopped: row starts before
     // it need not look again.
     const char* m_pNoCellsBefore = nullptr;
+
+    std::unique_ptr<FontCmdCacheEntry[]> m_fontCmdCache;
 
     CSimpleRowBytes m_quickBuffer;
     DWORD m_dwQuickBufferPosition = 0;

@@ -1,5 +1,6 @@
 #include "rtfconverter/Utf8ToRTF.h"
 
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -123,41 +124,48 @@ void CUTF8TextToRTF::ConvertText(const char* pszText)
     }
 }
 
+namespace {
+
+// "\'hh" for a byte, lowercase as the writers have always written it.
+void AppendHexEscape(CString& out, unsigned char b)
+{
+    static const char kDigits[] = "0123456789abcdef";
+    const char escape[4] = {'\\', '\'', kDigits[b >> 4], kDigits[b & 15]};
+    out.Append(escape, 4);
+}
+
+// "\u" with a signed 16-bit value and the '?' fallback.
+void AppendUnicodeWord(CString& out, int value)
+{
+    char sz[16] = {'\\', 'u'};
+    char* const pEnd = std::to_chars(sz + 2, sz + sizeof sz - 1, value).ptr;
+    *pEnd = '?';
+    out.Append(sz, static_cast<int>(pEnd + 1 - sz));
+}
+
+} // namespace
+
 void CUTF8TextToRTF::AppendCharacter(char32_t cp)
 {
     unsigned char bytes[2];
     // Escaped, so that the RTF is 7-bit ASCII and reads the same whatever
     // encoding a program takes it for.
-    char sz[16];
-    switch (m_pPage ? m_pPage->Encode(cp, bytes) : 0) {
-    case 1:
-        std::snprintf(sz, sizeof sz, "\\'%02x", bytes[0]);
-        m_csBuffer += sz;
-        return;
-    case 2:
-        std::snprintf(sz, sizeof sz, "\\'%02x\\'%02x", bytes[0], bytes[1]);
-        m_csBuffer += sz;
-        return;
-    default:
-        AppendUnicode(cp);
-        return;
-    }
+    const int n = m_pPage ? m_pPage->Encode(cp, bytes) : 0;
+    if (n == 0) return AppendUnicode(cp);
+    for (int k = 0; k < n; ++k) AppendHexEscape(m_csBuffer, bytes[k]);
 }
 
 // \uN takes a signed 16-bit N; a character beyond U+FFFF is its UTF-16
 // surrogate pair, each half with its own fallback.
 void CUTF8TextToRTF::AppendUnicode(char32_t cp)
 {
-    char sz[32];
     if (cp > 0xFFFF) {
         const char32_t v = cp - 0x10000;
-        const int high = static_cast<int>(0xD800 + (v >> 10)) - 65536;
-        const int low = static_cast<int>(0xDC00 + (v & 0x3FF)) - 65536;
-        std::snprintf(sz, sizeof sz, "\\u%d?\\u%d?", high, low);
+        AppendUnicodeWord(m_csBuffer, static_cast<int>(0xD800 + (v >> 10)) - 65536);
+        AppendUnicodeWord(m_csBuffer, static_cast<int>(0xDC00 + (v & 0x3FF)) - 65536);
     } else {
-        std::snprintf(sz, sizeof sz, "\\u%d?", cp > 0x7FFF ? static_cast<int>(cp) - 65536 : static_cast<int>(cp));
+        AppendUnicodeWord(m_csBuffer, cp > 0x7FFF ? static_cast<int>(cp) - 65536 : static_cast<int>(cp));
     }
-    m_csBuffer += sz;
 }
 
 CString CUTF8TextToRTF::GetHeader() const

@@ -411,3 +411,63 @@ TEST(OldToRTF, ExtremeBaseFontHeight)
     EXPECT_NE(doc.find("{\\stylesheet{\\f0\\fs3221225472 Normal;}}\\pard\\f0\\fs3221225472\\cf1 \\cf1\\b x"),
               std::string::npos);
 }
+
+// A font command written again gives the words its meaning and the state
+// call for, however many other commands came between: with more distinct
+// commands than the writer remembers, the second and third rounds of the
+// same commands write the same RTF, and the first round differs only before
+// its first text.
+TEST(OldToRTF, ManyDistinctFontCommandsRepeated)
+{
+    std::string round;
+    for (int k = 0; k < 100; ++k) {
+        const std::string attributes = k % 3 == 0 ? "B" : k % 3 == 1 ? "IUp" : "";
+        round += Cmd("F" + std::to_string(10 + k % 40) + static_cast<char>('A' + k % 16) + attributes + ":Face" +
+                     std::to_string(k % 7)) + "x";
+    }
+    const std::string body = Convert(round + "|" + round + "|" + round + "|");
+    const std::size_t first = body.find("\\pard\\f0\\fs20\\cf1 ");
+    const std::size_t bar1 = body.find('|'), bar2 = body.find('|', bar1 + 1), bar3 = body.find('|', bar2 + 1);
+    ASSERT_NE(first, std::string::npos);
+    ASSERT_NE(bar3, std::string::npos);
+    const std::string round1 = body.substr(first, bar1 - first), round2 = body.substr(bar1 + 1, bar2 - bar1 - 1),
+                      round3 = body.substr(bar2 + 1, bar3 - bar2 - 1);
+    EXPECT_EQ(round2, round3);
+    EXPECT_EQ(round1.substr(round1.find('x')), round2.substr(round2.find('x')));
+    EXPECT_NE(round2.find("\\f7\\fs22\\cf"), std::string::npos);
+    EXPECT_NE(body.find("{\\f7\\fcharset0\\fswiss Face6;}"), std::string::npos);
+}
+
+// What one conversion learnt of its font commands is not carried into the
+// next, whose tables start afresh.
+TEST(OldToRTF, SecondConvertForgetsTheFirstsFontCommands)
+{
+    CComPtr<IStream> out;
+    ASSERT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &out), S_OK);
+    LOGFONT lf = ArialTen();
+    COldToRTF writer(*out);
+    ASSERT_EQ(writer.Convert((Cmd("F---:Times") + "x" + Cmd("F---:Courier") + "y").c_str(), &lf), S_OK);
+    const std::string first = StreamBytes(out);
+    ASSERT_EQ(writer.Convert((Cmd("F---:Courier") + "y").c_str(), &lf), S_OK);
+    EXPECT_EQ(StreamBytes(out).substr(first.size()),
+              DocumentAround("\\pard\\f0\\fs20\\cf1 \\f3\\cf1 y\\par }", "{\\f3\\fcharset0\\fswiss Courier;}"));
+}
+
+// A font command too short to be one is reported each time it is read, the
+// second time as the first.
+TEST(OldToRTF, ShortFontCommandReportedEveryTime)
+{
+    for (const std::string& cmd : {Cmd("F"), Cmd("F12"), Cmd("F12-:")}) {
+        SCOPED_TRACE(::testing::PrintToString(cmd));
+        std::size_t nOnce = 0;
+        {
+            CRecordingLogSink log;
+            Convert(cmd + "x");
+            nOnce = log.AssertTexts().size();
+        }
+        CRecordingLogSink log;
+        Convert(cmd + "x" + cmd + "y" + cmd);
+        EXPECT_GT(nOnce, 0u);
+        EXPECT_EQ(log.AssertTexts().size(), 3 * nOnce);
+    }
+}

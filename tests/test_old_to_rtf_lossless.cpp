@@ -311,3 +311,27 @@ TEST(OldToRTFLossless, MalformedCommandsInNumbers)
 }
 
 } // namespace
+
+// Every byte the scan and the run writer stop at, at every place in runs of
+// plain bytes longer than the eight taken at a time, in both modes.
+TEST(OldToRTFLossless, SpecialBytesAtEveryPlaceInARun)
+{
+    struct Row {
+        std::string byte, exact, lossless;
+    } rows[] = {
+        {"\\", "\\\\", "\\\\"},      {"{", "\\{", "\\{"},         {"}", "\\}", "\\}"},
+        {"\t", "\\tab ", "\\tab "},  {"\n", "\\line ", "\\line "}, {"\x17", "", ""},
+        {"\xE9", "\xE9", "\\'e9"},   {"\x7F", "\x7F", "\x7F"},    {"\x1F", "\x1F", "\x1F"},
+        {"\r", "\\par ", "\\par "},
+    };
+    const std::string plain = "abcdefghijklmnopqrstu";
+    for (const Row& row : rows) {
+        for (std::size_t at = 0; at <= plain.size(); ++at) {
+            SCOPED_TRACE(::testing::PrintToString(row.byte) + " at " + std::to_string(at));
+            const std::string before = plain.substr(0, at), after = plain.substr(at);
+            const std::string end = row.byte == "\r" && after.empty() ? "}" : "\\par }";
+            EXPECT_EQ(Convert(before + row.byte + after, false), DocumentAround(kStart + before + row.exact + after + end));
+            EXPECT_EQ(Convert(before + row.byte + after, true), DocumentAround(kStart + before + row.lossless + after + end));
+        }
+    }
+}

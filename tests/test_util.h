@@ -39,5 +39,7 @@ private:
 };
 
 std::string ReadFileBytes(const std::string& path);
+// The paths of the corpus's RTF documents, sorted.
+std::vector<std::string> CorpusRtfFiles();
 
 } // namespace rtfconv_test

@@ -284,10 +284,17 @@ void ConvertWith(TReader& reader, const ToolContext& ctx, const Rtf2OldOptions& 
         return;
     }
     // A double-byte character or a markup command may straddle two buffers:
-    // the text is decoded once it is whole.
-    std::string oldText;
-    PullOldText(reader, options.cbBuffer, conversion, [&](char* p, std::size_t cb) { oldText.append(p, cb); });
-    conversion.Out().Write(rtf_converter::OldTextToUtf8(oldText, OldTextCodePage(options)));
+    // the decoder carries what one leaves unfinished into the next.
+    rtf_converter::COldTextUtf8Decoder decoder(OldTextCodePage(options));
+    std::string utf8;
+    PullOldText(reader, options.cbBuffer, conversion, [&](char* p, std::size_t cb) {
+        utf8.clear();
+        decoder.Feed(std::string_view(p, cb), utf8);
+        conversion.Out().Write(utf8);
+    });
+    utf8.clear();
+    decoder.Finish(utf8);
+    conversion.Out().Write(utf8);
     WarnOfUnrepresentable(ctx, conversion, reader.GetUnrepresentableCount());
 }
 

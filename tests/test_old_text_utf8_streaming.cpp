@@ -1,0 +1,171 @@
+// The one-pass old-format text codec against the whole-text reference, on
+// the corpus and on random and malformed text, and the decoder fed in pieces
+// against the one-call form.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "old_text_utf8_reference.h"
+#include "rtfconverter/OldTextUtf8.h"
+#include "test_rtf_to_old_helpers.h"
+#include "test_util.h"
+
+using namespace rtfconv_test;
+using rtf_converter::COldTextUtf8Decoder;
+using rtf_converter::OldTextFromUtf8;
+using rtf_converter::OldTextFromUtf8Counts;
+using rtf_converter::OldTextToUtf8;
+
+namespace {
+
+const int kDefaultPages[] = {1252, 1251, 932};
+
+void ExpectSameAsReference(const std::string& text, int defaultCodePage)
+{
+    SCOPED_TRACE("default page " + std::to_string(defaultCodePage));
+    EXPECT_EQ(OldTextToUtf8(text, defaultCodePage), ReferenceOldTextToUtf8(text, defaultCodePage));
+    OldTextFromUtf8Counts counts, expectedCounts;
+    EXPECT_EQ(OldTextFromUtf8(text, defaultCodePage, &counts), ReferenceOldTextFromUtf8(text, defaultCodePage, &expectedCounts));
+    EXPECT_EQ(counts.nUnencodable, expectedCounts.nUnencodable);
+    EXPECT_EQ(counts.nInvalid, expectedCounts.nInvalid);
+}
+
+// The decoder fed `text` in pieces of the given sizes (the last one repeated).
+std::string DecodeInPieces(const std::string& text, int defaultCodePage, const std::vector<std::size_t>& sizes)
+{
+    COldTextUtf8Decoder decoder(defaultCodePage);
+    std::string out;
+    std::size_t at = 0;
+    for (std::size_t k = 0; at < text.size(); ++k) {
+        const std::size_t n = std::min(sizes[std::min(k, sizes.size() - 1)], text.size() - at);
+        decoder.Feed(std::string_view(text).substr(at, n), out);
+        at += n;
+    }
+    decoder.Feed(std::string_view(), out);
+    decoder.Finish(out);
+    return out;
+}
+
+// Texts built from the pieces the codec treats apart: framing bytes, font and
+// comment commands with charset codes and face separators, lead and trail
+// bytes, characters no page or only some pages hold, the characters standing
+// for bytes, and bytes that are not UTF-8.
+std::string RandomText(std::mt19937& rng)
+{
+    static const std::vector<std::string> kFragments = {
+        "\x01", "\x02", "F", "C", "H", "P1", ":", "-", "F---", "F12-B", "\xCA", "\xCB", "\xC3", "\xC0", "\xCC",
+        "\x82", "\x95\x5C", "\x81", "\xE0", "\xFF", "word ", "\r", "\x03", std::string(1, '\0'),
+        "\xD0\x96", "\xE8\xA1\xA8", "\xC3\xA9", "\xF0\x9F\x98\x80", "\xEF\x82\x81", "\xEF\xBB\xBF",
+        "\xE0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xC3\x8A", "\x01" "F---\xCA:-\x02", "\x01" "F---\xCB:Face\x02",
+        "\x01" "F12-B:Arial\x02", "\x01" "CH:", "\x01" "L1\x02",
+    };
+    std::uniform_int_distribution<std::size_t> count(0, 24), pick(0, kFragments.size() - 1), byte(0, 255);
+    std::string s;
+    for (std::size_t n = count(rng); n > 0; --n) {
+        const std::size_t k = pick(rng);
+        s += k == 0 && byte(rng) < 32 ? std::string(1, static_cast<char>(byte(rng))) : kFragments[k];
+    }
+    return s;
+}
+
+// What the importer makes of a document; some of the corpus it refuses.
+std::string OldTextOrEmpty(const std::string& rtf, bool bLossless)
+{
+    ImportOptions options;
+    options.bLossless = bLossless;
+    try {
+        return OldText(rtf, options);
+    } catch (...) {
+        return std::string();
+    }
+}
+
+} // namespace
+
+// The old-format text the importer makes of every corpus document (exact and
+// lossless), its UTF-8, and the RTF bytes themselves as text of neither kind.
+TEST(OldTextUtf8Streaming, CorpusMatchesTheReference)
+{
+    const std::vector<std::string> files = CorpusRtfFiles();
+    ASSERT_GT(files.size(), 50u);
+    std::size_t nImported = 0;
+    for (const std::string& file : files) {
+        SCOPED_TRACE(file);
+        const std::string rtf = ReadFileBytes(file);
+        for (const std::string& old : {OldTextOrEmpty(rtf, false), OldTextOrEmpty(rtf, true)}) {
+            nImported += old.empty() ? 0 : 1;
+            ExpectSameAsReference(old, 1252);
+            ExpectSameAsReference(ReferenceOldTextToUtf8(old, 1252), 1252);
+            EXPECT_EQ(DecodeInPieces(old, 1252, {7}), OldTextToUtf8(old, 1252));
+        }
+        ExpectSameAsReference(rtf, 932);
+    }
+    EXPECT_GT(nImported, files.size());
+}
+
+// The same font commands again and again, with bytes that are not UTF-8 and
+// characters past 0xFF among their bytes, and with face names in their own
+// character set: each time written and counted alike.
+TEST(OldTextUtf8Streaming, RepeatedFontCommandsMatchTheReference)
+{
+    const std::string commands[] = {
+        "\x01" "F12-B\xC3\x8A:\xD0\x96\xD0\xB0\x02", "\x01" "F12-\xE2\x82\xAC\xFF:Face\x02",
+        "\x01" "F---\xC3\x8B:\xE8\xA1\xA8\xF0\x9F\x98\x80\x02", "\x01" "F---:-\x02",
+    };
+    std::string text;
+    for (int round = 0; round < 3; ++round)
+        for (const std::string& command : commands) text += command + "\xD0\x96x\xE8\xA1\xA8 ";
+    for (int page : kDefaultPages) ExpectSameAsReference(text, page);
+}
+
+TEST(OldTextUtf8Streaming, RandomAndMalformedTextMatchesTheReference)
+{
+    std::mt19937 rng(20261123);
+    for (int n = 0; n < 4000; ++n) {
+        const std::string text = RandomText(rng);
+        SCOPED_TRACE(::testing::PrintToString(text));
+        for (int page : kDefaultPages) ExpectSameAsReference(text, page);
+        if (HasFailure()) break;
+    }
+}
+
+// A command or a double-byte character cut anywhere between two pieces, and
+// pieces of every size from 1, decode as the whole text does.
+TEST(OldTextUtf8Streaming, EverySplitDecodesAsTheWholeText)
+{
+    std::mt19937 rng(11);
+    std::vector<std::string> texts = {
+        "\x01" "F---\xCB:\x82\x6C\x82\x72\x02\x95\x5C\x91\x77\x95\x01P1\x02\x95",
+        "\x01" "F---\xCA:Face\x02\xE0\x01" "CH:\xE0\x03http://x/\x02\x01" "F---:-\x02\xE0",
+        "\x01" "F12-\xC3\xCA" "B:\xCB\x02\x82\x01" "A\xFF\x02\x01",
+    };
+    for (int n = 0; n < 300; ++n) texts.push_back(RandomText(rng));
+    for (const std::string& text : texts) {
+        SCOPED_TRACE(::testing::PrintToString(text));
+        for (int page : kDefaultPages) {
+            const std::string whole = OldTextToUtf8(text, page);
+            for (std::size_t cut = 0; cut <= text.size(); ++cut)
+                EXPECT_EQ(DecodeInPieces(text, page, {cut, text.size()}), whole) << "cut at " << cut;
+            for (std::size_t size = 1; size <= 9; ++size)
+                EXPECT_EQ(DecodeInPieces(text, page, {size}), whole) << "pieces of " << size;
+        }
+        if (HasFailure()) break;
+    }
+}
+
+// Finish ends one text: the decoder then starts the next one afresh, in the
+// default page, with nothing left over.
+TEST(OldTextUtf8Streaming, FinishStartsOver)
+{
+    COldTextUtf8Decoder decoder(1252);
+    std::string first, second;
+    decoder.Feed("\x01" "F---\xCA:-\x02\xE0\x01" "CH:\x82", first);
+    decoder.Finish(first);
+    EXPECT_EQ(first, OldTextToUtf8("\x01" "F---\xCA:-\x02\xE0\x01" "CH:\x82", 1252));
+    decoder.Feed("\xE0", second);
+    decoder.Finish(second);
+    EXPECT_EQ(second, "\xC3\xA0");
+}
