@@ -76,8 +76,12 @@ protected:
     // ParseChar each. A source that holds its bytes in memory offers the ones
     // ahead of the read position (RunAhead) and steps over them (SkipAhead);
     // the parser cuts the offer at the first byte that means something to it
-    // (backslash, braces, CR, LF, NUL) and hands the rest to ParseRun. A
-    // source that offers nothing keeps the byte-by-byte protocol unchanged.
+    // (backslash, braces, CR, LF, NUL) and hands the rest to ParseRun. The
+    // control word after a backslash is read from the offer too, when it lies
+    // wholly inside it (ParseKeyword). What a source offers must therefore be
+    // exactly the bytes its Get would deliver next: a reader that changes
+    // what Get delivers offers nothing (returns null), and a source that
+    // offers nothing keeps the byte-by-byte protocol unchanged.
     virtual const char* RunAhead(std::size_t& cb) const;
     virtual void SkipAhead(std::size_t cb);
     // The bytes [p, p + cb) are the next ones at the read position, not read
@@ -90,6 +94,11 @@ protected:
     // that overrides ParseChar must override ParseRun too (calling this one).
     virtual bool ParseRun(const char* p, std::size_t cb);
 
+    // The control word after a backslash: read from the bytes the source
+    // offers ahead when it offers the whole word, else by ParseRtfKeyword
+    // through Get. Both read the same word with the same parameter and leave
+    // the read position at the same byte.
+    bool ParseKeyword();
     bool ParseRtfKeyword();
     int ParseParam(char ch);
     // Hands the run of ordinary bytes ahead, if the source offers one, to
