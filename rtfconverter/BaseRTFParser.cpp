@@ -111,48 +111,77 @@ namespace {
 // An open-addressing index over s_Cmds, built once, that gives the row a
 // linear first-match scan would give: each keyword is entered only at its
 // first row, so shadowed rows (the second "pnlcrm") stay unreachable.
+//
+// Most control words of a document are not in the table, so a miss must be
+// cheap: the hash takes the length and the first and last letters, which
+// the lookup has after one pass over the word, and a slot is compared by
+// length before its bytes are.
 class CKeywordIndex {
 public:
-    static constexpr unsigned cSlots = 256;  // a power of two, well above 90
+    static constexpr unsigned cSlots = 512;  // a power of two, well above 90
 
     CKeywordIndex(const CBaseRTFParser::tagCMDASSN* rows, int cRows) : m_rows(rows)
     {
         for (int row = 0; row < cRows; ++row) {
-            unsigned slot = Hash(rows[row].szKeyword) & (cSlots - 1);
-            bool bShadowed = false;
-            for (; m_slots[slot] != 0; slot = (slot + 1) & (cSlots - 1)) {
-                if (std::strcmp(rows[m_slots[slot] - 1].szKeyword, rows[row].szKeyword) == 0) {
-                    bShadowed = true;
-                    break;
-                }
-            }
-            if (!bShadowed)
-                m_slots[slot] = static_cast<std::uint8_t>(row + 1);
+            const std::size_t len = std::strlen(rows[row].szKeyword);
+            if (Find(rows[row].szKeyword, len) >= 0)
+                continue;  // shadowed by an earlier row
+            unsigned slot = Hash(rows[row].szKeyword, len);
+            while (m_slots[slot].row != 0)
+                slot = (slot + 1) & (cSlots - 1);
+            m_slots[slot].row = static_cast<std::uint8_t>(row + 1);
+            m_slots[slot].len = static_cast<std::uint8_t>(len);
         }
     }
 
     int Find(const char* szKeyword) const
     {
-        for (unsigned slot = Hash(szKeyword) & (cSlots - 1); m_slots[slot] != 0; slot = (slot + 1) & (cSlots - 1)) {
-            const int row = m_slots[slot] - 1;
-            if (std::strcmp(m_rows[row].szKeyword, szKeyword) == 0)
+        std::size_t len = 0;
+        while (szKeyword[len] != '\0')
+            ++len;
+        return Find(szKeyword, len);
+    }
+
+private:
+    struct Slot {
+        std::uint8_t row = 0;  // row + 1; 0 marks an empty slot
+        std::uint8_t len = 0;
+    };
+
+    int Find(const char* szKeyword, std::size_t len) const
+    {
+        if (len == 0 || len > CRTFParser::maxKeywordLength)
+            return -1;  // every row has a keyword of 1 to 10 letters
+        for (unsigned slot = Hash(szKeyword, len); m_slots[slot].row != 0; slot = (slot + 1) & (cSlots - 1)) {
+            const int row = m_slots[slot].row - 1;
+            if (m_slots[slot].len == len && std::memcmp(m_rows[row].szKeyword, szKeyword, len) == 0)
                 return row;
         }
         return -1;
     }
 
-private:
-    static unsigned Hash(const char* sz)
+    static unsigned Hash(const char* sz, std::size_t len)
     {
-        unsigned h = 2166136261u;  // FNV-1a
-        for (const unsigned char* p = reinterpret_cast<const unsigned char*>(sz); *p; ++p)
-            h = (h ^ *p) * 16777619u;
-        return h ^ (h >> 8);
+        const unsigned first = static_cast<unsigned char>(sz[0]);
+        const unsigned last = static_cast<unsigned char>(sz[len - 1]);
+        return (first * 37u + last * 11u + static_cast<unsigned>(len) * 101u) & (cSlots - 1);
     }
 
     const CBaseRTFParser::tagCMDASSN* m_rows;
-    std::uint8_t m_slots[cSlots] = {};  // row + 1; 0 marks an empty slot
+    Slot m_slots[cSlots] = {};
 };
+
+// A handler's keyword compared without a library call: handlers shared by
+// many keywords ask this for every one of them.
+inline bool IsKeyword(const void* pKeyword, const char* sz)
+{
+    const char* p = static_cast<const char*>(pKeyword);
+    while (*p != '\0' && *p == *sz) {
+        ++p;
+        ++sz;
+    }
+    return *p == *sz;
+}
 
 } // namespace
 
@@ -406,7 +435,7 @@ bool CBaseRTFParser::ProcessSpecialChar(const void*, int)
 
 bool CBaseRTFParser::ApplyParCommand(const void* pKeyword, int)
 {
-    if (std::strcmp(static_cast<const char*>(pKeyword), "pard") == 0)
+    if (IsKeyword(pKeyword, "pard"))
         m_numbering.ResetParagraph();
     return true;
 }

@@ -64,12 +64,16 @@ bool ScanKeywordAhead(const char* p, std::size_t cb, KeywordAhead& kw)
         kw.bEscapedChar = p[0] == '\\' || p[0] == '{' || p[0] == '}';
         return true;
     }
+    // The letters are copied as they are scanned; a word that reaches the
+    // length limit or the end of the window is abandoned.
+    const std::size_t cchMax = cb <= CRTFParser::maxKeywordLength ? cb - 1 : CRTFParser::maxKeywordLength;
     std::size_t i = 0;
-    while (i < cb && i < CRTFParser::maxKeywordLength && IsAsciiLetter(p[i]))
+    while (i < cchMax && IsAsciiLetter(p[i])) {
+        kw.szKeyword[i] = p[i];
         ++i;
-    if (i == cb || p[i] == '\0' || IsAsciiLetter(p[i]))
+    }
+    if (p[i] == '\0' || IsAsciiLetter(p[i]))
         return false;
-    std::memcpy(kw.szKeyword, p, i);
     kw.szKeyword[i] = '\0';
 
     const bool bNegative = p[i] == '-';
