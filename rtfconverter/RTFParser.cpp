@@ -177,17 +177,23 @@ void CRTFParser::SkipAhead(std::size_t cb)
 }
 
 // Reads the bytes through Get, as the parse loop would: a source that offers
-// runs but whose Get differs from its offer still sees its own protocol.
-bool CRTFParser::ParseRun(const char* /*p*/, std::size_t cb)
+// runs but whose Get differs from its offer still sees its own protocol. A
+// ParseChar may read bytes itself (the old-format reader takes a picture's
+// hex digits in pairs), so the run ends where the read position leaves its
+// bytes, not after cb calls.
+bool CRTFParser::ParseRun(const char* p, std::size_t cb)
 {
     char ch = 0;
-    for (std::size_t i = 0; i < cb; ++i) {
+    for (;;) {
+        std::size_t cbAhead = 0;
+        const char* pRead = RunAhead(cbAhead);
+        if (!pRead || pRead < p || pRead >= p + cb)
+            return true;
         if (Get(ch) < 0)
             return true;
         if (!ParseChar(ch))
             return false;
     }
-    return true;
 }
 
 bool CRTFParser::ParseOrdinaryRun()

@@ -85,11 +85,12 @@ protected:
     virtual const char* RunAhead(std::size_t& cb) const;
     virtual void SkipAhead(std::size_t cb);
     // The bytes [p, p + cb) are the next ones at the read position, not read
-    // yet. Takes them as that many Get and ParseChar calls would, leaving the
-    // read position after the bytes taken; false when the output refused one
-    // (the read position is then before it). The default does exactly that
-    // byte by byte: a reader that overrides ParseChar and not ParseRun behaves
-    // as before. A reader overriding ParseRun to copy runs in bulk must keep
+    // yet. Takes them as Get and ParseChar calls would, leaving the read
+    // position after the bytes taken; false when the output refused one (the
+    // read position is then before it). The default does exactly that byte
+    // by byte until the read position leaves the run (a ParseChar may read
+    // bytes itself): a reader that overrides ParseChar and not ParseRun
+    // behaves as before. A reader overriding ParseRun to copy runs in bulk must keep
     // it equivalent to its ParseChar, and a class derived from such a reader
     // that overrides ParseChar must override ParseRun too (calling this one).
     virtual bool ParseRun(const char* p, std::size_t cb);

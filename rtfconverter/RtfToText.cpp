@@ -238,87 +238,39 @@ unsigned long CRTFToPlainTextParser::Read(bool& bMore)
 
 unsigned long CRTFToPlainTextPtrParser::Read(char* pBegin, char* pEnd, bool& bMore)
 {
-    m_pBegin = m_pCur = pBegin;
-    m_pEnd = pEnd;
+    OpenWindow(pBegin, pEnd);
     return CRTFToPlainTextParser::Read(bMore);
 }
 
-bool CRTFToPlainTextPtrParser::Put(char ch)
-{
-    if (m_pCur == m_pEnd)
-        return false;
-    *m_pCur++ = ch;
-    return true;
-}
+bool CRTFToPlainTextPtrParser::Put(char ch) { return PutByte(ch); }
 
 bool CRTFToPlainTextPtrParser::Put(const CString& s)
 {
-    // Room for the text and its NUL; the NUL is not counted, so the next put
-    // overwrites it.
-    const std::size_t len = static_cast<std::size_t>(s.GetLength());
-    if (len >= static_cast<std::size_t>(m_pEnd - m_pCur))
-        return false;
-    std::memcpy(m_pCur, s.GetString(), len + 1);
-    m_pCur += len;
-    return true;
+    return PutTerminated(s.GetString(), static_cast<std::size_t>(s.GetLength()));
 }
 
 std::size_t CRTFToPlainTextPtrParser::PutText(const char* p, std::size_t cb)
 {
-    const std::size_t n = std::min(cb, static_cast<std::size_t>(m_pEnd - m_pCur));
+    const std::size_t n = std::min(cb, Room());
     for (std::size_t i = 0; i < n; ++i)
         m_pCur[i] = IsReservedByte(p[i]) ? ' ' : p[i];
     m_pCur += n;
     return n;
 }
 
-unsigned long CRTFToPlainTextPtrParser::GetCBWritten() const
-{
-    return static_cast<unsigned long>(m_pCur - m_pBegin);
-}
+unsigned long CRTFToPlainTextPtrParser::GetCBWritten() const { return static_cast<unsigned long>(Written()); }
 
 // --- the byte-pointer source
 
 CBytePtrRTFToPlainTextPtrParser::CBytePtrRTFToPlainTextPtrParser(const unsigned char* pData, const unsigned long& cbData)
-    : m_pData(pData), m_cbData(pData ? cbData : 0), m_pRead(pData), m_pMark(nullptr)
+    : CByteCursor(pData, cbData)
 {
 }
 
-long CBytePtrRTFToPlainTextPtrParser::Get(char& ch)
-{
-    if (m_pRead == m_pData + m_cbData)
-        return E_UNEXPECTED;
-    ch = static_cast<char>(*m_pRead++);
-    return ch != '\0' ? S_OK : E_UNEXPECTED;
-}
-
-// The tokenizer never steps back over bytes it has not read; the clamps keep
-// a derived reader that does within the caller's bytes all the same.
-void CBytePtrRTFToPlainTextPtrParser::MarkBacktrack(int n)
-{
-    m_pMark = m_pRead - ClampBack(n);
-}
-
-void CBytePtrRTFToPlainTextPtrParser::Backtrack(int n)
-{
-    if (n == -1)
-        m_pRead = m_pMark ? m_pMark : m_pData;
-    else
-        m_pRead -= ClampBack(n);
-}
-
-const char* CBytePtrRTFToPlainTextPtrParser::RunAhead(std::size_t& cb) const
-{
-    cb = static_cast<std::size_t>(m_pData + m_cbData - m_pRead);
-    return reinterpret_cast<const char*>(m_pRead);
-}
-
-void CBytePtrRTFToPlainTextPtrParser::SkipAhead(std::size_t cb) { m_pRead += cb; }
-
-long CBytePtrRTFToPlainTextPtrParser::ClampBack(int n) const
-{
-    const long cbRead = static_cast<long>(m_pRead - m_pData);
-    return n < 0 ? 0 : (n > cbRead ? cbRead : n);
-}
+long CBytePtrRTFToPlainTextPtrParser::Get(char& ch) { return ReadByte(ch); }
+void CBytePtrRTFToPlainTextPtrParser::MarkBacktrack(int n) { MarkBack(n); }
+void CBytePtrRTFToPlainTextPtrParser::Backtrack(int n) { StepBack(n); }
+const char* CBytePtrRTFToPlainTextPtrParser::RunAhead(std::size_t& cb) const { return BytesAhead(cb); }
+void CBytePtrRTFToPlainTextPtrParser::SkipAhead(std::size_t cb) { StepAhead(cb); }
 
 } // namespace rtf_converter

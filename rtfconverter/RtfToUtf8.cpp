@@ -225,13 +225,12 @@ void CRTFToUTF8Parser::Init()
 
 unsigned long CRTFToUTF8Parser::Read(char* pBegin, char* pEnd, bool& bMore)
 {
-    m_pBegin = m_pCur = pBegin;
-    m_pEnd = pEnd;
+    OpenWindow(pBegin, pEnd);
     while (!m_bParseEnded) {
         Parse(bMore);
         if (bMore) {
             NoteLastByte();
-            return static_cast<unsigned long>(m_pCur - m_pBegin);
+            return static_cast<unsigned long>(Written());
         }
         // The core stops where the outermost group closes: a document ends
         // there, a fragment goes on with its next group. Each Parse call reads
@@ -245,7 +244,7 @@ unsigned long CRTFToUTF8Parser::Read(char* pBegin, char* pEnd, bool& bMore)
     }
     bMore = !FinishText();
     NoteLastByte();
-    return static_cast<unsigned long>(m_pCur - m_pBegin);
+    return static_cast<unsigned long>(Written());
 }
 
 void CRTFToUTF8Parser::NoteLastByte()
@@ -590,7 +589,7 @@ bool CRTFToUTF8Parser::PayOwed()
 {
     if (m_owed.empty())
         return true;
-    const std::size_t cbRoom = static_cast<std::size_t>(m_pEnd - m_pCur);
+    const std::size_t cbRoom = Room();
     const std::size_t cb = std::min(cbRoom, m_owed.size() - m_iOwed);
     std::memcpy(m_pCur, m_owed.data() + m_iOwed, cb);
     m_pCur += cb;
@@ -1050,7 +1049,7 @@ bool CRTFToUTF8Parser::ObjectData(const void*, int) { return true; }
 // --- the byte-pointer source
 
 CBytePtrRTFToUTF8PtrParser::CBytePtrRTFToUTF8PtrParser(const unsigned char* pData, const unsigned long& cbData)
-    : m_pData(pData), m_cbData(pData ? cbData : 0), m_pRead(pData), m_pMark(nullptr)
+    : CByteCursor(pData, cbData)
 {
     static const unsigned char s_bom[] = {0xEF, 0xBB, 0xBF};
     if (m_cbData >= sizeof s_bom && std::memcmp(m_pData, s_bom, sizeof s_bom) == 0)
@@ -1059,57 +1058,18 @@ CBytePtrRTFToUTF8PtrParser::CBytePtrRTFToUTF8PtrParser(const unsigned char* pDat
 
 long CBytePtrRTFToUTF8PtrParser::Get(char& ch)
 {
-    if (m_pRead == m_pData + m_cbData)
+    if (AtEnd())
         return E_UNEXPECTED;
-    ch = static_cast<char>(*m_pRead++);
-    if (ch != '\0')
-        return S_OK;
-    m_bNulRead = true;
-    return E_UNEXPECTED;
+    const long hr = ReadByte(ch);
+    m_bNulRead = m_bNulRead || hr < 0;  // the byte read was a NUL
+    return hr;
 }
 
-bool CBytePtrRTFToUTF8PtrParser::AtEndOfInput() const
-{
-    return m_bNulRead || m_pRead == m_pData + m_cbData;
-}
-
-long CBytePtrRTFToUTF8PtrParser::Get(int n, unsigned char* pDest)
-{
-    const unsigned long cbLeft = static_cast<unsigned long>(m_pData + m_cbData - m_pRead);
-    const unsigned long cb = n <= 0 ? 0 : std::min(static_cast<unsigned long>(n), cbLeft);
-    if (pDest && cb)
-        std::memcpy(pDest, m_pRead, cb);
-    m_pRead += cb;
-    return n >= 0 && cb == static_cast<unsigned long>(n) ? S_OK : E_UNEXPECTED;
-}
-
-// The tokenizer never steps back over bytes it has not read; the clamps keep
-// the read position within the caller's bytes all the same.
-void CBytePtrRTFToUTF8PtrParser::MarkBacktrack(int n)
-{
-    m_pMark = m_pRead - ClampBack(n);
-}
-
-void CBytePtrRTFToUTF8PtrParser::Backtrack(int n)
-{
-    if (n == -1)
-        m_pRead = m_pMark ? m_pMark : m_pData;
-    else
-        m_pRead -= ClampBack(n);
-}
-
-const char* CBytePtrRTFToUTF8PtrParser::RunAhead(std::size_t& cb) const
-{
-    cb = static_cast<std::size_t>(m_pData + m_cbData - m_pRead);
-    return reinterpret_cast<const char*>(m_pRead);
-}
-
-void CBytePtrRTFToUTF8PtrParser::SkipAhead(std::size_t cb) { m_pRead += cb; }
-
-long CBytePtrRTFToUTF8PtrParser::ClampBack(int n) const
-{
-    const long cbRead = static_cast<long>(m_pRead - m_pData);
-    return n < 0 ? 0 : (n > cbRead ? cbRead : n);
-}
+bool CBytePtrRTFToUTF8PtrParser::AtEndOfInput() const { return m_bNulRead || AtEnd(); }
+long CBytePtrRTFToUTF8PtrParser::Get(int n, unsigned char* pDest) { return ReadBlock(n, pDest); }
+void CBytePtrRTFToUTF8PtrParser::MarkBacktrack(int n) { MarkBack(n); }
+void CBytePtrRTFToUTF8PtrParser::Backtrack(int n) { StepBack(n); }
+const char* CBytePtrRTFToUTF8PtrParser::RunAhead(std::size_t& cb) const { return BytesAhead(cb); }
+void CBytePtrRTFToUTF8PtrParser::SkipAhead(std::size_t cb) { StepAhead(cb); }
 
 } // namespace rtf_converter

@@ -58,13 +58,14 @@
 #include <unordered_map>
 
 #include "rtfconverter/BaseRTFParser.h"
+#include "rtfconverter/ReaderPlumbing.h"
 
 namespace rtf_converter {
 
 // A code page's decoding tables (rtfconverter/CodePages.h).
 class CCodePage;
 
-class RTFCONV_API CRTFToUTF8Parser : protected CBaseRTFParser {
+class RTFCONV_API CRTFToUTF8Parser : protected CBaseRTFParser, protected COutputWindow {
 public:
     enum Newline { newlineLF, newlineCRLF, newlineCR };
 
@@ -276,10 +277,6 @@ private:
     int m_iPnFont = -1;               // \pnf of the \pn group being read
     int m_iNumberFont = -1;           // \pnf of the paragraph's numbering
 
-    char* m_pBegin = nullptr;
-    char* m_pEnd = nullptr;
-    char* m_pCur = nullptr;
-
     GroupState m_state;
     std::unordered_map<int, const CCodePage*> m_fonts;  // \fN -> page; null: the document's
     int m_iFontEntry = -1;            // the font table entry being read
@@ -299,7 +296,7 @@ private:
     int m_cchNewline = 1;
 };
 
-class RTFCONV_API CBytePtrRTFToUTF8PtrParser : public CRTFToUTF8Parser {
+class RTFCONV_API CBytePtrRTFToUTF8PtrParser : public CRTFToUTF8Parser, protected CByteCursor {
 public:
     // The bytes are not copied: they must stay valid and unchanged for the
     // object's life. A NUL byte in text ends the input early, as it does for
@@ -310,7 +307,12 @@ public:
     CBytePtrRTFToUTF8PtrParser& operator=(const CBytePtrRTFToUTF8PtrParser&) = default;
     ~CBytePtrRTFToUTF8PtrParser() = default;
 
+    // The bytes read so far; after the last Read, where the document ended.
+    using CByteCursor::BytesConsumed;
+
 protected:
+    // The cursor's bytes; a derived reader that changes what Get delivers
+    // must offer no runs (RunAhead returning null), see CRTFParser.
     long Get(char& ch) override;
     long Get(int n, unsigned char* pDest) override;
     bool AtEndOfInput() const override;
@@ -319,14 +321,7 @@ protected:
     const char* RunAhead(std::size_t& cb) const override;
     void SkipAhead(std::size_t cb) override;
 
-    const unsigned char* m_pData;
-    unsigned long m_cbData;
-    const unsigned char* m_pRead;
-    const unsigned char* m_pMark;
     bool m_bNulRead = false;
-
-private:
-    long ClampBack(int n) const;
 };
 
 } // namespace rtf_converter
