@@ -4,6 +4,7 @@
 #include <initializer_list>
 
 #include "hostlibs/VQLogger.h"
+#include "rtfconverter/ByteScan.h"
 
 namespace rtf_converter {
 
@@ -31,10 +32,17 @@ constexpr CRunStopTable kRunStops;
 
 std::size_t OrdinaryRunLength(const char* p, std::size_t cb)
 {
-    std::size_t n = 0;
-    while (n < cb && !kRunStops.stop[static_cast<unsigned char>(p[n])])
-        ++n;
-    return n;
+#if RTFCONV_SCAN_SSE2
+    using byte_scan::Is;
+    auto blockStops = [](__m128i v) {
+        return _mm_or_si128(_mm_or_si128(_mm_or_si128(Is(v, '\\'), Is(v, '{')), _mm_or_si128(Is(v, '}'), Is(v, '\r'))),
+                            _mm_or_si128(Is(v, '\n'), Is(v, '\0')));
+    };
+#else
+    auto blockStops = [](int) { return 0; };
+#endif
+    return byte_scan::LengthBefore(p, cb, blockStops,
+                                   [](char ch) { return kRunStops.stop[static_cast<unsigned char>(ch)]; });
 }
 
 // A control word or control symbol read straight from bytes in memory, as

@@ -5,6 +5,7 @@
 
 #include "hostlibs/VQLogger.h"
 #include "platform/WinTypes.h"
+#include "rtfconverter/ByteScan.h"
 
 namespace rtf_converter {
 
@@ -19,6 +20,19 @@ inline bool IsReservedByte(char ch)
 {
     const unsigned char b = static_cast<unsigned char>(ch);
     return b <= 0x03 || b == 0x17;
+}
+
+// The offset of the first reserved byte of [p, p + cb); cb when none is.
+std::size_t ReservedByteOffset(const char* p, std::size_t cb)
+{
+#if RTFCONV_SCAN_SSE2
+    auto blockStops = [](__m128i v) {
+        return _mm_or_si128(_mm_cmpeq_epi8(_mm_min_epu8(v, byte_scan::Splat(0x03)), v), byte_scan::Is(v, 0x17));
+    };
+#else
+    auto blockStops = [](int) { return 0; };
+#endif
+    return byte_scan::LengthBefore(p, cb, blockStops, IsReservedByte);
 }
 
 } // namespace
@@ -249,11 +263,14 @@ bool CRTFToPlainTextPtrParser::Put(const CString& s)
     return PutTerminated(s.GetString(), static_cast<std::size_t>(s.GetLength()));
 }
 
+// Copied whole; the reserved bytes, which text seldom holds, are then found
+// 16 at a time and blanked.
 std::size_t CRTFToPlainTextPtrParser::PutText(const char* p, std::size_t cb)
 {
     const std::size_t n = std::min(cb, Room());
-    for (std::size_t i = 0; i < n; ++i)
-        m_pCur[i] = IsReservedByte(p[i]) ? ' ' : p[i];
+    std::memcpy(m_pCur, p, n);
+    for (std::size_t i = ReservedByteOffset(m_pCur, n); i < n; i += 1 + ReservedByteOffset(m_pCur + i + 1, n - i - 1))
+        m_pCur[i] = ' ';
     m_pCur += n;
     return n;
 }

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "platform/WinTypes.h"
+#include "rtfconverter/ByteScan.h"
 #include "rtfconverter/CodePages.h"
 
 namespace rtf_converter {
@@ -386,22 +387,55 @@ bool CRTFToUTF8Parser::ParseRun(const char* p, std::size_t cb)
         SkipAhead(cb);
         return true;
     }
-    // ParseChar's quickest case, over as many bytes as it holds for.
+    // ParseChar's quickest case over as many bytes as it holds for, each
+    // other byte through ParseChar itself, stepped over as Get steps over it.
     std::size_t n = 0;
-    if (!m_chLeadByte && !m_highSurrogate && !IsTextOwed()) {
-        const CCodePage& page = CurrentPage();
-        for (; n < cb && m_pCur != m_pEnd; ++n) {
-            const unsigned char b = static_cast<unsigned char>(p[n]);
-            if (page.IsLeadByte(b))
-                break;
-            const char32_t cp = page.Single(b);
-            if (cp < 0x20 || cp >= 0x7F)
-                break;
-            *m_pCur++ = static_cast<char>(cp);
-        }
+    for (;;) {
+        const std::size_t cbCopied = CopyPrintableText(p + n, cb - n);
+        SkipAhead(cbCopied);
+        n += cbCopied;
+        if (n == cb)
+            return true;
+        SkipAhead(1);
+        if (!ParseChar(p[n]))
+            return false;
+        ++n;
     }
-    SkipAhead(n);
-    return n == cb || CBaseRTFParser::ParseRun(p + n, cb - n);
+}
+
+std::size_t CRTFToUTF8Parser::CopyPrintableText(const char* p, std::size_t cb)
+{
+    if (m_chLeadByte || m_highSurrogate || IsTextOwed())
+        return 0;
+    const CCodePage& page = CurrentPage();
+    const std::size_t cbMax = std::min(cb, Room());
+    std::size_t n = 0;
+    if (KeepsPrintableAscii(page)) {
+        n = byte_scan::PrintableAsciiLength(p, cbMax);
+        std::memcpy(m_pCur, p, n);
+        m_pCur += n;
+    }
+    for (; n < cbMax; ++n) {
+        const unsigned char b = static_cast<unsigned char>(p[n]);
+        if (page.IsLeadByte(b))
+            break;
+        const char32_t cp = page.Single(b);
+        if (cp < 0x20 || cp >= 0x7F)
+            break;
+        *m_pCur++ = static_cast<char>(cp);
+    }
+    return n;
+}
+
+bool CRTFToUTF8Parser::KeepsPrintableAscii(const CCodePage& page)
+{
+    if (&page != m_pAsciiCheckedPage) {
+        m_pAsciiCheckedPage = &page;
+        m_bPageKeepsAscii = true;
+        for (unsigned b = 0x20; b < 0x7F && m_bPageKeepsAscii; ++b)
+            m_bPageKeepsAscii = !page.IsLeadByte(static_cast<unsigned char>(b)) && page.Single(static_cast<unsigned char>(b)) == b;
+    }
+    return m_bPageKeepsAscii;
 }
 
 bool CRTFToUTF8Parser::ParseChar(char ch)

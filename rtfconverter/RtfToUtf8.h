@@ -217,6 +217,13 @@ private:
     void AddToFontName(char ch);
     // Remembers the last byte written to the caller's buffer.
     void NoteLastByte();
+    // Writes the first bytes of [p, p + cb) that are printable ASCII in the
+    // current page, as ParseChar would, and returns how many; none while a
+    // character is pending or something is owed.
+    std::size_t CopyPrintableText(const char* p, std::size_t cb);
+    // True when the page decodes printable ASCII as itself (the Windows and
+    // Mac pages do; symbol fonts do not).
+    bool KeepsPrintableAscii(const CCodePage& page);
 
     // Owed before the next visible text: the TAB between two cells, the
     // generated number of a paragraph. False when refused.
@@ -291,6 +298,9 @@ private:
     int m_cGroupUpr = 0;              // depth of the \upr group being read; 0: none
     RDS m_rdsBeforeUpr = rdsNorm;
     bool m_bParseEnded = false;
+
+    const CCodePage* m_pAsciiCheckedPage = nullptr;  // the page KeepsPrintableAscii last judged
+    bool m_bPageKeepsAscii = false;
 
     char m_szNewline[3] = "\n";
     int m_cchNewline = 1;

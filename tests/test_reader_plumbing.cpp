@@ -263,6 +263,38 @@ TEST(KeywordFastPath, ReadersGiveTheSameTextWhenTheSourceOffersNoRuns)
     }
 }
 
+TEST(KeywordFastPath, RunsOfEveryKindGiveTheTextOfTheByteByBytePath)
+{
+    const std::string filler(40, 'x');
+    const std::string rows[] = {
+        // Reserved bytes at the edges of 16-byte blocks.
+        "{\\rtf1 \x01" + filler + "\x17" + filler.substr(0, 14) + "\x02\x03" + filler + "\x01}",
+        // 8-bit bytes inside long runs of ASCII, in the document's page and
+        // in a symbol font.
+        "{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}{\\f1\\fcharset2 Symbol;}}\\f0 " + filler + "\xe9t\xe9" + filler +
+            "\x7f\x80 {\\f1 " + filler + "abc}\\par}",
+        // Lead and trail bytes of a double-byte page.
+        "{\\rtf1\\ansi\\ansicpg932 " + filler + "\x82\xa0" + filler + "\x82}",
+        // Skipped destinations and hex data in lines.
+        "{\\rtf1 a{\\*\\unknown " + filler + "\r\n" + filler + "}{\\pict\\pngblip 0102\r\n0304\n\r0506}b\\par}",
+    };
+    for (const std::string& rtf : rows)
+        for (std::size_t cbBuffer = 4; cbBuffer <= rtf.size() + 4; cbBuffer += 3) {
+            ExpectSameTextWithoutRuns<CBytePtrRTFToPlainTextPtrParser>(rtf, cbBuffer);
+            ExpectSameTextWithoutRuns<CBytePtrRTFToUTF8PtrParser>(rtf, cbBuffer);
+        }
+
+    CBytePtrRTFToPlainTextPtrParser text(Bytes(rows[0]), static_cast<unsigned long>(rows[0].size()));
+    EXPECT_EQ(ReadText(text, 64), " " + filler + " " + filler.substr(0, 14) + "  " + filler + " ");
+    CBytePtrRTFToUTF8PtrParser utf8(Bytes(rows[1]), static_cast<unsigned long>(rows[1].size()));
+    // In the symbol font x is a xi, a b c are alpha beta chi.
+    std::string xis;
+    for (std::size_t i = 0; i < filler.size(); ++i)
+        xis += "\xCE\xBE";
+    EXPECT_EQ(ReadText(utf8, 64).substr(filler.size()),
+              "\xC3\xA9t\xC3\xA9" + filler + "\xE2\x82\xAC " + xis + "\xCE\xB1\xCE\xB2\xCF\x87\n");
+}
+
 namespace {
 
 // The offsets BytesConsumed gives after each Read with a buffer of cbBuffer.
