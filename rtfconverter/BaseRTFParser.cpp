@@ -6,6 +6,7 @@
 
 #include "hostlibs/VQLogger.h"
 #include "platform/WinTypes.h"
+#include "rtfconverter/KeywordIndex.h"
 
 namespace rtf_converter {
 
@@ -108,69 +109,6 @@ const CBaseRTFParser::tagCMDASSN CBaseRTFParser::s_Cmds[CBaseRTFParser::cCmds] =
 
 namespace {
 
-// An open-addressing index over s_Cmds, built once, that gives the row a
-// linear first-match scan would give: each keyword is entered only at its
-// first row, so shadowed rows (the second "pnlcrm") stay unreachable.
-//
-// Most control words of a document are not in the table, so a miss must be
-// cheap: the hash takes the length and the first and last letters, which
-// the lookup has after one pass over the word, and a slot is compared by
-// length before its bytes are.
-class CKeywordIndex {
-public:
-    static constexpr unsigned cSlots = 512;  // a power of two, well above 90
-
-    CKeywordIndex(const CBaseRTFParser::tagCMDASSN* rows, int cRows) : m_rows(rows)
-    {
-        for (int row = 0; row < cRows; ++row) {
-            const std::size_t len = std::strlen(rows[row].szKeyword);
-            if (Find(rows[row].szKeyword, len) >= 0)
-                continue;  // shadowed by an earlier row
-            unsigned slot = Hash(rows[row].szKeyword, len);
-            while (m_slots[slot].row != 0)
-                slot = (slot + 1) & (cSlots - 1);
-            m_slots[slot].row = static_cast<std::uint8_t>(row + 1);
-            m_slots[slot].len = static_cast<std::uint8_t>(len);
-        }
-    }
-
-    int Find(const char* szKeyword) const
-    {
-        std::size_t len = 0;
-        while (szKeyword[len] != '\0')
-            ++len;
-        return Find(szKeyword, len);
-    }
-
-private:
-    struct Slot {
-        std::uint8_t row = 0;  // row + 1; 0 marks an empty slot
-        std::uint8_t len = 0;
-    };
-
-    int Find(const char* szKeyword, std::size_t len) const
-    {
-        if (len == 0 || len > CRTFParser::maxKeywordLength)
-            return -1;  // every row has a keyword of 1 to 10 letters
-        for (unsigned slot = Hash(szKeyword, len); m_slots[slot].row != 0; slot = (slot + 1) & (cSlots - 1)) {
-            const int row = m_slots[slot].row - 1;
-            if (m_slots[slot].len == len && std::memcmp(m_rows[row].szKeyword, szKeyword, len) == 0)
-                return row;
-        }
-        return -1;
-    }
-
-    static unsigned Hash(const char* sz, std::size_t len)
-    {
-        const unsigned first = static_cast<unsigned char>(sz[0]);
-        const unsigned last = static_cast<unsigned char>(sz[len - 1]);
-        return (first * 37u + last * 11u + static_cast<unsigned>(len) * 101u) & (cSlots - 1);
-    }
-
-    const CBaseRTFParser::tagCMDASSN* m_rows;
-    Slot m_slots[cSlots] = {};
-};
-
 // A handler's keyword compared without a library call: handlers shared by
 // many keywords ask this for every one of them.
 inline bool IsKeyword(const void* pKeyword, const char* sz)
@@ -185,10 +123,20 @@ inline bool IsKeyword(const void* pKeyword, const char* sz)
 
 } // namespace
 
+const CKeywordIndex& CBaseRTFParser::KeywordIndex()
+{
+    static const CKeywordIndex s_index = [] {
+        CKeywordIndex index;
+        for (int row = 0; row < cCmds; ++row)
+            index.Add(s_Cmds[row].szKeyword, row);
+        return index;
+    }();
+    return s_index;
+}
+
 int CBaseRTFParser::FindKeyword(const char* szKeyword)
 {
-    static const CKeywordIndex s_index(s_Cmds, cCmds);
-    return s_index.Find(szKeyword);
+    return KeywordIndex().Find(szKeyword);
 }
 
 // --- life cycle and the group stack
@@ -301,7 +249,11 @@ bool CBaseRTFParser::TranslateKeyword(const char* szKeyword, int param)
     if (m_rds == rdsSkip)
         return true;
 
-    const int row = FindKeyword(szKeyword);
+    return TranslateKeywordAt(FindKeyword(szKeyword), szKeyword, param);
+}
+
+bool CBaseRTFParser::TranslateKeywordAt(int row, const char* szKeyword, int param)
+{
     if (row >= 0) {
         m_bOptionalDest = false;
         return (this->*s_Cmds[row].pfnHandler)(szKeyword, param);

@@ -7,6 +7,7 @@
 #include "platform/WinTypes.h"
 #include "rtfconverter/ByteScan.h"
 #include "rtfconverter/CodePages.h"
+#include "rtfconverter/KeywordIndex.h"
 
 namespace rtf_converter {
 
@@ -61,30 +62,9 @@ constexpr bool IsSortedByKeyword(const Row (&rows)[N])
     return true;
 }
 
-// The rows of a sorted table whose keywords begin with each byte, so that
-// most of the core's keywords are turned away with one look.
-struct FirstByteIndex {
-    unsigned char begin[256];
-    unsigned char end[256];  // 0: no keyword begins with the byte
-};
-
-template <typename Row, std::size_t N>
-constexpr FirstByteIndex IndexByFirstByte(const Row (&rows)[N])
-{
-    static_assert(N < 256, "row numbers are kept in bytes");
-    FirstByteIndex index{};
-    for (std::size_t i = N; i-- > 0;) {
-        const unsigned char first = static_cast<unsigned char>(rows[i].szKeyword[0]);
-        index.begin[first] = static_cast<unsigned char>(i);
-        if (index.end[first] == 0)
-            index.end[first] = static_cast<unsigned char>(i + 1);
-    }
-    return index;
-}
-
 } // namespace
 
-const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(const char* szKeyword)
+const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::UnicodeKeywordRows(std::size_t& cRows)
 {
     typedef CRTFToUTF8Parser P;
     // What the core's keyword table does not know, or knows only as a byte
@@ -157,22 +137,35 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(con
         {"~", &P::InsertCharacter, 0x00A0, false},         // non-breaking space
     };
     static_assert(IsSortedByKeyword(s_rows), "the keyword rows must stay sorted");
-    static constexpr FirstByteIndex s_index = IndexByFirstByte(s_rows);
+    cRows = sizeof s_rows / sizeof s_rows[0];
+    return s_rows;
+}
 
-    // The first bytes are equal within a range; most keywords differ at the
-    // second, so the rest is compared here rather than by strcmp.
-    const unsigned char first = static_cast<unsigned char>(szKeyword[0]);
-    for (unsigned row = s_index.begin[first]; row < s_index.end[first]; ++row) {
-        const char* a = s_rows[row].szKeyword + 1;
-        const char* b = szKeyword + 1;
-        while (*a && *a == *b) {
-            ++a;
-            ++b;
-        }
-        if (*a == *b)
-            return &s_rows[row];
-    }
-    return nullptr;
+// Each keyword is looked up once, in one index over both tables: the
+// reader's own rows under their numbers, then the core's rows under theirs
+// plus the number of own rows (a word in both is the reader's own).
+const CKeywordIndex& CRTFToUTF8Parser::KeywordIndex(std::size_t& cOwnRows)
+{
+    static std::size_t s_cOwnRows = 0;
+    static const CKeywordIndex s_index = [] {
+        CKeywordIndex index;
+        const UnicodeKeyword* rows = UnicodeKeywordRows(s_cOwnRows);
+        for (std::size_t row = 0; row < s_cOwnRows; ++row)
+            index.Add(rows[row].szKeyword, static_cast<int>(row));
+        for (int row = 0; row < cCmds; ++row)
+            index.Add(s_Cmds[row].szKeyword, static_cast<int>(s_cOwnRows) + row);
+        return index;
+    }();
+    cOwnRows = s_cOwnRows;
+    return s_index;
+}
+
+const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(const char* szKeyword)
+{
+    std::size_t cOwnRows = 0;
+    const int number = KeywordIndex(cOwnRows).Find(szKeyword);
+    std::size_t cRows = 0;
+    return number >= 0 && static_cast<std::size_t>(number) < cOwnRows ? &UnicodeKeywordRows(cRows)[number] : nullptr;
 }
 
 // --- life cycle
@@ -348,13 +341,20 @@ bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
             return SkipFallbackKeyword(szKeyword);
         m_cchUnicodeSkip = 0;
     }
-    const UnicodeKeyword* pRow = FindUnicodeKeyword(szKeyword);
-    if (!pRow)
-        return CBaseRTFParser::TranslateKeyword(szKeyword, param);
-    if (m_rds == rdsSkip && !pRow->bInSkip)
+    std::size_t cOwnRows = 0;
+    const int number = KeywordIndex(cOwnRows).Find(szKeyword);
+    if (number < 0 || static_cast<std::size_t>(number) >= cOwnRows) {
+        // What CBaseRTFParser::TranslateKeyword does, without a second lookup.
+        if (m_rds == rdsSkip)
+            return true;
+        return TranslateKeywordAt(number < 0 ? -1 : number - static_cast<int>(cOwnRows), szKeyword, param);
+    }
+    std::size_t cRows = 0;
+    const UnicodeKeyword& row = UnicodeKeywordRows(cRows)[number];
+    if (m_rds == rdsSkip && !row.bInSkip)
         return true;
     m_bOptionalDest = false;
-    return (this->*pRow->pfnHandler)(pRow->cp, param);
+    return (this->*row.pfnHandler)(row.cp, param);
 }
 
 bool CRTFToUTF8Parser::SkipFallbackKeyword(const char* szKeyword)

@@ -155,6 +155,11 @@ protected:
         bool bInSkip;    // also honoured inside a skipped destination
     };
     static const UnicodeKeyword* FindUnicodeKeyword(const char* szKeyword);
+    // The rows, sorted by keyword.
+    static const UnicodeKeyword* UnicodeKeywordRows(std::size_t& cRows);
+    // One index over the rows and the core's keyword table; numbers from
+    // cOwnRows up are the core's rows plus cOwnRows.
+    static const CKeywordIndex& KeywordIndex(std::size_t& cOwnRows);
 
     // --- handlers of the reader's own keywords
     bool InsertCharacter(char32_t cp, int param);
