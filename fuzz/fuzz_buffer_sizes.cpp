@@ -52,7 +52,7 @@ std::string Utf8Text(const std::string& rtf, std::size_t cbBuffer)
 
 std::string PtrImportText(const std::string& rtf, std::size_t cbBuffer)
 {
-    rtfconv_fuzz::CPtrReader reader(rtf.c_str());
+    rtf_converter::CRTFPtrImport reader(rtf.c_str());
     return WithoutCommands(rtfconv_fuzz::ImportAll(reader, cbBuffer));
 }
 
@@ -61,7 +61,7 @@ std::string StreamImportText(const std::string& rtf, std::size_t cbBuffer)
     IStream* pStream = rtfconv_fuzz::StreamOver(reinterpret_cast<const std::uint8_t*>(rtf.data()), rtf.size());
     std::string text;
     {
-        rtfconv_fuzz::CStreamReader reader(pStream);
+        rtf_converter::CRTFStreamImport reader(pStream);
         text = WithoutCommands(rtfconv_fuzz::ImportAll(reader, cbBuffer));
     }
     pStream->Release();

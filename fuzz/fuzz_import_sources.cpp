@@ -56,13 +56,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         EndsInsideControlWord(text))
         return 0;
 
-    rtfconv_fuzz::CPtrReader ptrReader(text.c_str());
+    rtf_converter::CRTFPtrImport ptrReader(text.c_str());
     const std::string fromPtr = Convert(ptrReader);
 
     IStream* pStream = rtfconv_fuzz::StreamOver(data, size);
     std::string fromStream;
     {
-        rtfconv_fuzz::CStreamReader streamReader(pStream);
+        rtf_converter::CRTFStreamImport streamReader(pStream);
         fromStream = Convert(streamReader);
     }
     pStream->Release();

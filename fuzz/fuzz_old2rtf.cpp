@@ -38,15 +38,15 @@ public:
 // with the outermost group closed.
 class CGroupProbe : public rtf_converter::CBytePtrRTFToPlainTextPtrParser {
 public:
-    CGroupProbe(const unsigned char* p, const unsigned long& cb) : CBytePtrRTFToPlainTextPtrParser(p, cb), m_pEnd(p + cb) {}
+    CGroupProbe(const unsigned char* p, const unsigned long& cb) : CBytePtrRTFToPlainTextPtrParser(p, cb), m_cb(cb) {}
     bool ReadsBalanced()
     {
         rtfconv_fuzz::ReadAll(*this, 4096);
-        return m_cGroup == 0 && m_pRead == m_pEnd;
+        return m_cGroup == 0 && BytesConsumed() == m_cb;
     }
 
 private:
-    const unsigned char* m_pEnd;
+    unsigned long m_cb;
 };
 
 std::vector<BYTE> TinyDib()

@@ -47,12 +47,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     const std::string text(reinterpret_cast<const char*>(data), size);
     for (std::size_t cbBuffer : {std::size_t(63), std::size_t(64 * 1024)}) {
-        rtfconv_fuzz::CPtrReader ptrReader(text.c_str());
+        rtf_converter::CRTFPtrImport ptrReader(text.c_str());
         ImportWithFilter(ptrReader, cbBuffer);
 
         IStream* pStream = rtfconv_fuzz::StreamOver(data, size);
         {
-            rtfconv_fuzz::CStreamReader streamReader(pStream);
+            rtf_converter::CRTFStreamImport streamReader(pStream);
             ImportWithFilter(streamReader, cbBuffer);
         }
         pStream->Release();

@@ -16,12 +16,12 @@ namespace {
 
 class CGroupProbe : public rtf_converter::CBytePtrRTFToPlainTextPtrParser {
 public:
-    CGroupProbe(const unsigned char* p, const unsigned long& cb) : CBytePtrRTFToPlainTextPtrParser(p, cb), m_pEnd(p + cb) {}
+    CGroupProbe(const unsigned char* p, const unsigned long& cb) : CBytePtrRTFToPlainTextPtrParser(p, cb), m_cb(cb) {}
     std::string ReadText() { return rtfconv_fuzz::ReadAll(*this, 4096); }
-    bool Balanced() const { return m_cGroup == 0 && m_pRead == m_pEnd; }
+    bool Balanced() const { return m_cGroup == 0 && BytesConsumed() == m_cb; }
 
 private:
-    const unsigned char* m_pEnd;
+    unsigned long m_cb;
 };
 
 std::string ExpectedText(const std::string& input)

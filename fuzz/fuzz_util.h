@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "rtfconverter/ReaderPlumbing.h"
+
 namespace rtfconv_fuzz {
 
 // A failed property: print why, then abort so that libFuzzer (or the replay
@@ -19,30 +21,25 @@ namespace rtfconv_fuzz {
         }                                                                             \
     } while (0)
 
-// A Read that returns nothing while more is to come is not stuck: the next
-// put is a string longer than the buffer (a paragraph number). The buffer is
-// doubled then, as the command-line tool does; only past this size is a
-// reader that makes no progress a fault.
-constexpr std::size_t kMaxReadBuffer = 16u << 20;
+// Pulls the whole output of a reader, starting with a buffer of cbBuffer
+// bytes. A Read that makes no progress while more is to come is not stuck:
+// the next put is a string longer than the buffer (a paragraph number), and
+// the buffer grows then, as the command-line tool's does; only past 16 MiB is
+// a reader that makes no progress a fault.
+template <class Reader>
+void ReadAllInto(Reader& reader, std::string& out, std::size_t cbBuffer)
+{
+    const rtf_converter::ReadResult result =
+        rtf_converter::ReadAll(reader, [&](const char* p, std::size_t cb) { out.append(p, cb); }, cbBuffer);
+    FUZZ_CHECK(result != rtf_converter::ReadResult::overrun, "Read reports more bytes than the buffer holds");
+    FUZZ_CHECK(result != rtf_converter::ReadResult::stalled, "Read makes no progress even with a large buffer");
+}
 
-// Pulls the whole output of a reader with the Read(pBegin, pEnd, bMore)
-// protocol, starting with a buffer of cbBuffer bytes.
 template <class Reader>
 std::string ReadAll(Reader& reader, std::size_t cbBuffer)
 {
     std::string out;
-    std::vector<char> buffer(cbBuffer);
-    bool bMore = true;
-    while (bMore) {
-        char* const pBegin = buffer.data();
-        const unsigned long cb = reader.Read(pBegin, pBegin + buffer.size(), bMore);
-        FUZZ_CHECK(cb <= buffer.size(), "Read reports more bytes than the buffer holds");
-        out.append(pBegin, cb);
-        if (cb == 0 && bMore) {
-            FUZZ_CHECK(buffer.size() < kMaxReadBuffer, "Read makes no progress even with a large buffer");
-            buffer.resize(buffer.size() * 2);
-        }
-    }
+    ReadAllInto(reader, out, cbBuffer);
     return out;
 }
 

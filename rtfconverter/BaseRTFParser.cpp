@@ -6,6 +6,7 @@
 
 #include "hostlibs/VQLogger.h"
 #include "platform/WinTypes.h"
+#include "rtfconverter/KeywordIndex.h"
 
 namespace rtf_converter {
 
@@ -108,58 +109,34 @@ const CBaseRTFParser::tagCMDASSN CBaseRTFParser::s_Cmds[CBaseRTFParser::cCmds] =
 
 namespace {
 
-// An open-addressing index over s_Cmds, built once, that gives the row a
-// linear first-match scan would give: each keyword is entered only at its
-// first row, so shadowed rows (the second "pnlcrm") stay unreachable.
-class CKeywordIndex {
-public:
-    static constexpr unsigned cSlots = 256;  // a power of two, well above 90
-
-    CKeywordIndex(const CBaseRTFParser::tagCMDASSN* rows, int cRows) : m_rows(rows)
-    {
-        for (int row = 0; row < cRows; ++row) {
-            unsigned slot = Hash(rows[row].szKeyword) & (cSlots - 1);
-            bool bShadowed = false;
-            for (; m_slots[slot] != 0; slot = (slot + 1) & (cSlots - 1)) {
-                if (std::strcmp(rows[m_slots[slot] - 1].szKeyword, rows[row].szKeyword) == 0) {
-                    bShadowed = true;
-                    break;
-                }
-            }
-            if (!bShadowed)
-                m_slots[slot] = static_cast<std::uint8_t>(row + 1);
-        }
+// A handler's keyword compared without a library call: handlers shared by
+// many keywords ask this for every one of them.
+inline bool IsKeyword(const void* pKeyword, const char* sz)
+{
+    const char* p = static_cast<const char*>(pKeyword);
+    while (*p != '\0' && *p == *sz) {
+        ++p;
+        ++sz;
     }
-
-    int Find(const char* szKeyword) const
-    {
-        for (unsigned slot = Hash(szKeyword) & (cSlots - 1); m_slots[slot] != 0; slot = (slot + 1) & (cSlots - 1)) {
-            const int row = m_slots[slot] - 1;
-            if (std::strcmp(m_rows[row].szKeyword, szKeyword) == 0)
-                return row;
-        }
-        return -1;
-    }
-
-private:
-    static unsigned Hash(const char* sz)
-    {
-        unsigned h = 2166136261u;  // FNV-1a
-        for (const unsigned char* p = reinterpret_cast<const unsigned char*>(sz); *p; ++p)
-            h = (h ^ *p) * 16777619u;
-        return h ^ (h >> 8);
-    }
-
-    const CBaseRTFParser::tagCMDASSN* m_rows;
-    std::uint8_t m_slots[cSlots] = {};  // row + 1; 0 marks an empty slot
-};
+    return *p == *sz;
+}
 
 } // namespace
 
+const CKeywordIndex& CBaseRTFParser::KeywordIndex()
+{
+    static const CKeywordIndex s_index = [] {
+        CKeywordIndex index;
+        for (int row = 0; row < cCmds; ++row)
+            index.Add(s_Cmds[row].szKeyword, row);
+        return index;
+    }();
+    return s_index;
+}
+
 int CBaseRTFParser::FindKeyword(const char* szKeyword)
 {
-    static const CKeywordIndex s_index(s_Cmds, cCmds);
-    return s_index.Find(szKeyword);
+    return KeywordIndex().Find(szKeyword);
 }
 
 // --- life cycle and the group stack
@@ -272,7 +249,11 @@ bool CBaseRTFParser::TranslateKeyword(const char* szKeyword, int param)
     if (m_rds == rdsSkip)
         return true;
 
-    const int row = FindKeyword(szKeyword);
+    return TranslateKeywordAt(FindKeyword(szKeyword), szKeyword, param);
+}
+
+bool CBaseRTFParser::TranslateKeywordAt(int row, const char* szKeyword, int param)
+{
     if (row >= 0) {
         m_bOptionalDest = false;
         return (this->*s_Cmds[row].pfnHandler)(szKeyword, param);
@@ -406,7 +387,7 @@ bool CBaseRTFParser::ProcessSpecialChar(const void*, int)
 
 bool CBaseRTFParser::ApplyParCommand(const void* pKeyword, int)
 {
-    if (std::strcmp(static_cast<const char*>(pKeyword), "pard") == 0)
+    if (IsKeyword(pKeyword, "pard"))
         m_numbering.ResetParagraph();
     return true;
 }

@@ -16,6 +16,8 @@
 
 namespace rtf_converter {
 
+class CKeywordIndex;
+
 // Destination states. Handlers compare them by value.
 enum RDS {
     rdsNorm = 0,          // document text
@@ -140,6 +142,11 @@ protected:
 
     // The row s_Cmds would match first for szKeyword, or -1 when none does.
     static int FindKeyword(const char* szKeyword);
+    // The index FindKeyword looks rows up in.
+    static const CKeywordIndex& KeywordIndex();
+    // What TranslateKeyword does once FindKeyword has given `row` (outside
+    // a skipped destination), for a reader that found the row itself.
+    bool TranslateKeywordAt(int row, const char* szKeyword, int param);
 
     RDS m_rds = rdsNorm;
     RDS m_rdsBeforeHidden = rdsNorm;

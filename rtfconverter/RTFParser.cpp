@@ -1,8 +1,10 @@
 #include "rtfconverter/RTFParser.h"
 
+#include <cstring>
 #include <initializer_list>
 
 #include "hostlibs/VQLogger.h"
+#include "rtfconverter/ByteScan.h"
 
 namespace rtf_converter {
 
@@ -10,6 +12,7 @@ namespace {
 
 inline bool IsAsciiLetter(char ch) { return static_cast<unsigned char>((ch | 0x20) - 'a') < 26; }
 inline bool IsAsciiDigit(char ch) { return static_cast<unsigned char>(ch - '0') < 10; }
+inline bool IsLineBreak(char ch) { return ch == '\r' || ch == '\n'; }
 
 // The bytes that end a run of ordinary bytes: the ones the parse loop treats
 // itself, and NUL, which ends the input of the byte-pointer sources.
@@ -29,10 +32,74 @@ constexpr CRunStopTable kRunStops;
 
 std::size_t OrdinaryRunLength(const char* p, std::size_t cb)
 {
-    std::size_t n = 0;
-    while (n < cb && !kRunStops.stop[static_cast<unsigned char>(p[n])])
-        ++n;
-    return n;
+#if RTFCONV_SCAN_SSE2
+    using byte_scan::Is;
+    auto blockStops = [](__m128i v) {
+        return _mm_or_si128(_mm_or_si128(_mm_or_si128(Is(v, '\\'), Is(v, '{')), _mm_or_si128(Is(v, '}'), Is(v, '\r'))),
+                            _mm_or_si128(Is(v, '\n'), Is(v, '\0')));
+    };
+#else
+    auto blockStops = [](int) { return 0; };
+#endif
+    return byte_scan::LengthBefore(p, cb, blockStops,
+                                   [](char ch) { return kRunStops.stop[static_cast<unsigned char>(ch)]; });
+}
+
+// A control word or control symbol read straight from bytes in memory, as
+// ParseRtfKeyword would read it through Get.
+struct KeywordAhead {
+    char szKeyword[CRTFParser::maxKeywordLength + 2];
+    int param = CRTFParser::noParam;
+    std::size_t cbTaken = 0;     // the bytes after the backslash it takes
+    bool bEscapedChar = false;   // \\, \{ or \}: a plain character
+};
+
+// Parses the word after a backslash from [p, p + cb). Only the common shapes
+// are taken here: a word with its parameter and delimiter wholly inside the
+// window and followed by an ordinary byte. Whatever meets one of the
+// tokenizer's quirks (a NUL, the end of the input, a word at the length
+// limit, a '-' without digits, a parameter that comes out as noParam) is
+// left to ParseRtfKeyword, so that its result cannot differ.
+bool ScanKeywordAhead(const char* p, std::size_t cb, KeywordAhead& kw)
+{
+    if (cb == 0 || p[0] == '\0')
+        return false;
+    if (!IsAsciiLetter(p[0])) {
+        kw.szKeyword[0] = p[0];
+        kw.szKeyword[1] = '\0';
+        kw.param = 0;
+        kw.cbTaken = 1;
+        kw.bEscapedChar = p[0] == '\\' || p[0] == '{' || p[0] == '}';
+        return true;
+    }
+    // The letters are copied as they are scanned; a word that reaches the
+    // length limit or the end of the window is abandoned.
+    const std::size_t cchMax = cb <= CRTFParser::maxKeywordLength ? cb - 1 : CRTFParser::maxKeywordLength;
+    std::size_t i = 0;
+    while (i < cchMax && IsAsciiLetter(p[i])) {
+        kw.szKeyword[i] = p[i];
+        ++i;
+    }
+    if (p[i] == '\0' || IsAsciiLetter(p[i]))
+        return false;
+    kw.szKeyword[i] = '\0';
+
+    const bool bNegative = p[i] == '-';
+    if (bNegative && (i + 1 == cb || !IsAsciiDigit(p[i + 1])))
+        return false;
+    i += bNegative ? 1 : 0;
+    if (IsAsciiDigit(p[i])) {
+        unsigned uValue = 0;  // wraps as ParseParam's does
+        for (; i < cb && IsAsciiDigit(p[i]); ++i)
+            uValue = uValue * 10u + static_cast<unsigned>(p[i] - '0');
+        if (i == cb || p[i] == '\0')
+            return false;
+        kw.param = static_cast<int>(bNegative ? 0u - uValue : uValue);
+        if (kw.param == CRTFParser::noParam)
+            return false;
+    }
+    kw.cbTaken = i + (p[i] == ' ' ? 1 : 0);
+    return true;
 }
 
 } // namespace
@@ -78,7 +145,7 @@ void CRTFParser::Parse(bool& bMore)
         case '\\':
             m_bSkipNextChar = false;
             MarkBacktrack(1);
-            if (!ParseRtfKeyword()) {
+            if (!ParseKeyword()) {
                 Backtrack(-1);
                 bMore = true;
             }
@@ -118,17 +185,23 @@ void CRTFParser::SkipAhead(std::size_t cb)
 }
 
 // Reads the bytes through Get, as the parse loop would: a source that offers
-// runs but whose Get differs from its offer still sees its own protocol.
-bool CRTFParser::ParseRun(const char* /*p*/, std::size_t cb)
+// runs but whose Get differs from its offer still sees its own protocol. A
+// ParseChar may read bytes itself (the old-format reader takes a picture's
+// hex digits in pairs), so the run ends where the read position leaves its
+// bytes, not after cb calls.
+bool CRTFParser::ParseRun(const char* p, std::size_t cb)
 {
     char ch = 0;
-    for (std::size_t i = 0; i < cb; ++i) {
+    for (;;) {
+        std::size_t cbAhead = 0;
+        const char* pRead = RunAhead(cbAhead);
+        if (!pRead || pRead < p || pRead >= p + cb)
+            return true;
         if (Get(ch) < 0)
             return true;
         if (!ParseChar(ch))
             return false;
     }
-    return true;
 }
 
 bool CRTFParser::ParseOrdinaryRun()
@@ -137,12 +210,27 @@ bool CRTFParser::ParseOrdinaryRun()
     // would read on past where it stops.
     if (m_cGroup < 1)
         return true;
-    std::size_t cbAhead = 0;
-    const char* p = RunAhead(cbAhead);
-    if (!p)
-        return true;
-    const std::size_t cbRun = OrdinaryRunLength(p, cbAhead);
-    return cbRun == 0 || ParseRun(p, cbRun);
+    for (;;) {
+        std::size_t cbAhead = 0;
+        const char* p = RunAhead(cbAhead);
+        if (!p)
+            return true;
+        const std::size_t cbRun = OrdinaryRunLength(p, cbAhead);
+        if (cbRun > 0 && !ParseRun(p, cbRun))
+            return false;
+        // The loop passes over line breaks and nothing else; so the run goes
+        // on across them (text and hex data come in lines).
+        if (cbRun == cbAhead || !IsLineBreak(p[cbRun]))
+            return true;
+        if (cbRun > 0 && !(p = RunAhead(cbAhead)))  // where the run's handler left the read position
+            return true;
+        std::size_t cbBreaks = 0;
+        while (cbBreaks < cbAhead && IsLineBreak(p[cbBreaks]))
+            ++cbBreaks;
+        if (cbBreaks == 0)
+            return true;
+        SkipAhead(cbBreaks);
+    }
 }
 
 // Each saved group costs a record of the reader's formatting, so a document
@@ -196,6 +284,19 @@ void CRTFParser::NoteLimitReached(ReadLimitKind kind)
         return;
     m_limitsReached |= kind;
     VQTRACE("RTF reader: %s limit reached\n", ReadLimitName(kind));
+}
+
+bool CRTFParser::ParseKeyword()
+{
+    std::size_t cbAhead = 0;
+    const char* p = RunAhead(cbAhead);
+    KeywordAhead kw;
+    if (!p || !ScanKeywordAhead(p, cbAhead, kw))
+        return ParseRtfKeyword();
+    SkipAhead(kw.cbTaken);
+    if (kw.bEscapedChar)
+        return ParseChar(kw.szKeyword[0]);
+    return TranslateKeyword(kw.szKeyword, kw.param);
 }
 
 bool CRTFParser::ParseRtfKeyword()

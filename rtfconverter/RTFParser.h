@@ -76,20 +76,30 @@ protected:
     // ParseChar each. A source that holds its bytes in memory offers the ones
     // ahead of the read position (RunAhead) and steps over them (SkipAhead);
     // the parser cuts the offer at the first byte that means something to it
-    // (backslash, braces, CR, LF, NUL) and hands the rest to ParseRun. A
-    // source that offers nothing keeps the byte-by-byte protocol unchanged.
+    // (backslash, braces, CR, LF, NUL) and hands the rest to ParseRun. The
+    // control word after a backslash is read from the offer too, when it lies
+    // wholly inside it (ParseKeyword). What a source offers must therefore be
+    // exactly the bytes its Get would deliver next: a reader that changes
+    // what Get delivers offers nothing (returns null), and a source that
+    // offers nothing keeps the byte-by-byte protocol unchanged.
     virtual const char* RunAhead(std::size_t& cb) const;
     virtual void SkipAhead(std::size_t cb);
     // The bytes [p, p + cb) are the next ones at the read position, not read
-    // yet. Takes them as that many Get and ParseChar calls would, leaving the
-    // read position after the bytes taken; false when the output refused one
-    // (the read position is then before it). The default does exactly that
-    // byte by byte: a reader that overrides ParseChar and not ParseRun behaves
-    // as before. A reader overriding ParseRun to copy runs in bulk must keep
+    // yet. Takes them as Get and ParseChar calls would, leaving the read
+    // position after the bytes taken; false when the output refused one (the
+    // read position is then before it). The default does exactly that byte
+    // by byte until the read position leaves the run (a ParseChar may read
+    // bytes itself): a reader that overrides ParseChar and not ParseRun
+    // behaves as before. A reader overriding ParseRun to copy runs in bulk must keep
     // it equivalent to its ParseChar, and a class derived from such a reader
     // that overrides ParseChar must override ParseRun too (calling this one).
     virtual bool ParseRun(const char* p, std::size_t cb);
 
+    // The control word after a backslash: read from the bytes the source
+    // offers ahead when it offers the whole word, else by ParseRtfKeyword
+    // through Get. Both read the same word with the same parameter and leave
+    // the read position at the same byte.
+    bool ParseKeyword();
     bool ParseRtfKeyword();
     int ParseParam(char ch);
     // Hands the run of ordinary bytes ahead, if the source offers one, to

@@ -1176,35 +1176,20 @@ int CRTFImportToPtr::Read(char* b, char* e, bool& bMore)
     VQASSERT(NULL != b && NULL != e);
     if (!b || !e || e < b)
         e = b = nullptr;  // nothing can be written: every put is refused
-    m_pBegin = m_pCur = b;
-    m_pEnd = e;
+    OpenWindow(b, e);
     return CRTFImport::Read(bMore);
 }
 
-bool CRTFImportToPtr::Put(char ch)
-{
-    if (m_pCur == m_pEnd)
-        return false;
-    *m_pCur++ = ch;
-    return true;
-}
+// A character may fill the last byte; a string needs one byte more room than
+// its length, for the copy's NUL, which the next put overwrites.
+bool CRTFImportToPtr::Put(char ch) { return PutByte(ch); }
 
-// A string needs one byte more room than its length, for the copy's NUL,
-// which the next put overwrites; a character may fill the last byte.
 bool CRTFImportToPtr::Put(const CString& s)
 {
-    const std::size_t len = static_cast<std::size_t>(s.GetLength());
-    if (len >= static_cast<std::size_t>(m_pEnd - m_pCur))
-        return false;
-    std::memcpy(m_pCur, s.GetString(), len + 1);
-    m_pCur += len;
-    return true;
+    return PutTerminated(s.GetString(), static_cast<std::size_t>(s.GetLength()));
 }
 
-int CRTFImportToPtr::GetCBWritten() const
-{
-    return static_cast<int>(m_pCur - m_pBegin);
-}
+int CRTFImportToPtr::GetCBWritten() const { return static_cast<int>(Written()); }
 
 // ============================================================================
 // CRTFPtrImport: a NUL-terminated text
@@ -1265,6 +1250,20 @@ void CRTFPtrImport::Backtrack(int n)
     m_ichCur = back < m_ichCur ? m_ichCur - back : 0;
 }
 
+// Nothing is offered once a read has failed at the terminator: the reads
+// past it must stay counted one by one.
+const char* CRTFPtrImport::RunAhead(std::size_t& cb) const
+{
+    cb = m_ichCur < m_cchText ? m_cchText - m_ichCur : 0;
+    return cb ? m_pStart + m_ichCur : nullptr;
+}
+
+void CRTFPtrImport::SkipAhead(std::size_t cb)
+{
+    const std::size_t cchLeft = m_ichCur < m_cchText ? m_cchText - m_ichCur : 0;
+    m_ichCur += cb < cchLeft ? cb : cchLeft;
+}
+
 // ============================================================================
 // CRTFStreamImport: an IStream through a read buffer with history
 // ============================================================================
@@ -1318,6 +1317,7 @@ long CRTFStreamImport::RefillBuffer()
     if (cbRead < static_cast<ULONG>(nBlockSize))
         m_bEof = true;
     m_pEnd = m_pCur + cbRead;
+    m_cbStreamRead += cbRead;
     if (cbRead == 0)
         return E_UNEXPECTED;
     return S_OK;

@@ -68,6 +68,7 @@
 #include "platform/WinTypes.h"
 #include "rtfconverter/BaseRTFParser.h"
 #include "rtfconverter/DocCmd.h"
+#include "rtfconverter/ReaderPlumbing.h"
 
 namespace rtf_converter {
 
@@ -333,7 +334,7 @@ private:
     bool m_bAttachmentDropped = false;  // past the size limit
 };
 
-class RTFCONV_API CRTFImportToPtr : public CRTFImport {
+class RTFCONV_API CRTFImportToPtr : public CRTFImport, protected COutputWindow {
 public:
     // Converts into [b, e) and returns the number of bytes written; bMore
     // true means: call again, with the buffer drained, for the rest.
@@ -345,11 +346,7 @@ protected:
     bool Put(char ch) override;
     bool Put(const CString& s) override;
     int GetCBWritten() const override;
-    void CloseBuffer() override { m_pEnd = m_pCur; }
-
-    char* m_pBegin = nullptr;
-    char* m_pEnd = nullptr;
-    char* m_pCur = nullptr;
+    void CloseBuffer() override { COutputWindow::m_pEnd = COutputWindow::m_pCur; }
 };
 
 class RTFCONV_API CRTFPtrImport : public CRTFImportToPtr {
@@ -357,11 +354,17 @@ public:
     // The text is not copied: it must outlive the object.
     explicit CRTFPtrImport(const char* text);
 
+    // The bytes of the text read so far; after the last Read, where the
+    // document ended.
+    std::size_t BytesConsumed() const { return m_ichCur < m_cchText ? m_ichCur : m_cchText; }
+
 protected:
     long Get(char& ch) override;
     long Get(int n, unsigned char* pDest) override;
     void MarkBacktrack(int n) override;
     void Backtrack(int n) override;
+    const char* RunAhead(std::size_t& cb) const override;
+    void SkipAhead(std::size_t cb) override;
 
     // Positions are offsets into the text. They may run past its end by the
     // reads that failed there, so that the tokenizer's rewinds stay exact,
@@ -382,6 +385,10 @@ public:
     static constexpr int nBlockSize = 10240;
     static constexpr int nHistorySize = 30;
 
+    // The bytes of the stream read so far; after the last Read, where the
+    // document ended.
+    std::size_t BytesConsumed() const { return m_cbStreamRead - static_cast<std::size_t>(m_pEnd - m_pCur); }
+
 protected:
     long Get(char& ch) override;
     long Get(int n, unsigned char* pDest) override;
@@ -399,6 +406,7 @@ protected:
     char* m_pMark = nullptr;
     char* m_pEnd = nullptr;
     bool m_bEof = false;
+    std::size_t m_cbStreamRead = 0;  // what the stream has given
 };
 
 } // namespace rtf_converter

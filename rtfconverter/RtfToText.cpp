@@ -5,6 +5,7 @@
 
 #include "hostlibs/VQLogger.h"
 #include "platform/WinTypes.h"
+#include "rtfconverter/ByteScan.h"
 
 namespace rtf_converter {
 
@@ -19,6 +20,19 @@ inline bool IsReservedByte(char ch)
 {
     const unsigned char b = static_cast<unsigned char>(ch);
     return b <= 0x03 || b == 0x17;
+}
+
+// The offset of the first reserved byte of [p, p + cb); cb when none is.
+std::size_t ReservedByteOffset(const char* p, std::size_t cb)
+{
+#if RTFCONV_SCAN_SSE2
+    auto blockStops = [](__m128i v) {
+        return _mm_or_si128(_mm_cmpeq_epi8(_mm_min_epu8(v, byte_scan::Splat(0x03)), v), byte_scan::Is(v, 0x17));
+    };
+#else
+    auto blockStops = [](int) { return 0; };
+#endif
+    return byte_scan::LengthBefore(p, cb, blockStops, IsReservedByte);
 }
 
 } // namespace
@@ -238,87 +252,42 @@ unsigned long CRTFToPlainTextParser::Read(bool& bMore)
 
 unsigned long CRTFToPlainTextPtrParser::Read(char* pBegin, char* pEnd, bool& bMore)
 {
-    m_pBegin = m_pCur = pBegin;
-    m_pEnd = pEnd;
+    OpenWindow(pBegin, pEnd);
     return CRTFToPlainTextParser::Read(bMore);
 }
 
-bool CRTFToPlainTextPtrParser::Put(char ch)
-{
-    if (m_pCur == m_pEnd)
-        return false;
-    *m_pCur++ = ch;
-    return true;
-}
+bool CRTFToPlainTextPtrParser::Put(char ch) { return PutByte(ch); }
 
 bool CRTFToPlainTextPtrParser::Put(const CString& s)
 {
-    // Room for the text and its NUL; the NUL is not counted, so the next put
-    // overwrites it.
-    const std::size_t len = static_cast<std::size_t>(s.GetLength());
-    if (len >= static_cast<std::size_t>(m_pEnd - m_pCur))
-        return false;
-    std::memcpy(m_pCur, s.GetString(), len + 1);
-    m_pCur += len;
-    return true;
+    return PutTerminated(s.GetString(), static_cast<std::size_t>(s.GetLength()));
 }
 
+// Copied whole; the reserved bytes, which text seldom holds, are then found
+// 16 at a time and blanked.
 std::size_t CRTFToPlainTextPtrParser::PutText(const char* p, std::size_t cb)
 {
-    const std::size_t n = std::min(cb, static_cast<std::size_t>(m_pEnd - m_pCur));
-    for (std::size_t i = 0; i < n; ++i)
-        m_pCur[i] = IsReservedByte(p[i]) ? ' ' : p[i];
+    const std::size_t n = std::min(cb, Room());
+    std::memcpy(m_pCur, p, n);
+    for (std::size_t i = ReservedByteOffset(m_pCur, n); i < n; i += 1 + ReservedByteOffset(m_pCur + i + 1, n - i - 1))
+        m_pCur[i] = ' ';
     m_pCur += n;
     return n;
 }
 
-unsigned long CRTFToPlainTextPtrParser::GetCBWritten() const
-{
-    return static_cast<unsigned long>(m_pCur - m_pBegin);
-}
+unsigned long CRTFToPlainTextPtrParser::GetCBWritten() const { return static_cast<unsigned long>(Written()); }
 
 // --- the byte-pointer source
 
 CBytePtrRTFToPlainTextPtrParser::CBytePtrRTFToPlainTextPtrParser(const unsigned char* pData, const unsigned long& cbData)
-    : m_pData(pData), m_cbData(pData ? cbData : 0), m_pRead(pData), m_pMark(nullptr)
+    : CByteCursor(pData, cbData)
 {
 }
 
-long CBytePtrRTFToPlainTextPtrParser::Get(char& ch)
-{
-    if (m_pRead == m_pData + m_cbData)
-        return E_UNEXPECTED;
-    ch = static_cast<char>(*m_pRead++);
-    return ch != '\0' ? S_OK : E_UNEXPECTED;
-}
-
-// The tokenizer never steps back over bytes it has not read; the clamps keep
-// a derived reader that does within the caller's bytes all the same.
-void CBytePtrRTFToPlainTextPtrParser::MarkBacktrack(int n)
-{
-    m_pMark = m_pRead - ClampBack(n);
-}
-
-void CBytePtrRTFToPlainTextPtrParser::Backtrack(int n)
-{
-    if (n == -1)
-        m_pRead = m_pMark ? m_pMark : m_pData;
-    else
-        m_pRead -= ClampBack(n);
-}
-
-const char* CBytePtrRTFToPlainTextPtrParser::RunAhead(std::size_t& cb) const
-{
-    cb = static_cast<std::size_t>(m_pData + m_cbData - m_pRead);
-    return reinterpret_cast<const char*>(m_pRead);
-}
-
-void CBytePtrRTFToPlainTextPtrParser::SkipAhead(std::size_t cb) { m_pRead += cb; }
-
-long CBytePtrRTFToPlainTextPtrParser::ClampBack(int n) const
-{
-    const long cbRead = static_cast<long>(m_pRead - m_pData);
-    return n < 0 ? 0 : (n > cbRead ? cbRead : n);
-}
+long CBytePtrRTFToPlainTextPtrParser::Get(char& ch) { return ReadByte(ch); }
+void CBytePtrRTFToPlainTextPtrParser::MarkBacktrack(int n) { MarkBack(n); }
+void CBytePtrRTFToPlainTextPtrParser::Backtrack(int n) { StepBack(n); }
+const char* CBytePtrRTFToPlainTextPtrParser::RunAhead(std::size_t& cb) const { return BytesAhead(cb); }
+void CBytePtrRTFToPlainTextPtrParser::SkipAhead(std::size_t cb) { StepAhead(cb); }
 
 } // namespace rtf_converter

@@ -16,6 +16,7 @@
 
 #include "platform/AfxString.h"
 #include "rtfconverter/BaseRTFParser.h"
+#include "rtfconverter/ReaderPlumbing.h"
 
 namespace rtf_converter {
 
@@ -83,7 +84,7 @@ private:
     bool InNumberingText() const { return m_rds == rdsPNTextBefore || m_rds == rdsPNTextAfter; }
 };
 
-class RTFCONV_API CRTFToPlainTextPtrParser : protected CRTFToPlainTextParser {
+class RTFCONV_API CRTFToPlainTextPtrParser : protected CRTFToPlainTextParser, protected COutputWindow {
 public:
     // Converts into [pBegin, pEnd) and returns the number of bytes written;
     // bMore true means call again for the rest. No NUL is written or counted.
@@ -104,13 +105,9 @@ protected:
     bool Put(char ch) override;
     std::size_t PutText(const char* p, std::size_t cb) override;
     unsigned long GetCBWritten() const override;
-
-    char* m_pBegin = nullptr;
-    char* m_pEnd = nullptr;
-    char* m_pCur = nullptr;
 };
 
-class RTFCONV_API CBytePtrRTFToPlainTextPtrParser : public CRTFToPlainTextPtrParser {
+class RTFCONV_API CBytePtrRTFToPlainTextPtrParser : public CRTFToPlainTextPtrParser, protected CByteCursor {
 public:
     // The bytes are not copied: they must stay valid and unchanged for the
     // object's life. A NUL byte ends the input early.
@@ -119,20 +116,17 @@ public:
     CBytePtrRTFToPlainTextPtrParser& operator=(const CBytePtrRTFToPlainTextPtrParser&) = default;
     ~CBytePtrRTFToPlainTextPtrParser() = default;
 
+    // The bytes read so far; after the last Read, where the document ended.
+    using CByteCursor::BytesConsumed;
+
 protected:
+    // The cursor's bytes; a derived reader that changes what Get delivers
+    // must offer no runs (RunAhead returning null), see CRTFParser.
     long Get(char& ch) override;
     void MarkBacktrack(int n) override;
     void Backtrack(int n) override;
     const char* RunAhead(std::size_t& cb) const override;
     void SkipAhead(std::size_t cb) override;
-
-    const unsigned char* m_pData;
-    unsigned long m_cbData;
-    const unsigned char* m_pRead;
-    const unsigned char* m_pMark;
-
-private:
-    long ClampBack(int n) const;
 };
 
 } // namespace rtf_converter

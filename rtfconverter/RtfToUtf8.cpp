@@ -5,7 +5,9 @@
 #include <new>
 
 #include "platform/WinTypes.h"
+#include "rtfconverter/ByteScan.h"
 #include "rtfconverter/CodePages.h"
+#include "rtfconverter/KeywordIndex.h"
 
 namespace rtf_converter {
 
@@ -60,30 +62,9 @@ constexpr bool IsSortedByKeyword(const Row (&rows)[N])
     return true;
 }
 
-// The rows of a sorted table whose keywords begin with each byte, so that
-// most of the core's keywords are turned away with one look.
-struct FirstByteIndex {
-    unsigned char begin[256];
-    unsigned char end[256];  // 0: no keyword begins with the byte
-};
-
-template <typename Row, std::size_t N>
-constexpr FirstByteIndex IndexByFirstByte(const Row (&rows)[N])
-{
-    static_assert(N < 256, "row numbers are kept in bytes");
-    FirstByteIndex index{};
-    for (std::size_t i = N; i-- > 0;) {
-        const unsigned char first = static_cast<unsigned char>(rows[i].szKeyword[0]);
-        index.begin[first] = static_cast<unsigned char>(i);
-        if (index.end[first] == 0)
-            index.end[first] = static_cast<unsigned char>(i + 1);
-    }
-    return index;
-}
-
 } // namespace
 
-const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(const char* szKeyword)
+const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::UnicodeKeywordRows(std::size_t& cRows)
 {
     typedef CRTFToUTF8Parser P;
     // What the core's keyword table does not know, or knows only as a byte
@@ -156,22 +137,35 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(con
         {"~", &P::InsertCharacter, 0x00A0, false},         // non-breaking space
     };
     static_assert(IsSortedByKeyword(s_rows), "the keyword rows must stay sorted");
-    static constexpr FirstByteIndex s_index = IndexByFirstByte(s_rows);
+    cRows = sizeof s_rows / sizeof s_rows[0];
+    return s_rows;
+}
 
-    // The first bytes are equal within a range; most keywords differ at the
-    // second, so the rest is compared here rather than by strcmp.
-    const unsigned char first = static_cast<unsigned char>(szKeyword[0]);
-    for (unsigned row = s_index.begin[first]; row < s_index.end[first]; ++row) {
-        const char* a = s_rows[row].szKeyword + 1;
-        const char* b = szKeyword + 1;
-        while (*a && *a == *b) {
-            ++a;
-            ++b;
-        }
-        if (*a == *b)
-            return &s_rows[row];
-    }
-    return nullptr;
+// Each keyword is looked up once, in one index over both tables: the
+// reader's own rows under their numbers, then the core's rows under theirs
+// plus the number of own rows (a word in both is the reader's own).
+const CKeywordIndex& CRTFToUTF8Parser::KeywordIndex(std::size_t& cOwnRows)
+{
+    static std::size_t s_cOwnRows = 0;
+    static const CKeywordIndex s_index = [] {
+        CKeywordIndex index;
+        const UnicodeKeyword* rows = UnicodeKeywordRows(s_cOwnRows);
+        for (std::size_t row = 0; row < s_cOwnRows; ++row)
+            index.Add(rows[row].szKeyword, static_cast<int>(row));
+        for (int row = 0; row < cCmds; ++row)
+            index.Add(s_Cmds[row].szKeyword, static_cast<int>(s_cOwnRows) + row);
+        return index;
+    }();
+    cOwnRows = s_cOwnRows;
+    return s_index;
+}
+
+const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(const char* szKeyword)
+{
+    std::size_t cOwnRows = 0;
+    const int number = KeywordIndex(cOwnRows).Find(szKeyword);
+    std::size_t cRows = 0;
+    return number >= 0 && static_cast<std::size_t>(number) < cOwnRows ? &UnicodeKeywordRows(cRows)[number] : nullptr;
 }
 
 // --- life cycle
@@ -225,13 +219,12 @@ void CRTFToUTF8Parser::Init()
 
 unsigned long CRTFToUTF8Parser::Read(char* pBegin, char* pEnd, bool& bMore)
 {
-    m_pBegin = m_pCur = pBegin;
-    m_pEnd = pEnd;
+    OpenWindow(pBegin, pEnd);
     while (!m_bParseEnded) {
         Parse(bMore);
         if (bMore) {
             NoteLastByte();
-            return static_cast<unsigned long>(m_pCur - m_pBegin);
+            return static_cast<unsigned long>(Written());
         }
         // The core stops where the outermost group closes: a document ends
         // there, a fragment goes on with its next group. Each Parse call reads
@@ -245,7 +238,7 @@ unsigned long CRTFToUTF8Parser::Read(char* pBegin, char* pEnd, bool& bMore)
     }
     bMore = !FinishText();
     NoteLastByte();
-    return static_cast<unsigned long>(m_pCur - m_pBegin);
+    return static_cast<unsigned long>(Written());
 }
 
 void CRTFToUTF8Parser::NoteLastByte()
@@ -348,13 +341,20 @@ bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
             return SkipFallbackKeyword(szKeyword);
         m_cchUnicodeSkip = 0;
     }
-    const UnicodeKeyword* pRow = FindUnicodeKeyword(szKeyword);
-    if (!pRow)
-        return CBaseRTFParser::TranslateKeyword(szKeyword, param);
-    if (m_rds == rdsSkip && !pRow->bInSkip)
+    std::size_t cOwnRows = 0;
+    const int number = KeywordIndex(cOwnRows).Find(szKeyword);
+    if (number < 0 || static_cast<std::size_t>(number) >= cOwnRows) {
+        // What CBaseRTFParser::TranslateKeyword does, without a second lookup.
+        if (m_rds == rdsSkip)
+            return true;
+        return TranslateKeywordAt(number < 0 ? -1 : number - static_cast<int>(cOwnRows), szKeyword, param);
+    }
+    std::size_t cRows = 0;
+    const UnicodeKeyword& row = UnicodeKeywordRows(cRows)[number];
+    if (m_rds == rdsSkip && !row.bInSkip)
         return true;
     m_bOptionalDest = false;
-    return (this->*pRow->pfnHandler)(pRow->cp, param);
+    return (this->*row.pfnHandler)(row.cp, param);
 }
 
 bool CRTFToUTF8Parser::SkipFallbackKeyword(const char* szKeyword)
@@ -387,22 +387,55 @@ bool CRTFToUTF8Parser::ParseRun(const char* p, std::size_t cb)
         SkipAhead(cb);
         return true;
     }
-    // ParseChar's quickest case, over as many bytes as it holds for.
+    // ParseChar's quickest case over as many bytes as it holds for, each
+    // other byte through ParseChar itself, stepped over as Get steps over it.
     std::size_t n = 0;
-    if (!m_chLeadByte && !m_highSurrogate && !IsTextOwed()) {
-        const CCodePage& page = CurrentPage();
-        for (; n < cb && m_pCur != m_pEnd; ++n) {
-            const unsigned char b = static_cast<unsigned char>(p[n]);
-            if (page.IsLeadByte(b))
-                break;
-            const char32_t cp = page.Single(b);
-            if (cp < 0x20 || cp >= 0x7F)
-                break;
-            *m_pCur++ = static_cast<char>(cp);
-        }
+    for (;;) {
+        const std::size_t cbCopied = CopyPrintableText(p + n, cb - n);
+        SkipAhead(cbCopied);
+        n += cbCopied;
+        if (n == cb)
+            return true;
+        SkipAhead(1);
+        if (!ParseChar(p[n]))
+            return false;
+        ++n;
     }
-    SkipAhead(n);
-    return n == cb || CBaseRTFParser::ParseRun(p + n, cb - n);
+}
+
+std::size_t CRTFToUTF8Parser::CopyPrintableText(const char* p, std::size_t cb)
+{
+    if (m_chLeadByte || m_highSurrogate || IsTextOwed())
+        return 0;
+    const CCodePage& page = CurrentPage();
+    const std::size_t cbMax = std::min(cb, Room());
+    std::size_t n = 0;
+    if (KeepsPrintableAscii(page)) {
+        n = byte_scan::PrintableAsciiLength(p, cbMax);
+        std::memcpy(m_pCur, p, n);
+        m_pCur += n;
+    }
+    for (; n < cbMax; ++n) {
+        const unsigned char b = static_cast<unsigned char>(p[n]);
+        if (page.IsLeadByte(b))
+            break;
+        const char32_t cp = page.Single(b);
+        if (cp < 0x20 || cp >= 0x7F)
+            break;
+        *m_pCur++ = static_cast<char>(cp);
+    }
+    return n;
+}
+
+bool CRTFToUTF8Parser::KeepsPrintableAscii(const CCodePage& page)
+{
+    if (&page != m_pAsciiCheckedPage) {
+        m_pAsciiCheckedPage = &page;
+        m_bPageKeepsAscii = true;
+        for (unsigned b = 0x20; b < 0x7F && m_bPageKeepsAscii; ++b)
+            m_bPageKeepsAscii = !page.IsLeadByte(static_cast<unsigned char>(b)) && page.Single(static_cast<unsigned char>(b)) == b;
+    }
+    return m_bPageKeepsAscii;
 }
 
 bool CRTFToUTF8Parser::ParseChar(char ch)
@@ -590,7 +623,7 @@ bool CRTFToUTF8Parser::PayOwed()
 {
     if (m_owed.empty())
         return true;
-    const std::size_t cbRoom = static_cast<std::size_t>(m_pEnd - m_pCur);
+    const std::size_t cbRoom = Room();
     const std::size_t cb = std::min(cbRoom, m_owed.size() - m_iOwed);
     std::memcpy(m_pCur, m_owed.data() + m_iOwed, cb);
     m_pCur += cb;
@@ -1050,7 +1083,7 @@ bool CRTFToUTF8Parser::ObjectData(const void*, int) { return true; }
 // --- the byte-pointer source
 
 CBytePtrRTFToUTF8PtrParser::CBytePtrRTFToUTF8PtrParser(const unsigned char* pData, const unsigned long& cbData)
-    : m_pData(pData), m_cbData(pData ? cbData : 0), m_pRead(pData), m_pMark(nullptr)
+    : CByteCursor(pData, cbData)
 {
     static const unsigned char s_bom[] = {0xEF, 0xBB, 0xBF};
     if (m_cbData >= sizeof s_bom && std::memcmp(m_pData, s_bom, sizeof s_bom) == 0)
@@ -1059,57 +1092,18 @@ CBytePtrRTFToUTF8PtrParser::CBytePtrRTFToUTF8PtrParser(const unsigned char* pDat
 
 long CBytePtrRTFToUTF8PtrParser::Get(char& ch)
 {
-    if (m_pRead == m_pData + m_cbData)
+    if (AtEnd())
         return E_UNEXPECTED;
-    ch = static_cast<char>(*m_pRead++);
-    if (ch != '\0')
-        return S_OK;
-    m_bNulRead = true;
-    return E_UNEXPECTED;
+    const long hr = ReadByte(ch);
+    m_bNulRead = m_bNulRead || hr < 0;  // the byte read was a NUL
+    return hr;
 }
 
-bool CBytePtrRTFToUTF8PtrParser::AtEndOfInput() const
-{
-    return m_bNulRead || m_pRead == m_pData + m_cbData;
-}
-
-long CBytePtrRTFToUTF8PtrParser::Get(int n, unsigned char* pDest)
-{
-    const unsigned long cbLeft = static_cast<unsigned long>(m_pData + m_cbData - m_pRead);
-    const unsigned long cb = n <= 0 ? 0 : std::min(static_cast<unsigned long>(n), cbLeft);
-    if (pDest && cb)
-        std::memcpy(pDest, m_pRead, cb);
-    m_pRead += cb;
-    return n >= 0 && cb == static_cast<unsigned long>(n) ? S_OK : E_UNEXPECTED;
-}
-
-// The tokenizer never steps back over bytes it has not read; the clamps keep
-// the read position within the caller's bytes all the same.
-void CBytePtrRTFToUTF8PtrParser::MarkBacktrack(int n)
-{
-    m_pMark = m_pRead - ClampBack(n);
-}
-
-void CBytePtrRTFToUTF8PtrParser::Backtrack(int n)
-{
-    if (n == -1)
-        m_pRead = m_pMark ? m_pMark : m_pData;
-    else
-        m_pRead -= ClampBack(n);
-}
-
-const char* CBytePtrRTFToUTF8PtrParser::RunAhead(std::size_t& cb) const
-{
-    cb = static_cast<std::size_t>(m_pData + m_cbData - m_pRead);
-    return reinterpret_cast<const char*>(m_pRead);
-}
-
-void CBytePtrRTFToUTF8PtrParser::SkipAhead(std::size_t cb) { m_pRead += cb; }
-
-long CBytePtrRTFToUTF8PtrParser::ClampBack(int n) const
-{
-    const long cbRead = static_cast<long>(m_pRead - m_pData);
-    return n < 0 ? 0 : (n > cbRead ? cbRead : n);
-}
+bool CBytePtrRTFToUTF8PtrParser::AtEndOfInput() const { return m_bNulRead || AtEnd(); }
+long CBytePtrRTFToUTF8PtrParser::Get(int n, unsigned char* pDest) { return ReadBlock(n, pDest); }
+void CBytePtrRTFToUTF8PtrParser::MarkBacktrack(int n) { MarkBack(n); }
+void CBytePtrRTFToUTF8PtrParser::Backtrack(int n) { StepBack(n); }
+const char* CBytePtrRTFToUTF8PtrParser::RunAhead(std::size_t& cb) const { return BytesAhead(cb); }
+void CBytePtrRTFToUTF8PtrParser::SkipAhead(std::size_t cb) { StepAhead(cb); }
 
 } // namespace rtf_converter

@@ -58,13 +58,14 @@
 #include <unordered_map>
 
 #include "rtfconverter/BaseRTFParser.h"
+#include "rtfconverter/ReaderPlumbing.h"
 
 namespace rtf_converter {
 
 // A code page's decoding tables (rtfconverter/CodePages.h).
 class CCodePage;
 
-class RTFCONV_API CRTFToUTF8Parser : protected CBaseRTFParser {
+class RTFCONV_API CRTFToUTF8Parser : protected CBaseRTFParser, protected COutputWindow {
 public:
     enum Newline { newlineLF, newlineCRLF, newlineCR };
 
@@ -154,6 +155,11 @@ protected:
         bool bInSkip;    // also honoured inside a skipped destination
     };
     static const UnicodeKeyword* FindUnicodeKeyword(const char* szKeyword);
+    // The rows, sorted by keyword.
+    static const UnicodeKeyword* UnicodeKeywordRows(std::size_t& cRows);
+    // One index over the rows and the core's keyword table; numbers from
+    // cOwnRows up are the core's rows plus cOwnRows.
+    static const CKeywordIndex& KeywordIndex(std::size_t& cOwnRows);
 
     // --- handlers of the reader's own keywords
     bool InsertCharacter(char32_t cp, int param);
@@ -216,6 +222,13 @@ private:
     void AddToFontName(char ch);
     // Remembers the last byte written to the caller's buffer.
     void NoteLastByte();
+    // Writes the first bytes of [p, p + cb) that are printable ASCII in the
+    // current page, as ParseChar would, and returns how many; none while a
+    // character is pending or something is owed.
+    std::size_t CopyPrintableText(const char* p, std::size_t cb);
+    // True when the page decodes printable ASCII as itself (the Windows and
+    // Mac pages do; symbol fonts do not).
+    bool KeepsPrintableAscii(const CCodePage& page);
 
     // Owed before the next visible text: the TAB between two cells, the
     // generated number of a paragraph. False when refused.
@@ -276,10 +289,6 @@ private:
     int m_iPnFont = -1;               // \pnf of the \pn group being read
     int m_iNumberFont = -1;           // \pnf of the paragraph's numbering
 
-    char* m_pBegin = nullptr;
-    char* m_pEnd = nullptr;
-    char* m_pCur = nullptr;
-
     GroupState m_state;
     std::unordered_map<int, const CCodePage*> m_fonts;  // \fN -> page; null: the document's
     int m_iFontEntry = -1;            // the font table entry being read
@@ -295,11 +304,14 @@ private:
     RDS m_rdsBeforeUpr = rdsNorm;
     bool m_bParseEnded = false;
 
+    const CCodePage* m_pAsciiCheckedPage = nullptr;  // the page KeepsPrintableAscii last judged
+    bool m_bPageKeepsAscii = false;
+
     char m_szNewline[3] = "\n";
     int m_cchNewline = 1;
 };
 
-class RTFCONV_API CBytePtrRTFToUTF8PtrParser : public CRTFToUTF8Parser {
+class RTFCONV_API CBytePtrRTFToUTF8PtrParser : public CRTFToUTF8Parser, protected CByteCursor {
 public:
     // The bytes are not copied: they must stay valid and unchanged for the
     // object's life. A NUL byte in text ends the input early, as it does for
@@ -310,7 +322,12 @@ public:
     CBytePtrRTFToUTF8PtrParser& operator=(const CBytePtrRTFToUTF8PtrParser&) = default;
     ~CBytePtrRTFToUTF8PtrParser() = default;
 
+    // The bytes read so far; after the last Read, where the document ended.
+    using CByteCursor::BytesConsumed;
+
 protected:
+    // The cursor's bytes; a derived reader that changes what Get delivers
+    // must offer no runs (RunAhead returning null), see CRTFParser.
     long Get(char& ch) override;
     long Get(int n, unsigned char* pDest) override;
     bool AtEndOfInput() const override;
@@ -319,14 +336,7 @@ protected:
     const char* RunAhead(std::size_t& cb) const override;
     void SkipAhead(std::size_t cb) override;
 
-    const unsigned char* m_pData;
-    unsigned long m_cbData;
-    const unsigned char* m_pRead;
-    const unsigned char* m_pMark;
     bool m_bNulRead = false;
-
-private:
-    long ClampBack(int n) const;
 };
 
 } // namespace rtf_converter

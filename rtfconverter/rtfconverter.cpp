@@ -19,6 +19,7 @@
 #include "rtfconverter/OldToRTF.h"
 #include "rtfconverter/PlainTextToRTF.h"
 #include "rtfconverter/RTFToOld.h"
+#include "rtfconverter/ReaderPlumbing.h"
 #include "rtfconverter/RtfToText.h"
 #include "rtfconverter/RtfToUtf8.h"
 #include "rtfconverter/Utf8ToRTF.h"
@@ -40,10 +41,9 @@ void ChooseExactness(TConverter& converter, bool exact)
     converter.SetLossless(!exact);
 }
 
-// A piece that does not fit makes the buffer grow, up to this; a reader that
-// still cannot progress then is reported rather than looped on.
+// The first size of a read buffer; a piece that does not fit makes it grow
+// (ReadOnce).
 constexpr std::size_t cbFirstPull = 65536;
-constexpr std::size_t cbLargestPull = std::size_t(16) << 20;
 
 // The converters count in unsigned long and int; a larger input cannot be
 // described to them.
@@ -97,8 +97,8 @@ const unsigned char* BytesOf(std::string_view s)
 class CTextSource {
 public:
     virtual ~CTextSource() = default;
-    virtual std::size_t Pull(char* pBegin, char* pEnd, bool& bMore) = 0;
-    virtual std::size_t Consumed() const = 0;
+    virtual std::size_t Read(char* pBegin, char* pEnd, bool& bMore) = 0;
+    virtual std::size_t BytesConsumed() const = 0;
 };
 
 template <class TReader>
@@ -107,8 +107,8 @@ public:
     // The reader copies the count it is given.
     explicit CTextSourceOf(std::string_view rtf) : TReader(BytesOf(rtf), static_cast<unsigned long>(rtf.size())) {}
     TReader& Reader() { return *this; }
-    std::size_t Pull(char* pBegin, char* pEnd, bool& bMore) override { return TReader::Read(pBegin, pEnd, bMore); }
-    std::size_t Consumed() const override { return static_cast<std::size_t>(this->m_pRead - this->m_pData); }
+    std::size_t Read(char* pBegin, char* pEnd, bool& bMore) override { return TReader::Read(pBegin, pEnd, bMore); }
+    std::size_t BytesConsumed() const override { return TReader::BytesConsumed(); }
 };
 
 CRTFToUTF8Parser::Newline NewlineOf(Newline newline)
@@ -132,26 +132,22 @@ std::unique_ptr<CTextSource> MakeTextSource(std::string_view rtf, const TextOpti
     return source;
 }
 
-// One call of a reader's Read into `buffer`. A call that makes no progress
-// could not fit the piece due (a paragraph's number text, a markup command):
-// the buffer doubles, and past cbLargestPull the conversion fails.
-// `bJudgeByInput`: progress is input consumed, for readers that begin every
-// buffer with re-sent commands; otherwise it is output written.
-template <class TRead, class TConsumed>
-std::size_t PullOnce(TRead&& read, TConsumed&& consumed, std::vector<char>& buffer, bool& bMore, bool bJudgeByInput)
+// A reading that stopped early, as the caller sees it.
+[[noreturn]] void ThrowReadFailure(ReadResult result, std::size_t offset)
 {
-    const std::size_t cbBefore = consumed();
-    const std::size_t cb = Guarded([&] { return static_cast<std::size_t>(read(buffer.data(), buffer.data() + buffer.size(), bMore)); },
-                                   consumed);
-    if (cb > buffer.size())
-        throw ConversionError(consumed(), "the converter reported more bytes than its buffer holds");
-    const bool bProgress = bJudgeByInput ? consumed() > cbBefore : cb > 0;
-    if (bMore && !bProgress) {
-        if (buffer.size() >= cbLargestPull)
-            throw ConversionError(consumed(), "a piece of the output does not fit in 16 MiB");
-        buffer.resize(buffer.size() * 2);
-    }
-    return cb;
+    if (result == ReadResult::overrun)
+        throw ConversionError(offset, "the converter reported more bytes than its buffer holds");
+    throw ConversionError(offset, "a piece of the output does not fit in 16 MiB");
+}
+
+// ReadOnce or ReadAll under Guarded; a reading that stopped early throws.
+template <class TReader, class TRead>
+bool ReadGuarded(TReader& reader, TRead&& read)
+{
+    const ReadResult result = Guarded(read, [&] { return reader.BytesConsumed(); });
+    if (result == ReadResult::stalled || result == ReadResult::overrun)
+        ThrowReadFailure(result, reader.BytesConsumed());
+    return result == ReadResult::more;
 }
 
 // The text of a reader, pulled into a buffer of its own and handed out from
@@ -170,8 +166,7 @@ struct CTextPuller {
     {
         while (pos == end && bMore) {
             pos = 0;
-            end = PullOnce([this](char* b, char* e, bool& more) { return source->Pull(b, e, more); },
-                           [this] { return source->Consumed(); }, buffer, bMore, false);
+            bMore = ReadGuarded(*source, [this] { return ReadOnce(*source, buffer, end); });
         }
     }
 };
@@ -310,20 +305,6 @@ bool CollectAttachment(AttachmentInfo& info, CString& text, void* pCollector, vo
     return true;
 }
 
-// The stream reader with its read position told: the stream's position less
-// what is still buffered.
-class COldTextReader final : public CRTFStreamImport {
-public:
-    explicit COldTextReader(IStream* pStream) : CRTFStreamImport(pStream) {}
-    std::size_t Consumed() const
-    {
-        ULARGE_INTEGER pos{};
-        LARGE_INTEGER none{};
-        m_pStream->Seek(none, STREAM_SEEK_CUR, &pos);
-        return static_cast<std::size_t>(pos.QuadPart) - static_cast<std::size_t>(m_pEnd - m_pCur);
-    }
-};
-
 // ---------------------------------------------------------------------------
 // Old-format text to RTF: the writer's attachment filter answers.
 
@@ -413,7 +394,7 @@ bool TextReader::done() const
     return m_impl->pos == m_impl->end;
 }
 
-std::size_t TextReader::offset() const { return m_impl->source->Consumed(); }
+std::size_t TextReader::offset() const { return m_impl->source->BytesConsumed(); }
 
 void rtf_to_text(std::string_view rtf, const TextOptions& options, const std::function<void(std::string_view)>& sink)
 {
@@ -453,18 +434,15 @@ OldText rtf_to_old(std::string_view rtf, const OldOptions& options)
     RequireSize(rtf);
     OldText result;
     CComPtr<IStream> input = StreamWith(rtf.data(), rtf.size());
-    auto reader = std::make_unique<COldTextReader>(input);
+    auto reader = std::make_unique<CRTFStreamImport>(input);
     ChooseExactness(*reader, options.exact);
     reader->SetPasteWithTableTags(options.table_tags);
     CAttachmentCollector collector{options, result.attachments};
     reader->SetAttachmentFilter(CollectAttachment, &collector, nullptr);
 
-    std::vector<char> buffer(cbFirstPull);
-    for (bool bMore = true; bMore;) {
-        const std::size_t cb = PullOnce([&](char* b, char* e, bool& more) { return reader->Read(b, e, more); },
-                                        [&] { return reader->Consumed(); }, buffer, bMore, true);
-        result.text.append(buffer.data(), cb);
-    }
+    ReadGuarded(*reader, [&] {
+        return ReadAll(*reader, [&](const char* p, std::size_t cb) { result.text.append(p, cb); }, cbFirstPull);
+    });
     return result;
 }
 

@@ -118,30 +118,24 @@ std::string Hex(const void* p, std::size_t n)
 
 namespace {
 
-// The reader, with a view of how far it got.
+// The reader, with a view of the groups it left open.
 class CGroupProbe : public rtf_converter::CBytePtrRTFToPlainTextPtrParser {
 public:
     CGroupProbe(const std::string& rtf, const unsigned long& cb)
-        : CBytePtrRTFToPlainTextPtrParser(reinterpret_cast<const unsigned char*>(rtf.data()), cb),
-          m_pEnd(reinterpret_cast<const unsigned char*>(rtf.data()) + cb)
+        : CBytePtrRTFToPlainTextPtrParser(reinterpret_cast<const unsigned char*>(rtf.data()), cb), m_cb(cb)
     {
     }
     std::string ReadAll()
     {
         std::string text;
-        std::vector<char> buf(4096);
-        bool bMore = true;
-        while (bMore) {
-            unsigned long n = Read(buf.data(), buf.data() + buf.size(), bMore);
-            text.append(buf.data(), n);
-            if (n == 0 && bMore) buf.resize(buf.size() * 2); // a number text longer than the buffer
-        }
+        const auto result = rtf_converter::ReadAll(*this, [&](const char* p, std::size_t cb) { text.append(p, cb); }, 4096);
+        EXPECT_EQ(result, rtf_converter::ReadResult::complete);
         return text;
     }
-    bool Balanced() const { return m_cGroup == 0 && m_pRead == m_pEnd; }
+    bool Balanced() const { return m_cGroup == 0 && BytesConsumed() == m_cb; }
 
 private:
-    const unsigned char* m_pEnd;
+    unsigned long m_cb;
 };
 
 } // namespace

@@ -8,6 +8,7 @@ namespace rtfconv_test {
 using rtf_converter::CRTFImportToPtr;
 using rtf_converter::CRTFPtrImport;
 using rtf_converter::CRTFStreamImport;
+using rtf_converter::ReadResult;
 
 HRESULT CTestReadStream::Read(void* pv, ULONG cb, ULONG* pcbRead)
 {
@@ -54,23 +55,6 @@ std::string Cmd(const std::string& body) { return "\x01" + body + "\x02"; }
 
 namespace {
 
-// The readers with their read position made visible: every buffer after the
-// first begins with the re-sent commands, so progress shows in the input.
-class CPtrReader : public CRTFPtrImport {
-public:
-    using CRTFPtrImport::CRTFPtrImport;
-    std::size_t BytesConsumed() const { return std::min(m_ichCur, m_cchText); }
-};
-
-class CStreamReader : public CRTFStreamImport {
-public:
-    explicit CStreamReader(CTestReadStream& stream) : CRTFStreamImport(&stream), m_stream(stream) {}
-    std::size_t BytesConsumed() const { return m_stream.Position() - static_cast<std::size_t>(m_pEnd - m_pCur); }
-
-private:
-    CTestReadStream& m_stream;
-};
-
 template <class TReader>
 ImportResult PullWith(TReader& reader, const ImportOptions& options)
 {
@@ -81,25 +65,18 @@ ImportResult PullWith(TReader& reader, const ImportOptions& options)
     if (options.pfnCharFilter)
         reader.SetFilter(options.pfnCharFilter);
 
+    // Every buffer after the first begins with the re-sent commands, so
+    // ReadOnce judges progress by the input consumed.
     ImportResult result;
     std::vector<char> buf(options.cbBuffer);
-    std::size_t cbConsumedBefore = 0;
-    bool bMore = true;
-    while (bMore) {
-        const int n = reader.Read(buf.data(), buf.data() + buf.size(), bMore);
-        result.buffers.emplace_back(buf.data(), static_cast<std::size_t>(n));
-        result.text.append(buf.data(), static_cast<std::size_t>(n));
-        const std::size_t cbConsumed = reader.BytesConsumed();
-        if (bMore && cbConsumed <= cbConsumedBefore) {
-            // What is due next does not fit: grow as the tool does.
-            if (buf.size() >= (std::size_t(16) << 20)) {
-                result.bStalled = true;
-                break;
-            }
-            buf.resize(buf.size() * 2);
-            ++result.cGrowths;
-        }
-        cbConsumedBefore = cbConsumed;
+    for (ReadResult step = ReadResult::more; step == ReadResult::more;) {
+        const std::size_t cbBefore = buf.size();
+        std::size_t cb = 0;
+        step = ReadOnce(reader, buf, cb);
+        result.buffers.emplace_back(buf.data(), cb);
+        result.text.append(buf.data(), cb);
+        result.cGrowths += buf.size() != cbBefore ? 1 : 0;
+        result.bStalled = step == ReadResult::stalled;
     }
     result.cUnrepresentable = reader.GetUnrepresentableCount();
     return result;
@@ -110,11 +87,11 @@ ImportResult PullWith(TReader& reader, const ImportOptions& options)
 ImportResult PullOldText(const std::string& rtf, const ImportOptions& options)
 {
     if (options.source == ImportSource::Ptr) {
-        CPtrReader reader(rtf.c_str());
+        CRTFPtrImport reader(rtf.c_str());
         return PullWith(reader, options);
     }
     CTestReadStream stream(rtf);
-    CStreamReader reader(stream);
+    CRTFStreamImport reader(&stream);
     return PullWith(reader, options);
 }
 

@@ -1,0 +1,62 @@
+// Scans for the first byte of a kind, 16 bytes a step where the processor has
+// SSE2 (every x86-64 one), a byte a step elsewhere. Inside the library only.
+#pragma once
+
+#include <cstddef>
+
+#if defined(__SSE2__) && (defined(__GNUC__) || defined(__clang__))
+#include <emmintrin.h>
+#define RTFCONV_SCAN_SSE2 1
+#endif
+
+namespace rtf_converter {
+namespace byte_scan {
+
+#if RTFCONV_SCAN_SSE2
+typedef __m128i Block;
+inline __m128i Splat(char ch) { return _mm_set1_epi8(ch); }
+inline __m128i Is(__m128i v, char ch) { return _mm_cmpeq_epi8(v, Splat(ch)); }
+#endif
+
+// The number of bytes of [p, p + cb) before the first one isStop(byte) holds
+// for; blockStops(block) gives the same answer for 16 bytes at once, as a mask
+// of the bytes it holds for (bit i for byte i).
+template <class TBlockStops, class TStop>
+std::size_t LengthBefore(const char* p, std::size_t cb, TBlockStops&& blockStops, TStop&& isStop)
+{
+    std::size_t n = 0;
+#if RTFCONV_SCAN_SSE2
+    for (; cb - n >= 16; n += 16) {
+        const unsigned mask = static_cast<unsigned>(
+            _mm_movemask_epi8(blockStops(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + n)))));
+        if (mask != 0)
+            return n + static_cast<std::size_t>(__builtin_ctz(mask));
+    }
+#else
+    (void)blockStops;
+#endif
+    while (n < cb && !isStop(p[n]))
+        ++n;
+    return n;
+}
+
+// Printable ASCII: 0x20 to 0x7E.
+inline bool IsPrintableAscii(char ch)
+{
+    const unsigned char b = static_cast<unsigned char>(ch);
+    return b >= 0x20 && b < 0x7F;
+}
+
+inline std::size_t PrintableAsciiLength(const char* p, std::size_t cb)
+{
+#if RTFCONV_SCAN_SSE2
+    // Signed, the bytes from 0x80 up are below 0x20 too.
+    auto blockStops = [](__m128i v) { return _mm_or_si128(_mm_cmplt_epi8(v, Splat(0x20)), Is(v, 0x7F)); };
+#else
+    auto blockStops = [](int) { return 0; };
+#endif
+    return LengthBefore(p, cb, blockStops, [](char ch) { return !IsPrintableAscii(ch); });
+}
+
+} // namespace byte_scan
+} // namespace rtf_converter

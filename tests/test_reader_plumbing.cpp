@@ -1,0 +1,463 @@
+// The control word read from the bytes a source offers, against the same word
+// read byte by byte; the readers' read position; ReadAll.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "platform/ObjBase.h"
+#include "rtfconverter/BaseRTFParser.h"
+#include "rtfconverter/RTFToOld.h"
+#include "rtfconverter/ReaderPlumbing.h"
+#include "rtfconverter/RtfToText.h"
+#include "rtfconverter/RtfToUtf8.h"
+#include "test_util.h"
+
+using namespace rtf_converter;
+
+namespace {
+
+#define RTFCONV_TEST_NOOP(name) \
+    bool name(const void*, int) override { return true; }
+
+// Records characters, keywords as "\kw(param)" and groups as "{" "}". Its
+// source offers the bytes ahead in windows of a chosen size (0: none), so a
+// control word can be made to straddle the window's end. With `refuseFirst`
+// every keyword is refused the first time it is met, as a full output
+// buffer refuses it; a refused keyword leaves no trace.
+class CWindowReader : public CBaseRTFParser {
+public:
+    CWindowReader(const std::string& rtf, std::size_t cbWindow, bool refuseFirst)
+        : m_rtf(rtf), m_cbWindow(cbWindow), m_refuseFirst(refuseFirst)
+    {
+    }
+
+    std::string Run()
+    {
+        for (bool bMore = true; bMore && m_cParse < 10000; ++m_cParse)
+            Parse(bMore);
+        return m_events + "@" + std::to_string(m_pos);
+    }
+
+protected:
+    bool InitBuffer() override { return true; }
+    long Get(char& ch) override
+    {
+        if (m_pos >= m_rtf.size()) return -1;
+        ch = m_rtf[m_pos++];
+        return ch == '\0' ? -1 : 0;
+    }
+    void MarkBacktrack(int n) override { m_mark = m_pos - static_cast<std::size_t>(n); }
+    void Backtrack(int n) override { m_pos = n == -1 ? m_mark : m_pos - static_cast<std::size_t>(n); }
+    const char* RunAhead(std::size_t& cb) const override
+    {
+        cb = std::min(m_cbWindow, m_rtf.size() - m_pos);
+        return m_cbWindow ? m_rtf.data() + m_pos : nullptr;
+    }
+    void SkipAhead(std::size_t cb) override { m_pos += cb; }
+    bool ParseChar(char ch) override
+    {
+        m_events += ch;
+        return true;
+    }
+    bool TranslateKeyword(const char* szKeyword, int param) override
+    {
+        if (m_refuseFirst && m_refusedAt != m_pos) {
+            m_refusedAt = m_pos;
+            return false;
+        }
+        m_events += "\\";
+        m_events += szKeyword;
+        if (param != noParam) m_events += "(" + std::to_string(param) + ")";
+        m_events += "@" + std::to_string(m_pos);  // where the word left the read position
+        return CBaseRTFParser::TranslateKeyword(szKeyword, param);
+    }
+    bool PushRtfState() override
+    {
+        m_events += "{";
+        return CBaseRTFParser::PushRtfState();
+    }
+    bool PopRtfState() override
+    {
+        m_events += "}";
+        return CBaseRTFParser::PopRtfState();
+    }
+
+    RTFCONV_TEST_NOOP(FillFontFamily)
+    RTFCONV_TEST_NOOP(FillFontCharset)
+    RTFCONV_TEST_NOOP(GetFontNum)
+    RTFCONV_TEST_NOOP(ApplyFontSize)
+    bool AttachmentHandler() override { return true; }
+    RTFCONV_TEST_NOOP(FillColorTable)
+    RTFCONV_TEST_NOOP(ApplyColorCommand)
+    RTFCONV_TEST_NOOP(ApplyBKColorCommand)
+    RTFCONV_TEST_NOOP(FieldResult)
+    RTFCONV_TEST_NOOP(GetDefaultFontNum)
+    RTFCONV_TEST_NOOP(ProcessSpecial)
+    RTFCONV_TEST_NOOP(InsertSpecialChar)
+    RTFCONV_TEST_NOOP(GetBinary)
+    RTFCONV_TEST_NOOP(ApplyCharCommand)
+    RTFCONV_TEST_NOOP(ApplyTabCommand)
+    RTFCONV_TEST_NOOP(ApplyPlainCommand)
+    RTFCONV_TEST_NOOP(SkipCharacters)
+    RTFCONV_TEST_NOOP(ApplyNLCommand)
+    RTFCONV_TEST_NOOP(ApplyStartRowCommand)
+    RTFCONV_TEST_NOOP(ApplyEndRowCommand)
+    RTFCONV_TEST_NOOP(ApplyLastRowCommand)
+    RTFCONV_TEST_NOOP(ApplyEndCellCommand)
+    RTFCONV_TEST_NOOP(InitAttachment)
+    RTFCONV_TEST_NOOP(SetPictureType)
+    RTFCONV_TEST_NOOP(ObjectData)
+    RTFCONV_TEST_NOOP(ObjectResult)
+
+private:
+    std::string m_rtf;
+    std::size_t m_cbWindow;
+    bool m_refuseFirst;
+    std::size_t m_pos = 0, m_mark = 0;
+    std::size_t m_refusedAt = std::string::npos;
+    int m_cParse = 0;
+    std::string m_events;
+};
+
+std::string Events(const std::string& rtf, std::size_t cbWindow, bool refuseFirst = false)
+{
+    return CWindowReader(rtf, cbWindow, refuseFirst).Run();
+}
+
+// Every shape of control word the tokenizer knows, its quirks included.
+const std::string kWords[] = {
+    "{\\par x}",
+    "{\\fs24 x}",
+    "{\\fs24x}",
+    "{\\li-360 x}",
+    "{\\li-360x\\ri-0}",
+    "{\\b\\i x}",
+    "{\\fs- x}",
+    "{\\fs-x}",
+    "{\\fs-}",
+    "{\\fs4294967297 }",
+    "{\\fs2147483647 x}",
+    "{\\fs-2147483649x}",
+    "{\\fs99999999999999999999 x}",
+    "{\\par}",
+    "{\\~\\-\\_x\\*\\ud}",
+    "{\\\\\\{\\}}",
+    "{a\\\rb\\\nc}",
+    "{\\'41\\'4g\\'zz\\'e9}",
+    "{\\abcdefghijklmnopqrstuvwxyzabcdefghi}",
+    "{\\abcdefghijklmnopqrstuvwxyzabcd}",
+    "{\\abcdefghijklmnopqrstuvwxyzabc}",
+    "{\\abcdefghijklmnopqrstuvwxyzab1 }",
+    "{\\pa",
+    "{\\fs12",
+    "{\\fs-",
+    "{a\\",
+    std::string("{\\par\0x}", 8),
+    std::string("{\\fs12\0x}", 9),
+    std::string("{\\fs-\0x}", 8),
+    std::string("{\\\0x}", 5),
+    "{\\rtf1\\ansi{\\fonttbl{\\f0\\fswiss Arial;}}\\pard\\plain\\f0\\fs20 Hello\\par\r\n}",
+};
+
+} // namespace
+
+TEST(KeywordFastPath, EveryWindowGivesTheWordsOfTheByteByBytePath)
+{
+    for (const std::string& rtf : kWords) {
+        const std::string expected = Events(rtf, 0);
+        for (std::size_t cbWindow = 1; cbWindow <= rtf.size() + 1; ++cbWindow)
+            EXPECT_EQ(Events(rtf, cbWindow), expected) << rtf << " window " << cbWindow;
+    }
+}
+
+TEST(KeywordFastPath, PinnedOutcomes)
+{
+    // What both paths give, so that a change to both is seen too.
+    const std::pair<std::string, std::string> rows[] = {
+        {"{\\fs24x}", "{\\fs(24)@6x}@8"},
+        {"{\\li-360 x}", "{\\li(-360)@9x}@11"},
+        {"{\\fs-x}", "{\\fs@5x}@7"},
+        {"{\\fs2147483647 x}", "{\\fs@14 x}@17"},
+        {"{\\\\\\{\\}}", "{\\{}}@8"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(Events(row.first, 0), row.second) << row.first;
+        EXPECT_EQ(Events(row.first, 64), row.second) << row.first;
+    }
+}
+
+TEST(KeywordFastPath, RefusedKeywordIsReadAgainFromItsBackslash)
+{
+    for (const std::string& rtf : kWords) {
+        const std::string expected = Events(rtf, 0);
+        EXPECT_EQ(Events(rtf, 0, true), expected) << rtf;
+        for (std::size_t cbWindow : {std::size_t(1), std::size_t(3), std::size_t(7), rtf.size()})
+            EXPECT_EQ(Events(rtf, cbWindow, true), expected) << rtf << " window " << cbWindow;
+    }
+}
+
+namespace {
+
+std::vector<std::string> CorpusDocuments()
+{
+    std::vector<std::string> names;
+    if (DIR* dir = opendir(RTFCONV_CORPUS_DIR)) {
+        while (dirent* entry = readdir(dir))
+            if (entry->d_name[0] != '.') names.push_back(entry->d_name);
+        closedir(dir);
+    }
+    std::sort(names.begin(), names.end());
+    std::vector<std::string> documents;
+    for (const std::string& name : names)
+        documents.push_back(rtfconv_test::ReadFileBytes(std::string(RTFCONV_CORPUS_DIR) + "/" + name));
+    return documents;
+}
+
+const unsigned char* Bytes(const std::string& s) { return reinterpret_cast<const unsigned char*>(s.data()); }
+
+// The readers with a source that offers nothing: the byte-by-byte protocol.
+template <class TReader>
+class CNoRuns : public TReader {
+public:
+    CNoRuns(const std::string& rtf, const unsigned long& cb) : TReader(Bytes(rtf), cb) {}
+
+protected:
+    const char* RunAhead(std::size_t& cb) const override
+    {
+        cb = 0;
+        return nullptr;
+    }
+};
+
+template <class TReader>
+std::string ReadText(TReader& reader, std::size_t cbBuffer)
+{
+    std::string text;
+    const ReadResult result = ReadAll(reader, [&](const char* p, std::size_t cb) { text.append(p, cb); }, cbBuffer);
+    return result == ReadResult::complete ? text : text + "<stopped>";
+}
+
+template <class TReader>
+void ExpectSameTextWithoutRuns(const std::string& rtf, std::size_t cbBuffer)
+{
+    const unsigned long cb = static_cast<unsigned long>(rtf.size());
+    TReader withRuns(Bytes(rtf), cb);
+    CNoRuns<TReader> withoutRuns(rtf, cb);
+    EXPECT_EQ(ReadText(withRuns, cbBuffer), ReadText(withoutRuns, cbBuffer)) << rtf.substr(0, 80);
+    EXPECT_EQ(withRuns.BytesConsumed(), withoutRuns.BytesConsumed());
+}
+
+} // namespace
+
+TEST(KeywordFastPath, ReadersGiveTheSameTextWhenTheSourceOffersNoRuns)
+{
+    for (const std::string& rtf : CorpusDocuments()) {
+        for (std::size_t cbBuffer : {std::size_t(4), std::size_t(61), std::size_t(65536)}) {
+            ExpectSameTextWithoutRuns<CBytePtrRTFToPlainTextPtrParser>(rtf, cbBuffer);
+            ExpectSameTextWithoutRuns<CBytePtrRTFToUTF8PtrParser>(rtf, cbBuffer);
+        }
+    }
+}
+
+TEST(KeywordFastPath, RunsOfEveryKindGiveTheTextOfTheByteByBytePath)
+{
+    const std::string filler(40, 'x');
+    const std::string rows[] = {
+        // Reserved bytes at the edges of 16-byte blocks.
+        "{\\rtf1 \x01" + filler + "\x17" + filler.substr(0, 14) + "\x02\x03" + filler + "\x01}",
+        // 8-bit bytes inside long runs of ASCII, in the document's page and
+        // in a symbol font.
+        "{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}{\\f1\\fcharset2 Symbol;}}\\f0 " + filler + "\xe9t\xe9" + filler +
+            "\x7f\x80 {\\f1 " + filler + "abc}\\par}",
+        // Lead and trail bytes of a double-byte page.
+        "{\\rtf1\\ansi\\ansicpg932 " + filler + "\x82\xa0" + filler + "\x82}",
+        // Skipped destinations and hex data in lines.
+        "{\\rtf1 a{\\*\\unknown " + filler + "\r\n" + filler + "}{\\pict\\pngblip 0102\r\n0304\n\r0506}b\\par}",
+    };
+    for (const std::string& rtf : rows)
+        for (std::size_t cbBuffer = 4; cbBuffer <= rtf.size() + 4; cbBuffer += 3) {
+            ExpectSameTextWithoutRuns<CBytePtrRTFToPlainTextPtrParser>(rtf, cbBuffer);
+            ExpectSameTextWithoutRuns<CBytePtrRTFToUTF8PtrParser>(rtf, cbBuffer);
+        }
+
+    CBytePtrRTFToPlainTextPtrParser text(Bytes(rows[0]), static_cast<unsigned long>(rows[0].size()));
+    EXPECT_EQ(ReadText(text, 64), " " + filler + " " + filler.substr(0, 14) + "  " + filler + " ");
+    CBytePtrRTFToUTF8PtrParser utf8(Bytes(rows[1]), static_cast<unsigned long>(rows[1].size()));
+    // In the symbol font x is a xi, a b c are alpha beta chi.
+    std::string xis;
+    for (std::size_t i = 0; i < filler.size(); ++i)
+        xis += "\xCE\xBE";
+    EXPECT_EQ(ReadText(utf8, 64).substr(filler.size()),
+              "\xC3\xA9t\xC3\xA9" + filler + "\xE2\x82\xAC " + xis + "\xCE\xB1\xCE\xB2\xCF\x87\n");
+}
+
+namespace {
+
+// The offsets BytesConsumed gives after each Read with a buffer of cbBuffer.
+template <class TReader>
+std::vector<std::size_t> ConsumedAfterEachRead(TReader& reader, std::size_t cbBuffer)
+{
+    std::vector<char> buffer(cbBuffer);
+    std::vector<std::size_t> consumed;
+    for (bool bMore = true; bMore && consumed.size() < 1000;) {
+        reader.Read(buffer.data(), buffer.data() + buffer.size(), bMore);
+        consumed.push_back(reader.BytesConsumed());
+    }
+    return consumed;
+}
+
+IStream* StreamOf(const std::string& bytes)
+{
+    IStream* pStream = nullptr;
+    EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &pStream), S_OK);
+    pStream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
+    LARGE_INTEGER zero{};
+    pStream->Seek(zero, STREAM_SEEK_SET, nullptr);
+    return pStream;
+}
+
+} // namespace
+
+TEST(BytesConsumed, GrowsWithEachReadAndStopsWhereTheDocumentEnds)
+{
+    // 20 bytes of document, then bytes no reader reads.
+    const std::string rtf = "{\\rtf1 Hello, world}trailing";
+    const unsigned long cb = static_cast<unsigned long>(rtf.size());
+    // "Hell" ends at byte 11, "o, w" at 15, "orld" at 19, and the same call
+    // reads the closing brace; the UTF-8 text's last newline needs a call of
+    // its own.
+    CBytePtrRTFToPlainTextPtrParser text(Bytes(rtf), cb);
+    EXPECT_EQ(ConsumedAfterEachRead(text, 4), (std::vector<std::size_t>{11, 15, 20}));
+    CBytePtrRTFToUTF8PtrParser utf8(Bytes(rtf), cb);
+    EXPECT_EQ(ConsumedAfterEachRead(utf8, 4), (std::vector<std::size_t>{11, 15, 20, 20}));
+    CRTFPtrImport old(rtf.c_str());
+    EXPECT_EQ(ConsumedAfterEachRead(old, 65536), std::vector<std::size_t>{20});
+
+    // The stream source tells it too, though it reads ahead in blocks.
+    IStream* pStream = StreamOf(rtf);
+    {
+        CRTFStreamImport stream(pStream);
+        EXPECT_EQ(ConsumedAfterEachRead(stream, 65536), std::vector<std::size_t>{20});
+    }
+    pStream->Release();
+}
+
+TEST(BytesConsumed, ANulEndsTheTextAndCountsAsRead)
+{
+    const std::string rtf("{\\rtf1 ab\0cd}", 13);
+    const unsigned long cb = static_cast<unsigned long>(rtf.size());
+    CBytePtrRTFToPlainTextPtrParser text(Bytes(rtf), cb);
+    EXPECT_EQ(ReadText(text, 64), "ab");
+    EXPECT_EQ(text.BytesConsumed(), 10u);
+    // The UTF-8 reader passes over a byte-order mark before the RTF.
+    const std::string withBom = "\xEF\xBB\xBF{\\rtf1 ab}";
+    CBytePtrRTFToUTF8PtrParser utf8(Bytes(withBom), static_cast<unsigned long>(withBom.size()));
+    EXPECT_EQ(utf8.BytesConsumed(), 3u);
+    EXPECT_EQ(ReadText(utf8, 64), "ab\n");
+    EXPECT_EQ(utf8.BytesConsumed(), withBom.size());
+}
+
+namespace {
+
+// Old-format text without its markup commands (0x01 up to 0x02).
+std::string WithoutCommands(const std::string& old)
+{
+    std::string text;
+    bool bInCommand = false;
+    for (char ch : old) {
+        if (ch == '\x01' || ch == '\x02')
+            bInCommand = ch == '\x01';
+        else if (!bInCommand)
+            text += ch;
+    }
+    return text;
+}
+
+} // namespace
+
+TEST(ReadAll, EveryBufferSizeGivesTheSameText)
+{
+    const std::string rtf =
+        "{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}{\\pntext 1.\\tab}{\\*\\pn\\pnlvlbody\\pndec}"
+        "\\pard Caf\\'e9 \\u8364? {\\pict\\pngblip 0102\r\n0304}au revoir\\par}";
+    const unsigned long cb = static_cast<unsigned long>(rtf.size());
+    CBytePtrRTFToPlainTextPtrParser text0(Bytes(rtf), cb);
+    CBytePtrRTFToUTF8PtrParser utf80(Bytes(rtf), cb);
+    CRTFPtrImport old0(rtf.c_str());
+    const std::string expectedText = ReadText(text0, 65536);
+    const std::string expectedUtf8 = ReadText(utf80, 65536);
+    const std::string expectedOld = ReadText(old0, 65536);
+    EXPECT_NE(WithoutCommands(expectedOld).find("au revoir"), std::string::npos);
+    EXPECT_NE(expectedText.find("au revoir"), std::string::npos);
+    EXPECT_NE(expectedUtf8.find("Caf\xC3\xA9 \xE2\x82\xAC"), std::string::npos);
+    for (std::size_t cbBuffer = 1; cbBuffer <= rtf.size(); ++cbBuffer) {
+        CBytePtrRTFToPlainTextPtrParser text(Bytes(rtf), cb);
+        EXPECT_EQ(ReadText(text, cbBuffer), expectedText) << cbBuffer;
+        CBytePtrRTFToUTF8PtrParser utf8(Bytes(rtf), cb);
+        EXPECT_EQ(ReadText(utf8, cbBuffer), expectedUtf8) << cbBuffer;
+        // Every buffer of old-format text begins with the re-sent commands:
+        // the characters between the commands are compared.
+        CRTFPtrImport old(rtf.c_str());
+        EXPECT_EQ(WithoutCommands(ReadText(old, cbBuffer)), WithoutCommands(expectedOld)) << cbBuffer;
+        EXPECT_EQ(old.BytesConsumed(), old0.BytesConsumed()) << cbBuffer;
+    }
+}
+
+namespace {
+
+// A reader that never moves: it writes what its buffer takes of a piece that
+// never fits, or nothing at all.
+struct CStuckReader {
+    bool bWritesCommands = false;  // as the old-format readers re-send theirs
+    long cbReported = 0;           // > 0: reports this many bytes whatever it wrote
+    int cCalls = 0;
+    std::size_t cbLargest = 0;
+    long Read(char* pBegin, char* pEnd, bool& bMore)
+    {
+        ++cCalls;
+        cbLargest = std::max(cbLargest, static_cast<std::size_t>(pEnd - pBegin));
+        bMore = true;
+        if (cbReported > 0)
+            return cbReported;
+        return bWritesCommands ? 1 : 0;
+    }
+    std::size_t BytesConsumed() const { return 0; }
+};
+
+// ReadAll knows the old-format readers by their base class.
+class CResendingReader : public CRTFPtrImport {
+public:
+    CResendingReader() : CRTFPtrImport("") {}
+    long Read(char* pBegin, char* pEnd, bool& bMore) { return stuck.Read(pBegin, pEnd, bMore); }
+    std::size_t BytesConsumed() const { return 0; }
+
+    CStuckReader stuck;
+};
+
+} // namespace
+
+TEST(ReadAll, AReaderThatCannotProgressIsStoppedAt16MiB)
+{
+    CStuckReader silent;
+    std::size_t cbHanded = 0;
+    EXPECT_EQ(ReadAll(silent, [&](const char*, std::size_t cb) { cbHanded += cb; }, 1000), ReadResult::stalled);
+    EXPECT_EQ(silent.cbLargest, cbLargestReadBuffer);
+    EXPECT_EQ(cbHanded, 0u);
+
+    // An old-format reader that writes its re-sent commands and nothing more
+    // makes no progress either.
+    CResendingReader resending;
+    resending.stuck.bWritesCommands = true;
+    EXPECT_EQ(ReadAll(resending, [&](const char*, std::size_t cb) { cbHanded += cb; }, 1 << 20), ReadResult::stalled);
+    EXPECT_EQ(resending.stuck.cCalls, 5);  // 1, 2, 4, 8 and 16 MiB
+    EXPECT_EQ(cbHanded, 5u);
+
+    CStuckReader overrunning;
+    overrunning.cbReported = 65;
+    EXPECT_EQ(ReadAll(overrunning, [](const char*, std::size_t) {}, 64), ReadResult::overrun);
+    EXPECT_EQ(overrunning.cCalls, 1);
+}
