@@ -29,6 +29,39 @@ inline bool IsHexDigit(char ch)
     return (ch >= '0' && ch <= '9') || (ch >= 'A' && ch <= 'F') || (ch >= 'a' && ch <= 'f');
 }
 
+// Per byte: the value of a hex digit (0..15), or -1.
+struct CHexDigitTable {
+    signed char value[256] = {};
+    constexpr CHexDigitTable()
+    {
+        for (int b = 0; b < 256; ++b)
+            value[b] = -1;
+        for (int d = 0; d < 10; ++d)
+            value['0' + d] = static_cast<signed char>(d);
+        for (int d = 0; d < 6; ++d) {
+            value['A' + d] = static_cast<signed char>(10 + d);
+            value['a' + d] = static_cast<signed char>(10 + d);
+        }
+    }
+};
+constexpr CHexDigitTable kHexDigits;
+
+inline int HexDigitValue(char ch) { return kHexDigits.value[static_cast<unsigned char>(ch)]; }
+
+// Per byte: whether text takes it as it is, with nothing owed in front of it.
+// The exact reading writes every byte but the reserved ones; the lossless one
+// only ASCII, since any other byte may ask for a font command of its own.
+struct CPlainTextTable {
+    bool plain[256] = {};
+    constexpr explicit CPlainTextTable(bool bAsciiOnly)
+    {
+        for (int b = 0; b < 256; ++b)
+            plain[b] = !(b <= 0x03 || b == 0x17) && !(bAsciiOnly && b >= 0x80);
+    }
+};
+constexpr CPlainTextTable kExactPlainText(false);
+constexpr CPlainTextTable kLosslessPlainText(true);
+
 inline bool KeywordIs(const void* pKeyword, const char* psz)
 {
     return std::strcmp(static_cast<const char*>(pKeyword), psz) == 0;
@@ -391,6 +424,159 @@ bool CRTFImport::ProcessSpecialChar(const void* pKeyword, int param)
 
 bool CRTFImport::ProcessSpecial(const void*, int) { return true; }
 bool CRTFImport::SkipCharacters(const void*, int) { return true; }
+
+// ============================================================================
+// Runs of ordinary bytes
+// ============================================================================
+
+bool CRTFImport::ParseRun(const char* p, std::size_t cb)
+{
+    m_bAtGroupStart = false;
+    switch (m_rds) {
+    case rdsNorm:
+    case rdsField:
+    case rdsHyperlink:
+        return ParseTextRun(p, cb);
+    case rdsFieldInst:
+        CollectFieldText(m_strFieldInst, p, cb);
+        SkipAhead(cb);
+        return true;
+    case rdsStyleSheet:
+    case rdsRevTable:
+    case rdsInfo:
+    case rdsPNText:
+        m_bSkipNextChar = false;
+        SkipAhead(cb);
+        return true;
+    case rdsPicture:
+    case rdsObject:
+        return ParseAttachmentRun(p, cb);
+    case rdsSkip:
+    case rdsHidden:
+        // ParseChar drops these bytes and leaves a pending skip pending.
+        SkipAhead(cb);
+        return true;
+    default:
+        // The tables and the numbering text: short, and read byte by byte.
+        return CRTFParser::ParseRun(p, cb);
+    }
+}
+
+// The bytes ParseChar would write as they are go out a run at a time; each
+// other byte (a pending skip, a filter, commands owed at a paragraph start or
+// after a formatting change, a reserved or non-ASCII byte) takes the per-byte
+// path, after which the bulk path may go on.
+bool CRTFImport::ParseTextRun(const char* p, std::size_t cb)
+{
+    std::size_t i = 0;
+    while (i < cb) {
+        if (TextOwesNothing()) {
+            const std::size_t cbPlain = PlainTextLength(p + i, cb - i);
+            const std::size_t cbTaken = WriteTextRun(p + i, cbPlain);
+            SkipAhead(cbTaken);
+            i += cbTaken;
+            if (cbTaken < cbPlain)
+                return false;  // the buffer is full before the byte at i
+            if (i == cb)
+                return true;
+        }
+        // In a text destination ParseChar reads no byte beyond its own.
+        if (!CRTFParser::ParseRun(p + i, 1))
+            return false;
+        ++i;
+    }
+    return true;
+}
+
+// What Append and the lossless AppendAscii check before they put a byte.
+bool CRTFImport::TextOwesNothing() const
+{
+    return !m_bSkipNextChar && !m_pfnFilter && !m_bParagraphStart && !m_bFontChanged && m_strPending.IsEmpty() &&
+           m_chLeadByte < 0;
+}
+
+std::size_t CRTFImport::PlainTextLength(const char* p, std::size_t cb) const
+{
+    const CPlainTextTable& table = m_bLossless ? kLosslessPlainText : kExactPlainText;
+    std::size_t n = 0;
+    while (n < cb && table.plain[static_cast<unsigned char>(p[n])])
+        ++n;
+    return n;
+}
+
+// Returns how many bytes were taken: fewer than cb only when the buffer
+// filled up.
+std::size_t CRTFImport::WriteTextRun(const char* p, std::size_t cb)
+{
+    if (!m_pRedirect)
+        return PutRun(p, cb);
+    CollectFieldText(*m_pRedirect, p, cb);
+    return cb;
+}
+
+// As many bytes as the field text limit leaves room for; the rest is dropped,
+// as FieldTextHasRoom drops them one by one.
+void CRTFImport::CollectFieldText(CString& text, const char* p, std::size_t cb)
+{
+    const std::size_t cchText = static_cast<std::size_t>(text.GetLength());
+    const std::size_t limit = static_cast<std::size_t>(m_limits.maxFieldText);
+    const std::size_t cbRoom = cchText < limit ? limit - cchText : 0;
+    const std::size_t cbKept = cb < cbRoom ? cb : cbRoom;
+    text.Append(p, static_cast<int>(cbKept));
+    if (cbKept < cb)
+        NoteLimitReached(limitFieldText);
+}
+
+std::size_t CRTFImport::PutRun(const char* p, std::size_t cb)
+{
+    std::size_t n = 0;
+    while (n < cb && Put(p[n]))
+        ++n;
+    return n;
+}
+
+// Whole pairs of hex digits are decoded here. A pair that is not two digits
+// goes to the per-byte path, which drops its first byte; a digit at the end of
+// the run waits for the byte after it, so it is left to the parse loop.
+bool CRTFImport::ParseAttachmentRun(const char* p, std::size_t cb)
+{
+    if (!m_bAttachmentDropped && (!m_attachmentInfo.pStm || !m_pBuffer))
+        return CRTFParser::ParseRun(p, cb);  // reads each byte alone
+    std::size_t i = 0;
+    for (;;) {
+        if (m_bAttachmentDropped) {
+            SkipAhead(cb - i);
+            return true;
+        }
+        const std::size_t cbDecoded = DecodeHexPairs(p + i, cb - i);
+        SkipAhead(cbDecoded);
+        i += cbDecoded;
+        if (m_bAttachmentDropped)
+            continue;
+        if (cb - i < 2)
+            return true;
+        // The undecodable pair lies within the run: one byte is taken.
+        if (!CRTFParser::ParseRun(p + i, 1))
+            return false;
+        ++i;
+    }
+}
+
+// Decodes the pairs of hex digits at p; returns the bytes taken, a multiple of
+// two, stopping early when the attachment is dropped.
+std::size_t CRTFImport::DecodeHexPairs(const char* p, std::size_t cb)
+{
+    std::size_t i = 0;
+    while (i + 1 < cb && !m_bAttachmentDropped) {
+        const int hi = HexDigitValue(p[i]);
+        const int lo = HexDigitValue(p[i + 1]);
+        if ((hi | lo) < 0)
+            break;
+        StoreAttachmentByte(static_cast<BYTE>(hi * 16 + lo));
+        i += 2;
+    }
+    return i;
+}
 
 // ============================================================================
 // Character formatting
@@ -959,17 +1145,22 @@ bool CRTFImport::ParseAttachmentData(char ch)
         DropUndecodableHexByte();
         return true;
     }
+    StoreAttachmentByte(static_cast<BYTE>(value));
+    return true;
+}
+
+void CRTFImport::StoreAttachmentByte(BYTE b)
+{
     // \bin data may have filled the buffer to its last byte and left it so.
     if (m_nBufferPos >= nDataBufSize) {
         WriteAttachmentBuffer(m_nBufferPos);
         m_nBufferPos = 0;
     }
-    m_pBuffer[m_nBufferPos++] = static_cast<BYTE>(value);
+    m_pBuffer[m_nBufferPos++] = b;
     if (m_nBufferPos == nDataBufSize) {
         WriteAttachmentBuffer(m_nBufferPos);
         m_nBufferPos = 0;
     }
-    return true;
 }
 
 // The hex decoder un-reads a pair it cannot decode, down to its first byte:
@@ -1206,6 +1397,16 @@ int CRTFImportToPtr::GetCBWritten() const
     return static_cast<int>(m_pCur - m_pBegin);
 }
 
+std::size_t CRTFImportToPtr::PutRun(const char* p, std::size_t cb)
+{
+    const std::size_t cbRoom = static_cast<std::size_t>(m_pEnd - m_pCur);
+    const std::size_t n = cb < cbRoom ? cb : cbRoom;
+    if (n > 0)  // m_pCur is null when Read was given no buffer
+        std::memcpy(m_pCur, p, n);
+    m_pCur += n;
+    return n;
+}
+
 // ============================================================================
 // CRTFPtrImport: a NUL-terminated text
 // ============================================================================
@@ -1264,6 +1465,15 @@ void CRTFPtrImport::Backtrack(int n)
     const std::size_t back = n < 0 ? 0 : static_cast<std::size_t>(n);
     m_ichCur = back < m_ichCur ? m_ichCur - back : 0;
 }
+
+// The bytes before the terminator; none once a read has failed there.
+const char* CRTFPtrImport::RunAhead(std::size_t& cb) const
+{
+    cb = m_ichCur < m_cchText ? m_cchText - m_ichCur : 0;
+    return m_pStart + (m_ichCur < m_cchText ? m_ichCur : m_cchText);
+}
+
+void CRTFPtrImport::SkipAhead(std::size_t cb) { m_ichCur += cb; }
 
 // ============================================================================
 // CRTFStreamImport: an IStream through a read buffer with history
@@ -1367,5 +1577,13 @@ void CRTFStreamImport::Backtrack(int n)
     else
         m_pCur = n > m_pCur - m_pBase ? m_pBase : m_pCur - n;
 }
+
+const char* CRTFStreamImport::RunAhead(std::size_t& cb) const
+{
+    cb = m_pCur < m_pEnd ? static_cast<std::size_t>(m_pEnd - m_pCur) : 0;
+    return m_pCur;
+}
+
+void CRTFStreamImport::SkipAhead(std::size_t cb) { m_pCur += cb; }
 
 } // namespace rtf_converter

@@ -32,6 +32,10 @@
 //                         skips them when p is null; negative at the end of
 //                         input. The stream source copies only the bytes that
 //                         crossed a refill and skips the rest.
+// Both sources offer the bytes ahead of the read position as runs (RunAhead,
+// SkipAhead), which the reader takes in bulk in ParseRun. A class derived from
+// either that overrides ParseChar or Get must override ParseRun too; calling
+// CRTFParser::ParseRun there gives the byte-by-byte protocol back.
 //
 // Framework exceptions leave Read: an invalid-argument exception for a colour
 // or font table entry at index -1 (a negative \cf, \red before \colortbl, a
@@ -173,10 +177,18 @@ protected:
     bool ObjectData(const void* pKeyword, int param) override;
     bool ObjectResult(const void* pKeyword, int param) override;
     CBaseRTFParserSave* CreateSave() override;
+    // Runs of ordinary bytes (RTFParser.h), taken as ParseChar takes them one
+    // by one: text a run at a time wherever nothing is owed in front of it,
+    // picture and object hex decoded pair after pair, skipped destinations
+    // passed over whole. Every other byte still goes through ParseChar.
+    bool ParseRun(const char* p, std::size_t cb) override;
 
     // --- the sink and the block read, supplied by the derived classes
     virtual bool Put(char ch) = 0;
     virtual bool Put(const CString& s) = 0;
+    // As many of the cb bytes as fit, in order, each as Put(char) would put
+    // it; returns how many. The default puts them one at a time.
+    virtual std::size_t PutRun(const char* p, std::size_t cb);
     virtual long Get(int n, unsigned char* pDest) = 0;
     bool m_bInputExhausted = false;  // a byte read failed: the input ended
     virtual int GetCBWritten() const = 0;
@@ -315,6 +327,15 @@ private:
         return m_rds == rdsPNCommand || m_rds == rdsPNTextBefore || m_rds == rdsPNTextAfter;
     }
     bool PutCommentCmd(int type, const char* pszData);
+    // The pieces of ParseRun.
+    bool ParseTextRun(const char* p, std::size_t cb);
+    bool TextOwesNothing() const;
+    std::size_t PlainTextLength(const char* p, std::size_t cb) const;
+    std::size_t WriteTextRun(const char* p, std::size_t cb);
+    void CollectFieldText(CString& text, const char* p, std::size_t cb);
+    bool ParseAttachmentRun(const char* p, std::size_t cb);
+    std::size_t DecodeHexPairs(const char* p, std::size_t cb);
+    void StoreAttachmentByte(BYTE b);
     bool ParseAttachmentData(char ch);
     void DropUndecodableHexByte();
     void WriteAttachmentBuffer(int cb);
@@ -346,6 +367,7 @@ protected:
     bool Put(const CString& s) override;
     int GetCBWritten() const override;
     void CloseBuffer() override { m_pEnd = m_pCur; }
+    std::size_t PutRun(const char* p, std::size_t cb) override;
 
     char* m_pBegin = nullptr;
     char* m_pEnd = nullptr;
@@ -362,6 +384,8 @@ protected:
     long Get(int n, unsigned char* pDest) override;
     void MarkBacktrack(int n) override;
     void Backtrack(int n) override;
+    const char* RunAhead(std::size_t& cb) const override;
+    void SkipAhead(std::size_t cb) override;
 
     // Positions are offsets into the text. They may run past its end by the
     // reads that failed there, so that the tokenizer's rewinds stay exact,
@@ -387,6 +411,9 @@ protected:
     long Get(int n, unsigned char* pDest) override;
     void MarkBacktrack(int n) override;
     void Backtrack(int n) override;
+    // The bytes of the current block: a run never crosses a refill.
+    const char* RunAhead(std::size_t& cb) const override;
+    void SkipAhead(std::size_t cb) override;
 
     long ReadNewBuffer();
     // Keeps the history before the read position and reads the next block.
