@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string_view>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "hostlibs/VQLogger.h"
@@ -146,6 +146,47 @@ namespace {
 
 using LK = CRTFImport;
 
+// Rows with a keyword (szKeyword), sorted by its length, then by its bytes,
+// with where each length begins: a control word is looked up among the rows of its
+// own length by binary search, without hashing it.
+template <class Row>
+class CKeywordIndex {
+public:
+    explicit CKeywordIndex(std::vector<Row> rows) : m_rows(std::move(rows))
+    {
+        std::sort(m_rows.begin(), m_rows.end(), [](const Row& a, const Row& b) {
+            const std::string_view ka(a.szKeyword), kb(b.szKeyword);
+            return ka.size() != kb.size() ? ka.size() < kb.size() : ka < kb;
+        });
+        for (const Row& row : m_rows)
+            m_cchLongest = std::max(m_cchLongest, std::strlen(row.szKeyword));
+        m_firstOfLength.assign(m_cchLongest + 2, m_rows.size());
+        for (std::size_t i = m_rows.size(); i-- > 0;)
+            m_firstOfLength[std::strlen(m_rows[i].szKeyword)] = i;
+        // A length no row has begins where the next one does.
+        for (std::size_t cch = m_cchLongest; cch-- > 0;)
+            m_firstOfLength[cch] = std::min(m_firstOfLength[cch], m_firstOfLength[cch + 1]);
+    }
+
+    const Row* Find(const char* szKeyword) const
+    {
+        const std::size_t cch = std::strlen(szKeyword);
+        if (cch > m_cchLongest)
+            return nullptr;
+        const auto first = m_rows.begin() + static_cast<std::ptrdiff_t>(m_firstOfLength[cch]);
+        const auto last = m_rows.begin() + static_cast<std::ptrdiff_t>(m_firstOfLength[cch + 1]);
+        const auto it = std::lower_bound(first, last, szKeyword, [cch](const Row& row, const char* sz) {
+            return std::memcmp(row.szKeyword, sz, cch) < 0;
+        });
+        return it != last && std::memcmp(it->szKeyword, szKeyword, cch) == 0 ? &*it : nullptr;
+    }
+
+private:
+    std::vector<Row> m_rows;
+    std::size_t m_cchLongest = 0;
+    std::vector<std::size_t> m_firstOfLength;  // index cch: first row of that length
+};
+
 } // namespace
 
 // The core stops where the outermost group closes: a document ends there, a
@@ -193,7 +234,7 @@ bool CRTFImport::TranslateLosslessKeyword(const char* szKeyword, int param, bool
     m_bAtGroupStart = false;
     if (szKeyword[0] == '*' && szKeyword[1] == '\0' && !bAtGroupStart)
         return true;
-    static const std::unordered_map<std::string_view, LosslessKeyword> s_rows = [] {
+    static const CKeywordIndex<LosslessKeyword> s_index = [] {
         std::vector<LosslessKeyword> rows = {
             {"\n", &LK::ApplyCRCommand, false},
             {"\r", &LK::ApplyCRCommand, false},
@@ -229,17 +270,14 @@ bool CRTFImport::TranslateLosslessKeyword(const char* szKeyword, int param, bool
         };
         for (const SpecialChar& special : kSpecialChars)
             rows.push_back({special.szKeyword, &LK::InsertUnicodeSpecial, false});
-        std::unordered_map<std::string_view, LosslessKeyword> index;
-        for (const LosslessKeyword& row : rows)
-            index.emplace(row.szKeyword, row);
-        return index;
+        return CKeywordIndex<LosslessKeyword>(std::move(rows));
     }();
 
-    const auto it = s_rows.find(szKeyword);
-    if (it == s_rows.end() || (m_rds == rdsSkip && !it->second.bInSkipped))
+    const LosslessKeyword* pRow = s_index.Find(szKeyword);
+    if (!pRow || (m_rds == rdsSkip && !pRow->bInSkipped))
         return false;
     m_bOptionalDest = false;
-    bResult = (this->*it->second.pfnHandler)(szKeyword, param);
+    bResult = (this->*pRow->pfnHandler)(szKeyword, param);
     return true;
 }
 
