@@ -1,6 +1,7 @@
 #include "rtfconverter/RTFToOld.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -497,8 +498,23 @@ bool CRTFImport::TextOwesNothing() const
 
 std::size_t CRTFImport::PlainTextLength(const char* p, std::size_t cb) const
 {
-    const CPlainTextTable& table = m_bLossless ? kLosslessPlainText : kExactPlainText;
+    // Eight bytes at a time while none of them is reserved (below 0x04, or
+    // 0x17) or, for the lossless reading, above ASCII; the table decides
+    // within the first word that holds one.
+    constexpr std::uint64_t kOnes = 0x0101010101010101u;
+    constexpr std::uint64_t kHighBits = 0x8080808080808080u;
+    const std::uint64_t highMask = m_bLossless ? kHighBits : 0;
     std::size_t n = 0;
+    for (; n + 8 <= cb; n += 8) {
+        std::uint64_t x;
+        std::memcpy(&x, p + n, sizeof x);
+        const std::uint64_t x17 = x ^ (kOnes * 0x17);
+        const std::uint64_t below4 = (x - kOnes * 4) & ~x & kHighBits;
+        const std::uint64_t is17 = (x17 - kOnes) & ~x17 & kHighBits;
+        if ((below4 | is17 | (x & highMask)) != 0)
+            break;
+    }
+    const CPlainTextTable& table = m_bLossless ? kLosslessPlainText : kExactPlainText;
     while (n < cb && table.plain[static_cast<unsigned char>(p[n])])
         ++n;
     return n;

@@ -3,7 +3,6 @@
 // it keeps. With the option off none of them runs.
 #include <algorithm>
 #include <cstring>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -146,45 +145,47 @@ namespace {
 
 using LK = CRTFImport;
 
-// Rows with a keyword (szKeyword), sorted by its length, then by its bytes,
-// with where each length begins: a control word is looked up among the rows of its
-// own length by binary search, without hashing it.
+inline bool SameWord(const char* a, const char* b)
+{
+    while (*a != '\0' && *a == *b) {
+        ++a;
+        ++b;
+    }
+    return *a == *b;
+}
+
+// Rows with a keyword (szKeyword), grouped by the keyword's first byte: a
+// control word is compared only with the few rows that begin as it does,
+// without hashing it, and most words are turned away at their first byte.
 template <class Row>
 class CKeywordIndex {
 public:
     explicit CKeywordIndex(std::vector<Row> rows) : m_rows(std::move(rows))
     {
-        std::sort(m_rows.begin(), m_rows.end(), [](const Row& a, const Row& b) {
-            const std::string_view ka(a.szKeyword), kb(b.szKeyword);
-            return ka.size() != kb.size() ? ka.size() < kb.size() : ka < kb;
-        });
-        for (const Row& row : m_rows)
-            m_cchLongest = std::max(m_cchLongest, std::strlen(row.szKeyword));
-        m_firstOfLength.assign(m_cchLongest + 2, m_rows.size());
-        for (std::size_t i = m_rows.size(); i-- > 0;)
-            m_firstOfLength[std::strlen(m_rows[i].szKeyword)] = i;
-        // A length no row has begins where the next one does.
-        for (std::size_t cch = m_cchLongest; cch-- > 0;)
-            m_firstOfLength[cch] = std::min(m_firstOfLength[cch], m_firstOfLength[cch + 1]);
+        std::stable_sort(m_rows.begin(), m_rows.end(),
+                         [](const Row& a, const Row& b) { return FirstByte(a.szKeyword) < FirstByte(b.szKeyword); });
+        std::size_t i = 0;
+        for (unsigned b = 0; b <= 256; ++b) {
+            while (i < m_rows.size() && FirstByte(m_rows[i].szKeyword) < b)
+                ++i;
+            m_firstOfByte[b] = static_cast<unsigned short>(i);
+        }
     }
 
     const Row* Find(const char* szKeyword) const
     {
-        const std::size_t cch = std::strlen(szKeyword);
-        if (cch > m_cchLongest)
-            return nullptr;
-        const auto first = m_rows.begin() + static_cast<std::ptrdiff_t>(m_firstOfLength[cch]);
-        const auto last = m_rows.begin() + static_cast<std::ptrdiff_t>(m_firstOfLength[cch + 1]);
-        const auto it = std::lower_bound(first, last, szKeyword, [cch](const Row& row, const char* sz) {
-            return std::memcmp(row.szKeyword, sz, cch) < 0;
-        });
-        return it != last && std::memcmp(it->szKeyword, szKeyword, cch) == 0 ? &*it : nullptr;
+        const unsigned b = FirstByte(szKeyword);
+        for (unsigned i = m_firstOfByte[b]; i < m_firstOfByte[b + 1]; ++i)
+            if (SameWord(m_rows[i].szKeyword, szKeyword))
+                return &m_rows[i];
+        return nullptr;
     }
 
 private:
+    static unsigned FirstByte(const char* sz) { return static_cast<unsigned char>(sz[0]); }
+
     std::vector<Row> m_rows;
-    std::size_t m_cchLongest = 0;
-    std::vector<std::size_t> m_firstOfLength;  // index cch: first row of that length
+    unsigned short m_firstOfByte[257] = {};  // index b: the first row beginning with byte b
 };
 
 } // namespace

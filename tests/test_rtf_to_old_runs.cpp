@@ -255,6 +255,28 @@ TEST(ImportRuns, EveryDocumentEveryBufferSizeAsByteByByte)
     EXPECT_EQ(cCases, 12 * 6 * 11);
 }
 
+TEST(ImportRuns, BytesARunCannotCopyAtEveryOffset)
+{
+    // Reserved bytes (0x01-0x03, 0x17) become spaces; in the lossless reading
+    // non-ASCII bytes take the character set path. Their neighbours (0x04,
+    // 0x16, 0x18, 0x7F) are copied. Each at every offset of a 20-byte run,
+    // so at every place within the words the scan reads.
+    const unsigned char kBytes[] = {0x01, 0x03, 0x04, 0x16, 0x17, 0x18, 0x7F, 0x80, 0xE9, 0xFF};
+    for (unsigned char b : kBytes) {
+        for (std::size_t offset = 0; offset < 20; ++offset) {
+            std::string run(20, 'x');
+            run[offset] = static_cast<char>(b);
+            const std::string rtf = "{\\rtf1 a" + run + "\\par}";
+            for (bool bLossless : {false, true}) {
+                Options options;
+                options.bLossless = bLossless;
+                EXPECT_EQ(WithRuns(rtf, 65536, options), ByteByByte(rtf, 65536, options))
+                    << int(b) << " at " << offset << (bLossless ? " lossless" : " exact");
+            }
+        }
+    }
+}
+
 TEST(ImportRuns, PictureHexIsDecodedAsPairs)
 {
     // "0d0A1a0a": either case; the space, the line breaks and the 'Z' between
