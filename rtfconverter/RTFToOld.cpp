@@ -1,5 +1,6 @@
 #include "rtfconverter/RTFToOld.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -48,6 +49,21 @@ struct CHexDigitTable {
 constexpr CHexDigitTable kHexDigits;
 
 inline int HexDigitValue(char ch) { return kHexDigits.value[static_cast<unsigned char>(ch)]; }
+
+// Decodes up to cPairs pairs of hex digits into pOut; stops at the first pair
+// that is not two digits. Returns the pairs decoded.
+std::size_t DecodeHex(const char* p, std::size_t cPairs, BYTE* pOut)
+{
+    std::size_t k = 0;
+    for (; k < cPairs; ++k) {
+        const int hi = HexDigitValue(p[2 * k]);
+        const int lo = HexDigitValue(p[2 * k + 1]);
+        if ((hi | lo) < 0)
+            break;
+        pOut[k] = static_cast<BYTE>(hi * 16 + lo);
+    }
+    return k;
+}
 
 // Per byte: whether text takes it as it is, with nothing owed in front of it.
 // The exact reading writes every byte but the reserved ones; the lossless one
@@ -584,12 +600,15 @@ std::size_t CRTFImport::DecodeHexPairs(const char* p, std::size_t cb)
 {
     std::size_t i = 0;
     while (i + 1 < cb && !m_bAttachmentDropped) {
-        const int hi = HexDigitValue(p[i]);
-        const int lo = HexDigitValue(p[i + 1]);
-        if ((hi | lo) < 0)
+        WriteFullAttachmentBuffer();
+        const std::size_t cFree = static_cast<std::size_t>(nDataBufSize - m_nBufferPos);
+        const std::size_t cPairs = std::min((cb - i) / 2, cFree);
+        const std::size_t cDecoded = DecodeHex(p + i, cPairs, m_pBuffer + m_nBufferPos);
+        m_nBufferPos += static_cast<int>(cDecoded);
+        i += 2 * cDecoded;
+        WriteFullAttachmentBuffer();
+        if (cDecoded < cPairs)
             break;
-        StoreAttachmentByte(static_cast<BYTE>(hi * 16 + lo));
-        i += 2;
     }
     return i;
 }
@@ -1167,13 +1186,16 @@ bool CRTFImport::ParseAttachmentData(char ch)
 
 void CRTFImport::StoreAttachmentByte(BYTE b)
 {
-    // \bin data may have filled the buffer to its last byte and left it so.
-    if (m_nBufferPos >= nDataBufSize) {
-        WriteAttachmentBuffer(m_nBufferPos);
-        m_nBufferPos = 0;
-    }
+    WriteFullAttachmentBuffer();
     m_pBuffer[m_nBufferPos++] = b;
-    if (m_nBufferPos == nDataBufSize) {
+    WriteFullAttachmentBuffer();
+}
+
+// A full buffer goes to the stream at once. (\bin data may also have filled
+// it to its last byte and left it so.)
+void CRTFImport::WriteFullAttachmentBuffer()
+{
+    if (m_nBufferPos >= nDataBufSize) {
         WriteAttachmentBuffer(m_nBufferPos);
         m_nBufferPos = 0;
     }

@@ -336,6 +336,7 @@ private:
     bool ParseAttachmentRun(const char* p, std::size_t cb);
     std::size_t DecodeHexPairs(const char* p, std::size_t cb);
     void StoreAttachmentByte(BYTE b);
+    void WriteFullAttachmentBuffer();
     bool ParseAttachmentData(char ch);
     void DropUndecodableHexByte();
     void WriteAttachmentBuffer(int cb);

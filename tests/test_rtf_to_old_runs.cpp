@@ -294,22 +294,29 @@ TEST(ImportRuns, PictureHexIsDecodedAsPairs)
 TEST(ImportRuns, RunsLongerThanTheStreamBlockAndTheBuffer)
 {
     // Text and hex data crossing the stream source's 10240-byte blocks and
-    // many output buffers, the hex digits at odd and even offsets of a block.
+    // many output buffers, the hex digits at odd and even offsets of a block;
+    // the pictures fill the 16384-byte staging buffer several times, and
+    // with the smaller limit are dropped after it has gone to the stream once.
     std::string text, hex;
-    for (int i = 0; i < 30000; ++i) {
+    for (int i = 0; i < 30000; ++i)
         text += static_cast<char>('a' + i % 26);
+    for (int i = 0; i < 80001; ++i) {
         static const char kDigits[] = "0123456789abcdef";
         hex += kDigits[(i * 7) % 16];
     }
     for (const std::string& rtf : {"{\\rtf1 " + text + "\\par}", "{\\rtf1 x{\\pict\\emfblip " + hex + "}y}",
                                    "{\\rtf1 xx{\\pict\\emfblip " + hex + "}y}"}) {
-        for (bool bLossless : {false, true}) {
+        for (std::size_t maxAttachment : {std::size_t(1) << 20, std::size_t(20000)}) {
             Options options;
-            options.bLossless = bLossless;
+            options.bLossless = maxAttachment < 30000;
             options.bAttachments = true;
+            options.limits.maxAttachmentBytes = maxAttachment;
             for (std::size_t cb : {std::size_t(7), std::size_t(4096), std::size_t(65536)}) {
                 const Outcome expected = ByteByByte(rtf, cb, options);
-                EXPECT_EQ(WithRuns(rtf, cb, options), expected) << cb;
+                const Outcome outcome = WithRuns(rtf, cb, options);
+                EXPECT_EQ(outcome, expected) << cb;
+                const bool bDropped = (outcome.limitsReached & rtf_converter::limitAttachment) != 0;
+                EXPECT_EQ(bDropped, maxAttachment < 30000 && rtf.find("pict") != std::string::npos) << cb;
                 EXPECT_EQ(FromStream(rtf, cb, options), FromStreamByteByByte(rtf, cb, options)) << cb;
             }
         }
