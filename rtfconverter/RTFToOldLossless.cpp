@@ -2,6 +2,7 @@
 // the one point where a behaviour leaves the exact path, named for what
 // it keeps. With the option off none of them runs.
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -156,7 +157,8 @@ inline bool SameWord(const char* a, const char* b)
 
 // Rows with a keyword (szKeyword), grouped by the keyword's first byte: a
 // control word is compared only with the few rows that begin as it does,
-// without hashing it, and most words are turned away at their first byte.
+// without hashing it. Most words are turned away before that by their first
+// two bytes (the second is the NUL of a one-letter word), which no row has.
 template <class Row>
 class CKeywordIndex {
 public:
@@ -170,10 +172,17 @@ public:
                 ++i;
             m_firstOfByte[b] = static_cast<unsigned short>(i);
         }
+        for (const Row& row : m_rows) {
+            const unsigned pair = FirstTwoBytes(row.szKeyword);
+            m_pairs[pair / 64] |= std::uint64_t(1) << (pair % 64);
+        }
     }
 
     const Row* Find(const char* szKeyword) const
     {
+        const unsigned pair = FirstTwoBytes(szKeyword);
+        if (!(m_pairs[pair / 64] & (std::uint64_t(1) << (pair % 64))))
+            return nullptr;
         const unsigned b = FirstByte(szKeyword);
         for (unsigned i = m_firstOfByte[b]; i < m_firstOfByte[b + 1]; ++i)
             if (SameWord(m_rows[i].szKeyword, szKeyword))
@@ -183,9 +192,14 @@ public:
 
 private:
     static unsigned FirstByte(const char* sz) { return static_cast<unsigned char>(sz[0]); }
+    static unsigned FirstTwoBytes(const char* sz)
+    {
+        return FirstByte(sz) * 256 + (sz[0] != '\0' ? static_cast<unsigned char>(sz[1]) : 0u);
+    }
 
     std::vector<Row> m_rows;
     unsigned short m_firstOfByte[257] = {};  // index b: the first row beginning with byte b
+    std::uint64_t m_pairs[256 * 256 / 64] = {};  // a bit for each two first bytes some row has
 };
 
 } // namespace
