@@ -399,18 +399,21 @@ bool CRTFImport::ParseChar(char ch)
         if (ch == ';' && AddAutomaticColorEntry())
             ++m_nColorEntries;
         return true;
-    case rdsStyleSheet:
-    case rdsRevTable:
-    case rdsInfo:
-    case rdsPNText:
-        m_bSkipNextChar = false;
-        return true;
     case rdsPicture:
     case rdsObject:
         return ParseAttachmentData(ch);
     default:
+        if (DropsTextEndingSkip())
+            m_bSkipNextChar = false;
         return true;
     }
+}
+
+// The destinations whose characters are dropped and end a pending skip; the
+// others that drop theirs leave the skip pending.
+bool CRTFImport::DropsTextEndingSkip() const
+{
+    return m_rds == rdsStyleSheet || m_rds == rdsRevTable || m_rds == rdsInfo || m_rds == rdsPNText;
 }
 
 bool CRTFImport::InsertSpecialChar(const void* lpv, int)
@@ -458,24 +461,22 @@ bool CRTFImport::ParseRun(const char* p, std::size_t cb)
         CollectFieldText(m_strFieldInst, p, cb);
         SkipAhead(cb);
         return true;
-    case rdsStyleSheet:
-    case rdsRevTable:
-    case rdsInfo:
-    case rdsPNText:
-        m_bSkipNextChar = false;
-        SkipAhead(cb);
-        return true;
     case rdsPicture:
     case rdsObject:
         return ParseAttachmentRun(p, cb);
-    case rdsSkip:
-    case rdsHidden:
-        // ParseChar drops these bytes and leaves a pending skip pending.
-        SkipAhead(cb);
-        return true;
-    default:
+    case rdsFontTable:
+    case rdsColorTable:
+    case rdsPNCommand:
+    case rdsPNTextBefore:
+    case rdsPNTextAfter:
         // The tables and the numbering text: short, and read byte by byte.
         return CRTFParser::ParseRun(p, cb);
+    default:
+        // Dropped, as ParseChar drops them.
+        if (DropsTextEndingSkip())
+            m_bSkipNextChar = false;
+        SkipAhead(cb);
+        return true;
     }
 }
 

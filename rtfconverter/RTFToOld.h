@@ -322,6 +322,7 @@ private:
     // Sends s to the redirect string or the sink.
     bool Emit(const CString& s);
     bool InTextDestination() const;
+    bool DropsTextEndingSkip() const;
     bool InNumberingDestination() const
     {
         return m_rds == rdsPNCommand || m_rds == rdsPNTextBefore || m_rds == rdsPNTextAfter;

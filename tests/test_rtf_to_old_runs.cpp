@@ -30,11 +30,12 @@ public:
     std::size_t Consumed() const { return std::min(m_ichCur, m_cchText); }
 };
 
-// The pointer source offering nothing ahead: every byte through Get and
-// ParseChar, as the reader read before it took runs.
-class CByteReader : public CRunReader {
+// A source offering nothing ahead: every byte through Get and ParseChar, as
+// the reader read before it took runs.
+template <class TReader>
+class CWithoutRuns : public TReader {
 public:
-    using CRunReader::CRunReader;
+    using TReader::TReader;
 
 protected:
     const char* RunAhead(std::size_t& cb) const override
@@ -43,6 +44,8 @@ protected:
         return nullptr;
     }
 };
+
+using CByteReader = CWithoutRuns<CRunReader>;
 
 // A derived reader that opts out of bulk runs as the header says, by handing
 // them back to the byte-by-byte default; it upper-cases what ParseChar sees.
@@ -67,19 +70,9 @@ private:
     CTestReadStream& m_stream;
 };
 
-// The stream source offering nothing ahead. (The stream source's \bin data
-// differs from the pointer source's, so each source is held to its own.)
-class CStreamByteReader : public CStreamRunReader {
-public:
-    using CStreamRunReader::CStreamRunReader;
-
-protected:
-    const char* RunAhead(std::size_t& cb) const override
-    {
-        cb = 0;
-        return nullptr;
-    }
-};
+// (The stream source's \bin data differs from the pointer source's, so each
+// source is held to its own.)
+using CStreamByteReader = CWithoutRuns<CStreamRunReader>;
 
 struct Options {
     bool bLossless = false;
