@@ -187,7 +187,7 @@ void CRTFImport::Init()
 
 CBaseRTFParser::CBaseRTFParserSave* CRTFImport::CreateSave()
 {
-    return new (std::nothrow) CRTFImportSave;
+    return new (std::nothrow) CRTFImportSave(*this);
 }
 
 bool CRTFImport::PushRtfState()
@@ -200,6 +200,8 @@ bool CRTFImport::PushRtfState()
         VQASSERT(pSave);
         return true;
     }
+    if (pSave->m_bHoldsState)
+        return true;
     pSave->m_layoutCmd = m_layoutCmd;
     pSave->m_fontCmd = m_fontCmd;
     pSave->m_nFontCharset = m_nFontCharset;

@@ -129,11 +129,25 @@ protected:
     // layout and character formatting in force when the group opened.
     class CRTFImportSave : public CBaseRTFParserSave {
     public:
+        CRTFImportSave() = default;
+        // A record of the reader's state as it is (CreateSave): built as a
+        // copy, it needs neither the default commands nor their assignment.
+        explicit CRTFImportSave(const CRTFImport& reader)
+            : m_layoutCmd(reader.m_layoutCmd),
+              m_fontCmd(reader.m_fontCmd),
+              m_nFontCharset(reader.m_nFontCharset),
+              m_nUnicodeSkip(reader.m_nUnicodeSkip),
+              m_bHoldsState(true)
+        {
+        }
+
         CLayoutCmd m_layoutCmd;
         CFontCmd m_fontCmd;
         // Used by the lossless reading only.
         int m_nFontCharset = 1;
         int m_nUnicodeSkip = 1;
+        // Filled when made; PushRtfState fills the others.
+        bool m_bHoldsState = false;
     };
 
     // --- the reader core's virtual operations

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <dirent.h>
 #include <fstream>
+#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -341,6 +342,32 @@ TEST(ImportRuns, ADerivedReaderThatHandsRunsBackSeesEveryByte)
     EXPECT_NE(all.find("SOME TEXT, "), std::string::npos) << all;
     EXPECT_NE(all.find("BOLD"), std::string::npos) << all;
     EXPECT_EQ(all.find("text"), std::string::npos) << all;
+}
+
+// A host's reader that saves more per group, in a record of its own made the
+// default way: the group state must still be saved into it.
+class CHostSaveReader : public CRunReader {
+public:
+    using CRunReader::CRunReader;
+
+protected:
+    struct CHostSave : CRTFImportSave {
+        int cHostData = 0;
+    };
+    CBaseRTFParserSave* CreateSave() override { return new (std::nothrow) CHostSave; }
+};
+
+TEST(ImportRuns, AGroupSavesItsStateIntoAHostsOwnRecord)
+{
+    const std::string rtf = "{\\rtf1\\pard\\qc a{\\b b{\\pard\\ql\\i c\\par}d}e{\\fs40 f}g\\par}";
+    for (bool bLossless : {false, true}) {
+        Options options;
+        options.bLossless = bLossless;
+        CHostSaveReader reader(rtf.c_str());
+        const Outcome outcome = Pull(reader, 65536, options);
+        EXPECT_EQ(outcome, WithRuns(rtf, 65536, options));
+        EXPECT_EQ(outcome, ByteByByte(rtf, 65536, options));
+    }
 }
 
 std::string ReadFile(const std::string& path)
