@@ -26,9 +26,10 @@ bool AcceptAttachment(AttachmentInfo&, CString& text, void*, void*)
     return true;
 }
 
-long long PullAll(CRTFImportToPtr& reader, std::vector<char>& buffer)
+long long PullAll(CRTFImportToPtr& reader, std::vector<char>& buffer, bool bLossless)
 {
     reader.SetAttachmentFilter(AcceptAttachment, nullptr, nullptr);
+    reader.SetLossless(bLossless);
     long long cbOld = 0;
     bool bMore = true;
     while (bMore)
@@ -37,7 +38,7 @@ long long PullAll(CRTFImportToPtr& reader, std::vector<char>& buffer)
     return cbOld;
 }
 
-void RtfToOldPtr(benchmark::State& state, const char* name)
+void RtfToOldPtr(benchmark::State& state, const char* name, bool bLossless)
 {
     std::string why;
     const std::string* input = rtfconv_bench::LoadInput(name, &why);
@@ -49,13 +50,13 @@ void RtfToOldPtr(benchmark::State& state, const char* name)
     long long cbOld = 0;
     for (auto _ : state) {
         CRTFPtrImport reader(input->c_str());
-        cbOld = PullAll(reader, buffer);
+        cbOld = PullAll(reader, buffer, bLossless);
     }
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(input->size()));
     state.counters["old_bytes"] = static_cast<double>(cbOld);
 }
 
-void RtfToOldStream(benchmark::State& state, const char* name)
+void RtfToOldStream(benchmark::State& state, const char* name, bool bLossless)
 {
     std::string why;
     const std::string* input = rtfconv_bench::LoadInput(name, &why);
@@ -77,7 +78,7 @@ void RtfToOldStream(benchmark::State& state, const char* name)
         zero.QuadPart = 0;
         pStream->Seek(zero, STREAM_SEEK_SET, nullptr);
         CRTFStreamImport reader(pStream);
-        cbOld = PullAll(reader, buffer);
+        cbOld = PullAll(reader, buffer, bLossless);
     }
     pStream->Release();
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(input->size()));
@@ -86,9 +87,20 @@ void RtfToOldStream(benchmark::State& state, const char* name)
 
 } // namespace
 
-BENCHMARK_CAPTURE(RtfToOldPtr, text_heavy, rtfconv_bench::kTextHeavy)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(RtfToOldPtr, markup_heavy, rtfconv_bench::kMarkupHeavy)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(RtfToOldPtr, picture_heavy, rtfconv_bench::kPictureHeavy)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(RtfToOldStream, text_heavy, rtfconv_bench::kTextHeavy)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(RtfToOldStream, markup_heavy, rtfconv_bench::kMarkupHeavy)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(RtfToOldStream, picture_heavy, rtfconv_bench::kPictureHeavy)->Unit(benchmark::kMillisecond);
+// Exact, as the library reads by default, and lossless, as the tool does.
+BENCHMARK_CAPTURE(RtfToOldPtr, text_heavy, rtfconv_bench::kTextHeavy, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RtfToOldPtr, markup_heavy, rtfconv_bench::kMarkupHeavy, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RtfToOldPtr, picture_heavy, rtfconv_bench::kPictureHeavy, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RtfToOldStream, text_heavy, rtfconv_bench::kTextHeavy, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RtfToOldStream, markup_heavy, rtfconv_bench::kMarkupHeavy, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RtfToOldStream, picture_heavy, rtfconv_bench::kPictureHeavy, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RtfToOldPtr, text_heavy_lossless, rtfconv_bench::kTextHeavy, true)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RtfToOldPtr, markup_heavy_lossless, rtfconv_bench::kMarkupHeavy, true)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RtfToOldPtr, picture_heavy_lossless, rtfconv_bench::kPictureHeavy, true)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RtfToOldStream, text_heavy_lossless, rtfconv_bench::kTextHeavy, true)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RtfToOldStream, markup_heavy_lossless, rtfconv_bench::kMarkupHeavy, true)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RtfToOldStream, picture_heavy_lossless, rtfconv_bench::kPictureHeavy, true)
+    ->Unit(benchmark::kMillisecond);

@@ -1,6 +1,8 @@
 #include "rtfconverter/RTFToOld.h"
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -28,6 +30,54 @@ inline bool IsHexDigit(char ch)
 {
     return (ch >= '0' && ch <= '9') || (ch >= 'A' && ch <= 'F') || (ch >= 'a' && ch <= 'f');
 }
+
+// Per byte: the value of a hex digit (0..15), or -1.
+struct CHexDigitTable {
+    signed char value[256] = {};
+    constexpr CHexDigitTable()
+    {
+        for (int b = 0; b < 256; ++b)
+            value[b] = -1;
+        for (int d = 0; d < 10; ++d)
+            value['0' + d] = static_cast<signed char>(d);
+        for (int d = 0; d < 6; ++d) {
+            value['A' + d] = static_cast<signed char>(10 + d);
+            value['a' + d] = static_cast<signed char>(10 + d);
+        }
+    }
+};
+constexpr CHexDigitTable kHexDigits;
+
+inline int HexDigitValue(char ch) { return kHexDigits.value[static_cast<unsigned char>(ch)]; }
+
+// Decodes up to cPairs pairs of hex digits into pOut; stops at the first pair
+// that is not two digits. Returns the pairs decoded.
+std::size_t DecodeHex(const char* p, std::size_t cPairs, BYTE* pOut)
+{
+    std::size_t k = 0;
+    for (; k < cPairs; ++k) {
+        const int hi = HexDigitValue(p[2 * k]);
+        const int lo = HexDigitValue(p[2 * k + 1]);
+        if ((hi | lo) < 0)
+            break;
+        pOut[k] = static_cast<BYTE>(hi * 16 + lo);
+    }
+    return k;
+}
+
+// Per byte: whether text takes it as it is, with nothing owed in front of it.
+// The exact reading writes every byte but the reserved ones; the lossless one
+// only ASCII, since any other byte may ask for a font command of its own.
+struct CPlainTextTable {
+    bool plain[256] = {};
+    constexpr explicit CPlainTextTable(bool bAsciiOnly)
+    {
+        for (int b = 0; b < 256; ++b)
+            plain[b] = !(b <= 0x03 || b == 0x17) && !(bAsciiOnly && b >= 0x80);
+    }
+};
+constexpr CPlainTextTable kExactPlainText(false);
+constexpr CPlainTextTable kLosslessPlainText(true);
 
 inline bool KeywordIs(const void* pKeyword, const char* psz)
 {
@@ -137,7 +187,7 @@ void CRTFImport::Init()
 
 CBaseRTFParser::CBaseRTFParserSave* CRTFImport::CreateSave()
 {
-    return new (std::nothrow) CRTFImportSave;
+    return new (std::nothrow) CRTFImportSave(*this);
 }
 
 bool CRTFImport::PushRtfState()
@@ -150,6 +200,8 @@ bool CRTFImport::PushRtfState()
         VQASSERT(pSave);
         return true;
     }
+    if (pSave->m_bHoldsState)
+        return true;
     pSave->m_layoutCmd = m_layoutCmd;
     pSave->m_fontCmd = m_fontCmd;
     pSave->m_nFontCharset = m_nFontCharset;
@@ -349,18 +401,21 @@ bool CRTFImport::ParseChar(char ch)
         if (ch == ';' && AddAutomaticColorEntry())
             ++m_nColorEntries;
         return true;
-    case rdsStyleSheet:
-    case rdsRevTable:
-    case rdsInfo:
-    case rdsPNText:
-        m_bSkipNextChar = false;
-        return true;
     case rdsPicture:
     case rdsObject:
         return ParseAttachmentData(ch);
     default:
+        if (DropsTextEndingSkip())
+            m_bSkipNextChar = false;
         return true;
     }
+}
+
+// The destinations whose characters are dropped and end a pending skip; the
+// others that drop theirs leave the skip pending.
+bool CRTFImport::DropsTextEndingSkip() const
+{
+    return m_rds == rdsStyleSheet || m_rds == rdsRevTable || m_rds == rdsInfo || m_rds == rdsPNText;
 }
 
 bool CRTFImport::InsertSpecialChar(const void* lpv, int)
@@ -391,6 +446,175 @@ bool CRTFImport::ProcessSpecialChar(const void* pKeyword, int param)
 
 bool CRTFImport::ProcessSpecial(const void*, int) { return true; }
 bool CRTFImport::SkipCharacters(const void*, int) { return true; }
+
+// ============================================================================
+// Runs of ordinary bytes
+// ============================================================================
+
+bool CRTFImport::ParseRun(const char* p, std::size_t cb)
+{
+    m_bAtGroupStart = false;
+    switch (m_rds) {
+    case rdsNorm:
+    case rdsField:
+    case rdsHyperlink:
+        return ParseTextRun(p, cb);
+    case rdsFieldInst:
+        CollectFieldText(m_strFieldInst, p, cb);
+        SkipAhead(cb);
+        return true;
+    case rdsPicture:
+    case rdsObject:
+        return ParseAttachmentRun(p, cb);
+    case rdsFontTable:
+    case rdsColorTable:
+    case rdsPNCommand:
+    case rdsPNTextBefore:
+    case rdsPNTextAfter:
+        // The tables and the numbering text: short, and read byte by byte.
+        return CRTFParser::ParseRun(p, cb);
+    default:
+        // Dropped, as ParseChar drops them.
+        if (DropsTextEndingSkip())
+            m_bSkipNextChar = false;
+        SkipAhead(cb);
+        return true;
+    }
+}
+
+// The bytes ParseChar would write as they are go out a run at a time; each
+// other byte (a pending skip, a filter, commands owed at a paragraph start or
+// after a formatting change, a reserved or non-ASCII byte) takes the per-byte
+// path, after which the bulk path may go on.
+bool CRTFImport::ParseTextRun(const char* p, std::size_t cb)
+{
+    std::size_t i = 0;
+    while (i < cb) {
+        if (TextOwesNothing()) {
+            const std::size_t cbPlain = PlainTextLength(p + i, cb - i);
+            const std::size_t cbTaken = WriteTextRun(p + i, cbPlain);
+            SkipAhead(cbTaken);
+            i += cbTaken;
+            if (cbTaken < cbPlain)
+                return false;  // the buffer is full before the byte at i
+            if (i == cb)
+                return true;
+        }
+        // In a text destination ParseChar reads no byte beyond its own.
+        if (!CRTFParser::ParseRun(p + i, 1))
+            return false;
+        ++i;
+    }
+    return true;
+}
+
+// What Append and the lossless AppendAscii check before they put a byte.
+bool CRTFImport::TextOwesNothing() const
+{
+    return !m_bSkipNextChar && !m_pfnFilter && !m_bParagraphStart && !m_bFontChanged && m_strPending.IsEmpty() &&
+           m_chLeadByte < 0;
+}
+
+std::size_t CRTFImport::PlainTextLength(const char* p, std::size_t cb) const
+{
+    // Eight bytes at a time while none of them is reserved (below 0x04, or
+    // 0x17) or, for the lossless reading, above ASCII; the table decides
+    // within the first word that holds one.
+    constexpr std::uint64_t kOnes = 0x0101010101010101u;
+    constexpr std::uint64_t kHighBits = 0x8080808080808080u;
+    const std::uint64_t highMask = m_bLossless ? kHighBits : 0;
+    std::size_t n = 0;
+    for (; n + 8 <= cb; n += 8) {
+        std::uint64_t x;
+        std::memcpy(&x, p + n, sizeof x);
+        const std::uint64_t x17 = x ^ (kOnes * 0x17);
+        const std::uint64_t below4 = (x - kOnes * 4) & ~x & kHighBits;
+        const std::uint64_t is17 = (x17 - kOnes) & ~x17 & kHighBits;
+        if ((below4 | is17 | (x & highMask)) != 0)
+            break;
+    }
+    const CPlainTextTable& table = m_bLossless ? kLosslessPlainText : kExactPlainText;
+    while (n < cb && table.plain[static_cast<unsigned char>(p[n])])
+        ++n;
+    return n;
+}
+
+// Returns how many bytes were taken: fewer than cb only when the buffer
+// filled up.
+std::size_t CRTFImport::WriteTextRun(const char* p, std::size_t cb)
+{
+    if (!m_pRedirect)
+        return PutRun(p, cb);
+    CollectFieldText(*m_pRedirect, p, cb);
+    return cb;
+}
+
+// As many bytes as the field text limit leaves room for; the rest is dropped,
+// as FieldTextHasRoom drops them one by one.
+void CRTFImport::CollectFieldText(CString& text, const char* p, std::size_t cb)
+{
+    const std::size_t cchText = static_cast<std::size_t>(text.GetLength());
+    const std::size_t limit = static_cast<std::size_t>(m_limits.maxFieldText);
+    const std::size_t cbRoom = cchText < limit ? limit - cchText : 0;
+    const std::size_t cbKept = cb < cbRoom ? cb : cbRoom;
+    text.Append(p, static_cast<int>(cbKept));
+    if (cbKept < cb)
+        NoteLimitReached(limitFieldText);
+}
+
+std::size_t CRTFImport::PutRun(const char* p, std::size_t cb)
+{
+    std::size_t n = 0;
+    while (n < cb && Put(p[n]))
+        ++n;
+    return n;
+}
+
+// Whole pairs of hex digits are decoded here. A pair that is not two digits
+// goes to the per-byte path, which drops its first byte; a digit at the end of
+// the run waits for the byte after it, so it is left to the parse loop.
+bool CRTFImport::ParseAttachmentRun(const char* p, std::size_t cb)
+{
+    if (!m_bAttachmentDropped && (!m_attachmentInfo.pStm || !m_pBuffer))
+        return CRTFParser::ParseRun(p, cb);  // reads each byte alone
+    std::size_t i = 0;
+    for (;;) {
+        if (m_bAttachmentDropped) {
+            SkipAhead(cb - i);
+            return true;
+        }
+        const std::size_t cbDecoded = DecodeHexPairs(p + i, cb - i);
+        SkipAhead(cbDecoded);
+        i += cbDecoded;
+        if (m_bAttachmentDropped)
+            continue;
+        if (cb - i < 2)
+            return true;
+        // The undecodable pair lies within the run: one byte is taken.
+        if (!CRTFParser::ParseRun(p + i, 1))
+            return false;
+        ++i;
+    }
+}
+
+// Decodes the pairs of hex digits at p; returns the bytes taken, a multiple of
+// two, stopping early when the attachment is dropped.
+std::size_t CRTFImport::DecodeHexPairs(const char* p, std::size_t cb)
+{
+    std::size_t i = 0;
+    while (i + 1 < cb && !m_bAttachmentDropped) {
+        WriteFullAttachmentBuffer();
+        const std::size_t cFree = static_cast<std::size_t>(nDataBufSize - m_nBufferPos);
+        const std::size_t cPairs = std::min((cb - i) / 2, cFree);
+        const std::size_t cDecoded = DecodeHex(p + i, cPairs, m_pBuffer + m_nBufferPos);
+        m_nBufferPos += static_cast<int>(cDecoded);
+        i += 2 * cDecoded;
+        WriteFullAttachmentBuffer();
+        if (cDecoded < cPairs)
+            break;
+    }
+    return i;
+}
 
 // ============================================================================
 // Character formatting
@@ -959,17 +1183,25 @@ bool CRTFImport::ParseAttachmentData(char ch)
         DropUndecodableHexByte();
         return true;
     }
-    // \bin data may have filled the buffer to its last byte and left it so.
+    StoreAttachmentByte(static_cast<BYTE>(value));
+    return true;
+}
+
+void CRTFImport::StoreAttachmentByte(BYTE b)
+{
+    WriteFullAttachmentBuffer();
+    m_pBuffer[m_nBufferPos++] = b;
+    WriteFullAttachmentBuffer();
+}
+
+// A full buffer goes to the stream at once. (\bin data may also have filled
+// it to its last byte and left it so.)
+void CRTFImport::WriteFullAttachmentBuffer()
+{
     if (m_nBufferPos >= nDataBufSize) {
         WriteAttachmentBuffer(m_nBufferPos);
         m_nBufferPos = 0;
     }
-    m_pBuffer[m_nBufferPos++] = static_cast<BYTE>(value);
-    if (m_nBufferPos == nDataBufSize) {
-        WriteAttachmentBuffer(m_nBufferPos);
-        m_nBufferPos = 0;
-    }
-    return true;
 }
 
 // The hex decoder un-reads a pair it cannot decode, down to its first byte:
@@ -1191,6 +1423,8 @@ bool CRTFImportToPtr::Put(const CString& s)
 
 int CRTFImportToPtr::GetCBWritten() const { return static_cast<int>(Written()); }
 
+std::size_t CRTFImportToPtr::PutRun(const char* p, std::size_t cb) { return PutAsMuchAsFits(p, cb); }
+
 // ============================================================================
 // CRTFPtrImport: a NUL-terminated text
 // ============================================================================
@@ -1367,5 +1601,13 @@ void CRTFStreamImport::Backtrack(int n)
     else
         m_pCur = n > m_pCur - m_pBase ? m_pBase : m_pCur - n;
 }
+
+const char* CRTFStreamImport::RunAhead(std::size_t& cb) const
+{
+    cb = m_pCur < m_pEnd ? static_cast<std::size_t>(m_pEnd - m_pCur) : 0;
+    return m_pCur;
+}
+
+void CRTFStreamImport::SkipAhead(std::size_t cb) { m_pCur += cb; }
 
 } // namespace rtf_converter

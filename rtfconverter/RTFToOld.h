@@ -32,6 +32,10 @@
 //                         skips them when p is null; negative at the end of
 //                         input. The stream source copies only the bytes that
 //                         crossed a refill and skips the rest.
+// Both sources offer the bytes ahead of the read position as runs (RunAhead,
+// SkipAhead), which the reader takes in bulk in ParseRun. A class derived from
+// either that overrides ParseChar or Get must override ParseRun too; calling
+// CRTFParser::ParseRun there gives the byte-by-byte protocol back.
 //
 // Framework exceptions leave Read: an invalid-argument exception for a colour
 // or font table entry at index -1 (a negative \cf, \red before \colortbl, a
@@ -126,11 +130,25 @@ protected:
     // layout and character formatting in force when the group opened.
     class CRTFImportSave : public CBaseRTFParserSave {
     public:
+        CRTFImportSave() = default;
+        // A record of the reader's state as it is (CreateSave): built as a
+        // copy, it needs neither the default commands nor their assignment.
+        explicit CRTFImportSave(const CRTFImport& reader)
+            : m_layoutCmd(reader.m_layoutCmd),
+              m_fontCmd(reader.m_fontCmd),
+              m_nFontCharset(reader.m_nFontCharset),
+              m_nUnicodeSkip(reader.m_nUnicodeSkip),
+              m_bHoldsState(true)
+        {
+        }
+
         CLayoutCmd m_layoutCmd;
         CFontCmd m_fontCmd;
         // Used by the lossless reading only.
         int m_nFontCharset = 1;
         int m_nUnicodeSkip = 1;
+        // Filled when made; PushRtfState fills the others.
+        bool m_bHoldsState = false;
     };
 
     // --- the reader core's virtual operations
@@ -174,10 +192,18 @@ protected:
     bool ObjectData(const void* pKeyword, int param) override;
     bool ObjectResult(const void* pKeyword, int param) override;
     CBaseRTFParserSave* CreateSave() override;
+    // Runs of ordinary bytes (RTFParser.h), taken as ParseChar takes them one
+    // by one: text a run at a time wherever nothing is owed in front of it,
+    // picture and object hex decoded pair after pair, skipped destinations
+    // passed over whole. Every other byte still goes through ParseChar.
+    bool ParseRun(const char* p, std::size_t cb) override;
 
     // --- the sink and the block read, supplied by the derived classes
     virtual bool Put(char ch) = 0;
     virtual bool Put(const CString& s) = 0;
+    // As many of the cb bytes as fit, in order, each as Put(char) would put
+    // it; returns how many. The default puts them one at a time.
+    virtual std::size_t PutRun(const char* p, std::size_t cb);
     virtual long Get(int n, unsigned char* pDest) = 0;
     bool m_bInputExhausted = false;  // a byte read failed: the input ended
     virtual int GetCBWritten() const = 0;
@@ -311,11 +337,22 @@ private:
     // Sends s to the redirect string or the sink.
     bool Emit(const CString& s);
     bool InTextDestination() const;
+    bool DropsTextEndingSkip() const;
     bool InNumberingDestination() const
     {
         return m_rds == rdsPNCommand || m_rds == rdsPNTextBefore || m_rds == rdsPNTextAfter;
     }
     bool PutCommentCmd(int type, const char* pszData);
+    // The pieces of ParseRun.
+    bool ParseTextRun(const char* p, std::size_t cb);
+    bool TextOwesNothing() const;
+    std::size_t PlainTextLength(const char* p, std::size_t cb) const;
+    std::size_t WriteTextRun(const char* p, std::size_t cb);
+    void CollectFieldText(CString& text, const char* p, std::size_t cb);
+    bool ParseAttachmentRun(const char* p, std::size_t cb);
+    std::size_t DecodeHexPairs(const char* p, std::size_t cb);
+    void StoreAttachmentByte(BYTE b);
+    void WriteFullAttachmentBuffer();
     bool ParseAttachmentData(char ch);
     void DropUndecodableHexByte();
     void WriteAttachmentBuffer(int cb);
@@ -347,6 +384,7 @@ protected:
     bool Put(const CString& s) override;
     int GetCBWritten() const override;
     void CloseBuffer() override { COutputWindow::m_pEnd = COutputWindow::m_pCur; }
+    std::size_t PutRun(const char* p, std::size_t cb) override;
 };
 
 class RTFCONV_API CRTFPtrImport : public CRTFImportToPtr {
@@ -394,6 +432,9 @@ protected:
     long Get(int n, unsigned char* pDest) override;
     void MarkBacktrack(int n) override;
     void Backtrack(int n) override;
+    // The bytes of the current block: a run never crosses a refill.
+    const char* RunAhead(std::size_t& cb) const override;
+    void SkipAhead(std::size_t cb) override;
 
     long ReadNewBuffer();
     // Keeps the history before the read position and reads the next block.

@@ -2,9 +2,9 @@
 // the one point where a behaviour leaves the exact path, named for what
 // it keeps. With the option off none of them runs.
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
-#include <string_view>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "hostlibs/VQLogger.h"
@@ -146,6 +146,62 @@ namespace {
 
 using LK = CRTFImport;
 
+inline bool SameWord(const char* a, const char* b)
+{
+    while (*a != '\0' && *a == *b) {
+        ++a;
+        ++b;
+    }
+    return *a == *b;
+}
+
+// Rows with a keyword (szKeyword), grouped by the keyword's first byte: a
+// control word is compared only with the few rows that begin as it does,
+// without hashing it. Most words are turned away before that by their first
+// two bytes (the second is the NUL of a one-letter word), which no row has.
+template <class Row>
+class CKeywordIndex {
+public:
+    explicit CKeywordIndex(std::vector<Row> rows) : m_rows(std::move(rows))
+    {
+        std::stable_sort(m_rows.begin(), m_rows.end(),
+                         [](const Row& a, const Row& b) { return FirstByte(a.szKeyword) < FirstByte(b.szKeyword); });
+        std::size_t i = 0;
+        for (unsigned b = 0; b <= 256; ++b) {
+            while (i < m_rows.size() && FirstByte(m_rows[i].szKeyword) < b)
+                ++i;
+            m_firstOfByte[b] = static_cast<unsigned short>(i);
+        }
+        for (const Row& row : m_rows) {
+            const unsigned pair = FirstTwoBytes(row.szKeyword);
+            m_pairs[pair / 64] |= std::uint64_t(1) << (pair % 64);
+        }
+    }
+
+    const Row* Find(const char* szKeyword) const
+    {
+        const unsigned pair = FirstTwoBytes(szKeyword);
+        if (!(m_pairs[pair / 64] & (std::uint64_t(1) << (pair % 64))))
+            return nullptr;
+        const unsigned b = FirstByte(szKeyword);
+        for (unsigned i = m_firstOfByte[b]; i < m_firstOfByte[b + 1]; ++i)
+            if (SameWord(m_rows[i].szKeyword, szKeyword))
+                return &m_rows[i];
+        return nullptr;
+    }
+
+private:
+    static unsigned FirstByte(const char* sz) { return static_cast<unsigned char>(sz[0]); }
+    static unsigned FirstTwoBytes(const char* sz)
+    {
+        return FirstByte(sz) * 256 + (sz[0] != '\0' ? static_cast<unsigned char>(sz[1]) : 0u);
+    }
+
+    std::vector<Row> m_rows;
+    unsigned short m_firstOfByte[257] = {};  // index b: the first row beginning with byte b
+    std::uint64_t m_pairs[256 * 256 / 64] = {};  // a bit for each two first bytes some row has
+};
+
 } // namespace
 
 // The core stops where the outermost group closes: a document ends there, a
@@ -193,7 +249,7 @@ bool CRTFImport::TranslateLosslessKeyword(const char* szKeyword, int param, bool
     m_bAtGroupStart = false;
     if (szKeyword[0] == '*' && szKeyword[1] == '\0' && !bAtGroupStart)
         return true;
-    static const std::unordered_map<std::string_view, LosslessKeyword> s_rows = [] {
+    static const CKeywordIndex<LosslessKeyword> s_index = [] {
         std::vector<LosslessKeyword> rows = {
             {"\n", &LK::ApplyCRCommand, false},
             {"\r", &LK::ApplyCRCommand, false},
@@ -229,17 +285,14 @@ bool CRTFImport::TranslateLosslessKeyword(const char* szKeyword, int param, bool
         };
         for (const SpecialChar& special : kSpecialChars)
             rows.push_back({special.szKeyword, &LK::InsertUnicodeSpecial, false});
-        std::unordered_map<std::string_view, LosslessKeyword> index;
-        for (const LosslessKeyword& row : rows)
-            index.emplace(row.szKeyword, row);
-        return index;
+        return CKeywordIndex<LosslessKeyword>(std::move(rows));
     }();
 
-    const auto it = s_rows.find(szKeyword);
-    if (it == s_rows.end() || (m_rds == rdsSkip && !it->second.bInSkipped))
+    const LosslessKeyword* pRow = s_index.Find(szKeyword);
+    if (!pRow || (m_rds == rdsSkip && !pRow->bInSkipped))
         return false;
     m_bOptionalDest = false;
-    bResult = (this->*it->second.pfnHandler)(szKeyword, param);
+    bResult = (this->*pRow->pfnHandler)(szKeyword, param);
     return true;
 }
 

@@ -43,6 +43,15 @@ protected:
         m_pCur += len;
         return true;
     }
+    // As many of the bytes as there is room for; how many that was.
+    std::size_t PutAsMuchAsFits(const char* p, std::size_t cb)
+    {
+        const std::size_t n = cb < Room() ? cb : Room();
+        if (n > 0) // m_pCur is null while no buffer has been given
+            std::memcpy(m_pCur, p, n);
+        m_pCur += n;
+        return n;
+    }
     std::size_t Room() const { return static_cast<std::size_t>(m_pEnd - m_pCur); }
     std::size_t Written() const { return static_cast<std::size_t>(m_pCur - m_pBegin); }
 
