@@ -9,6 +9,7 @@
 
 #include "hostlibs/VQLogger.h"
 #include "rtfconverter/CodePages.h"
+#include "rtfconverter/KeywordIndex.h"
 #include "rtfconverter/RTFToOld.h"
 
 namespace rtf_converter {
@@ -146,60 +147,25 @@ namespace {
 
 using LK = CRTFImport;
 
-inline bool SameWord(const char* a, const char* b)
-{
-    while (*a != '\0' && *a == *b) {
-        ++a;
-        ++b;
-    }
-    return *a == *b;
-}
-
-// Rows with a keyword (szKeyword), grouped by the keyword's first byte: a
-// control word is compared only with the few rows that begin as it does,
-// without hashing it. Most words are turned away before that by their first
-// two bytes (the second is the NUL of a one-letter word), which no row has.
+// The lossless rows, found through the core's keyword index: most control
+// words are in no row, and the index turns them away cheaply.
 template <class Row>
-class CKeywordIndex {
+class CLosslessKeywordTable {
 public:
-    explicit CKeywordIndex(std::vector<Row> rows) : m_rows(std::move(rows))
+    explicit CLosslessKeywordTable(std::vector<Row> rows) : m_rows(std::move(rows))
     {
-        std::stable_sort(m_rows.begin(), m_rows.end(),
-                         [](const Row& a, const Row& b) { return FirstByte(a.szKeyword) < FirstByte(b.szKeyword); });
-        std::size_t i = 0;
-        for (unsigned b = 0; b <= 256; ++b) {
-            while (i < m_rows.size() && FirstByte(m_rows[i].szKeyword) < b)
-                ++i;
-            m_firstOfByte[b] = static_cast<unsigned short>(i);
-        }
-        for (const Row& row : m_rows) {
-            const unsigned pair = FirstTwoBytes(row.szKeyword);
-            m_pairs[pair / 64] |= std::uint64_t(1) << (pair % 64);
-        }
+        for (std::size_t i = 0; i < m_rows.size(); ++i)
+            m_index.Add(m_rows[i].szKeyword, static_cast<int>(i));
     }
-
     const Row* Find(const char* szKeyword) const
     {
-        const unsigned pair = FirstTwoBytes(szKeyword);
-        if (!(m_pairs[pair / 64] & (std::uint64_t(1) << (pair % 64))))
-            return nullptr;
-        const unsigned b = FirstByte(szKeyword);
-        for (unsigned i = m_firstOfByte[b]; i < m_firstOfByte[b + 1]; ++i)
-            if (SameWord(m_rows[i].szKeyword, szKeyword))
-                return &m_rows[i];
-        return nullptr;
+        const int i = m_index.Find(szKeyword);
+        return i < 0 ? nullptr : &m_rows[static_cast<std::size_t>(i)];
     }
 
 private:
-    static unsigned FirstByte(const char* sz) { return static_cast<unsigned char>(sz[0]); }
-    static unsigned FirstTwoBytes(const char* sz)
-    {
-        return FirstByte(sz) * 256 + (sz[0] != '\0' ? static_cast<unsigned char>(sz[1]) : 0u);
-    }
-
     std::vector<Row> m_rows;
-    unsigned short m_firstOfByte[257] = {};  // index b: the first row beginning with byte b
-    std::uint64_t m_pairs[256 * 256 / 64] = {};  // a bit for each two first bytes some row has
+    CKeywordIndex m_index;
 };
 
 } // namespace
@@ -249,7 +215,7 @@ bool CRTFImport::TranslateLosslessKeyword(const char* szKeyword, int param, bool
     m_bAtGroupStart = false;
     if (szKeyword[0] == '*' && szKeyword[1] == '\0' && !bAtGroupStart)
         return true;
-    static const CKeywordIndex<LosslessKeyword> s_index = [] {
+    static const CLosslessKeywordTable<LosslessKeyword> s_index = [] {
         std::vector<LosslessKeyword> rows = {
             {"\n", &LK::ApplyCRCommand, false},
             {"\r", &LK::ApplyCRCommand, false},
@@ -285,7 +251,7 @@ bool CRTFImport::TranslateLosslessKeyword(const char* szKeyword, int param, bool
         };
         for (const SpecialChar& special : kSpecialChars)
             rows.push_back({special.szKeyword, &LK::InsertUnicodeSpecial, false});
-        return CKeywordIndex<LosslessKeyword>(std::move(rows));
+        return CLosslessKeywordTable<LosslessKeyword>(std::move(rows));
     }();
 
     const LosslessKeyword* pRow = s_index.Find(szKeyword);
