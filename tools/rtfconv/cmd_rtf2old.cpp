@@ -68,32 +68,15 @@ public:
     HRESULT CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override { return E_NOTIMPL; }
     HRESULT Stat(STATSTG*, DWORD) override { return E_NOTIMPL; }
 
-    std::size_t Position() const { return m_pos; }
-
 private:
     const std::string_view m_data;
     std::size_t m_pos = 0;
 };
 
-// The library's readers, with their read position made visible for progress
-// and for the message of a failed conversion.
-class CPtrReader : public rtf_converter::CRTFPtrImport {
-public:
-    using CRTFPtrImport::CRTFPtrImport;
-    std::size_t BytesConsumed() const { return std::min(m_ichCur, m_cchText); }
-};
-
-class CStreamReader : public rtf_converter::CRTFStreamImport {
-public:
-    explicit CStreamReader(CInputStream& stream) : CRTFStreamImport(&stream), m_stream(stream) {}
-    std::size_t BytesConsumed() const
-    {
-        return m_stream.Position() - static_cast<std::size_t>(m_pEnd - m_pCur);
-    }
-
-private:
-    CInputStream& m_stream;
-};
+// The library's readers tell their read position (BytesConsumed) for
+// progress and for the message of a failed conversion.
+using CPtrReader = rtf_converter::CRTFPtrImport;
+using CStreamReader = rtf_converter::CRTFStreamImport;
 
 // --- attachments
 
@@ -306,7 +289,7 @@ void ConvertRtfToOld(const ToolContext& ctx, const Rtf2OldOptions& options, CCon
         ConvertWith(*reader, ctx, options, conversion);
     } else {
         CInputStream stream(conversion.Data());
-        auto reader = std::make_unique<CStreamReader>(stream);
+        auto reader = std::make_unique<CStreamReader>(&stream);
         ConvertWith(*reader, ctx, options, conversion);
     }
 }

@@ -32,18 +32,9 @@ struct Rtf2TxtOptions {
     LimitOptions limits;
 };
 
-// The library's reader, with its read position made visible for the progress bar.
-class CPlainTextReader : public rtf_converter::CBytePtrRTFToPlainTextPtrParser {
-public:
-    using CBytePtrRTFToPlainTextPtrParser::CBytePtrRTFToPlainTextPtrParser;
-    std::size_t BytesConsumed() const { return static_cast<std::size_t>(m_pRead - m_pData); }
-};
-
-class CUtf8TextReader : public rtf_converter::CBytePtrRTFToUTF8PtrParser {
-public:
-    using CBytePtrRTFToUTF8PtrParser::CBytePtrRTFToUTF8PtrParser;
-    std::size_t BytesConsumed() const { return static_cast<std::size_t>(m_pRead - m_pData); }
-};
+// The library's readers, which tell their read position for the progress bar.
+using CPlainTextReader = rtf_converter::CBytePtrRTFToPlainTextPtrParser;
+using CUtf8TextReader = rtf_converter::CBytePtrRTFToUTF8PtrParser;
 
 const char* NewlineText(const std::string& newline)
 {
