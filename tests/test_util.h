@@ -43,3 +43,18 @@ std::string ReadFileBytes(const std::string& path);
 std::vector<std::string> CorpusRtfFiles();
 
 } // namespace rtfconv_test
+
+// The handlers a reader derived from CBaseRTFParser must define, all doing
+// nothing, for tests that watch only the tokenizer's events.
+#define RTFCONV_TEST_NOOP(name) \
+    bool name(const void*, int) override { return true; }
+#define RTFCONV_TEST_BASE_PARSER_HANDLERS \
+    RTFCONV_TEST_NOOP(FillFontFamily) RTFCONV_TEST_NOOP(FillFontCharset) RTFCONV_TEST_NOOP(GetFontNum) \
+    RTFCONV_TEST_NOOP(ApplyFontSize) bool AttachmentHandler() override { return true; } \
+    RTFCONV_TEST_NOOP(FillColorTable) RTFCONV_TEST_NOOP(ApplyColorCommand) RTFCONV_TEST_NOOP(ApplyBKColorCommand) \
+    RTFCONV_TEST_NOOP(FieldResult) RTFCONV_TEST_NOOP(GetDefaultFontNum) RTFCONV_TEST_NOOP(ProcessSpecial) \
+    RTFCONV_TEST_NOOP(InsertSpecialChar) RTFCONV_TEST_NOOP(GetBinary) RTFCONV_TEST_NOOP(ApplyCharCommand) \
+    RTFCONV_TEST_NOOP(ApplyTabCommand) RTFCONV_TEST_NOOP(ApplyPlainCommand) RTFCONV_TEST_NOOP(SkipCharacters) \
+    RTFCONV_TEST_NOOP(ApplyNLCommand) RTFCONV_TEST_NOOP(ApplyStartRowCommand) RTFCONV_TEST_NOOP(ApplyEndRowCommand) \
+    RTFCONV_TEST_NOOP(ApplyLastRowCommand) RTFCONV_TEST_NOOP(ApplyEndCellCommand) RTFCONV_TEST_NOOP(InitAttachment) \
+    RTFCONV_TEST_NOOP(SetPictureType) RTFCONV_TEST_NOOP(ObjectData) RTFCONV_TEST_NOOP(ObjectResult)
