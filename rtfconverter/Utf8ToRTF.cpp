@@ -1,9 +1,12 @@
 #include "rtfconverter/Utf8ToRTF.h"
 
+#include <algorithm>
 #include <charconv>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "hostlibs/MFCKVUtils.h"
 #include "rtfconverter/CodePages.h"
@@ -15,6 +18,8 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 constexpr int kWesternCodePage = 1252;
+// Room for the header, font table and colour table in front of the body.
+constexpr int kcbHeadRoom = 4096;
 
 // ASCII bytes that end a run copied as it is: the end of the text, the line
 // and tab controls, the dropped 0x17 and the RTF specials. Bytes above 0x7F
@@ -78,7 +83,12 @@ void CUTF8TextToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
         InitDefaultScreenFont(m_logFont, "Arial", 10, logPixelsY);
     }
     m_csBuffer.Format("\\uc1\\pard\\f0\\fs%d\\cf%d ", 2 * PixY2Pts(m_logFont.lfHeight), 0);
-    ConvertText(pszText ? pszText : "");
+    const char* const pszBody = pszText ? pszText : "";
+    // The body is at least as long as the text; reserving that once, with
+    // room for the document's head, spares the copies of a growing string and
+    // lets TakeDocument put the head in front without a new block.
+    m_csBuffer.Preallocate(m_csBuffer.GetLength() + static_cast<int>(std::min<std::size_t>(std::strlen(pszBody), INT_MAX / 2)) + kcbHeadRoom);
+    ConvertText(pszBody);
     m_csBuffer += '}';
 }
 
@@ -188,6 +198,21 @@ CString CUTF8TextToRTF::Export() const
 {
     try {
         return AssembleDocument(GetHeader(), GetFontTable(), GetColorTable(), m_csBuffer);
+    } catch (const std::bad_alloc&) {
+        return CString();
+    }
+}
+
+CString CUTF8TextToRTF::TakeDocument()
+{
+    try {
+        CString head = GetHeader();
+        head += GetFontTable();
+        head += GetColorTable();
+        m_csBuffer.Insert(0, head.GetString());
+        CString document = std::move(m_csBuffer);
+        m_csBuffer.Empty();
+        return document;
     } catch (const std::bad_alloc&) {
         return CString();
     }

@@ -45,6 +45,11 @@ public:
     void Convert(const char* pszText, const LOGFONT* pBaseFont);
     // The whole document. Only after Convert.
     CString Export() const;
+    // The same document, made in the body's own memory rather than in a copy
+    // of it (for a large text the copy, and the fresh pages it touches, cost
+    // more than the conversion). Uses the body up: Convert again before the
+    // next export. Empty when memory runs out, as Export is.
+    [[nodiscard]] CString TakeDocument();
 
 protected:
     void ConvertText(const char* pszText);

@@ -53,6 +53,25 @@ std::string ToUtf8(const std::string& rtf)
 
 } // namespace
 
+// TakeDocument builds in the body's memory what Export copies; the two must
+// agree, and the writer must convert afresh afterwards.
+TEST(Utf8ToRtf, TakeDocumentIsExport)
+{
+    const LOGFONT lf = ArialTenPoints();
+    const std::string large = std::string(100000, 'a') + "\xc3\xa9{}\\\n" + std::string(5000, '\xd0');
+    for (const std::string& text : {std::string(), std::string("Caf\xc3\xa9 {\xd0\x9f}\r\n"), large}) {
+        CUTF8TextToRTF writer;
+        writer.SetCodePage(1251);
+        writer.Convert(text.c_str(), &lf);
+        const CString exported = writer.Export();
+        const CString taken = writer.TakeDocument();
+        EXPECT_STREQ(taken.GetString(), exported.GetString());
+        EXPECT_EQ(taken.GetLength(), exported.GetLength());
+        writer.Convert("x", &lf);
+        EXPECT_EQ(Body(writer.TakeDocument().GetString()), "x");
+    }
+}
+
 TEST(Utf8ToRtf, WholeDocument)
 {
     EXPECT_EQ(ToRtf("Caf\xc3\xa9 {\xd0\x9f}", 1251),

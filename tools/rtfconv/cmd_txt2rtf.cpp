@@ -97,7 +97,7 @@ CString ConvertUtf8TextToRtf(const Txt2RtfOptions& options, const char* pszText,
     rtf_converter::CUTF8TextToRTF writer;
     writer.SetCodePage(options.codePage.empty() ? std::stoi(kDefaultCodePage) : CodePageNumberOf(options.codePage));
     writer.Convert(pszText, pFont);
-    return writer.Export();
+    return writer.TakeDocument();
 }
 
 void ConvertTextToRtf(const ToolContext& ctx, const Txt2RtfOptions& options, CConversion& conversion)
