@@ -58,5 +58,24 @@ inline std::size_t PrintableAsciiLength(const char* p, std::size_t cb)
     return LengthBefore(p, cb, blockStops, [](char ch) { return !IsPrintableAscii(ch); });
 }
 
+// The number of ASCII bytes of [p, p + cb) before the first byte from 0x80 up
+// or equal to one of `stops`.
+template <class... Stops>
+std::size_t AsciiLengthBefore(const char* p, std::size_t cb, Stops... stops)
+{
+#if RTFCONV_SCAN_SSE2
+    // A byte's top bit is its mask bit: the bytes from 0x80 up stop as they are.
+    auto blockStops = [=](__m128i v) {
+        __m128i acc = v;
+        ((acc = _mm_or_si128(acc, Is(v, stops))), ...);
+        return acc;
+    };
+#else
+    auto blockStops = [](int) { return 0; };
+#endif
+    return LengthBefore(p, cb, blockStops,
+                        [=](char ch) { return static_cast<unsigned char>(ch) >= 0x80 || ((ch == stops) || ...); });
+}
+
 } // namespace byte_scan
 } // namespace rtf_converter

@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "platform/WinGdi.h"
+#include "rtfconverter/ByteScan.h"
 #include "rtfconverter/CodePages.h"
 #include "rtfconverter/DocCmd.h"
 
@@ -68,20 +69,10 @@ int CharsetOfFontHead(std::string_view head)
 }
 
 // The end of a run of ASCII bytes from `i`, stopping at `stop` too: the
-// bytes the codec copies as they are in both directions. Eight bytes at a
-// time while none of them is above 0x7F or the stop byte.
+// bytes the codec copies as they are in both directions.
 std::size_t AsciiRunEnd(std::string_view s, std::size_t i, char stop)
 {
-    constexpr std::uint64_t kOnes = 0x0101010101010101ull, kHighBits = 0x8080808080808080ull;
-    const std::uint64_t stops = kOnes * static_cast<unsigned char>(stop);
-    for (; i + 8 <= s.size(); i += 8) {
-        std::uint64_t word;
-        std::memcpy(&word, s.data() + i, 8);
-        const std::uint64_t matches = word ^ stops;  // a zero byte where the stop byte is
-        if ((word | ((matches - kOnes) & ~matches)) & kHighBits) break;
-    }
-    while (i < s.size() && static_cast<unsigned char>(s[i]) < 0x80 && s[i] != stop) ++i;
-    return i;
+    return i >= s.size() ? i : i + byte_scan::AsciiLengthBefore(s.data() + i, s.size() - i, stop);
 }
 
 std::size_t FindOrEnd(std::string_view s, char ch, std::size_t from)

@@ -13,6 +13,7 @@
 
 #include "hostlibs/KVBase.h"
 #include "hostlibs/VQLogger.h"
+#include "rtfconverter/ByteScan.h"
 #include "rtfconverter/CodePages.h"
 #include "rtfconverter/DocCmd.h"
 #include "rtfconverter/PictureFormats.h"
@@ -1033,27 +1034,11 @@ const CCodePage* COldToRTF::PageOfCurrentFont() const
 
 namespace {
 
-// Bytes the lossless writer writes as they are: ASCII but the RTF specials.
-struct PlainRunByteTable {
-    bool plain[256];
-    constexpr PlainRunByteTable() : plain()
-    {
-        for (int b = 0; b < 0x80; ++b) plain[b] = b != '\\' && b != '{' && b != '}';
-    }
-};
-constexpr PlainRunByteTable kPlainRunByte;
-
-// The end of the run of plain bytes from p[i], eight bytes at a time while
-// none of them is special.
+// The end of the run of bytes the lossless writer writes as they are (ASCII
+// but the RTF specials) from p[i].
 int PlainRunEnd(const char* p, int i, int n)
 {
-    for (; i + 8 <= n; i += 8) {
-        std::uint64_t word;
-        std::memcpy(&word, p + i, 8);
-        if ((word & kHighBits) | RtfSpecials(word)) break;
-    }
-    while (i < n && kPlainRunByte.plain[static_cast<unsigned char>(p[i])]) ++i;
-    return i;
+    return i >= n ? i : i + static_cast<int>(byte_scan::AsciiLengthBefore(p + i, static_cast<std::size_t>(n - i), '\\', '{', '}'));
 }
 
 } // namespace
