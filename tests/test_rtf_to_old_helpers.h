@@ -70,7 +70,6 @@ public:
     HRESULT CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override { return E_NOTIMPL; }
     HRESULT Stat(STATSTG*, DWORD) override { return E_NOTIMPL; }
 
-    std::size_t Position() const { return m_pos; }
 
     int cReads = 0;
 

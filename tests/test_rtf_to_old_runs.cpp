@@ -24,12 +24,8 @@ using rtfconv_test::AttachmentLog;
 using rtfconv_test::CTestReadStream;
 using rtfconv_test::RecordingAttachmentFilter;
 
-// The pointer source as it is: runs offered.
-class CRunReader : public CRTFPtrImport {
-public:
-    using CRTFPtrImport::CRTFPtrImport;
-    std::size_t Consumed() const { return std::min(m_ichCur, m_cchText); }
-};
+// The sources as they are: runs offered.
+using CRunReader = CRTFPtrImport;
 
 // A source offering nothing ahead: every byte through Get and ParseChar, as
 // the reader read before it took runs.
@@ -52,7 +48,7 @@ using CByteReader = CWithoutRuns<CRunReader>;
 // them back to the byte-by-byte default; it upper-cases what ParseChar sees.
 class CUpperCaseReader : public CRunReader {
 public:
-    using CRunReader::CRunReader;
+    using CRTFPtrImport::CRTFPtrImport;
 
 protected:
     bool ParseChar(char ch) override
@@ -62,14 +58,7 @@ protected:
     bool ParseRun(const char* p, std::size_t cb) override { return CRTFParser::ParseRun(p, cb); }
 };
 
-class CStreamRunReader : public CRTFStreamImport {
-public:
-    explicit CStreamRunReader(CTestReadStream& stream) : CRTFStreamImport(&stream), m_stream(stream) {}
-    std::size_t Consumed() const { return m_stream.Position() - static_cast<std::size_t>(m_pEnd - m_pCur); }
-
-private:
-    CTestReadStream& m_stream;
-};
+using CStreamRunReader = CRTFStreamImport;
 
 // (The stream source's \bin data differs from the pointer source's, so each
 // source is held to its own.)
@@ -127,12 +116,12 @@ Outcome Pull(TReader& reader, std::size_t cb, const Options& options)
         while (bMore) {
             const int n = reader.Read(buffer.data(), buffer.data() + buffer.size(), bMore);
             outcome.reads.emplace_back(buffer.data(), static_cast<std::size_t>(n));
-            if (bMore && reader.Consumed() <= cbConsumedBefore) {
+            if (bMore && reader.BytesConsumed() <= cbConsumedBefore) {
                 if (buffer.size() >= (std::size_t(1) << 20))
                     break;
                 buffer.resize(buffer.size() * 2);
             }
-            cbConsumedBefore = reader.Consumed();
+            cbConsumedBefore = reader.BytesConsumed();
         }
     } catch (const CException& e) {
         outcome.thrown = e.GetErrorText();
@@ -160,14 +149,14 @@ Outcome WithRuns(const std::string& rtf, std::size_t cb, const Options& options)
 Outcome FromStream(const std::string& rtf, std::size_t cb, const Options& options)
 {
     CTestReadStream stream(rtf);
-    CStreamRunReader reader(stream);
+    CStreamRunReader reader(&stream);
     return Pull(reader, cb, options);
 }
 
 Outcome FromStreamByteByByte(const std::string& rtf, std::size_t cb, const Options& options)
 {
     CTestReadStream stream(rtf);
-    CStreamByteReader reader(stream);
+    CStreamByteReader reader(&stream);
     return Pull(reader, cb, options);
 }
 
@@ -348,7 +337,7 @@ TEST(ImportRuns, ADerivedReaderThatHandsRunsBackSeesEveryByte)
 // default way: the group state must still be saved into it.
 class CHostSaveReader : public CRunReader {
 public:
-    using CRunReader::CRunReader;
+    using CRTFPtrImport::CRTFPtrImport;
 
 protected:
     struct CHostSave : CRTFImportSave {
