@@ -95,6 +95,7 @@ tsan: deps
 BENCH_PACKAGES = catdoc bc time
 BENCH_RUNS ?= 5
 BENCH_BIG_MB ?= 500
+BENCH_LINEAR_MB ?= 100
 
 bench: configure
 	$(call install_missing,$(BENCH_PACKAGES))
@@ -102,7 +103,7 @@ bench: configure
 	@cmake --build $(BUILD) -j $(JOBS) --target rtfconverter_bench rtfconv
 	@[ -f bench/data/text-heavy.rtf ] || bash bench/make_bench.sh 20 >/dev/null
 	@$(BUILD)/bench/rtfconverter_bench --benchmark_counters_tabular=true
-	@bash bench/whole_process.sh $(BUILD) $(BENCH_RUNS) $(BENCH_BIG_MB)
+	@bash bench/whole_process.sh $(BUILD) $(BENCH_RUNS) $(BENCH_BIG_MB) $(BENCH_LINEAR_MB)
 
 # libFuzzer needs clang; each target fuzzes for FUZZ_SECONDS on its own corpus.
 fuzz: fuzz-build

@@ -5,11 +5,13 @@
 # MB/s (MB = 10^6 bytes of input; one decimal below 100) with each input's
 # size, and a plain byte loop as the ceiling, then the peak resident memory of
 # each command on a large input: the readers on the RTF, the writers on what
-# the readers make of it. The library's own loop is timed by
-# rtfconverter_bench (`make bench` runs both).
-# Usage: whole_process.sh BUILD_DIR [runs=5] [big-input-MB=500]
+# the readers make of it, and how each command's time grows from inputs of N
+# to 2N MB (linear cost is a ratio near 2.00). The library's own loop is timed
+# by rtfconverter_bench (`make bench` runs both). An MB argument of 0 skips
+# its section.
+# Usage: whole_process.sh BUILD_DIR [runs=5] [big-input-MB=500] [linear-N-MB=100]
 set -euo pipefail
-build="$1"; runs="${2:-5}"; bigmb="${3:-500}"
+build="$1"; runs="${2:-5}"; bigmb="${3:-500}"; linearmb="${4:-100}"
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 data="${RTFCONV_BENCH_DATA:-$here/data}"
 tool="$build/tools/rtfconv/rtfconv"
@@ -81,4 +83,38 @@ if [ "$bigmb" -gt 0 ]; then
     printf '  %-14s %-16s %9s %10s %10s\n' catdoc "$(basename "$in")" "$(megabytes "$in")" - \
       "$(awk -v k="$(tail -1 "$big/peak")" 'BEGIN { printf("%.1f", k * 1024 / 1e6) }')"
   fi
+fi
+
+if [ "$linearmb" -gt 0 ]; then
+  # Inputs large enough that start-up is lost in the noise, so the ratio shows
+  # the cost per byte rather than the fixed cost of a process.
+  lin="$work/linear"; mkdir -p "$lin/1" "$lin/2"
+  RTFCONV_BENCH_DATA="$lin/1" bash "$here/make_bench.sh" "$linearmb" >/dev/null
+  RTFCONV_BENCH_DATA="$lin/2" bash "$here/make_bench.sh" "$(( 2 * linearmb ))" >/dev/null
+  for d in 1 2; do
+    for f in text-heavy markup-heavy; do
+      "$tool" rtf2old "$lin/$d/$f.rtf" -o "$lin/$d/$f.old" 2>/dev/null
+      "$tool" rtf2txt "$lin/$d/$f.rtf" -o "$lin/$d/$f.txt" 2>/dev/null
+    done
+  done
+  echo "linear cost: time on a $(( 2 * linearmb )) MB input over time on a $linearmb MB input (median of $runs; linear is 2.00):"
+  printf '  %-14s %-16s %9s %9s %7s\n' command input "N s" "2N s" ratio
+  # ratio NAME FILE COMMAND...: the median time on each size and their ratio.
+  ratio() {
+    local name="$1" file="$2"; shift 2
+    local t1=() t2=() m1 m2
+    for _ in $(seq "$runs"); do
+      t1+=("$(seconds "$@" "$lin/1/$file" -o /dev/null)")
+      t2+=("$(seconds "$@" "$lin/2/$file" -o /dev/null)")
+    done
+    m1=$(printf '%s\n' "${t1[@]}" | median); m2=$(printf '%s\n' "${t2[@]}" | median)
+    printf '  %-14s %-16s %9.3f %9.3f %7.2f\n' "$name" "$file" "$m1" "$m2" "$(echo "$m2 / $m1" | bc -l)"
+  }
+  for f in text-heavy markup-heavy; do
+    ratio "rtf2txt --raw" "$f.rtf" "$tool" rtf2txt --raw
+    ratio "rtf2txt" "$f.rtf" "$tool" rtf2txt
+    ratio "rtf2old" "$f.rtf" "$tool" rtf2old
+    ratio "old2rtf" "$f.old" "$tool" old2rtf
+    ratio "txt2rtf" "$f.txt" "$tool" txt2rtf
+  done
 fi
