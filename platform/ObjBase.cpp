@@ -2,11 +2,16 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
 #include <vector>
+
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
 
 namespace {
 
@@ -31,7 +36,7 @@ struct GlobalBlock {
     {
         if (cbNeeded <= cbRoom && pBytes) return true;
         const std::size_t cbNewRoom = std::max({cbNeeded, cbRoom * 2, std::size_t(64)});
-        void* const p = std::realloc(pBytes, cbNewRoom);
+        void* const p = GrowBlock(pBytes, cbNewRoom);
         if (!p) return false;
         pBytes = static_cast<BYTE*>(p);
         cbRoom = cbNewRoom;
@@ -180,6 +185,34 @@ private:
 };
 
 } // namespace
+
+namespace {
+
+// The large pages of x86-64 and of most other 64-bit systems. Only a block
+// spanning whole large pages can use them; smaller ones are left alone.
+constexpr std::uintptr_t kcbLargePage = std::uintptr_t(2) << 20;
+
+} // namespace
+
+void AdviseLargePages(void* p, std::size_t cb)
+{
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+    const std::uintptr_t begin = (reinterpret_cast<std::uintptr_t>(p) + kcbLargePage - 1) & ~(kcbLargePage - 1);
+    const std::uintptr_t end = (reinterpret_cast<std::uintptr_t>(p) + cb) & ~(kcbLargePage - 1);
+    // Advice only: a system without large pages refuses it, and nothing changes.
+    if (p && end > begin) (void)::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+#else
+    (void)p;
+    (void)cb;
+#endif
+}
+
+void* GrowBlock(void* p, std::size_t cbNew)
+{
+    void* const pNew = std::realloc(p, cbNew);
+    if (pNew) AdviseLargePages(pNew, cbNew);
+    return pNew;
+}
 
 HGLOBAL GlobalAlloc(UINT /*flags*/, std::size_t size)
 {

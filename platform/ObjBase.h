@@ -37,6 +37,17 @@ RTFCONV_API BOOL GlobalUnlock(HGLOBAL hMem);
 // The block's size in bytes; 0 for a null handle.
 RTFCONV_API std::size_t GlobalSize(HGLOBAL hMem);
 
+// --- large blocks -------------------------------------------------------------
+
+// std::realloc for a block that may grow large and is filled from front to
+// back (a document being made). Where the system can back such a block by
+// large pages it is asked to: filling it then costs a page fault per large
+// page rather than per small one. Free the block with std::free.
+RTFCONV_API void* GrowBlock(void* p, std::size_t cbNew);
+// The same request for a block allocated otherwise (a string's reserved
+// room); a hint only, that changes nothing of the block's contents.
+RTFCONV_API void AdviseLargePages(void* p, std::size_t cb);
+
 // --- streams ------------------------------------------------------------------
 
 enum STREAM_SEEK : DWORD {

@@ -77,5 +77,24 @@ std::size_t AsciiLengthBefore(const char* p, std::size_t cb, Stops... stops)
                         [=](char ch) { return static_cast<unsigned char>(ch) >= 0x80 || ((ch == stops) || ...); });
 }
 
+// The number of bytes of [p, p + cb) before the first control byte (below
+// 0x20) or one of `stops`; the bytes from 0x80 up pass.
+template <class... Stops>
+std::size_t LengthBeforeControlOr(const char* p, std::size_t cb, Stops... stops)
+{
+#if RTFCONV_SCAN_SSE2
+    auto blockStops = [=](__m128i v) {
+        // Unsigned, a byte is at most 0x1F when the smaller of it and 0x1F is itself.
+        __m128i acc = _mm_cmpeq_epi8(_mm_min_epu8(v, Splat(0x1F)), v);
+        ((acc = _mm_or_si128(acc, Is(v, stops))), ...);
+        return acc;
+    };
+#else
+    auto blockStops = [](int) { return 0; };
+#endif
+    return LengthBefore(p, cb, blockStops,
+                        [=](char ch) { return static_cast<unsigned char>(ch) < 0x20 || ((ch == stops) || ...); });
+}
+
 } // namespace byte_scan
 } // namespace rtf_converter

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <functional>
 
+#include "platform/ObjBase.h"
 #include "platform/WinGdi.h"
 #include "rtfconverter/ByteScan.h"
 #include "rtfconverter/CodePages.h"
@@ -561,6 +562,8 @@ std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePage, OldTextF
 {
     std::string out;
     out.reserve(utf8.size());
+    // A large text is written once from front to back.
+    AdviseLargePages(&out[0], out.capacity());
     const OldTextFromUtf8Counts counts = CUtf8ToOldEncoder(utf8, defaultCodePage, out).Run();
     if (pCounts) *pCounts = counts;
     return out;

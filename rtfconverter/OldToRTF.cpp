@@ -1,5 +1,6 @@
 #include "rtfconverter/OldToRTF.h"
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cmath>
@@ -83,37 +84,15 @@ struct RunByteClassTable : ByteClassTable {
 };
 constexpr RunByteClassTable kRunByteClass;
 
-// Eight bytes at a time: whether any byte of a word is one the scan or the
-// lossless run writer stops at.
-constexpr std::uint64_t kEveryByte = 0x0101010101010101ull;
-constexpr std::uint64_t kHighBits = 0x8080808080808080ull;
-
-// The high bit of a byte of the word set where the byte is b (and perhaps of
-// a byte after one that is): enough to tell whether any byte is b.
-std::uint64_t BytesEqualTo(std::uint64_t word, unsigned char b)
+// Past the plain bytes from p up to pEnd: the scan stops at control bytes
+// (every byte it acts on but the specials is one) and, unless the run writer
+// escapes them itself, at the RTF specials. A control byte that is plain text
+// stops it too; the scan passes it by itself.
+const char* SkipPlainBytes(const char* p, const char* pEnd, bool bSpecialsStop)
 {
-    const std::uint64_t x = word ^ (kEveryByte * b);
-    return (x - kEveryByte) & ~x & kHighBits;
-}
-
-// The same for bytes below 0x20, every control byte the scan stops at among them.
-std::uint64_t ControlBytes(std::uint64_t word) { return (word - kEveryByte * 0x20) & ~word & kHighBits; }
-
-std::uint64_t RtfSpecials(std::uint64_t word)
-{
-    return BytesEqualTo(word, '\\') | BytesEqualTo(word, '{') | BytesEqualTo(word, '}');
-}
-
-// Past the whole words of plain bytes from p (none of them a control byte,
-// nor an RTF special when the specials stop the scan), up to pEnd.
-const char* SkipPlainWords(const char* p, const char* pEnd, bool bSpecialsStop)
-{
-    for (; pEnd - p >= 8; p += 8) {
-        std::uint64_t word;
-        std::memcpy(&word, p, 8);
-        if (ControlBytes(word) | (bSpecialsStop ? RtfSpecials(word) : 0)) break;
-    }
-    return p;
+    const std::size_t cb = static_cast<std::size_t>(pEnd - p);
+    return p + (bSpecialsStop ? byte_scan::LengthBeforeControlOr(p, cb, '\\', '{', '}')
+                              : byte_scan::LengthBeforeControlOr(p, cb));
 }
 
 // The control word (with its blank) for a plain-text control byte.
@@ -289,12 +268,14 @@ long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
     long hr = E_FAIL;
     try {
         m_pszText = pszText ? pszText : "";
+        const std::size_t cchText = std::strlen(m_pszText);
         m_hrFirstOutFailure = S_OK;
         m_csLayoutWords.Empty();
         m_nRowCells = m_nRowCellsEnded = 0;
         m_pNoCellsBefore = nullptr;
         ClearFontCmdCache();
         InitBuffer();
+        ReserveBody(cchText);
         InitBaseFont(pBaseFont);
         ResetParagraphAttributes();
 
@@ -316,7 +297,7 @@ long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
         CString start;
         start.Format("\\pard\\f0\\fs%lld\\cf%d ", HalfPoints(m_nCurrentPoints), static_cast<int>(nDefaultColorIndex));
         AddToBuffer(start);
-        ConvertText(m_pszText);
+        ConvertText(m_pszText, m_pszText + cchText);
         AddToBuffer('}');
         FlushBuffer();
         hr = ResultKeepingWriteFailures();
@@ -351,7 +332,7 @@ void COldToRTF::ResetParagraphAttributes()
     m_nCurrentFont = 0;
 }
 
-void COldToRTF::ConvertText(const char* pszText)
+void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
 {
     const char* p = pszText;
     const char* pRun = p;    // start of the pending run of plain characters
@@ -371,11 +352,9 @@ void COldToRTF::ConvertText(const char* pszText)
     };
 
     const ByteClassTable& classes = m_bLossless ? kRunByteClass : kByteClass;
-    // Whole words of plain bytes are passed over where a run starts; within a
-    // run the bytes are looked at one by one.
-    const char* const pEnd = pszText + std::strlen(pszText);
+    const char* const pEnd = pTextEnd;
     const bool bSpecialsStop = !m_bLossless;
-    for (p = SkipPlainWords(p, pEnd, bSpecialsStop);; ++p) {
+    for (p = SkipPlainBytes(p, pEnd, bSpecialsStop);; p = SkipPlainBytes(p + 1, pEnd, bSpecialsStop)) {
         const ByteClass c = classes.cls[static_cast<unsigned char>(*p)];
         if (c == bcPlain) continue;
         flushRun();
@@ -435,7 +414,6 @@ void COldToRTF::ConvertText(const char* pszText)
         case bcPlain:
             break;
         }
-        p = SkipPlainWords(p + 1, pEnd, bSpecialsStop) - 1;
     }
 }
 
@@ -457,35 +435,88 @@ CString COldToRTF::GetStylesheet() const
 // Output buffers
 // =================================================================================
 
+namespace {
+
+// The body is held to what a memory stream holds: a longer one fails the
+// conversion as writing it to a memory stream did.
+constexpr std::uint64_t kcbMaxBody = 0xFFFFFFFFu;
+
+} // namespace
+
+COldToRTF::CBodyBytes::~CBodyBytes() { std::free(m_p); }
+
+bool COldToRTF::CBodyBytes::Restart(std::size_t cbRoom)
+{
+    m_cb = 0;
+    if (m_p && cbRoom <= m_cbRoom) return true;
+    std::free(m_p);
+    m_p = nullptr;
+    m_cbRoom = 0;
+    return MakeRoom(cbRoom);
+}
+
+bool COldToRTF::CBodyBytes::MakeRoom(std::size_t cbMore)
+{
+    if (m_p && cbMore <= m_cbRoom - m_cb) return true;
+    if (cbMore > SIZE_MAX / 2 - m_cb) return false;
+    const std::size_t cbNewRoom = std::max({m_cb + cbMore, m_cbRoom * 2, std::size_t(4096)});
+    // Not zeroed: every byte of the body is written before it is read.
+    void* const p = GrowBlock(m_p, cbNewRoom);
+    if (!p) return false;
+    m_p = static_cast<char*>(p);
+    m_cbRoom = cbNewRoom;
+    return true;
+}
+
+void COldToRTF::CBodyBytes::Append(const char* p, std::size_t cb)
+{
+    if (cb == 0) return;
+    std::memcpy(m_p + m_cb, p, cb);
+    m_cb += cb;
+}
+
+void COldToRTF::RaiseBodyError(const char* pszWhat, HRESULT hRes)
+{
+    VQASSERT(SUCCEEDED(hRes));
+    CString text;
+    text.Format("%s: %x", pszWhat, static_cast<unsigned>(hRes));
+    VQTRACE("%s", text.GetString());
+    CKVWException::RaiseError(text, nullptr, nullptr, -1);
+}
+
 void COldToRTF::InitBuffer()
 {
-    // Releasing the previous stream once is enough: the smart pointer resets
-    // itself before it releases, so a stream is never released twice.
-    m_pBufferStream.Release();
-    HRESULT hr = CreateStreamOnHGlobal(nullptr, TRUE, &m_pBufferStream);
-    if (FAILED(hr)) VQASSERT(SUCCEEDED(hr));
-    else if (!m_pBufferStream) VQASSERT(NULL != m_pBufferStream);
-    m_quickBuffer.AllocBuffer(s_dwBufferSize);
+    m_cbQuickBuffer = s_dwBufferSize;
     m_dwQuickBufferPosition = 0;
+    if (!m_body.Restart(m_cbQuickBuffer)) {
+        m_cbQuickBuffer = 0;
+        throw std::bad_alloc();
+    }
+}
+
+// The body is roughly as long as the text: room for that much, and a quarter
+// more, is made at once, so that it seldom has to grow. Only a hint: the
+// pages are not touched until written, and without the room the body simply
+// grows as it goes.
+void COldToRTF::ReserveBody(std::size_t cchText)
+{
+    const std::size_t cbHint = cchText + cchText / 4;
+    if (cbHint < kcbMaxBody) (void)m_body.MakeRoom(cbHint + m_cbQuickBuffer);
 }
 
 long COldToRTF::FlushQuickBuffer()
 {
     if (m_dwQuickBufferPosition == 0) return 0;
-    if (!m_pBufferStream) {
-        VQASSERT(NULL != m_pBufferStream);
+    if (!m_body.IsOpen()) {
+        VQASSERT(m_body.IsOpen());
         return E_FAIL;
     }
-    HRESULT hRes = m_pBufferStream->Write(m_quickBuffer.GetBuffer(), m_dwQuickBufferPosition, nullptr);
-    if (SUCCEEDED(hRes)) {
-        m_dwQuickBufferPosition = 0;
-        return hRes;
-    }
-    VQASSERT(SUCCEEDED(hRes));
-    CString text;
-    text.Format("FlushQuickBuffer error: %x", static_cast<unsigned>(hRes));
-    VQTRACE("%s", text.GetString());
-    CKVWException::RaiseError(text, nullptr, nullptr, -1);
+    const char* const pszWhat = "FlushQuickBuffer error";
+    if (m_body.Size() + m_dwQuickBufferPosition > kcbMaxBody) RaiseBodyError(pszWhat, STG_E_MEDIUMFULL);
+    m_body.Extend(m_dwQuickBufferPosition);
+    m_dwQuickBufferPosition = 0;
+    if (!m_body.MakeRoom(m_cbQuickBuffer)) RaiseBodyError(pszWhat, E_OUTOFMEMORY);
+    return S_OK;
 }
 
 void COldToRTF::AddToBufferDirect(const char* p, int n)
@@ -500,17 +531,16 @@ void COldToRTF::AddToBufferDirect(const char* p, int n)
         VQASSERT(SUCCEEDED(hRes));
         return;
     }
-    if (!m_pBufferStream) {
-        VQASSERT(NULL != m_pBufferStream);
+    if (!m_body.IsOpen()) {
+        VQASSERT(m_body.IsOpen());
         return;
     }
-    hRes = m_pBufferStream->Write(p, static_cast<ULONG>(n), nullptr);
-    if (SUCCEEDED(hRes)) return;
-    VQASSERT(SUCCEEDED(hRes));
-    CString text;
-    text.Format("Error during conversion to RTF: %x", static_cast<unsigned>(hRes));
-    VQTRACE("%s", text.GetString());
-    CKVWException::RaiseError(text, nullptr, nullptr, -1);
+    const char* const pszWhat = "Error during conversion to RTF";
+    const std::size_t cb = static_cast<std::size_t>(n);
+    if (m_body.Size() + cb > kcbMaxBody) RaiseBodyError(pszWhat, STG_E_MEDIUMFULL);
+    // The quick buffer's room stays behind what is appended.
+    if (!m_body.MakeRoom(cb + m_cbQuickBuffer)) RaiseBodyError(pszWhat, E_OUTOFMEMORY);
+    m_body.Append(p, cb);
 }
 
 HRESULT COldToRTF::WriteToOutStream(const CString& s)
@@ -531,8 +561,8 @@ long COldToRTF::FlushBuffer()
     if (SUCCEEDED(hr)) hr = WriteToOutStream(GetColorTable());
     if (SUCCEEDED(hr)) hr = WriteToOutStream(GetStylesheet());
 
-    if (!m_pBufferStream) {
-        VQASSERT(NULL != m_pBufferStream);
+    if (!m_body.IsOpen()) {
+        VQASSERT(m_body.IsOpen());
         return hr;
     }
     hr = FlushQuickBuffer();
@@ -540,29 +570,14 @@ long COldToRTF::FlushBuffer()
         VQASSERT(SUCCEEDED(hr));
         return hr;
     }
-    STATSTG stat;
-    hr = m_pBufferStream->Stat(&stat, STATFLAG_NONAME);
-    if (FAILED(hr)) {
-        VQASSERT(SUCCEEDED(hr));
-        return hr;
-    }
-    if (stat.cbSize.QuadPart == 0) return hr;
+    if (m_body.Size() == 0) return hr;
 
-    // Terminates the memory block as a string; not part of what is copied.
-    const char zero = 0;
-    HRESULT hZeroWriteRes = m_pBufferStream->Write(&zero, 1, nullptr);
-    if (FAILED(hZeroWriteRes)) VQASSERT(SUCCEEDED(hZeroWriteRes));
-
-    LARGE_INTEGER start;
-    start.QuadPart = 0;
-    hr = m_pBufferStream->Seek(start, STREAM_SEEK_SET, nullptr);
-    if (FAILED(hr)) {
-        VQASSERT(SUCCEEDED(hr));
-        return hr;
-    }
+    // The whole body in one write, from where it lies.
     ULARGE_INTEGER cbRead, cbWritten;
-    cbRead.QuadPart = cbWritten.QuadPart = 0;
-    hr = NoteOutWrite(m_pBufferStream->CopyTo(m_pOutStream, stat.cbSize, &cbRead, &cbWritten));
+    cbRead.QuadPart = m_body.Size();
+    ULONG cbOut = 0;
+    hr = NoteOutWrite(m_pOutStream->Write(m_body.Data(), static_cast<ULONG>(m_body.Size()), &cbOut));
+    cbWritten.QuadPart = cbOut;
     if (FAILED(hr)) {
         VQASSERT(SUCCEEDED(hr));
         return hr;

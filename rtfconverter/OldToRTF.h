@@ -3,15 +3,18 @@
 // COldToRTF scans the old-format text once. Plain text is copied in runs with
 // the RTF specials escaped; each markup command is decoded with its command
 // class and turned into RTF control words. The font and colour tables can only
-// be printed once the whole body has been seen, so the body goes into a
-// private memory stream first, and at the end the header, the tables and the
-// stylesheet are written to the caller's stream with the body copied behind:
+// be printed once the whole body has been seen, so the body is kept in a
+// private block of memory first, and at the end the header, the tables and
+// the stylesheet are written to the caller's stream with the body behind, in
+// one write:
 //
 //     {\rtf1\ansi\deff0\deflang1024{\fonttbl...}{\colortbl;...}{\stylesheet...}
 //     \pard\f0\fs20\cf1 body...}
 //
 // Every byte of the body passes through a quick buffer of s_dwBufferSize bytes
-// on its way to the private stream (see AddToBuffer).
+// on its way to the private block (see AddToBuffer). The quick buffer is the
+// room just behind the body: what it takes is written where the body keeps
+// it, and flushing it only moves the body's end.
 //
 // SetLossless(true) keeps what those specified bytes lose (off by default, so
 // that hosts get the bytes they rely on): each kept thing is written by a
@@ -114,16 +117,16 @@ protected:
     // --- output buffers ---
     // Invariant: m_dwQuickBufferPosition < s_dwBufferSize, or both are 0. A
     // block that does not fit strictly into the free space is written straight
-    // to the private stream after the quick buffer has been flushed.
+    // to the private body after the quick buffer has been flushed.
     void InitBuffer();
     long FlushQuickBuffer();
     long FlushBuffer();
-    // The free space is measured against the block allocated by InitBuffer,
-    // which is s_dwBufferSize bytes; a size changed in mid-conversion against
-    // the rule above could otherwise overrun the block.
+    // The free space is measured against the size InitBuffer made room for,
+    // s_dwBufferSize as it was then; a size changed in mid-conversion against
+    // the rule above could otherwise overrun the room.
     void AddToBuffer(const char* p, int n)
     {
-        if (n >= 0 && static_cast<std::size_t>(n) < m_quickBuffer.GetBufferSize() - m_dwQuickBufferPosition) {
+        if (n >= 0 && static_cast<std::size_t>(n) < m_cbQuickBuffer - m_dwQuickBufferPosition) {
             CopyToQuickBuffer(p, static_cast<DWORD>(n));
             return;
         }
@@ -133,7 +136,7 @@ protected:
     void AddToBuffer(const CString& s) { AddToBuffer(s.GetString(), s.GetLength()); }
 
     // --- the scan and the per-command writers ---
-    void ConvertText(const char* pszText);
+    void ConvertText(const char* pszText) { ConvertText(pszText, pszText + std::strlen(pszText)); }
     static void ReplaceSpecSymbols(CString& s);
     void ResetParagraphAttributes();
     CString GetStylesheet() const;
@@ -186,14 +189,45 @@ private:
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
     void ClearFontCmdCache();
 
+    // The body written so far, in one growing block of memory, with room
+    // kept behind it for the quick buffer. Grows by at least doubling (a
+    // large block is moved by remapping its pages, not by copying them).
+    class CBodyBytes {
+    public:
+        CBodyBytes() = default;
+        ~CBodyBytes();
+        CBodyBytes(const CBodyBytes&) = delete;
+        CBodyBytes& operator=(const CBodyBytes&) = delete;
+
+        // Empty, with room for cbRoom bytes; false when memory runs out.
+        bool Restart(std::size_t cbRoom);
+        // Room for cbMore bytes behind the body; false when memory runs out.
+        bool MakeRoom(std::size_t cbMore);
+        char* End() const { return m_p + m_cb; }
+        const char* Data() const { return m_p; }
+        std::size_t Size() const { return m_cb; }
+        // The next cb bytes behind the body, written in place, become body.
+        void Extend(std::size_t cb) { m_cb += cb; }
+        void Append(const char* p, std::size_t cb);
+        bool IsOpen() const { return m_p != nullptr; }
+
+    private:
+        char* m_p = nullptr; // malloc'ed
+        std::size_t m_cb = 0;
+        std::size_t m_cbRoom = 0;
+    };
+
     void CopyToQuickBuffer(const char* p, DWORD n)
     {
         if (n) {
-            std::memcpy(m_quickBuffer.GetBuffer() + m_dwQuickBufferPosition, p, n);
+            std::memcpy(m_body.End() + m_dwQuickBufferPosition, p, n);
             m_dwQuickBufferPosition += n;
         }
     }
     void AddToBufferDirect(const char* p, int n);
+    void ConvertText(const char* pszText, const char* pTextEnd);
+    void ReserveBody(std::size_t cchText);
+    [[noreturn]] static void RaiseBodyError(const char* pszWhat, HRESULT hr);
     HRESULT WriteToOutStream(const CString& s);
     HRESULT NoteOutWrite(HRESULT hr);
     void InitBaseFont(const LOGFONT* pBaseFont);
@@ -258,7 +292,9 @@ private:
 
     std::unique_ptr<FontCmdCacheEntry[]> m_fontCmdCache;
 
-    CSimpleRowBytes m_quickBuffer;
+    CBodyBytes m_body;
+    // The quick buffer's capacity, as InitBuffer made room for it.
+    std::size_t m_cbQuickBuffer = 0;
     DWORD m_dwQuickBufferPosition = 0;
     CString m_csHeader;
     CArray<FontTableStruct, FontTableStruct&> m_fontTable;
@@ -283,7 +319,6 @@ private:
     unsigned int m_nBackgroundColor = 16;
     std::unique_ptr<char[]> m_pDataBuffer;
     IStream* m_pOutStream;
-    CComPtr<IStream> m_pBufferStream;
 };
 
 } // namespace rtf_converter

@@ -332,6 +332,9 @@ public:
     std::string_view Data() const { return m_input.View(); }
     const char* Terminated() const { return m_input.Terminated(); }
     COutput& Out() { return m_out; }
+    // The converter has made what it needs of the whole input (decoded it):
+    // the mapped pages need not stay resident. Progress is not told.
+    void ReleaseInput() { m_input.DoneWith(m_input.View().size()); }
     // Tells the progress bar, and the input, that the first `cbConsumed`
     // input bytes are done.
     void ReportConsumed(std::size_t cbConsumed)

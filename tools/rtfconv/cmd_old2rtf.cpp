@@ -195,7 +195,7 @@ int DefaultCodePage(const Old2RtfOptions& options)
 std::string OldTextOfUtf8Input(const ToolContext& ctx, const Old2RtfOptions& options, const CConversion& conversion)
 {
     rtf_converter::OldTextFromUtf8Counts counts;
-    std::string text = rtf_converter::OldTextFromUtf8(std::string(conversion.Data()), DefaultCodePage(options), &counts);
+    std::string text = rtf_converter::OldTextFromUtf8(conversion.Data(), DefaultCodePage(options), &counts);
     const std::string name = DisplayName(conversion.Name());
     if (counts.nInvalid)
         PrintWarning(ctx, name + ": " + std::to_string(counts.nInvalid) +
@@ -214,6 +214,9 @@ void ConvertOldToRtf(const ToolContext& ctx, const Old2RtfOptions& options, CCon
 {
     // The raw input is taken as it is, NUL-terminated where it lies.
     const std::string utf8Text = options.bRaw ? std::string() : OldTextOfUtf8Input(ctx, options, conversion);
+    // The writer reads the decoded text only: the input's pages can go now,
+    // so that the input, the text and the document are never resident at once.
+    if (!options.bRaw) conversion.ReleaseInput();
     const std::string_view text = options.bRaw ? conversion.Data() : std::string_view(utf8Text);
     const char* const pszText = options.bRaw ? conversion.Terminated() : utf8Text.c_str();
     const std::size_t nul = text.find('\0');
