@@ -1,8 +1,11 @@
 // Scans for the first byte of a kind, 16 bytes a step where the processor has
-// SSE2 (every x86-64 one), a byte a step elsewhere. Inside the library only.
+// SSE2 (every x86-64 one), a byte a step elsewhere; and hashes short texts
+// eight bytes a step. Inside the library only.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 
 #if defined(__SSE2__) && (defined(__GNUC__) || defined(__clang__))
 #include <emmintrin.h>
@@ -94,6 +97,30 @@ std::size_t LengthBeforeControlOr(const char* p, std::size_t cb, Stops... stops)
 #endif
     return LengthBefore(p, cb, blockStops,
                         [=](char ch) { return static_cast<unsigned char>(ch) < 0x20 || ((ch == stops) || ...); });
+}
+
+// A hash of [p, p + n) for tables of remembered commands, which are a few
+// dozen bytes long: eight bytes a step.
+inline std::size_t HashOf(const char* p, std::size_t n)
+{
+    constexpr std::uint64_t kMultiplier = 0xff51afd7ed558ccdull;
+    std::uint64_t h = 0x9e3779b97f4a7c15ull ^ n;
+    auto mix = [&h](std::uint64_t word) {
+        h = (h ^ word) * kMultiplier;
+        h ^= h >> 32;
+    };
+    std::size_t i = 0;
+    for (; n - i >= 8; i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, p + i, 8);
+        mix(word);
+    }
+    if (i < n) {
+        std::uint64_t word = 0;
+        std::memcpy(&word, p + i, n - i);
+        mix(word);
+    }
+    return static_cast<std::size_t>(h ^ (h >> 29));
 }
 
 } // namespace byte_scan

@@ -3,7 +3,6 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 
 #include "platform/ObjBase.h"
 #include "platform/WinGdi.h"
@@ -252,14 +251,14 @@ private:
         const std::string_view source = m_in.substr(m_pos, end - m_pos);
         FontCommandEncoding* pMemo = nullptr;
         if (source.size() <= kMaxMemoCommand) {
-            pMemo = &m_fontMemo[std::hash<std::string_view>()(source) % kFontMemoSize];
+            pMemo = &m_fontMemo[byte_scan::HashOf(source.data(), source.size()) % kFontMemoSize];
             if (pMemo->pPage && pMemo->source == source) {
+                SetFontInForce(m_out.size(), pMemo->bytes.size());
                 m_out += pMemo->bytes;
                 m_pPage = pMemo->pPage;
                 m_counts.nInvalid += pMemo->counts.nInvalid;
                 m_counts.nUnencodable += pMemo->counts.nUnencodable;
                 m_pos = end;
-                SetFontInForce(pMemo->bytes);
                 return;
             }
         }
@@ -270,7 +269,7 @@ private:
         m_pPage = &PageOfCharset(CharsetOfFontHead(std::string_view(m_out).substr(headStart)), m_defaultPage);
         EncodeRange(end, Region::text);
         const std::string_view bytes = std::string_view(m_out).substr(headStart);
-        SetFontInForce(bytes);
+        SetFontInForce(headStart, bytes.size());
         if (!pMemo) return;
         pMemo->source.assign(source);
         pMemo->bytes.assign(bytes);
@@ -279,10 +278,20 @@ private:
         pMemo->counts.nUnencodable = m_counts.nUnencodable - countsBefore.nUnencodable;
     }
 
-    void SetFontInForce(std::string_view bytes)
+    // The font command in force is the last one written: where its bytes
+    // are in the output is kept, not a copy of them.
+    void SetFontInForce(std::size_t at, std::size_t cb)
     {
-        m_fontInForce.assign(bytes);
-        m_fontInForce += CDocCmd::chCmdEnd;
+        m_fontInForceAt = at;
+        m_cbFontInForce = cb;
+        m_bFontInForce = true;
+    }
+
+    // Its bytes with their 0x02; empty before the first font command.
+    std::string FontInForce() const
+    {
+        if (!m_bFontInForce) return std::string();
+        return m_out.substr(m_fontInForceAt, m_cbFontInForce) + CDocCmd::chCmdEnd;
     }
 
     // Just past the face separator: the first ':' from the font command's
@@ -346,7 +355,8 @@ private:
     void EncodeForeignRun(char32_t first, std::size_t end)
     {
         const int charset = CharsetHolding(first);
-        const std::string switched = charset == ANSI_CHARSET ? std::string() : FontCommandWithCharset(m_fontInForce, charset);
+        const std::string fontInForce = FontInForce();
+        const std::string switched = charset == ANSI_CHARSET ? std::string() : FontCommandWithCharset(fontInForce, charset);
         if (switched.empty()) {
             Unencodable();
             return;
@@ -361,8 +371,8 @@ private:
             (void)EncodeIfHeld(cp, page, m_out);
             m_pos = next;
         }
-        if (m_fontInForce.empty()) m_out += CFontCmd::s_defaultCmd.GetCmd().GetString();
-        else m_out += m_fontInForce;
+        if (fontInForce.empty()) m_out += CFontCmd::s_defaultCmd.GetCmd().GetString();
+        else m_out += fontInForce;
     }
 
     std::string_view m_in;
@@ -370,7 +380,9 @@ private:
     const CCodePage& m_defaultPage;
     const CCodePage* m_pPage;
     std::string& m_out;
-    std::string m_fontInForce;
+    std::size_t m_fontInForceAt = 0;
+    std::size_t m_cbFontInForce = 0;
+    bool m_bFontInForce = false;
     OldTextFromUtf8Counts m_counts;
     std::array<FontCommandEncoding, kFontMemoSize> m_fontMemo;
 };

@@ -10,7 +10,6 @@
 #include <new>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "hostlibs/KVBase.h"
 #include "hostlibs/VQLogger.h"
@@ -187,14 +186,34 @@ private:
 // Appends a control word and its decimal parameter ("\fs" and 24 give
 // "\fs24"). Control words are the bulk of what commands write; this keeps
 // printf formatting off that path.
-template <std::size_t N>
-void AppendWord(CString& s, const char (&word)[N], long long n)
+template <class TWords, std::size_t N>
+void AppendWord(TWords& s, const char (&word)[N], long long n)
 {
     char digits[24];
     const std::to_chars_result r = std::to_chars(digits, digits + sizeof digits, n);
     s.Append(word, static_cast<int>(N - 1));
     s.Append(digits, static_cast<int>(r.ptr - digits));
 }
+
+// The control words of one font command, gathered on the stack and written
+// with one AddToBuffer: a font command comes every few words of text. The
+// most a command writes ("\\f", "\\fs", "\\cf", "\\cb" and "\\chcbpat" with
+// 20-digit numbers, six attribute words, the blank) is under 200 bytes.
+class CWordBuffer {
+public:
+    void Append(const char* p, int n)
+    {
+        std::memcpy(m_bytes + m_n, p, static_cast<std::size_t>(n));
+        m_n += n;
+    }
+    void Append(const char* psz) { Append(psz, static_cast<int>(std::strlen(psz))); }
+    const char* Data() const { return m_bytes; }
+    int Size() const { return m_n; }
+
+private:
+    char m_bytes[256];
+    int m_n = 0;
+};
 
 CString FaceNameOf(const LOGFONT& lf)
 {
@@ -273,7 +292,7 @@ long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
         m_csLayoutWords.Empty();
         m_nRowCells = m_nRowCellsEnded = 0;
         m_pNoCellsBefore = nullptr;
-        ClearFontCmdCache();
+        ClearCommandCaches();
         InitBuffer();
         ReserveBody(cchText);
         InitBaseFont(pBaseFont);
@@ -304,7 +323,7 @@ long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
     } catch (...) {
         hr = E_FAIL;
     }
-    ClearFontCmdCache();
+    ClearCommandCaches();
     return hr;
 }
 
@@ -392,16 +411,17 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
             m_pAfterCommand = ptr;
             const int nPos = static_cast<int>(nTextPos);
             int nAdvance = 0;
-            // Font commands, the most frequent, are mostly ones met before
+            // Font and layout commands, the most frequent, are mostly ones met before
             // and need no string of their own.
             if (p[1] == CDocCmd::font) {
                 nAdvance = AddFontCmdToBuffer(p, static_cast<int>(ptr - p));
+            } else if (p[1] == CDocCmd::layout) {
+                nAdvance = AddLayoutCmdToBuffer(p, static_cast<int>(ptr - p));
             } else {
                 const CString cmd(p, static_cast<int>(ptr - p));
                 switch (p[1]) {
                 case CDocCmd::attachment: nAdvance = AddOleCmdToBuffer(cmd, nPos); break;
                 case CDocCmd::comment: nAdvance = AddCommentCmdToBuffer(cmd, nPos); break;
-                case CDocCmd::layout: nAdvance = AddLayoutCmdToBuffer(cmd); break;
                 case CDocCmd::print: nAdvance = AddPrintCmdToBuffer(cmd); break;
                 default: VQASSERT(0); break;
                 }
@@ -685,13 +705,6 @@ constexpr AttributeWord kAttributeWords[] = {
     {&CFontCmd::IsSubscript, "\\sub", "\\nosupersub"},
 };
 
-std::size_t HashOf(const char* p, int n)
-{
-    std::size_t h = 14695981039346656037ull;
-    for (int i = 0; i < n; ++i) h = (h ^ static_cast<unsigned char>(p[i])) * 1099511628211ull;
-    return h;
-}
-
 } // namespace
 
 // Adds the command's font and colours to the tables when they are new there.
@@ -708,6 +721,26 @@ COldToRTF::FontCmdMeaning COldToRTF::ParseFontCmd(const CString& sFontCmd)
     return meaning;
 }
 
+template <class TMeaning>
+typename COldToRTF::CCommandCache<TMeaning>::Slot& COldToRTF::CCommandCache<TMeaning>::SlotOf(const char* p, std::size_t n)
+{
+    if (!m_slots) m_slots.reset(new Slot[nSlots]);
+    return m_slots[byte_scan::HashOf(p, n) % nSlots];
+}
+
+template <class TMeaning>
+void COldToRTF::CCommandCache<TMeaning>::Clear()
+{
+    if (!m_slots) return;
+    for (std::size_t k = 0; k < nSlots; ++k) m_slots[k].text.clear();
+}
+
+void COldToRTF::ClearCommandCaches()
+{
+    m_fontCmdCache.Clear();
+    m_layoutCmdCache.Clear();
+}
+
 // Once a command's font and colours are in the tables, the same text finds
 // the same entries again (entries are only ever appended, and never twice for
 // one font or colour), so its meaning can be remembered. Not that of a
@@ -715,21 +748,14 @@ COldToRTF::FontCmdMeaning COldToRTF::ParseFontCmd(const CString& sFontCmd)
 COldToRTF::FontCmdMeaning COldToRTF::MeaningOfFontCmd(const char* p, int n)
 {
     if (n < CFontCmd::iFntCmdLenMin) return ParseFontCmd(CString(p, n));
-    if (!m_fontCmdCache) m_fontCmdCache.reset(new FontCmdCacheEntry[nFontCmdCacheSize]);
-    const std::string_view text(p, static_cast<std::size_t>(n));
-    FontCmdCacheEntry& entry = m_fontCmdCache[HashOf(p, n) % nFontCmdCacheSize];
-    if (std::string_view(entry.text) != text) {
-        entry.text.clear(); // a parse that throws leaves no half-made entry
-        entry.meaning = ParseFontCmd(CString(p, n));
-        entry.text.assign(text);
+    const std::size_t cb = static_cast<std::size_t>(n);
+    auto& slot = m_fontCmdCache.SlotOf(p, cb);
+    if (!m_fontCmdCache.Holds(slot, p, cb)) {
+        slot.text.clear(); // a parse that throws leaves no half-made entry
+        slot.meaning = ParseFontCmd(CString(p, n));
+        slot.text.assign(p, cb);
     }
-    return entry.meaning;
-}
-
-void COldToRTF::ClearFontCmdCache()
-{
-    if (!m_fontCmdCache) return;
-    for (std::size_t k = 0; k < nFontCmdCacheSize; ++k) m_fontCmdCache[k].text.clear();
+    return slot.meaning;
 }
 
 int COldToRTF::AddFontCmdToBuffer(const CString& sFontCmd)
@@ -749,7 +775,7 @@ int COldToRTF::AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd)
     };
     static_assert(std::size(kAttributeStates) == std::size(kAttributeWords), "one state per attribute word");
     const FontCmdMeaning meaning = MeaningOfFontCmd(pFontCmd, nFontCmd);
-    CString words;
+    CWordBuffer words;
 
     if (meaning.nFont != m_nCurrentFont) {
         m_nCurrentFont = meaning.nFont;
@@ -772,12 +798,12 @@ int COldToRTF::AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd)
         const bool bOn = meaning.bAttributes[k];
         if (bOn != this->*kAttributeStates[k]) {
             this->*kAttributeStates[k] = bOn;
-            words += bOn ? kAttributeWords[k].pszOn : kAttributeWords[k].pszOff;
+            words.Append(bOn ? kAttributeWords[k].pszOn : kAttributeWords[k].pszOff);
         }
     }
-    if (!words.IsEmpty()) {
-        words += ' ';
-        AddToBuffer(words);
+    if (words.Size() > 0) {
+        words.Append(" ", 1);
+        AddToBuffer(words.Data(), words.Size());
     }
     return 0;
 }
@@ -790,8 +816,38 @@ int COldToRTF::AddLayoutCmdToBuffer(const CString& sLayoutCmd)
 {
     const char layout = CDocCmd::layout;
     VQASSERT(sLayoutCmd[1] == layout);
+    return AddLayoutCmdToBuffer(sLayoutCmd.GetString(), sLayoutCmd.GetLength());
+}
 
-    const CLayoutCmd cmd(sLayoutCmd);
+// The words of a valid command are a function of its text alone and are
+// remembered; an invalid one is read again each time, as reading it reports
+// so every time.
+int COldToRTF::AddLayoutCmdToBuffer(const char* pLayoutCmd, int nLayoutCmd)
+{
+    const std::size_t cb = static_cast<std::size_t>(nLayoutCmd);
+    auto& slot = m_layoutCmdCache.SlotOf(pLayoutCmd, cb);
+    if (m_layoutCmdCache.Holds(slot, pLayoutCmd, cb)) {
+        m_csLayoutWords = slot.meaning;
+    } else {
+        const CLayoutCmd cmd(CString(pLayoutCmd, nLayoutCmd));
+        m_csLayoutWords = LayoutWordsOf(cmd);
+        slot.text.clear();
+        if (cmd.IsValidCmd()) {
+            slot.meaning = m_csLayoutWords;
+            slot.text.assign(pLayoutCmd, cb);
+        }
+    }
+    CWordBuffer words;
+    // Only a lossless table row is ever open: its paragraphs stay in the row.
+    if (m_nRowCells > 0) words.Append("\\intbl", 6);
+    words.Append(" ", 1);
+    AddToBuffer(m_csLayoutWords);
+    AddToBuffer(words.Data(), words.Size());
+    return 0;
+}
+
+CString COldToRTF::LayoutWordsOf(const CLayoutCmd& cmd)
+{
     CString words("\\pard");
     if (cmd.IsCenter()) words += "\\qc";
     else if (cmd.IsRight()) words += "\\qr";
@@ -808,12 +864,7 @@ int COldToRTF::AddLayoutCmdToBuffer(const CString& sLayoutCmd)
         words += TabLeaderWord(tabs[i].m_leader);
         AppendWord(words, "\\tx", InchesToTwips(tabs[i].m_position));
     }
-    m_csLayoutWords = words;
-    // Only a lossless table row is ever open: its paragraphs stay in the row.
-    if (m_nRowCells > 0) words += "\\intbl";
-    words += ' ';
-    AddToBuffer(words);
-    return 0;
+    return words;
 }
 
 int COldToRTF::AddPrintCmdToBuffer(const CString& sPrintCmd)
@@ -1027,14 +1078,6 @@ void COldToRTF::AddTextKeepingEveryByte(const char* p, int n)
     EscapeKeepingEveryByte(p, n, [this](const char* pEscaped, std::size_t cb) { AddToBuffer(pEscaped, static_cast<int>(cb)); });
 }
 
-std::string COldToRTF::EscapedKeepingEveryByte(const char* p, int n) const
-{
-    std::string out;
-    out.reserve(static_cast<std::size_t>(n) * 2);
-    EscapeKeepingEveryByte(p, n, [&out](const char* pEscaped, std::size_t cb) { out.append(pEscaped, cb); });
-    return out;
-}
-
 // The page of the current font's character set, looked up again only when
 // the set changes: the lookup takes the process-wide lock of the page table.
 const CCodePage* COldToRTF::PageOfCurrentFont() const
@@ -1175,21 +1218,32 @@ bool COldToRTF::ParseOwedFontHyperlink(const char* pCmd, HyperlinkParts& parts)
 
 namespace {
 
-// The fields of a comment command, split at the separators outside the
-// commands nested in it.
-std::vector<std::string> CommentFields(const CString& scmd)
+// The first two fields of a comment command (a hyperlink's display text and
+// target), split at the separators outside the commands nested in it.
+void SplitFirstTwoCommentFields(const CString& scmd, std::string& first, std::string& second)
 {
-    std::vector<std::string> fields(1);
     const char* p = scmd.GetString() + CCommentCmd::idxText;
     const char* const pEnd = scmd.GetString() + scmd.GetLength() - 1; // the closing 0x02
+    const char* pField = p;
+    int nField = 0;
     int depth = 0;
-    for (; p < pEnd; ++p) {
+    for (; p < pEnd && nField < 2; ++p) {
         if (*p == CDocCmd::chCmdStart) ++depth;
         else if (*p == CDocCmd::chCmdEnd && depth > 0) --depth;
-        if (*p == CCommentCmd::chDataSeparator && depth == 0) fields.emplace_back();
-        else fields.back() += *p;
+        else if (*p == CCommentCmd::chDataSeparator && depth == 0) {
+            (nField++ == 0 ? first : second).assign(pField, p);
+            pField = p + 1;
+        }
     }
-    return fields;
+    if (nField < 2) (nField == 0 ? first : second).assign(pField, pEnd);
+}
+
+// What ReplaceSpecSymbols makes of the text's length.
+std::size_t EscapedLength(const std::string& s)
+{
+    return s.size() + static_cast<std::size_t>(std::count_if(s.begin(), s.end(), [](char ch) {
+               return ch == '\\' || ch == '{' || ch == '}';
+           }));
 }
 
 } // namespace
@@ -1201,17 +1255,15 @@ int COldToRTF::AddHyperlinkKeepingDisplayFormatting(const CString& scmd)
 {
     if (scmd.GetLength() <= CCommentCmd::idxText) return 0;
     HyperlinkParts parts;
-    if (!ParseOwedFontHyperlink(scmd.GetString(), parts)) {
-        std::vector<std::string> fields = CommentFields(scmd);
-        parts.display = fields[0];
-        if (fields.size() > 1) parts.target = fields[1];
-    }
+    if (!ParseOwedFontHyperlink(scmd.GetString(), parts)) SplitFirstTwoCommentFields(scmd, parts.display, parts.target);
     const std::string& display = parts.display;
     const std::string& target = parts.target;
 
-    const std::string escapedTarget = EscapedKeepingEveryByte(target.data(), static_cast<int>(target.size()));
-    std::string opening = "{\\field{\\*\\fldinst{HYPERLINK \"" + escapedTarget + "\"}}{\\fldrslt{\\ul ";
-    AddToBuffer(opening.data(), static_cast<int>(opening.size()));
+    static const char kOpening[] = "{\\field{\\*\\fldinst{HYPERLINK \"";
+    static const char kAfterTarget[] = "\"}}{\\fldrslt{\\ul ";
+    AddToBuffer(kOpening, static_cast<int>(sizeof kOpening - 1));
+    AddTextKeepingEveryByte(target.data(), static_cast<int>(target.size()));
+    AddToBuffer(kAfterTarget, static_cast<int>(sizeof kAfterTarget - 1));
 
     const CharacterState outside = SaveCharacterState();
     m_bUnderline = true;
@@ -1221,17 +1273,14 @@ int COldToRTF::AddHyperlinkKeepingDisplayFormatting(const CString& scmd)
         const std::size_t end = display.find(CDocCmd::chCmdEnd, i);
         if (end == std::string::npos) break;
         AddTextKeepingEveryByte(display.data() + run, static_cast<int>(i - run));
-        if (display[i + 1] == CDocCmd::font) AddFontCmdToBuffer(CString(display.data() + i, static_cast<int>(end + 1 - i)));
+        if (display[i + 1] == CDocCmd::font) AddFontCmdToBuffer(display.data() + i, static_cast<int>(end + 1 - i));
         i = end;
         run = end + 1;
     }
     if (run < display.size()) AddTextKeepingEveryByte(display.data() + run, static_cast<int>(display.size() - run));
     RestoreCharacterState(outside);
     AddToBuffer("}}}", 3);
-
-    CString counted(target.data(), static_cast<int>(target.size()));
-    ReplaceSpecSymbols(counted);
-    return counted.GetLength();
+    return static_cast<int>(EscapedLength(target));
 }
 
 // Table tag commands become a table row: StartRow opens it with as many

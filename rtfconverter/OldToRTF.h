@@ -43,6 +43,7 @@ namespace rtf_converter {
 class CCodePage;
 class CCommentCmd;
 class CFontCmd;
+class CLayoutCmd;
 
 // The opening of every document the writers produce.
 constexpr const char* szRtfDocumentHeader = "{\\rtf1\\ansi\\deff0\\deflang1024";
@@ -175,19 +176,35 @@ private:
         int nBackColor = 0;
         bool bAttributes[6] = {};
     };
-    // The meanings of the font commands met last, by the hash of their text:
-    // a document repeats a few commands many times. Valid for one conversion,
-    // the tables only ever growing during it; a fixed number of entries, so
-    // that a text of ever new commands takes no more memory.
-    struct FontCmdCacheEntry {
-        std::string text;
-        FontCmdMeaning meaning;
+    // The meanings of the commands met last, by the hash of their text: a
+    // document repeats a few font and layout commands many times. Valid for
+    // one conversion; a fixed number of slots, so that a text of ever new
+    // commands takes no more memory.
+    template <class TMeaning>
+    class CCommandCache {
+    public:
+        struct Slot {
+            std::string text;
+            TMeaning meaning;
+        };
+        // The slot for the text: it holds the text's meaning when Holds says so.
+        Slot& SlotOf(const char* p, std::size_t n);
+        static bool Holds(const Slot& slot, const char* p, std::size_t n)
+        {
+            return slot.text.size() == n && std::memcmp(slot.text.data(), p, n) == 0;
+        }
+        void Clear();
+
+    private:
+        static constexpr std::size_t nSlots = 512;
+        std::unique_ptr<Slot[]> m_slots;
     };
-    static constexpr std::size_t nFontCmdCacheSize = 512;
     FontCmdMeaning MeaningOfFontCmd(const char* p, int n);
     int AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd);
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
-    void ClearFontCmdCache();
+    void ClearCommandCaches();
+    int AddLayoutCmdToBuffer(const char* pLayoutCmd, int nLayoutCmd);
+    static CString LayoutWordsOf(const CLayoutCmd& cmd);
 
     // The body written so far, in one growing block of memory, with room
     // kept behind it for the quick buffer. Grows by at least doubling (a
@@ -249,7 +266,6 @@ private:
     void RestoreCharacterState(const CharacterState& state);
     void AddTextRun(const char* p, int n);
     void AddTextKeepingEveryByte(const char* p, int n);
-    std::string EscapedKeepingEveryByte(const char* p, int n) const;
     template <class Append>
     void EscapeKeepingEveryByte(const char* p, int n, Append&& append) const;
     const CCodePage* PageOfCurrentFont() const;
@@ -290,7 +306,9 @@ private:
     // it need not look again.
     const char* m_pNoCellsBefore = nullptr;
 
-    std::unique_ptr<FontCmdCacheEntry[]> m_fontCmdCache;
+    CCommandCache<FontCmdMeaning> m_fontCmdCache;
+    // A valid layout command's words, "\pard..." without the blank.
+    CCommandCache<CString> m_layoutCmdCache;
 
     CBodyBytes m_body;
     // The quick buffer's capacity, as InitBuffer made room for it.
