@@ -2,6 +2,9 @@
 // exception raiser.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
+
 #include <cstring>
 #include <string>
 
@@ -217,6 +220,32 @@ TEST(MemoryStream, CopyTo)
     EXPECT_EQ(src->CopyTo(nullptr, Uli(4), nullptr, nullptr), STG_E_INVALIDPOINTER);
     pFailing->Release();
     EXPECT_EQ(nDeleted, 1);
+}
+
+// A block grown past a large page, and a block advised to use large pages,
+// keep every byte they hold.
+TEST(MemoryStream, LargeBlocksKeepTheirBytes)
+{
+    std::size_t cb = 1000;
+    char* p = static_cast<char*>(GrowBlock(nullptr, cb));
+    ASSERT_NE(p, nullptr);
+    for (std::size_t i = 0; i < cb; ++i) p[i] = static_cast<char>(i * 7);
+    for (std::size_t cbNew : {std::size_t(3) << 20, std::size_t(9) << 20, std::size_t(5) << 20}) {
+        p = static_cast<char*>(GrowBlock(p, cbNew));
+        ASSERT_NE(p, nullptr);
+        for (std::size_t i = 0; i < std::min(cb, cbNew); i += 4093) ASSERT_EQ(p[i], static_cast<char>(i * 7)) << i;
+        for (std::size_t i = cb; i < cbNew; ++i) p[i] = static_cast<char>(i * 7);
+        cb = cbNew;
+    }
+    std::free(p);
+
+    std::string s(std::size_t(5) << 20, 'q');
+    s[12345] = 'r';
+    AdviseLargePages(&s[0], s.size());
+    AdviseLargePages(nullptr, 0);
+    EXPECT_EQ(s[12345], 'r');
+    EXPECT_EQ(s.find_first_not_of('q'), 12345u);
+    EXPECT_EQ(s.find_last_not_of('q'), 12345u);
 }
 
 TEST(ComPtr, ReferencesAndResetThenRelease)

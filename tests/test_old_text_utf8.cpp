@@ -151,6 +151,27 @@ TEST(OldTextUtf8, WhatThePageInForceCannotHold)
     }
 }
 
+// The font command in force is the one met last, whether its bytes were
+// worked out or remembered from an earlier meeting, and it stays so across
+// the command written after a run in another character set.
+TEST(OldTextUtf8, TheFontInForceMetAgain)
+{
+    const std::string bold = Cmd("F12-B:Arial"), boldRussian = Cmd("F12-B\xCA:Arial");
+    const std::string italic = Cmd("F12-I:Arial"), italicRussian = Cmd("F12-I\xCA:Arial");
+    struct Row {
+        const char* name;
+        std::string utf8, old;
+    } rows[] = {
+        {"remembered", bold + "a" + italic + "b" + bold + "\xD0\x96", bold + "a" + italic + "b" + bold + boldRussian + "\xC6" + bold},
+        {"two runs after one command", bold + "\xD0\x96x\xD0\x96", bold + boldRussian + "\xC6" + bold + "x" + boldRussian + "\xC6" + bold},
+        {"the last of several", bold + italic + bold + italic + "\xD0\x96", bold + italic + bold + italic + italicRussian + "\xC6" + italic},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(OldTextFromUtf8(row.utf8, 1252), row.old);
+    }
+}
+
 // The bytes of every page through the lossless writer and the importer: the
 // text the importer gives back holds the same bytes.
 std::string TextOutsideCommands(const std::string& old)
