@@ -721,11 +721,20 @@ COldToRTF::FontCmdMeaning COldToRTF::ParseFontCmd(const CString& sFontCmd)
     return meaning;
 }
 
+// Each text has two slots, chosen by two parts of its hash: two commands that
+// share one slot seldom share the other, so commands that alternate do not
+// keep pushing each other out. A new text takes its first slot when that is
+// free, else its second.
 template <class TMeaning>
 typename COldToRTF::CCommandCache<TMeaning>::Slot& COldToRTF::CCommandCache<TMeaning>::SlotOf(const char* p, std::size_t n)
 {
     if (!m_slots) m_slots.reset(new Slot[nSlots]);
-    return m_slots[byte_scan::HashOf(p, n) % nSlots];
+    const std::uint64_t h = byte_scan::HashOf(p, n);
+    Slot& first = m_slots[h % nSlots];
+    if (Holds(first, p, n)) return first;
+    Slot& second = m_slots[(h >> 32) % nSlots];
+    if (Holds(second, p, n) || !first.text.empty()) return second;
+    return first;
 }
 
 template <class TMeaning>
