@@ -61,23 +61,47 @@ inline std::size_t PrintableAsciiLength(const char* p, std::size_t cb)
     return LengthBefore(p, cb, blockStops, [](char ch) { return !IsPrintableAscii(ch); });
 }
 
-// The number of ASCII bytes of [p, p + cb) before the first byte from 0x80 up
-// or equal to one of `stops`.
-template <class... Stops>
-std::size_t AsciiLengthBefore(const char* p, std::size_t cb, Stops... stops)
+// Classes of bytes the scans below stop at besides their stops: Holds tells
+// for one byte, and for 16 at once as a mask (the top bit of each byte).
+struct HighBytes {
+    static bool Holds(char ch) { return static_cast<unsigned char>(ch) >= 0x80; }
+#if RTFCONV_SCAN_SSE2
+    // A byte's top bit is its mask bit: the bytes from 0x80 up are marked as they are.
+    static __m128i Holds(__m128i v) { return v; }
+#endif
+};
+
+struct ControlBytes {
+    static bool Holds(char ch) { return static_cast<unsigned char>(ch) < 0x20; }
+#if RTFCONV_SCAN_SSE2
+    // Unsigned, a byte is at most 0x1F when the smaller of it and 0x1F is itself.
+    static __m128i Holds(__m128i v) { return _mm_cmpeq_epi8(_mm_min_epu8(v, Splat(0x1F)), v); }
+#endif
+};
+
+// The number of bytes of [p, p + cb) before the first one of TClass or equal
+// to one of `stops`.
+template <class TClass, class... Stops>
+std::size_t LengthBeforeClassOr(const char* p, std::size_t cb, Stops... stops)
 {
 #if RTFCONV_SCAN_SSE2
-    // A byte's top bit is its mask bit: the bytes from 0x80 up stop as they are.
     auto blockStops = [=](__m128i v) {
-        __m128i acc = v;
+        __m128i acc = TClass::Holds(v);
         ((acc = _mm_or_si128(acc, Is(v, stops))), ...);
         return acc;
     };
 #else
     auto blockStops = [](int) { return 0; };
 #endif
-    return LengthBefore(p, cb, blockStops,
-                        [=](char ch) { return static_cast<unsigned char>(ch) >= 0x80 || ((ch == stops) || ...); });
+    return LengthBefore(p, cb, blockStops, [=](char ch) { return TClass::Holds(ch) || ((ch == stops) || ...); });
+}
+
+// The number of ASCII bytes of [p, p + cb) before the first byte from 0x80 up
+// or equal to one of `stops`.
+template <class... Stops>
+std::size_t AsciiLengthBefore(const char* p, std::size_t cb, Stops... stops)
+{
+    return LengthBeforeClassOr<HighBytes>(p, cb, stops...);
 }
 
 // The number of bytes of [p, p + cb) before the first control byte (below
@@ -85,18 +109,7 @@ std::size_t AsciiLengthBefore(const char* p, std::size_t cb, Stops... stops)
 template <class... Stops>
 std::size_t LengthBeforeControlOr(const char* p, std::size_t cb, Stops... stops)
 {
-#if RTFCONV_SCAN_SSE2
-    auto blockStops = [=](__m128i v) {
-        // Unsigned, a byte is at most 0x1F when the smaller of it and 0x1F is itself.
-        __m128i acc = _mm_cmpeq_epi8(_mm_min_epu8(v, Splat(0x1F)), v);
-        ((acc = _mm_or_si128(acc, Is(v, stops))), ...);
-        return acc;
-    };
-#else
-    auto blockStops = [](int) { return 0; };
-#endif
-    return LengthBefore(p, cb, blockStops,
-                        [=](char ch) { return static_cast<unsigned char>(ch) < 0x20 || ((ch == stops) || ...); });
+    return LengthBeforeClassOr<ControlBytes>(p, cb, stops...);
 }
 
 // A hash of [p, p + n) for tables of remembered commands, which are a few

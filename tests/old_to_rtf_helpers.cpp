@@ -30,16 +30,33 @@ std::string StreamBytes(IStream* p)
     return s;
 }
 
-std::string OldToRtf(const std::string& text, const LOGFONT* pFont, long* pResult,
-                     rtf_converter::COldToRTF::AttachmentFilter filter, void* p1, void* p2)
+namespace {
+
+std::string ConvertedInMode(const std::string& text, const LOGFONT* pFont, bool bLossless, long* pResult,
+                            rtf_converter::COldToRTF::AttachmentFilter filter, void* p1, void* p2)
 {
     CComPtr<IStream> out;
     EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &out), S_OK);
     rtf_converter::COldToRTF writer(*out);
+    writer.SetLossless(bLossless);
     writer.SetAttachmentFilter(filter, p1, p2);
     long hr = writer.Convert(text.c_str(), pFont);
     if (pResult) *pResult = hr;
     return StreamBytes(out);
+}
+
+} // namespace
+
+std::string OldToRtf(const std::string& text, const LOGFONT* pFont, long* pResult,
+                     rtf_converter::COldToRTF::AttachmentFilter filter, void* p1, void* p2)
+{
+    return ConvertedInMode(text, pFont, false, pResult, filter, p1, p2);
+}
+
+std::string OldToRtfInMode(const std::string& text, bool bLossless, long* pResult, FilterScript* pScript)
+{
+    const LOGFONT lf = ArialTen();
+    return ConvertedInMode(text, &lf, bLossless, pResult, pScript ? ScriptedFilter : nullptr, pScript, pScript);
 }
 
 std::string DocumentAround(const std::string& body, const std::string& extraFonts, const std::string& extraColors)

@@ -24,6 +24,12 @@ std::string OldToRtf(const std::string& text, const LOGFONT* pFont, long* pResul
                      rtf_converter::COldToRTF::AttachmentFilter filter = nullptr, void* p1 = nullptr,
                      void* p2 = nullptr);
 
+struct FilterScript;
+// The same with the lossless option as given, ArialTen() as the base font and
+// the scripted filter when a script is given.
+std::string OldToRtfInMode(const std::string& text, bool bLossless, long* pResult = nullptr,
+                           FilterScript* pScript = nullptr);
+
 // The document around `body` for ArialTen(), a black window text and the given
 // extra font-table entries and colour entries (after the default colour).
 std::string DocumentAround(const std::string& body, const std::string& extraFonts = "",

@@ -43,14 +43,10 @@ struct QuickBufferSize {
 
 std::string Convert(const std::string& text, bool bLossless, FilterScript* pScript = nullptr)
 {
-    CComPtr<IStream> out;
-    EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &out), S_OK);
-    COldToRTF writer(*out);
-    writer.SetLossless(bLossless);
-    if (pScript) writer.SetAttachmentFilter(ScriptedFilter, pScript, pScript);
-    const LOGFONT lf = ArialTen();
-    EXPECT_EQ(writer.Convert(text.c_str(), &lf), S_OK);
-    return StreamBytes(out);
+    long hr = -1;
+    const std::string doc = OldToRtfInMode(text, bLossless, &hr, pScript);
+    EXPECT_EQ(hr, S_OK);
+    return doc;
 }
 
 std::string Repeated(const std::string& s, std::size_t n)

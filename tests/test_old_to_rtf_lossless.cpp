@@ -21,15 +21,7 @@ const char kRussian = '\xCA';   // RUSSIAN_CHARSET
 
 std::string Convert(const std::string& text, bool bLossless, long* pResult = nullptr, FilterScript* pScript = nullptr)
 {
-    CComPtr<IStream> out;
-    EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &out), S_OK);
-    COldToRTF writer(*out);
-    writer.SetLossless(bLossless);
-    if (pScript) writer.SetAttachmentFilter(ScriptedFilter, pScript, pScript);
-    const LOGFONT lf = ArialTen();
-    const long hr = writer.Convert(text.c_str(), &lf);
-    if (pResult) *pResult = hr;
-    return StreamBytes(out);
+    return OldToRtfInMode(text, bLossless, pResult, pScript);
 }
 
 const std::string kStart = "\\pard\\f0\\fs20\\cf1 ";
