@@ -129,8 +129,12 @@ inline std::size_t HashOf(const char* p, std::size_t n)
         mix(word);
     }
     if (i < n) {
+        // The last eight bytes, some of them hashed already: one load rather
+        // than a copy of the few left.
         std::uint64_t word = 0;
-        std::memcpy(&word, p + i, n - i);
+        if (n >= 8) std::memcpy(&word, p + n - 8, 8);
+        else
+            for (std::size_t k = 0; k < n; ++k) word |= std::uint64_t(static_cast<unsigned char>(p[k])) << (8 * k);
         mix(word);
     }
     return static_cast<std::size_t>(h ^ (h >> 29));

@@ -726,14 +726,17 @@ COldToRTF::FontCmdMeaning COldToRTF::ParseFontCmd(const CString& sFontCmd)
 // keep pushing each other out. A new text takes its first slot when that is
 // free, else its second.
 template <class TMeaning>
-typename COldToRTF::CCommandCache<TMeaning>::Slot& COldToRTF::CCommandCache<TMeaning>::SlotOf(const char* p, std::size_t n)
+typename COldToRTF::CCommandCache<TMeaning>::Slot& COldToRTF::CCommandCache<TMeaning>::SlotOf(const char* p, std::size_t n,
+                                                                                                bool& bHeld)
 {
     if (!m_slots) m_slots.reset(new Slot[nSlots]);
     const std::uint64_t h = byte_scan::HashOf(p, n);
     Slot& first = m_slots[h % nSlots];
-    if (Holds(first, p, n)) return first;
+    bHeld = Holds(first, p, n);
+    if (bHeld) return first;
     Slot& second = m_slots[(h >> 32) % nSlots];
-    if (Holds(second, p, n) || !first.text.empty()) return second;
+    bHeld = Holds(second, p, n);
+    if (bHeld || !first.text.empty()) return second;
     return first;
 }
 
@@ -758,8 +761,9 @@ COldToRTF::FontCmdMeaning COldToRTF::MeaningOfFontCmd(const char* p, int n)
 {
     if (n < CFontCmd::iFntCmdLenMin) return ParseFontCmd(CString(p, n));
     const std::size_t cb = static_cast<std::size_t>(n);
-    auto& slot = m_fontCmdCache.SlotOf(p, cb);
-    if (!m_fontCmdCache.Holds(slot, p, cb)) {
+    bool bHeld = false;
+    auto& slot = m_fontCmdCache.SlotOf(p, cb, bHeld);
+    if (!bHeld) {
         slot.text.clear(); // a parse that throws leaves no half-made entry
         slot.meaning = ParseFontCmd(CString(p, n));
         slot.text.assign(p, cb);
@@ -834,8 +838,9 @@ int COldToRTF::AddLayoutCmdToBuffer(const CString& sLayoutCmd)
 int COldToRTF::AddLayoutCmdToBuffer(const char* pLayoutCmd, int nLayoutCmd)
 {
     const std::size_t cb = static_cast<std::size_t>(nLayoutCmd);
-    auto& slot = m_layoutCmdCache.SlotOf(pLayoutCmd, cb);
-    if (m_layoutCmdCache.Holds(slot, pLayoutCmd, cb)) {
+    bool bHeld = false;
+    auto& slot = m_layoutCmdCache.SlotOf(pLayoutCmd, cb, bHeld);
+    if (bHeld) {
         m_csLayoutWords = slot.meaning;
     } else {
         const CLayoutCmd cmd(CString(pLayoutCmd, nLayoutCmd));

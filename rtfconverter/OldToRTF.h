@@ -187,15 +187,16 @@ private:
             std::string text;
             TMeaning meaning;
         };
-        // The slot for the text: it holds the text's meaning when Holds says so.
-        Slot& SlotOf(const char* p, std::size_t n);
+        // The slot for the text; bHeld tells whether it holds the text's
+        // meaning, else the caller fills it.
+        Slot& SlotOf(const char* p, std::size_t n, bool& bHeld);
+        void Clear();
+
+    private:
         static bool Holds(const Slot& slot, const char* p, std::size_t n)
         {
             return slot.text.size() == n && std::memcmp(slot.text.data(), p, n) == 0;
         }
-        void Clear();
-
-    private:
         static constexpr std::size_t nSlots = 512;
         std::unique_ptr<Slot[]> m_slots;
     };
