@@ -58,6 +58,24 @@ inline std::size_t PrintableAsciiLength(const char* p, std::size_t cb)
     return LengthBefore(p, cb, blockStops, [](char ch) { return !IsPrintableAscii(ch); });
 }
 
+// The number of printable ASCII bytes of [p, p + cb) before the first byte
+// that is not one, or that equals one of `stops`.
+template <class... Stops>
+std::size_t PrintableLengthBefore(const char* p, std::size_t cb, Stops... stops)
+{
+#if RTFCONV_SCAN_SSE2
+    auto blockStops = [=](__m128i v) {
+        // Signed, the bytes from 0x80 up are below 0x20 too.
+        __m128i acc = _mm_or_si128(_mm_cmplt_epi8(v, Splat(0x20)), Is(v, 0x7F));
+        ((acc = _mm_or_si128(acc, Is(v, stops))), ...);
+        return acc;
+    };
+#else
+    auto blockStops = [](int) { return 0; };
+#endif
+    return LengthBefore(p, cb, blockStops, [=](char ch) { return !IsPrintableAscii(ch) || ((ch == stops) || ...); });
+}
+
 // The number of ASCII bytes of [p, p + cb) before the first byte from 0x80 up
 // or equal to one of `stops`.
 template <class... Stops>
