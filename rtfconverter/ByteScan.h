@@ -95,5 +95,22 @@ std::size_t AsciiLengthBefore(const char* p, std::size_t cb, Stops... stops)
                         [=](char ch) { return static_cast<unsigned char>(ch) >= 0x80 || ((ch == stops) || ...); });
 }
 
+// The number of ASCII bytes of [p, p + cb) before the first from 0x80 up,
+// taken 64 bytes a step while they are all ASCII, as most text is.
+inline std::size_t AsciiLength(const char* p, std::size_t cb)
+{
+    std::size_t n = 0;
+#if RTFCONV_SCAN_SSE2
+    for (; cb - n >= 64; n += 64) {
+        const __m128i* const q = reinterpret_cast<const __m128i*>(p + n);
+        const __m128i acc = _mm_or_si128(_mm_or_si128(_mm_loadu_si128(q), _mm_loadu_si128(q + 1)),
+                                         _mm_or_si128(_mm_loadu_si128(q + 2), _mm_loadu_si128(q + 3)));
+        if (_mm_movemask_epi8(acc) != 0)
+            break;
+    }
+#endif
+    return n + AsciiLengthBefore(p + n, cb - n);
+}
+
 } // namespace byte_scan
 } // namespace rtf_converter

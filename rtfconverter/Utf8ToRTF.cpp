@@ -28,13 +28,15 @@ constexpr int kcbHeadRoom = 4096;
 // on costs next to nothing, small enough to stay in the processor's cache.
 constexpr std::size_t kcbBlock = std::size_t(128) << 10;
 // The longest piece written for one byte or character of the text: a
-// character beyond U+FFFF, as two \uN? of six digits each.
-constexpr std::size_t kcbLongestPiece = 16;
+// character beyond U+FFFF, as two \uN? ("\u-10240?\u-9216?").
+constexpr std::size_t kcbLongestPiece = 17;
+
+bool IsTrailByte(unsigned char b) { return (b & 0xC0) == 0x80; }
 
 // Decodes the UTF-8 sequence at p, which ends before `end`, and advances
 // past it. A byte that does not start a well-formed sequence (overlong,
 // surrogate, beyond U+10FFFF, cut short) is kInvalid and is passed alone.
-char32_t DecodeUtf8(const unsigned char*& p, const unsigned char* end)
+char32_t DecodeAnyUtf8(const unsigned char*& p, const unsigned char* end)
 {
     const unsigned char b = *p;
     std::ptrdiff_t cch = 0;
@@ -48,7 +50,7 @@ char32_t DecodeUtf8(const unsigned char*& p, const unsigned char* end)
         return kInvalid;
     }
     for (std::ptrdiff_t k = 1; k < cch; ++k) {
-        if ((p[k] & 0xC0) != 0x80) {
+        if (!IsTrailByte(p[k])) {
             ++p;
             return kInvalid;
         }
@@ -61,6 +63,91 @@ char32_t DecodeUtf8(const unsigned char*& p, const unsigned char* end)
     p += cch;
     return cp;
 }
+
+// The same, the well-formed two- and three-byte sequences of most scripts
+// decoded inline; everything else, errors included, by DecodeAnyUtf8.
+inline char32_t DecodeUtf8(const unsigned char*& p, const unsigned char* end)
+{
+    const unsigned char b = *p;
+    const std::ptrdiff_t cbLeft = end - p;
+    if (b >= 0xC2 && b <= 0xDF && cbLeft >= 2 && IsTrailByte(p[1])) {
+        const char32_t cp = static_cast<char32_t>((b & 0x1F) << 6 | (p[1] & 0x3F));
+        p += 2;
+        return cp;
+    }
+    if ((b & 0xF0) == 0xE0 && cbLeft >= 3 && IsTrailByte(p[1]) && IsTrailByte(p[2])) {
+        const char32_t cp = static_cast<char32_t>((b & 0x0F) << 12 | (p[1] & 0x3F) << 6 | (p[2] & 0x3F));
+        if (cp >= 0x800 && (cp < 0xD800 || cp > 0xDFFF)) {
+            p += 3;
+            return cp;
+        }
+    }
+    return DecodeAnyUtf8(p, end);
+}
+
+// What a character other than ASCII is written as: its bytes in the page,
+// escaped so that the RTF is 7-bit ASCII and reads the same whatever
+// encoding a program takes it for, or else \uN (a character beyond U+FFFF
+// as its UTF-16 surrogate pair, each half with its own fallback; \uN takes
+// a signed 16-bit N). Returns the piece's length.
+std::size_t MakeCharacterPiece(const CCodePage* pPage, char32_t cp, char* piece)
+{
+    static const char kDigits[] = "0123456789abcdef";
+    char* p = piece;
+    unsigned char bytes[2];
+    const int n = pPage ? pPage->Encode(cp, bytes) : 0;
+    for (int k = 0; k < n; ++k) {
+        // "\'hh", lowercase as the writers have always written it.
+        *p++ = '\\';
+        *p++ = '\'';
+        *p++ = kDigits[bytes[k] >> 4];
+        *p++ = kDigits[bytes[k] & 15];
+    }
+    if (n > 0) return static_cast<std::size_t>(p - piece);
+    auto putUnicodeWord = [&p](int value) {
+        *p++ = '\\';
+        *p++ = 'u';
+        p = std::to_chars(p, p + 6, value).ptr;
+        *p++ = '?';
+    };
+    if (cp > 0xFFFF) {
+        const char32_t v = cp - 0x10000;
+        putUnicodeWord(static_cast<int>(0xD800 + (v >> 10)) - 65536);
+        putUnicodeWord(static_cast<int>(0xDC00 + (v & 0x3FF)) - 65536);
+    } else {
+        putUnicodeWord(cp > 0x7FFF ? static_cast<int>(cp) - 65536 : static_cast<int>(cp));
+    }
+    return static_cast<std::size_t>(p - piece);
+}
+
+// The pieces of the characters met lately, so that a text in one script
+// looks each of its letters up in the code page once, not at every
+// occurrence: a table indexed by a hash of the character.
+class CCharacterPieces {
+public:
+    struct Entry {
+        char32_t cp = 0;  // 0, never a character other than ASCII, marks an empty entry
+        unsigned char cb = 0;
+        char piece[kcbLongestPiece] = {};
+    };
+
+    explicit CCharacterPieces(const CCodePage* pPage) : m_pPage(pPage), m_entries(new Entry[kcEntries]) {}
+
+    const Entry& Of(char32_t cp)
+    {
+        Entry& entry = m_entries[(cp ^ (cp >> 9)) & (kcEntries - 1)];
+        if (entry.cp != cp) {
+            entry.cb = static_cast<unsigned char>(MakeCharacterPiece(m_pPage, cp, entry.piece));
+            entry.cp = cp;
+        }
+        return entry;
+    }
+
+private:
+    static constexpr std::size_t kcEntries = 512;
+    const CCodePage* m_pPage;
+    std::unique_ptr<Entry[]> m_entries;
+};
 
 // The document as it is made: pieces written at a running pointer into one
 // block, which is handed on when the next piece might not fit. Only runs of
@@ -84,41 +171,12 @@ public:
     template <std::size_t N>
     void PutLiteral(const char (&sz)[N]) { Put(sz, N - 1); }
 
-    // "\'hh" for a byte, lowercase as the writers have always written it.
-    void PutHexEscape(unsigned char b)
+    // A character's piece, copied whole, padding and all, for speed: the
+    // room for kcbLongestPiece is there.
+    void Put(const CCharacterPieces::Entry& entry)
     {
-        static const char kDigits[] = "0123456789abcdef";
-        const char escape[4] = {'\\', '\'', kDigits[b >> 4], kDigits[b & 15]};
-        Put(escape, 4);
-    }
-
-    // "\u" with a signed 16-bit value and the '?' fallback.
-    void PutUnicodeWord(int value)
-    {
-        Put('\\');
-        Put('u');
-        m_p = std::to_chars(m_p, m_p + 6, value).ptr;
-        Put('?');
-    }
-
-    // A character other than ASCII: its bytes in the page, escaped so that
-    // the RTF is 7-bit ASCII and reads the same whatever encoding a program
-    // takes it for, or else \uN (a character beyond U+FFFF as its UTF-16
-    // surrogate pair, each half with its own fallback; \uN takes a signed
-    // 16-bit N).
-    void PutCharacter(const CCodePage* pPage, char32_t cp)
-    {
-        unsigned char bytes[2];
-        const int n = pPage ? pPage->Encode(cp, bytes) : 0;
-        for (int k = 0; k < n; ++k) PutHexEscape(bytes[k]);
-        if (n > 0) return;
-        if (cp > 0xFFFF) {
-            const char32_t v = cp - 0x10000;
-            PutUnicodeWord(static_cast<int>(0xD800 + (v >> 10)) - 65536);
-            PutUnicodeWord(static_cast<int>(0xDC00 + (v & 0x3FF)) - 65536);
-        } else {
-            PutUnicodeWord(cp > 0x7FFF ? static_cast<int>(cp) - 65536 : static_cast<int>(cp));
-        }
+        std::memcpy(m_p, entry.piece, kcbLongestPiece);
+        m_p += entry.cb;
     }
 
 private:
@@ -128,7 +186,7 @@ private:
 
 // Writes the piece for the byte at p, one that ends a run of printable ASCII,
 // and returns what follows it.
-const unsigned char* PutStop(const CCodePage* pPage, const unsigned char* p, const unsigned char* end, CBlock& block)
+const unsigned char* PutStop(CCharacterPieces& pieces, const unsigned char* p, const unsigned char* end, CBlock& block)
 {
     switch (*p) {
     case 0x09:
@@ -157,7 +215,7 @@ const unsigned char* PutStop(const CCodePage* pPage, const unsigned char* p, con
         return p + 1;
     }
     const char32_t cp = DecodeUtf8(p, end);
-    block.PutCharacter(pPage, cp == kInvalid ? kReplacement : cp);
+    block.Put(pieces.Of(cp == kInvalid ? kReplacement : cp));
     return p;
 }
 
@@ -169,7 +227,7 @@ std::size_t FindInvalidUtf8(const char* pText, std::size_t cb)
     const unsigned char* const end = begin + cb;
     const unsigned char* p = begin;
     for (;;) {
-        p += byte_scan::AsciiLengthBefore(reinterpret_cast<const char*>(p), static_cast<std::size_t>(end - p));
+        p += byte_scan::AsciiLength(reinterpret_cast<const char*>(p), static_cast<std::size_t>(end - p));
         if (p == end) return cb;
         const unsigned char* const at = p;
         if (DecodeUtf8(p, end) == kInvalid) return static_cast<std::size_t>(at - begin);
@@ -227,6 +285,7 @@ void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CStr
     CString opening;
     opening.Format("%s\\uc1\\pard\\f0\\fs%d\\cf%d ", head.GetString(), 2 * PixY2Pts(m_logFont.lfHeight), 0);
     CBlock block;
+    CCharacterPieces pieces(m_pPage);
     const unsigned char* const begin = reinterpret_cast<const unsigned char*>(pText);
     const unsigned char* const end = begin + cbText;
     const unsigned char* p = begin;
@@ -250,7 +309,7 @@ void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CStr
         // A run cut short by the room left is taken up after the hand-on.
         if (cbRun == cbMost) continue;
         if (*p == 0) break;  // the end of the text, as for a C string
-        p = PutStop(m_pPage, p, end, block);
+        p = PutStop(pieces, p, end, block);
     }
     if (block.Room() == 0) handOn();
     block.Put('}');
