@@ -58,22 +58,57 @@ inline std::size_t PrintableAsciiLength(const char* p, std::size_t cb)
     return LengthBefore(p, cb, blockStops, [](char ch) { return !IsPrintableAscii(ch); });
 }
 
-// The number of printable ASCII bytes of [p, p + cb) before the first byte
-// that is not one, or that equals one of `stops`.
+#if RTFCONV_SCAN_SSE2
+// The bytes of a block outside lo..hi (two ASCII bytes) or equal to one of
+// `stops`. Signed, the bytes from 0x80 up are below lo too.
 template <class... Stops>
-std::size_t PrintableLengthBefore(const char* p, std::size_t cb, Stops... stops)
+__m128i OutOfRangeIn(__m128i v, char lo, char hi, Stops... stops)
+{
+    __m128i stopped = _mm_or_si128(_mm_cmplt_epi8(v, Splat(lo)), _mm_cmpgt_epi8(v, Splat(hi)));
+    ((stopped = _mm_or_si128(stopped, Is(v, stops))), ...);
+    return stopped;
+}
+#endif
+
+template <class... Stops>
+bool IsOutOfRange(char ch, char lo, char hi, Stops... stops)
+{
+    const unsigned char b = static_cast<unsigned char>(ch);
+    return b < static_cast<unsigned char>(lo) || b > static_cast<unsigned char>(hi) || ((ch == stops) || ...);
+}
+
+// The number of bytes of [p, p + cb) before the first one outside lo..hi
+// (two ASCII bytes) or equal to one of `stops`.
+template <class... Stops>
+std::size_t InRangeLengthBefore(const char* p, std::size_t cb, char lo, char hi, Stops... stops)
 {
 #if RTFCONV_SCAN_SSE2
-    auto blockStops = [=](__m128i v) {
-        // Signed, the bytes from 0x80 up are below 0x20 too.
-        __m128i acc = _mm_or_si128(_mm_cmplt_epi8(v, Splat(0x20)), Is(v, 0x7F));
-        ((acc = _mm_or_si128(acc, Is(v, stops))), ...);
-        return acc;
-    };
+    auto blockStops = [=](__m128i v) { return OutOfRangeIn(v, lo, hi, stops...); };
 #else
     auto blockStops = [](int) { return 0; };
 #endif
-    return LengthBefore(p, cb, blockStops, [=](char ch) { return !IsPrintableAscii(ch) || ((ch == stops) || ...); });
+    return LengthBefore(p, cb, blockStops, [=](char ch) { return IsOutOfRange(ch, lo, hi, stops...); });
+}
+
+// The same bytes copied to `out`, 16 a step as they are scanned, so that a
+// run is read once: `out` receives up to 15 bytes more than the count
+// (never more than cb in all), which the caller writes over.
+template <class... Stops>
+std::size_t CopyInRangeBefore(char* out, const char* p, std::size_t cb, char lo, char hi, Stops... stops)
+{
+    std::size_t n = 0;
+#if RTFCONV_SCAN_SSE2
+    for (; cb - n >= 16; n += 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + n));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + n), v);
+        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(OutOfRangeIn(v, lo, hi, stops...)));
+        if (mask != 0)
+            return n + static_cast<std::size_t>(__builtin_ctz(mask));
+    }
+#endif
+    for (; n < cb && !IsOutOfRange(p[n], lo, hi, stops...); ++n)
+        out[n] = p[n];
+    return n;
 }
 
 // The number of ASCII bytes of [p, p + cb) before the first byte from 0x80 up

@@ -1,6 +1,7 @@
 // The writer side of the Unicode pair: UTF-8 text to RTF, and back.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 #include <string>
@@ -178,20 +179,28 @@ TEST(Utf8ToRtf, FindInvalidUtf8StopsAtTheEndGiven)
     }
 }
 
-// The run scan agrees with the byte-by-byte definition for every byte at
-// every offset around its 16-byte steps.
-TEST(ByteScan, PrintableLengthBeforeStopsAtTheFirstStop)
+// The run scan and copy agree with the byte-by-byte definition for every
+// byte at every offset around their 16-byte steps; the copy copies the run
+// and writes nothing past the length it is given.
+TEST(ByteScan, CopyInRangeBeforeStopsAtTheFirstStop)
 {
-    using rtf_converter::byte_scan::IsPrintableAscii;
-    using rtf_converter::byte_scan::PrintableLengthBefore;
+    using rtf_converter::byte_scan::CopyInRangeBefore;
+    using rtf_converter::byte_scan::InRangeLengthBefore;
     for (int b = 0; b < 256; ++b) {
         const char ch = static_cast<char>(b);
-        const bool bStop = !IsPrintableAscii(ch) || ch == '\\' || ch == '{' || ch == '}';
+        const bool bStop = b < 0x20 || b > 'z' || ch == '\\';
         for (std::size_t at = 0; at < 40; ++at) {
             std::string text(40, 'a');
+            for (std::size_t i = 0; i < text.size(); ++i) text[i] = static_cast<char>('0' + i);
             text[at] = ch;
-            EXPECT_EQ(PrintableLengthBefore(text.data(), text.size(), '\\', '{', '}'), bStop ? at : 40u)
-                << b << " at " << at;
+            for (std::size_t cb : {std::size_t(40), at, at + 1}) {
+                std::string out(48, '#');
+                const std::size_t expected = bStop ? std::min(at, cb) : cb;
+                EXPECT_EQ(CopyInRangeBefore(&out[0], text.data(), cb, 0x20, 'z', '\\'), expected) << b << " at " << at;
+                EXPECT_EQ(InRangeLengthBefore(text.data(), cb, 0x20, 'z', '\\'), expected) << b << " at " << at;
+                EXPECT_EQ(out.substr(0, expected), text.substr(0, expected)) << b << " at " << at;
+                EXPECT_EQ(out.substr(cb), std::string(48 - cb, '#')) << b << " at " << at << ", " << cb << " given";
+            }
         }
     }
 }
