@@ -154,10 +154,10 @@ private:
 // text are long; every other piece is at most kcbLongestPiece.
 class CBlock {
 public:
-    CBlock() : m_pBegin(new char[kcbBlock]), m_p(m_pBegin.get()) {}
+    explicit CBlock(std::size_t cb) : m_pBegin(new char[cb]), m_p(m_pBegin.get()), m_cb(cb) {}
 
     std::size_t Size() const { return static_cast<std::size_t>(m_p - m_pBegin.get()); }
-    std::size_t Room() const { return kcbBlock - Size(); }
+    std::size_t Room() const { return m_cb - Size(); }
     const char* Begin() const { return m_pBegin.get(); }
     void Clear() { m_p = m_pBegin.get(); }
     // Where the next byte goes, for a caller that writes in place, and the
@@ -186,6 +186,7 @@ public:
 private:
     std::unique_ptr<char[]> m_pBegin;
     char* m_p;
+    std::size_t m_cb;
 };
 
 // Writes the piece for the byte at p, one that ends a run of printable ASCII,
@@ -292,7 +293,11 @@ void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CStr
 {
     CString opening;
     opening.Format("%s\\uc1\\pard\\f0\\fs%d\\cf%d ", head.GetString(), 2 * PixY2Pts(m_logFont.lfHeight), 0);
-    CBlock block;
+    // A short text gets a block to its measure (no character takes more than
+    // five bytes a byte of text), so that converting many small texts costs
+    // no large allocation each; the head always fits.
+    CBlock block(std::min(kcbBlock, static_cast<std::size_t>(kcbHeadRoom + opening.GetLength()) +
+                                        5 * std::min(cbText, kcbBlock)));
     CCharacterPieces pieces(m_pPage);
     const unsigned char* const begin = reinterpret_cast<const unsigned char*>(pText);
     const unsigned char* const end = begin + cbText;
