@@ -61,6 +61,59 @@ inline std::size_t PrintableAsciiLength(const char* p, std::size_t cb)
     return LengthBefore(p, cb, blockStops, [](char ch) { return !IsPrintableAscii(ch); });
 }
 
+#if RTFCONV_SCAN_SSE2
+// The bytes of a block outside lo..hi (two ASCII bytes) or equal to one of
+// `stops`. Signed, the bytes from 0x80 up are below lo too.
+template <class... Stops>
+__m128i OutOfRangeIn(__m128i v, char lo, char hi, Stops... stops)
+{
+    __m128i stopped = _mm_or_si128(_mm_cmplt_epi8(v, Splat(lo)), _mm_cmpgt_epi8(v, Splat(hi)));
+    ((stopped = _mm_or_si128(stopped, Is(v, stops))), ...);
+    return stopped;
+}
+#endif
+
+template <class... Stops>
+bool IsOutOfRange(char ch, char lo, char hi, Stops... stops)
+{
+    const unsigned char b = static_cast<unsigned char>(ch);
+    return b < static_cast<unsigned char>(lo) || b > static_cast<unsigned char>(hi) || ((ch == stops) || ...);
+}
+
+// The number of bytes of [p, p + cb) before the first one outside lo..hi
+// (two ASCII bytes) or equal to one of `stops`.
+template <class... Stops>
+std::size_t InRangeLengthBefore(const char* p, std::size_t cb, char lo, char hi, Stops... stops)
+{
+#if RTFCONV_SCAN_SSE2
+    auto blockStops = [=](__m128i v) { return OutOfRangeIn(v, lo, hi, stops...); };
+#else
+    auto blockStops = [](int) { return 0; };
+#endif
+    return LengthBefore(p, cb, blockStops, [=](char ch) { return IsOutOfRange(ch, lo, hi, stops...); });
+}
+
+// The same bytes copied to `out`, 16 a step as they are scanned, so that a
+// run is read once: `out` receives up to 15 bytes more than the count
+// (never more than cb in all), which the caller writes over.
+template <class... Stops>
+std::size_t CopyInRangeBefore(char* out, const char* p, std::size_t cb, char lo, char hi, Stops... stops)
+{
+    std::size_t n = 0;
+#if RTFCONV_SCAN_SSE2
+    for (; cb - n >= 16; n += 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + n));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + n), v);
+        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(OutOfRangeIn(v, lo, hi, stops...)));
+        if (mask != 0)
+            return n + static_cast<std::size_t>(__builtin_ctz(mask));
+    }
+#endif
+    for (; n < cb && !IsOutOfRange(p[n], lo, hi, stops...); ++n)
+        out[n] = p[n];
+    return n;
+}
+
 // Classes of bytes the scans below stop at besides their stops: Holds tells
 // for one byte, and for 16 at once as a mask (the top bit of each byte).
 struct HighBytes {
@@ -138,6 +191,23 @@ inline std::size_t HashOf(const char* p, std::size_t n)
         mix(word);
     }
     return static_cast<std::size_t>(h ^ (h >> 29));
+}
+
+// The number of ASCII bytes of [p, p + cb) before the first from 0x80 up,
+// taken 64 bytes a step while they are all ASCII, as most text is.
+inline std::size_t AsciiLength(const char* p, std::size_t cb)
+{
+    std::size_t n = 0;
+#if RTFCONV_SCAN_SSE2
+    for (; cb - n >= 64; n += 64) {
+        const __m128i* const q = reinterpret_cast<const __m128i*>(p + n);
+        const __m128i acc = _mm_or_si128(_mm_or_si128(_mm_loadu_si128(q), _mm_loadu_si128(q + 1)),
+                                         _mm_or_si128(_mm_loadu_si128(q + 2), _mm_loadu_si128(q + 3)));
+        if (_mm_movemask_epi8(acc) != 0)
+            break;
+    }
+#endif
+    return n + AsciiLengthBefore(p + n, cb - n);
 }
 
 } // namespace byte_scan

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "hostlibs/MFCKVUtils.h"
+#include "rtfconverter/ByteScan.h"
 #include "rtfconverter/OldToRTF.h"
 
 namespace rtf_converter {
@@ -44,9 +45,13 @@ void CPlainTextToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
 void CPlainTextToRTF::ConvertText(const char* pszText)
 {
     const char* p = pszText;
+    const char* const pEnd = pszText + std::strlen(pszText);
     const char* pRun = p;
     unsigned char chLast = 0;
     for (;; ++p) {
+        // Printable ASCII up to 'z' but the backslash never ends a run: such
+        // bytes are passed 16 at a time, the others looked up in the table.
+        p += byte_scan::InRangeLengthBefore(p, static_cast<std::size_t>(pEnd - p), 0x20, 'z', '\\');
         const unsigned char ch = static_cast<unsigned char>(*p);
         if (!kRunEnd.isEnd[ch]) continue;
         AddToBuffer(pRun, static_cast<int>(p - pRun));

@@ -5,10 +5,12 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <utility>
 
 #include "hostlibs/MFCKVUtils.h"
+#include "rtfconverter/ByteScan.h"
 #include "rtfconverter/CodePages.h"
 #include "rtfconverter/OldToRTF.h"
 
@@ -17,52 +19,229 @@ namespace rtf_converter {
 namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
+// What DecodeUtf8 gives for a byte that starts no well-formed sequence.
+constexpr char32_t kInvalid = 0xFFFFFFFF;
 constexpr int kWesternCodePage = 1252;
 // Room for the header, font table and colour table in front of the body.
 constexpr int kcbHeadRoom = 4096;
+// The document is made in blocks of this size: large enough that handing one
+// on costs next to nothing, small enough to stay in the processor's cache.
+constexpr std::size_t kcbBlock = std::size_t(128) << 10;
+// The longest piece written for one byte or character of the text: a
+// character beyond U+FFFF, as two \uN? ("\u-10240?\u-9216?").
+constexpr std::size_t kcbLongestPiece = 17;
 
-// ASCII bytes that end a run copied as it is: the end of the text, the line
-// and tab controls, the dropped 0x17 and the RTF specials. Bytes above 0x7F
-// end it too, as the first of a UTF-8 sequence.
-struct RunEndTable {
-    bool isEnd[256];
-    constexpr RunEndTable() : isEnd()
-    {
-        const unsigned char ends[] = {0x00, 0x09, 0x0A, 0x0D, 0x17, '\\', '{', '}'};
-        for (unsigned char c : ends) isEnd[c] = true;
-        for (unsigned c = 0x80; c < 256; ++c) isEnd[c] = true;
-    }
-};
-constexpr RunEndTable kRunEnd;
+bool IsTrailByte(unsigned char b) { return (b & 0xC0) == 0x80; }
 
-// Decodes the UTF-8 sequence at p and advances past it. A byte that does not
-// start a well-formed sequence (overlong, surrogate, beyond U+10FFFF, cut
-// short) is U+FFFD and is passed alone.
-char32_t DecodeUtf8(const unsigned char*& p)
+// Decodes the UTF-8 sequence at p, which ends before `end`, and advances
+// past it. A byte that does not start a well-formed sequence (overlong,
+// surrogate, beyond U+10FFFF, cut short) is kInvalid and is passed alone.
+char32_t DecodeAnyUtf8(const unsigned char*& p, const unsigned char* end)
 {
     const unsigned char b = *p;
-    int cch = 0;
+    std::ptrdiff_t cch = 0;
     char32_t cp = 0, minimum = 0;
     if ((b & 0xE0) == 0xC0) { cch = 2; cp = b & 0x1F; minimum = 0x80; }
     else if ((b & 0xF0) == 0xE0) { cch = 3; cp = b & 0x0F; minimum = 0x800; }
     else if ((b & 0xF8) == 0xF0) { cch = 4; cp = b & 0x07; minimum = 0x10000; }
-    else { ++p; return kReplacement; }
-    for (int k = 1; k < cch; ++k) {
-        if ((p[k] & 0xC0) != 0x80) {  // a NUL stops here too
+    else { ++p; return kInvalid; }
+    if (end - p < cch) {  // cut short by the end
+        ++p;
+        return kInvalid;
+    }
+    for (std::ptrdiff_t k = 1; k < cch; ++k) {
+        if (!IsTrailByte(p[k])) {
             ++p;
-            return kReplacement;
+            return kInvalid;
         }
         cp = cp << 6 | (p[k] & 0x3F);
     }
     if (cp < minimum || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
         ++p;
-        return kReplacement;
+        return kInvalid;
     }
     p += cch;
     return cp;
 }
 
+// The same, the well-formed two- and three-byte sequences of most scripts
+// decoded inline; everything else, errors included, by DecodeAnyUtf8.
+inline char32_t DecodeUtf8(const unsigned char*& p, const unsigned char* end)
+{
+    const unsigned char b = *p;
+    const std::ptrdiff_t cbLeft = end - p;
+    if (b >= 0xC2 && b <= 0xDF && cbLeft >= 2 && IsTrailByte(p[1])) {
+        const char32_t cp = static_cast<char32_t>((b & 0x1F) << 6 | (p[1] & 0x3F));
+        p += 2;
+        return cp;
+    }
+    if ((b & 0xF0) == 0xE0 && cbLeft >= 3 && IsTrailByte(p[1]) && IsTrailByte(p[2])) {
+        const char32_t cp = static_cast<char32_t>((b & 0x0F) << 12 | (p[1] & 0x3F) << 6 | (p[2] & 0x3F));
+        if (cp >= 0x800 && (cp < 0xD800 || cp > 0xDFFF)) {
+            p += 3;
+            return cp;
+        }
+    }
+    return DecodeAnyUtf8(p, end);
+}
+
+// What a character other than ASCII is written as: its bytes in the page,
+// escaped so that the RTF is 7-bit ASCII and reads the same whatever
+// encoding a program takes it for, or else \uN (a character beyond U+FFFF
+// as its UTF-16 surrogate pair, each half with its own fallback; \uN takes
+// a signed 16-bit N). Returns the piece's length.
+std::size_t MakeCharacterPiece(const CCodePage* pPage, char32_t cp, char* piece)
+{
+    static const char kDigits[] = "0123456789abcdef";
+    char* p = piece;
+    unsigned char bytes[2];
+    const int n = pPage ? pPage->Encode(cp, bytes) : 0;
+    for (int k = 0; k < n; ++k) {
+        // "\'hh", lowercase as the writers have always written it.
+        *p++ = '\\';
+        *p++ = '\'';
+        *p++ = kDigits[bytes[k] >> 4];
+        *p++ = kDigits[bytes[k] & 15];
+    }
+    if (n > 0) return static_cast<std::size_t>(p - piece);
+    auto putUnicodeWord = [&p](int value) {
+        *p++ = '\\';
+        *p++ = 'u';
+        p = std::to_chars(p, p + 6, value).ptr;
+        *p++ = '?';
+    };
+    if (cp > 0xFFFF) {
+        const char32_t v = cp - 0x10000;
+        putUnicodeWord(static_cast<int>(0xD800 + (v >> 10)) - 65536);
+        putUnicodeWord(static_cast<int>(0xDC00 + (v & 0x3FF)) - 65536);
+    } else {
+        putUnicodeWord(cp > 0x7FFF ? static_cast<int>(cp) - 65536 : static_cast<int>(cp));
+    }
+    return static_cast<std::size_t>(p - piece);
+}
+
+// The pieces of the characters met lately, so that a text in one script
+// looks each of its letters up in the code page once, not at every
+// occurrence: a table indexed by a hash of the character.
+class CCharacterPieces {
+public:
+    struct Entry {
+        char32_t cp = 0;  // 0, never a character other than ASCII, marks an empty entry
+        unsigned char cb = 0;
+        char piece[kcbLongestPiece] = {};
+    };
+
+    explicit CCharacterPieces(const CCodePage* pPage) : m_pPage(pPage), m_entries(new Entry[kcEntries]) {}
+
+    const Entry& Of(char32_t cp)
+    {
+        Entry& entry = m_entries[(cp ^ (cp >> 9)) & (kcEntries - 1)];
+        if (entry.cp != cp) {
+            entry.cb = static_cast<unsigned char>(MakeCharacterPiece(m_pPage, cp, entry.piece));
+            entry.cp = cp;
+        }
+        return entry;
+    }
+
+private:
+    static constexpr std::size_t kcEntries = 512;
+    const CCodePage* m_pPage;
+    std::unique_ptr<Entry[]> m_entries;
+};
+
+// The document as it is made: pieces written at a running pointer into one
+// block, which is handed on when the next piece might not fit. Only runs of
+// text are long; every other piece is at most kcbLongestPiece.
+class CBlock {
+public:
+    explicit CBlock(std::size_t cb) : m_pBegin(new char[cb]), m_p(m_pBegin.get()), m_cb(cb) {}
+
+    std::size_t Size() const { return static_cast<std::size_t>(m_p - m_pBegin.get()); }
+    std::size_t Room() const { return m_cb - Size(); }
+    const char* Begin() const { return m_pBegin.get(); }
+    void Clear() { m_p = m_pBegin.get(); }
+    // Where the next byte goes, for a caller that writes in place, and the
+    // count it wrote there.
+    char* Cursor() { return m_p; }
+    void Advance(std::size_t cb) { m_p += cb; }
+
+    // The caller has made sure of the room.
+    void Put(const void* p, std::size_t cb)
+    {
+        std::memcpy(m_p, p, cb);
+        m_p += cb;
+    }
+    void Put(char ch) { *m_p++ = ch; }
+    template <std::size_t N>
+    void PutLiteral(const char (&sz)[N]) { Put(sz, N - 1); }
+
+    // A character's piece, copied whole, padding and all, for speed: the
+    // room for kcbLongestPiece is there.
+    void Put(const CCharacterPieces::Entry& entry)
+    {
+        std::memcpy(m_p, entry.piece, kcbLongestPiece);
+        m_p += entry.cb;
+    }
+
+private:
+    std::unique_ptr<char[]> m_pBegin;
+    char* m_p;
+    std::size_t m_cb;
+};
+
+// Writes the piece for the byte at p, one that ends a run of printable ASCII,
+// and returns what follows it.
+const unsigned char* PutStop(CCharacterPieces& pieces, const unsigned char* p, const unsigned char* end, CBlock& block)
+{
+    switch (*p) {
+    case 0x09:
+        block.PutLiteral("\\tab ");
+        return p + 1;
+    case 0x0D:
+        if (end - p > 1 && p[1] == 0x0A)
+            ++p;  // CR LF is one line end
+        // fall through
+    case 0x0A:
+        block.PutLiteral("\\par ");
+        return p + 1;
+    case 0x17:
+        return p + 1;  // never part of the host's text
+    case '\\':
+    case '{':
+    case '}':
+        block.Put('\\');
+        block.Put(static_cast<char>(*p));
+        return p + 1;
+    default:
+        break;
+    }
+    if (*p < 0x80) {
+        block.Put(static_cast<char>(*p));  // | ~ DEL or another control: as it is
+        return p + 1;
+    }
+    const char32_t cp = DecodeUtf8(p, end);
+    block.Put(pieces.Of(cp == kInvalid ? kReplacement : cp));
+    return p;
+}
+
 } // namespace
+
+std::size_t FindInvalidUtf8(const char* pText, std::size_t cb)
+{
+    const unsigned char* const begin = reinterpret_cast<const unsigned char*>(pText);
+    const unsigned char* const end = begin + cb;
+    const unsigned char* p = begin;
+    for (;;) {
+        p += byte_scan::AsciiLength(reinterpret_cast<const char*>(p), static_cast<std::size_t>(end - p));
+        if (p == end) return cb;
+        // Characters other than ASCII come in words: decoded one after the
+        // other until the next ASCII byte.
+        do {
+            const unsigned char* const at = p;
+            if (DecodeUtf8(p, end) == kInvalid) return static_cast<std::size_t>(at - begin);
+        } while (p < end && *p >= 0x80);
+    }
+}
 
 CUTF8TextToRTF::CUTF8TextToRTF() : m_pPage(CCodePage::Get(kWesternCodePage)), m_logFont() {}
 
@@ -72,7 +251,7 @@ void CUTF8TextToRTF::SetCodePage(int codePage)
     m_pPage = pPage && !pPage->IsSymbol() ? pPage : CCodePage::Get(kWesternCodePage);
 }
 
-void CUTF8TextToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
+void CUTF8TextToRTF::ChooseFont(const LOGFONT* pBaseFont)
 {
     if (pBaseFont) {
         m_logFont = *pBaseFont;
@@ -82,100 +261,75 @@ void CUTF8TextToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
         ReleaseDC(nullptr, hdc);
         InitDefaultScreenFont(m_logFont, "Arial", 10, logPixelsY);
     }
-    m_csBuffer.Format("\\uc1\\pard\\f0\\fs%d\\cf%d ", 2 * PixY2Pts(m_logFont.lfHeight), 0);
+}
+
+void CUTF8TextToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
+{
+    ChooseFont(pBaseFont);
     const char* const pszBody = pszText ? pszText : "";
+    const std::size_t cbText = std::strlen(pszBody);
+    m_csBuffer.Empty();
     // The body is at least as long as the text; reserving that once, with
     // room for the document's head, spares the copies of a growing string and
     // lets TakeDocument put the head in front without a new block.
-    m_csBuffer.Preallocate(m_csBuffer.GetLength() + static_cast<int>(std::min<std::size_t>(std::strlen(pszBody), INT_MAX / 2)) + kcbHeadRoom);
-    ConvertText(pszBody);
-    m_csBuffer += '}';
+    m_csBuffer.Preallocate(static_cast<int>(std::min<std::size_t>(cbText, INT_MAX / 2)) + kcbHeadRoom);
+    WriteBody(pszBody, cbText, CString(),
+              [this](const char* p, std::size_t cb, std::size_t) { m_csBuffer.Append(p, static_cast<int>(cb)); });
 }
 
-void CUTF8TextToRTF::ConvertText(const char* pszText)
+void CUTF8TextToRTF::WriteDocument(const char* pText, std::size_t cbText, const LOGFONT* pBaseFont,
+                                   const BlockSink& sink)
 {
-    const unsigned char* p = reinterpret_cast<const unsigned char*>(pszText);
+    ChooseFont(pBaseFont);
+    m_csBuffer.Empty();
+    CString head = GetHeader();
+    head += GetFontTable();
+    head += GetColorTable();
+    WriteBody(pText ? pText : "", pText ? cbText : 0, head, sink);
+}
+
+// `head`, then the body: its opening keywords, the text and the closing brace.
+void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CString& head, const BlockSink& sink) const
+{
+    CString opening;
+    opening.Format("%s\\uc1\\pard\\f0\\fs%d\\cf%d ", head.GetString(), 2 * PixY2Pts(m_logFont.lfHeight), 0);
+    // A short text gets a block to its measure (no character takes more than
+    // five bytes a byte of text), so that converting many small texts costs
+    // no large allocation each; the head always fits.
+    CBlock block(std::min(kcbBlock, static_cast<std::size_t>(kcbHeadRoom + opening.GetLength()) +
+                                        5 * std::min(cbText, kcbBlock)));
+    CCharacterPieces pieces(m_pPage);
+    const unsigned char* const begin = reinterpret_cast<const unsigned char*>(pText);
+    const unsigned char* const end = begin + cbText;
+    const unsigned char* p = begin;
+    auto handOn = [&] {
+        sink(block.Begin(), block.Size(), static_cast<std::size_t>(p - begin));
+        block.Clear();
+    };
+    // The head is a few hundred bytes (a face name has at most 31), far
+    // less than a block.
+    block.Put(opening.GetString(), static_cast<std::size_t>(opening.GetLength()));
     // A byte-order mark says the text is UTF-8; it is not part of it.
-    if (p[0] == 0xEF && p[1] == 0xBB && p[2] == 0xBF)
+    if (cbText >= 3 && p[0] == 0xEF && p[1] == 0xBB && p[2] == 0xBF)
         p += 3;
-    for (;;) {
-        const unsigned char* const pRun = p;
-        while (!kRunEnd.isEnd[*p])
-            ++p;
-        m_csBuffer.Append(reinterpret_cast<const char*>(pRun), static_cast<int>(p - pRun));
-        switch (*p) {
-        case 0x00:
-            return;
-        case 0x09:
-            m_csBuffer += "\\tab ";
-            ++p;
-            break;
-        case 0x0D:
-            if (p[1] == 0x0A)
-                ++p;  // CR LF is one line end
-            // fall through
-        case 0x0A:
-            m_csBuffer += "\\par ";
-            ++p;
-            break;
-        case 0x17:
-            ++p;  // never part of the host's text
-            break;
-        case '\\':
-        case '{':
-        case '}':
-            m_csBuffer += '\\';
-            m_csBuffer += static_cast<char>(*p++);
-            break;
-        default:
-            AppendCharacter(DecodeUtf8(p));
-            break;
-        }
+    while (p < end) {
+        if (block.Room() < 2 * kcbLongestPiece) handOn();
+        const std::size_t cbMost = std::min(static_cast<std::size_t>(end - p), block.Room() - kcbLongestPiece);
+        // Printable ASCII up to 'z' but the backslash: { | } ~ are rare
+        // enough in text to be taken one by one, and one comparison fewer
+        // on every 16 bytes pays for that many times over.
+        const std::size_t cbRun =
+            byte_scan::CopyInRangeBefore(block.Cursor(), reinterpret_cast<const char*>(p), cbMost, 0x20, 'z', '\\');
+        block.Advance(cbRun);
+        p += cbRun;
+        // A run cut short by the room left is taken up after the hand-on.
+        if (cbRun == cbMost) continue;
+        if (*p == 0) break;  // the end of the text, as for a C string
+        p = PutStop(pieces, p, end, block);
     }
-}
-
-namespace {
-
-// "\'hh" for a byte, lowercase as the writers have always written it.
-void AppendHexEscape(CString& out, unsigned char b)
-{
-    static const char kDigits[] = "0123456789abcdef";
-    const char escape[4] = {'\\', '\'', kDigits[b >> 4], kDigits[b & 15]};
-    out.Append(escape, 4);
-}
-
-// "\u" with a signed 16-bit value and the '?' fallback.
-void AppendUnicodeWord(CString& out, int value)
-{
-    char sz[16] = {'\\', 'u'};
-    char* const pEnd = std::to_chars(sz + 2, sz + sizeof sz - 1, value).ptr;
-    *pEnd = '?';
-    out.Append(sz, static_cast<int>(pEnd + 1 - sz));
-}
-
-} // namespace
-
-void CUTF8TextToRTF::AppendCharacter(char32_t cp)
-{
-    unsigned char bytes[2];
-    // Escaped, so that the RTF is 7-bit ASCII and reads the same whatever
-    // encoding a program takes it for.
-    const int n = m_pPage ? m_pPage->Encode(cp, bytes) : 0;
-    if (n == 0) return AppendUnicode(cp);
-    for (int k = 0; k < n; ++k) AppendHexEscape(m_csBuffer, bytes[k]);
-}
-
-// \uN takes a signed 16-bit N; a character beyond U+FFFF is its UTF-16
-// surrogate pair, each half with its own fallback.
-void CUTF8TextToRTF::AppendUnicode(char32_t cp)
-{
-    if (cp > 0xFFFF) {
-        const char32_t v = cp - 0x10000;
-        AppendUnicodeWord(m_csBuffer, static_cast<int>(0xD800 + (v >> 10)) - 65536);
-        AppendUnicodeWord(m_csBuffer, static_cast<int>(0xDC00 + (v & 0x3FF)) - 65536);
-    } else {
-        AppendUnicodeWord(m_csBuffer, cp > 0x7FFF ? static_cast<int>(cp) - 65536 : static_cast<int>(cp));
-    }
+    if (block.Room() == 0) handOn();
+    block.Put('}');
+    handOn();
 }
 
 CString CUTF8TextToRTF::GetHeader() const

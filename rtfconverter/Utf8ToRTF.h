@@ -5,6 +5,11 @@
 //     writer.Convert(pszUtf8, nullptr);  // Arial 10 when no font is given
 //     CString rtf = writer.Export();
 //
+// or, for a large text, the document handed on block by block as it is made:
+//
+//     writer.WriteDocument(pText, cbText, nullptr,
+//                          [&](const char* p, std::size_t cb, std::size_t) { fwrite(p, 1, cb, f); });
+//
 // The sibling of the 8-bit plain-text writer, with the same document shape
 // (one font, the automatic colour), for text as Linux writes it:
 //   - characters of the chosen code page are written as their bytes, each
@@ -22,12 +27,21 @@
 #pragma once
 #include "rtfconverter/Export.h"
 
+#include <cstddef>
+#include <functional>
+
 #include "platform/AfxString.h"
 #include "platform/WinGdi.h"
 
 namespace rtf_converter {
 
 class CCodePage;
+
+// The offset of the first byte of [pText, pText + cb) that is not part of
+// well-formed UTF-8 (overlong forms, surrogates and values beyond U+10FFFF
+// are not; a sequence cut by the end is not); cb when every byte is. A NUL is
+// an ASCII byte like any other here.
+RTFCONV_API std::size_t FindInvalidUtf8(const char* pText, std::size_t cb);
 
 class RTFCONV_API CUTF8TextToRTF {
 public:
@@ -51,15 +65,26 @@ public:
     // next export. Empty when memory runs out, as Export is.
     [[nodiscard]] CString TakeDocument();
 
+    // Receives the document from WriteDocument: each block in order, with the
+    // number of the text's bytes converted so far (for progress, or to let go
+    // of the text behind). It may throw to stop the writer.
+    using BlockSink = std::function<void(const char* p, std::size_t cb, std::size_t cbTextDone)>;
+    // The document of [pText, pText + cbText) (a NUL ends the text there, as
+    // the end of Convert's string does) in the font pBaseFont, the same bytes
+    // as Convert then Export, handed to `sink` as it is made, in blocks of at
+    // most 128 KiB, the head first: neither the body nor the document is ever
+    // held whole. Keeps no body: Export needs a Convert afterwards.
+    void WriteDocument(const char* pText, std::size_t cbText, const LOGFONT* pBaseFont, const BlockSink& sink);
+
 protected:
-    void ConvertText(const char* pszText);
-    void AppendCharacter(char32_t cp);
-    void AppendUnicode(char32_t cp);
     CString GetHeader() const;
     CString GetFontTable() const;
     CString GetColorTable() const;
 
 private:
+    void ChooseFont(const LOGFONT* pBaseFont);
+    void WriteBody(const char* pText, std::size_t cbText, const CString& head, const BlockSink& sink) const;
+
     const CCodePage* m_pPage;
     LOGFONT m_logFont;
     CString m_csBuffer;

@@ -95,3 +95,31 @@ TEST(PlainTextToRTF, FontTableFamiliesAndReconversion)
     CPlainTextToRTF copy(writer);
     EXPECT_EQ(copy.Export(), doc);
 }
+
+// Runs are passed 16 bytes at a time: every kind of byte, at every offset
+// around those steps and at the end of the text, is still taken for what it
+// is.
+TEST(PlainTextToRTF, EveryByteAtEveryOffset)
+{
+    const struct {
+        char ch;
+        std::string rtf;
+    } rows[] = {
+        {'\t', "\\tab "}, {'\n', "\\line "}, {'\\', "\\\\"}, {'{', "\\{"}, {'}', "\\}"}, {'\x17', ""},
+        {'|', "|"},       {'~', "~"},        {'\x7f', "\x7f"}, {'\x01', "\x01"}, {'\xe9', "\xe9"}, {'z', "z"},
+    };
+    LOGFONT lf = Font("Arial", -13, 0, VARIABLE_PITCH | FF_SWISS);
+    for (const auto& row : rows) {
+        for (std::size_t at = 0; at < 40; ++at) {
+            for (std::size_t cb : {at + 1, std::size_t(40)}) {
+                std::string text(cb, 'a');
+                text[at] = row.ch;
+                const std::string body = std::string(at, 'a') + row.rtf + std::string(cb - at - 1, 'a') + "\\par }";
+                EXPECT_EQ(Export(text, &lf), kArialFront + body) << int(row.ch) << " at " << at << " of " << cb;
+            }
+        }
+    }
+    // A CR last ends the text without another paragraph, wherever it falls.
+    for (std::size_t at = 0; at < 40; ++at)
+        EXPECT_EQ(Export(std::string(at, 'a') + "\r", &lf), kArialFront + std::string(at, 'a') + "\\par }") << at;
+}

@@ -1,14 +1,20 @@
 // The writer side of the Unicode pair: UTF-8 text to RTF, and back.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <stdexcept>
 #include <string>
+#include <vector>
+
+#include "rtfconverter/ByteScan.h"
 
 #include "rtfconverter/RtfToUtf8.h"
 #include "rtfconverter/Utf8ToRTF.h"
 
 using rtf_converter::CBytePtrRTFToUTF8PtrParser;
 using rtf_converter::CUTF8TextToRTF;
+using rtf_converter::FindInvalidUtf8;
 
 namespace {
 
@@ -51,7 +57,153 @@ std::string ToUtf8(const std::string& rtf)
     return out;
 }
 
+// The document WriteDocument hands on, checking the blocks as they come.
+std::string Written(const char* pText, std::size_t cbText, int codePage)
+{
+    CUTF8TextToRTF writer;
+    writer.SetCodePage(codePage);
+    const LOGFONT lf = ArialTenPoints();
+    std::string rtf;
+    std::size_t cbDoneBefore = 0;
+    writer.WriteDocument(pText, cbText, &lf, [&](const char* p, std::size_t cb, std::size_t cbTextDone) {
+        EXPECT_GT(cb, 0u);
+        EXPECT_LE(cb, std::size_t(128) << 10);
+        EXPECT_GE(cbTextDone, cbDoneBefore);
+        EXPECT_LE(cbTextDone, cbText);
+        cbDoneBefore = cbTextDone;
+        rtf.append(p, cb);
+    });
+    return rtf;
+}
+
+// Text that puts every kind of piece at every offset around the writer's
+// block edges, runs of `cbFill` letters between the pieces, and its body in
+// code page 1252, made piece by piece.
+struct PiecesText {
+    std::string text;
+    std::string body;
+};
+PiecesText PiecesAmongRuns(std::size_t cbTotal, std::size_t cbFill)
+{
+    static const struct {
+        const char* text;
+        const char* rtf;
+    } pieces[] = {
+        {"\\", "\\\\"}, {"{", "\\{"}, {"}", "\\}"}, {"\t", "\\tab "}, {"\n", "\\par "}, {"\r\n", "\\par "},
+        {"\r", "\\par "}, {"\x17", ""}, {"\x01", "\x01"}, {"\x7f", "\x7f"}, {"\xc3\xa9", "\\'e9"},
+        {"\xd0\x9f", "\\u1055?"}, {"\xef\xbd\xb1", "\\u-143?"}, {"\xf0\x9f\x98\x80", "\\u-10179?\\u-8704?"},
+        {"\xff", "\\u-3?"},
+    };
+    PiecesText made;
+    for (std::size_t i = 0; made.text.size() < cbTotal; ++i) {
+        const std::string fill(cbFill, static_cast<char>('a' + i % 26));
+        const auto& piece = pieces[i % (sizeof pieces / sizeof *pieces)];
+        made.text += fill + piece.text;
+        made.body += fill + piece.rtf;
+    }
+    return made;
+}
+
 } // namespace
+
+// The document made block by block is the document Convert and Export make,
+// whatever falls on the edge of a block.
+TEST(Utf8ToRtf, WriteDocumentIsExport)
+{
+    for (const std::string& text : {std::string(), std::string("Caf\xc3\xa9 {\xd0\x9f}\r\n"), std::string("\xef\xbb\xbfx"),
+                                    std::string(300000, 'a'), PiecesAmongRuns(1000, 3).text})
+        for (int codePage : {1252, 932})
+            EXPECT_EQ(Written(text.data(), text.size(), codePage), ToRtf(text, codePage))
+                << text.size() << " bytes, code page " << codePage;
+    for (std::size_t cbFill : {0, 1, 5, 15, 16, 17, 100, 1000}) {
+        const PiecesText made = PiecesAmongRuns(300000, cbFill);
+        const std::string written = Written(made.text.data(), made.text.size(), 1252);
+        EXPECT_EQ(written, ToRtf(made.text, 1252)) << cbFill;
+        EXPECT_TRUE(Body(written) == made.body) << cbFill;
+    }
+}
+
+// The text's end is cbText, or a NUL before it; nothing past it is read: a
+// CR LF or a UTF-8 sequence cut by the end is cut in the RTF too.
+TEST(Utf8ToRtf, WriteDocumentEndsAtTheTextsEnd)
+{
+    const struct {
+        const char* label;
+        std::string text;
+        std::size_t cb;
+        std::string sameAs;
+    } rows[] = {
+        {"a NUL ends the text", std::string("ab\0cd", 5), 5, "ab"},
+        {"CR LF cut after the CR", "a\r\nb", 2, "a\r"},
+        {"a sequence cut by the end", "a\xe2\x82\xac", 3, "a\xe2\x82"},
+        {"a byte-order mark cut by the end", "\xef\xbb\xbf", 2, "\xef\xbb"},
+        {"nothing", "abc", 0, ""},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(Written(row.text.data(), row.cb, 1252), ToRtf(row.sameAs, 1252)) << row.label;
+    EXPECT_EQ(Written(nullptr, 5, 1252), ToRtf("", 1252));
+}
+
+// A sink that fails stops the writer: its exception comes out as it is, and
+// the writer is ready for the next text.
+TEST(Utf8ToRtf, WriteDocumentStopsWhenTheSinkThrows)
+{
+    const std::string text = PiecesAmongRuns(400000, 10).text;
+    CUTF8TextToRTF writer;
+    int cBlocks = 0;
+    EXPECT_THROW(writer.WriteDocument(text.data(), text.size(), nullptr,
+                                      [&](const char*, std::size_t, std::size_t) {
+                                          if (++cBlocks == 2) throw std::runtime_error("disk full");
+                                      }),
+                 std::runtime_error);
+    EXPECT_EQ(cBlocks, 2);
+    std::string rtf;
+    writer.WriteDocument("x", 1, nullptr, [&](const char* p, std::size_t cb, std::size_t) { rtf.append(p, cb); });
+    EXPECT_EQ(Body(rtf), "x");
+}
+
+TEST(Utf8ToRtf, FindInvalidUtf8StopsAtTheEndGiven)
+{
+    // A bad byte at every offset around the 16-byte steps of the ASCII scan.
+    for (std::size_t at = 0; at < 40; ++at) {
+        for (const char bad : {'\x80', '\xbf', '\xc0', '\xc1', '\xf5', '\xff'}) {
+            std::string text(48, 'x');
+            text[at] = bad;
+            EXPECT_EQ(FindInvalidUtf8(text.data(), text.size()), at) << at << " " << int(bad);
+        }
+        // A good character cut by the length given, whatever follows it.
+        const std::string text = std::string(at, 'x') + "\xe2\x82\xac";
+        EXPECT_EQ(FindInvalidUtf8(text.data(), at + 2), at) << at;
+        EXPECT_EQ(FindInvalidUtf8(text.data(), at + 3), at + 3) << at;
+        EXPECT_EQ(FindInvalidUtf8(text.data(), at), at) << at;
+    }
+}
+
+// The run scan and copy agree with the byte-by-byte definition for every
+// byte at every offset around their 16-byte steps; the copy copies the run
+// and writes nothing past the length it is given.
+TEST(ByteScan, CopyInRangeBeforeStopsAtTheFirstStop)
+{
+    using rtf_converter::byte_scan::CopyInRangeBefore;
+    using rtf_converter::byte_scan::InRangeLengthBefore;
+    for (int b = 0; b < 256; ++b) {
+        const char ch = static_cast<char>(b);
+        const bool bStop = b < 0x20 || b > 'z' || ch == '\\';
+        for (std::size_t at = 0; at < 40; ++at) {
+            std::string text(40, 'a');
+            for (std::size_t i = 0; i < text.size(); ++i) text[i] = static_cast<char>('0' + i);
+            text[at] = ch;
+            for (std::size_t cb : {std::size_t(40), at, at + 1}) {
+                std::string out(48, '#');
+                const std::size_t expected = bStop ? std::min(at, cb) : cb;
+                EXPECT_EQ(CopyInRangeBefore(&out[0], text.data(), cb, 0x20, 'z', '\\'), expected) << b << " at " << at;
+                EXPECT_EQ(InRangeLengthBefore(text.data(), cb, 0x20, 'z', '\\'), expected) << b << " at " << at;
+                EXPECT_EQ(out.substr(0, expected), text.substr(0, expected)) << b << " at " << at;
+                EXPECT_EQ(out.substr(cb), std::string(48 - cb, '#')) << b << " at " << at << ", " << cb << " given";
+            }
+        }
+    }
+}
 
 // TakeDocument builds in the body's memory what Export copies; the two must
 // agree, and the writer must convert afresh afterwards.

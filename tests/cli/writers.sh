@@ -121,6 +121,17 @@ expect_status 0 "$RTFCONV" txt2rtf "$TMP/bom.txt"
 grep -qF "\\cf0 Gr\\'f6\\'dfe}" "$TMP/out" || fail "txt2rtf UTF-8 BOM: $(cat "$TMP/out")"
 LC_ALL=C grep -q '[^ -~]' "$TMP/out" && fail "txt2rtf wrote bytes beyond 7-bit ASCII"
 expect_status 2 "$RTFCONV" txt2rtf --from nonesuch "$TMP/latin1.txt"
+# A text of many output blocks, every kind of character among them, comes
+# back whole, the same to a file and to standard output; a bad byte at its
+# very end fails it before anything is written.
+LC_ALL=C awk 'BEGIN { for (i = 0; i < 12000; i++) printf "Zeile %d: Gr\303\274\303\237e {x} \\ \320\277\321\200\320\270\tab \316\261\316\262 \350\241\250 \360\237\230\200 |~\r\n", i; printf "end" }' >"$TMP/long.txt"
+expect_status 0 "$RTFCONV" txt2rtf -o "$TMP/long.rtf" "$TMP/long.txt"
+"$RTFCONV" txt2rtf <"$TMP/long.txt" | cmp -s - "$TMP/long.rtf" || fail "txt2rtf of a long text differs on standard output"
+expect_status 0 "$RTFCONV" rtf2txt "$TMP/long.rtf"
+{ tr -d '\r' <"$TMP/long.txt"; echo; } | cmp -s - "$TMP/out" || fail "a long text does not come back from txt2rtf and rtf2txt"
+printf '\377' >>"$TMP/long.txt"
+"$RTFCONV" txt2rtf <"$TMP/long.txt" >"$TMP/long.rtf" 2>/dev/null && fail "txt2rtf took a bad byte at the end of a long text"
+[ -s "$TMP/long.rtf" ] && fail "txt2rtf wrote part of a text that is not UTF-8"
 
 # Characters of other Windows code pages in a 1252 document come back as
 # themselves through rtf2old, old2rtf and rtf2txt.

@@ -2,6 +2,7 @@
 #include "tools/rtfconv/ToolCommon.h"
 
 #include "rtfconverter/CodePages.h"
+#include "rtfconverter/Utf8ToRTF.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -66,42 +67,10 @@ bool IsLibraryCodePage(const std::string& codePage)
     return codePage.empty() || rtf_converter::CCodePage::Get(CodePageNumberOf(codePage)) != nullptr;
 }
 
-namespace {
-
-// The end of the run of ASCII bytes from `i`, taken 8 bytes at a time: most
-// text is mostly ASCII, and a byte-by-byte look at it is most of the cost.
-std::size_t SkipAscii(std::string_view text, std::size_t i)
-{
-    constexpr std::uint64_t kHighBits = 0x8080808080808080u;
-    for (; i + 8 <= text.size(); i += 8) {
-        std::uint64_t word;
-        std::memcpy(&word, text.data() + i, sizeof word);
-        if (word & kHighBits) break;
-    }
-    while (i < text.size() && static_cast<unsigned char>(text[i]) < 0x80) ++i;
-    return i;
-}
-
-} // namespace
-
 std::size_t FindInvalidUtf8(std::string_view text)
 {
-    for (std::size_t i = SkipAscii(text, 0); i < text.size(); i = SkipAscii(text, i)) {
-        const unsigned char lead = static_cast<unsigned char>(text[i]);
-        const std::size_t cb = Utf8SequenceLength(lead);
-        if (lead >= 0x80 && (cb == 1 || i + cb > text.size()))
-            return i;
-        for (std::size_t k = 1; k < cb; ++k)
-            if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80)
-                return i;
-        // Overlong forms, surrogates and values beyond U+10FFFF.
-        const unsigned char second = cb > 1 ? static_cast<unsigned char>(text[i + 1]) : 0;
-        if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second >= 0xA0) || (lead == 0xF0 && second < 0x90) ||
-            (lead == 0xF4 && second >= 0x90))
-            return i;
-        i += cb;
-    }
-    return std::string_view::npos;
+    const std::size_t at = rtf_converter::FindInvalidUtf8(text.data(), text.size());
+    return at == text.size() ? std::string_view::npos : at;
 }
 
 std::string ConvertToUtf8(std::string_view text, const std::string& fromEncoding)

@@ -92,12 +92,20 @@ void WriteEscapingEightBitBytes(const CString& rtf, COutput& out)
     }
 }
 
-CString ConvertUtf8TextToRtf(const Txt2RtfOptions& options, const char* pszText, const LOGFONT* pFont)
+// Writes the document as it is made, block by block, so that neither it nor
+// its body is ever held whole. When the text is the input itself, the input
+// behind the writer is reported done as it goes, which lets its pages go.
+void WriteUtf8TextAsRtf(const Txt2RtfOptions& options, std::string_view text, bool bTextIsInput, const LOGFONT* pFont,
+                        CConversion& conversion)
 {
     rtf_converter::CUTF8TextToRTF writer;
     writer.SetCodePage(options.codePage.empty() ? std::stoi(kDefaultCodePage) : CodePageNumberOf(options.codePage));
-    writer.Convert(pszText, pFont);
-    return writer.TakeDocument();
+    writer.WriteDocument(text.data(), text.size(), pFont,
+                         [&conversion, bTextIsInput](const char* p, std::size_t cb, std::size_t cbTextDone) {
+                             conversion.Out().Write(p, cb);
+                             if (bTextIsInput) conversion.ReportConsumed(cbTextDone);
+                         });
+    conversion.ReportConsumed(conversion.Data().size());
 }
 
 void ConvertTextToRtf(const ToolContext& ctx, const Txt2RtfOptions& options, CConversion& conversion)
@@ -106,10 +114,9 @@ void ConvertTextToRtf(const ToolContext& ctx, const Txt2RtfOptions& options, CCo
     const bool bFont = options.font.GetLogFont(lf);
     std::string converted;
     if (UsesUnicodeWriter(options)) {
-        const CString rtf =
-            ConvertUtf8TextToRtf(options, InputAsUtf8(options, conversion, converted).data(), bFont ? &lf : nullptr);
-        conversion.ReportConsumed(conversion.Data().size());
-        conversion.Out().Write(rtf.GetString(), static_cast<std::size_t>(rtf.GetLength()));
+        const std::string_view text = InputAsUtf8(options, conversion, converted);
+        WriteUtf8TextAsRtf(options, text, converted.empty() && text.data() == conversion.Terminated(),
+                           bFont ? &lf : nullptr, conversion);
         return;
     }
 
