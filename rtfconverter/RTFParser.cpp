@@ -5,6 +5,7 @@
 
 #include "hostlibs/VQLogger.h"
 #include "rtfconverter/ByteScan.h"
+#include "rtfconverter/KeywordIndex.h"
 
 namespace rtf_converter {
 
@@ -45,14 +46,73 @@ std::size_t OrdinaryRunLength(const char* p, std::size_t cb)
                                    [](char ch) { return kRunStops.stop[static_cast<unsigned char>(ch)]; });
 }
 
+// The bytes that end a run the reader drops, line breaks and all: the ones
+// that open or close a group or start a control word, and NUL.
+std::size_t DroppedRunLength(const char* p, std::size_t cb)
+{
+#if RTFCONV_SCAN_SSE2
+    using byte_scan::Is;
+    auto blockStops = [](__m128i v) {
+        return _mm_or_si128(_mm_or_si128(Is(v, '\\'), Is(v, '{')), _mm_or_si128(Is(v, '}'), Is(v, '\0')));
+    };
+#else
+    auto blockStops = [](int) { return 0; };
+#endif
+    return byte_scan::LengthBefore(p, cb, blockStops, [](char ch) {
+        return ch == '\\' || ch == '{' || ch == '}' || ch == '\0';
+    });
+}
+
 // A control word or control symbol read straight from bytes in memory, as
 // ParseRtfKeyword would read it through Get.
 struct KeywordAhead {
+    // Room for the longest word and its NUL, and at least 8 bytes, which a
+    // lookup key is read from (KeywordKey::FromPadded).
     char szKeyword[CRTFParser::maxKeywordLength + 2];
+    std::size_t cch = 0;
     int param = CRTFParser::noParam;
     std::size_t cbTaken = 0;     // the bytes after the backslash it takes
     bool bEscapedChar = false;   // \\, \{ or \}: a plain character
 };
+static_assert(sizeof(KeywordAhead::szKeyword) >= 32, "a word's letters are copied 32 bytes at a time");
+
+#if RTFCONV_SCAN_SSE2
+// Bit i set for each byte i of the block that is an ASCII letter.
+inline unsigned LetterMask(__m128i v)
+{
+    const __m128i offset = _mm_sub_epi8(_mm_or_si128(v, byte_scan::Splat(0x20)), byte_scan::Splat('a'));
+    return static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_min_epu8(offset, byte_scan::Splat(25)), offset)));
+}
+#endif
+
+// Copies the letters at p into szKeyword and returns how many lead the
+// window, stopping at cchMax (the last byte of the window, or the length
+// limit): one more than the limit allows, or letters up to the window's last
+// byte, tell the caller to leave the word to the byte-by-byte path.
+std::size_t CopyLettersAhead(const char* p, std::size_t cb, char* szKeyword)
+{
+#if RTFCONV_SCAN_SSE2
+    // With 32 bytes in the window, two blocks hold every word the limit
+    // allows and the byte after it.
+    if (cb >= 32) {
+        const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword), lo);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword + 16), hi);
+        const unsigned nonLetters = ~(LetterMask(lo) | LetterMask(hi) << 16);
+        return nonLetters == 0 ? 32 : static_cast<std::size_t>(__builtin_ctz(nonLetters));
+    }
+#endif
+    std::memset(szKeyword, 0, 8);  // the key's bytes past a short word
+    const std::size_t cchMax = cb <= CRTFParser::maxKeywordLength ? cb - 1 : CRTFParser::maxKeywordLength;
+    std::size_t i = 0;
+    while (i < cchMax && IsAsciiLetter(p[i])) {
+        szKeyword[i] = p[i];
+        ++i;
+    }
+    return i < cchMax || !IsAsciiLetter(p[i]) ? i : i + 1;
+}
 
 // Parses the word after a backslash from [p, p + cb). Only the common shapes
 // are taken here: a word with its parameter and delimiter wholly inside the
@@ -65,24 +125,19 @@ bool ScanKeywordAhead(const char* p, std::size_t cb, KeywordAhead& kw)
     if (cb == 0 || p[0] == '\0')
         return false;
     if (!IsAsciiLetter(p[0])) {
+        std::memset(kw.szKeyword, 0, 8);
         kw.szKeyword[0] = p[0];
-        kw.szKeyword[1] = '\0';
+        kw.cch = 1;
         kw.param = 0;
         kw.cbTaken = 1;
         kw.bEscapedChar = p[0] == '\\' || p[0] == '{' || p[0] == '}';
         return true;
     }
-    // The letters are copied as they are scanned; a word that reaches the
-    // length limit or the end of the window is abandoned.
-    const std::size_t cchMax = cb <= CRTFParser::maxKeywordLength ? cb - 1 : CRTFParser::maxKeywordLength;
-    std::size_t i = 0;
-    while (i < cchMax && IsAsciiLetter(p[i])) {
-        kw.szKeyword[i] = p[i];
-        ++i;
-    }
-    if (p[i] == '\0' || IsAsciiLetter(p[i]))
+    std::size_t i = CopyLettersAhead(p, cb, kw.szKeyword);
+    if (i > CRTFParser::maxKeywordLength || i >= cb || p[i] == '\0')
         return false;
     kw.szKeyword[i] = '\0';
+    kw.cch = i;
 
     const bool bNegative = p[i] == '-';
     if (bNegative && (i + 1 == cb || !IsAsciiDigit(p[i + 1])))
@@ -134,34 +189,17 @@ void CRTFParser::Parse(bool& bMore)
     }
     MarkBacktrack(0);
 
-    char ch = 0;
     for (;;) {
-        if (Get(ch) < 0)
-            return;
-        switch (ch) {
-        case '\n':
-        case '\r':
-            break;
-        case '\\':
-            m_bSkipNextChar = false;
-            MarkBacktrack(1);
-            if (!ParseKeyword()) {
-                Backtrack(-1);
-                bMore = true;
-            }
-            break;
-        case '{':
-            m_bSkipNextChar = false;
-            OpenGroup();
-            break;
-        case '}':
-            m_bSkipNextChar = false;
-            CloseGroup();
-            break;
-        default:
-            if (!ParseChar(ch) || !ParseOrdinaryRun())
-                bMore = true;
-            break;
+        std::size_t cbAhead = 0;
+        const char* p = RunAhead(cbAhead);
+        const Step step = p && cbAhead > 0 ? ParseStructureAhead(p, cbAhead) : Step::other;
+        if (step == Step::refused) {
+            bMore = true;
+        } else if (step == Step::other) {
+            char ch = 0;
+            if (Get(ch) < 0)
+                return;
+            bMore = !ParseByte(ch);
         }
         // Runs after every byte, CR and LF included: the document must open
         // with '{' as its very first byte, and nothing after the outermost
@@ -169,6 +207,82 @@ void CRTFParser::Parse(bool& bMore)
         if (m_cGroup < 1 || bMore)
             return;
     }
+}
+
+bool CRTFParser::ParseByte(char ch)
+{
+    switch (ch) {
+    case '\n':
+    case '\r':
+        return true;
+    case '\\':
+        m_bSkipNextChar = false;
+        MarkBacktrack(1);
+        if (!ParseKeyword()) {
+            Backtrack(-1);
+            return false;
+        }
+        return true;
+    case '{':
+        m_bSkipNextChar = false;
+        OpenGroup();
+        return true;
+    case '}':
+        m_bSkipNextChar = false;
+        CloseGroup();
+        return true;
+    default:
+        return ParseChar(ch) && ParseOrdinaryRun();
+    }
+}
+
+// The bytes that shape the document, taken from the source's offer without
+// a Get each: what ParseByte does with them, the read position moved as
+// Get would have moved it. Text and NUL are left to Get, so that the first
+// byte of a run still reaches ParseChar.
+CRTFParser::Step CRTFParser::ParseStructureAhead(const char* p, std::size_t cb)
+{
+    switch (p[0]) {
+    case '\n':
+    case '\r': {
+        // Outside the outermost group the loop stops after every byte.
+        std::size_t cbBreaks = 1;
+        if (m_cGroup >= 1)
+            while (cbBreaks < cb && IsLineBreak(p[cbBreaks]))
+                ++cbBreaks;
+        SkipAhead(cbBreaks);
+        return Step::taken;
+    }
+    case '{':
+    case '}':
+        SkipAhead(1);
+        m_bSkipNextChar = false;
+        if (p[0] == '{')
+            OpenGroup();
+        else
+            CloseGroup();
+        return Step::taken;
+    case '\\':
+        break;
+    default:
+        return Step::other;
+    }
+    m_bSkipNextChar = false;
+    KeywordAhead kw;
+    bool bOk = false;
+    if (!ScanKeywordAhead(p + 1, cb - 1, kw)) {
+        SkipAhead(1);
+        MarkBacktrack(1);
+        bOk = ParseRtfKeyword();
+    } else {
+        MarkBacktrack(0);
+        SkipAhead(1 + kw.cbTaken);
+        bOk = kw.bEscapedChar ? ParseChar(kw.szKeyword[0]) : TranslateTokenWord(kw.szKeyword, kw.cch, kw.param);
+    }
+    if (bOk)
+        return Step::taken;
+    Backtrack(-1);
+    return Step::refused;
 }
 
 const char* CRTFParser::RunAhead(std::size_t& cb) const
@@ -231,6 +345,15 @@ bool CRTFParser::ParseOrdinaryRun()
             return true;
         SkipAhead(cbBreaks);
     }
+}
+
+void CRTFParser::SkipDroppedBytes(const char* p, std::size_t cb)
+{
+    std::size_t cbAhead = 0;
+    const char* pAhead = RunAhead(cbAhead);
+    if (pAhead == p && cbAhead > cb)
+        cb += DroppedRunLength(p + cb, cbAhead - cb);
+    SkipAhead(cb);
 }
 
 // Each saved group costs a record of the reader's formatting, so a document
@@ -296,7 +419,24 @@ bool CRTFParser::ParseKeyword()
     SkipAhead(kw.cbTaken);
     if (kw.bEscapedChar)
         return ParseChar(kw.szKeyword[0]);
-    return TranslateKeyword(kw.szKeyword, kw.param);
+    return TranslateTokenWord(kw.szKeyword, kw.cch, kw.param);
+}
+
+// The key is made here, where the word's length is known and its bytes are
+// padded, for the table lookup TranslateKeyword makes (TokenWordKey). A
+// handler may read another word meanwhile: the outer word's key comes back
+// after it.
+bool CRTFParser::TranslateTokenWord(const char* szPadded, std::size_t cch, int param)
+{
+    const KeywordKey key = KeywordKey::FromPadded(szPadded, cch);
+    const char* const szOuter = m_tokenWord.szKeyword;
+    const KeywordKey* const pOuterKey = m_tokenWord.pKey;
+    m_tokenWord.szKeyword = szPadded;
+    m_tokenWord.pKey = &key;
+    const bool bOk = TranslateKeyword(szPadded, param);
+    m_tokenWord.szKeyword = szOuter;
+    m_tokenWord.pKey = pOuterKey;
+    return bOk;
 }
 
 bool CRTFParser::ParseRtfKeyword()
