@@ -6,27 +6,30 @@
 #include <cstdint>
 #include <cstring>
 
+#include "rtfconverter/RTFParser.h"
+
 namespace rtf_converter {
 
 // A control word as a lookup wants it: its text, its length and its first
-// eight bytes as one number, zero past the end of the word. The tokenizer
-// makes one as it reads the word, so that a lookup of a word it read needs
-// no pass over the word's bytes at all.
+// eight bytes as one number (in the order memcpy puts them there), zero past
+// the end of the word. The tokenizer makes one as it reads the word, so that
+// a lookup of a word it read needs no pass over the word's bytes at all.
 struct KeywordKey {
     const char* sz = nullptr;
     std::size_t cch = 0;
     std::uint64_t head = 0;
 
-    // From the first cch bytes at sz, which must be readable 8 bytes on
-    // (bytes past the word are masked off, whatever they are).
-    static KeywordKey FromPadded(const char* sz, std::size_t cch)
+    // The head of a word of cch bytes from the 8 bytes at its start, as
+    // memcpy puts them into a number (bytes past the word are masked off,
+    // whatever they are).
+    static std::uint64_t HeadOf(std::uint64_t first8, std::size_t cch) { return first8 & HeadMask(cch); }
+    // The head of a one-byte word.
+    static std::uint64_t HeadOfByte(char ch)
     {
-        KeywordKey key;
-        key.sz = sz;
-        key.cch = cch;
-        std::memcpy(&key.head, sz, sizeof key.head);
-        key.head &= HeadMask(cch);
-        return key;
+        const unsigned char bytes[8] = {static_cast<unsigned char>(ch)};
+        std::uint64_t head = 0;
+        std::memcpy(&head, bytes, sizeof head);
+        return head;
     }
 
     // From any NUL-terminated text: measured and packed byte by byte, reading
@@ -133,5 +136,10 @@ private:
 
     Slot m_slots[cSlots] = {};
 };
+
+inline const KeywordKey* CRTFParser::TokenWordKey(const char* szKeyword) const
+{
+    return m_tokenWord.pKey && m_tokenWord.pKey->sz == szKeyword ? m_tokenWord.pKey : nullptr;
+}
 
 } // namespace rtf_converter

@@ -66,10 +66,14 @@ std::size_t DroppedRunLength(const char* p, std::size_t cb)
 // A control word or control symbol read straight from bytes in memory, as
 // ParseRtfKeyword would read it through Get.
 struct KeywordAhead {
-    // Room for the longest word and its NUL, and at least 8 bytes, which a
-    // lookup key is read from (KeywordKey::FromPadded).
+    // Room for the longest word and its NUL, and for the 32 bytes the
+    // letters are copied in.
     char szKeyword[CRTFParser::maxKeywordLength + 2];
-    std::size_t cch = 0;
+    // The word's lookup key, made from the bytes as they were scanned (read
+    // back from szKeyword, just written a piece at a time, the processor
+    // would wait for the writes to land) and handed on where it was made: a
+    // copy of it would be written whole and read by fields, another wait.
+    KeywordKey key;
     int param = CRTFParser::noParam;
     std::size_t cbTaken = 0;     // the bytes after the backslash it takes
     bool bEscapedChar = false;   // \\, \{ or \}: a plain character
@@ -86,11 +90,11 @@ inline unsigned LetterMask(__m128i v)
 }
 #endif
 
-// Copies the letters at p into szKeyword and returns how many lead the
-// window, stopping at cchMax (the last byte of the window, or the length
+// Copies the letters at p into szKeyword, their key's head into head, and
+// returns how many lead the window, stopping at cchMax (the last byte of the window, or the length
 // limit): one more than the limit allows, or letters up to the window's last
 // byte, tell the caller to leave the word to the byte-by-byte path.
-std::size_t CopyLettersAhead(const char* p, std::size_t cb, char* szKeyword)
+std::size_t CopyLettersAhead(const char* p, std::size_t cb, char* szKeyword, std::uint64_t& head)
 {
 #if RTFCONV_SCAN_SSE2
     // With 32 bytes in the window, two blocks hold every word the limit
@@ -101,7 +105,9 @@ std::size_t CopyLettersAhead(const char* p, std::size_t cb, char* szKeyword)
         _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword), lo);
         _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword + 16), hi);
         const unsigned nonLetters = ~(LetterMask(lo) | LetterMask(hi) << 16);
-        return nonLetters == 0 ? 32 : static_cast<std::size_t>(__builtin_ctz(nonLetters));
+        const std::size_t cch = nonLetters == 0 ? 32 : static_cast<std::size_t>(__builtin_ctz(nonLetters));
+        head = KeywordKey::HeadOf(static_cast<std::uint64_t>(_mm_cvtsi128_si64(lo)), cch);
+        return cch;
     }
 #endif
     std::memset(szKeyword, 0, 8);  // the key's bytes past a short word
@@ -111,6 +117,8 @@ std::size_t CopyLettersAhead(const char* p, std::size_t cb, char* szKeyword)
         szKeyword[i] = p[i];
         ++i;
     }
+    std::memcpy(&head, szKeyword, sizeof head);
+    head = KeywordKey::HeadOf(head, i);
     return i < cchMax || !IsAsciiLetter(p[i]) ? i : i + 1;
 }
 
@@ -125,19 +133,20 @@ bool ScanKeywordAhead(const char* p, std::size_t cb, KeywordAhead& kw)
     if (cb == 0 || p[0] == '\0')
         return false;
     if (!IsAsciiLetter(p[0])) {
-        std::memset(kw.szKeyword, 0, 8);
         kw.szKeyword[0] = p[0];
-        kw.cch = 1;
+        kw.szKeyword[1] = '\0';
+        kw.key.cch = 1;
+        kw.key.head = KeywordKey::HeadOfByte(p[0]);
         kw.param = 0;
         kw.cbTaken = 1;
         kw.bEscapedChar = p[0] == '\\' || p[0] == '{' || p[0] == '}';
         return true;
     }
-    std::size_t i = CopyLettersAhead(p, cb, kw.szKeyword);
+    std::size_t i = CopyLettersAhead(p, cb, kw.szKeyword, kw.key.head);
     if (i > CRTFParser::maxKeywordLength || i >= cb || p[i] == '\0')
         return false;
     kw.szKeyword[i] = '\0';
-    kw.cch = i;
+    kw.key.cch = i;
 
     const bool bNegative = p[i] == '-';
     if (bNegative && (i + 1 == cb || !IsAsciiDigit(p[i + 1])))
@@ -190,17 +199,17 @@ void CRTFParser::Parse(bool& bMore)
     MarkBacktrack(0);
 
     for (;;) {
-        std::size_t cbAhead = 0;
-        const char* p = RunAhead(cbAhead);
-        const Step step = p && cbAhead > 0 ? ParseStructureAhead(p, cbAhead) : Step::other;
+        const Step step = ParseStructureAhead();
         if (step == Step::refused) {
             bMore = true;
-        } else if (step == Step::other) {
-            char ch = 0;
-            if (Get(ch) < 0)
-                return;
-            bMore = !ParseByte(ch);
+            return;
         }
+        if (step == Step::ended)
+            return;
+        char ch = 0;
+        if (Get(ch) < 0)
+            return;
+        bMore = !ParseByte(ch);
         // Runs after every byte, CR and LF included: the document must open
         // with '{' as its very first byte, and nothing after the outermost
         // '}' is read.
@@ -236,53 +245,52 @@ bool CRTFParser::ParseByte(char ch)
     }
 }
 
-// The bytes that shape the document, taken from the source's offer without
-// a Get each: what ParseByte does with them, the read position moved as
-// Get would have moved it. Text and NUL are left to Get, so that the first
-// byte of a run still reaches ParseChar.
-CRTFParser::Step CRTFParser::ParseStructureAhead(const char* p, std::size_t cb)
+// The bytes that shape the document, one after another, taken from the
+// source's offer without a Get each: what ParseByte does with them, the read
+// position moved as Get would have moved it. Text and NUL are left to Get,
+// so that the first byte of a run still reaches ParseChar.
+CRTFParser::Step CRTFParser::ParseStructureAhead()
 {
-    switch (p[0]) {
-    case '\n':
-    case '\r': {
-        // Outside the outermost group the loop stops after every byte.
-        std::size_t cbBreaks = 1;
-        if (m_cGroup >= 1)
-            while (cbBreaks < cb && IsLineBreak(p[cbBreaks]))
-                ++cbBreaks;
-        SkipAhead(cbBreaks);
-        return Step::taken;
-    }
-    case '{':
-    case '}':
-        SkipAhead(1);
-        m_bSkipNextChar = false;
-        if (p[0] == '{')
+    for (;;) {
+        std::size_t cb = 0;
+        const char* p = RunAhead(cb);
+        if (!p || cb == 0)
+            return Step::other;
+        switch (p[0]) {
+        case '\n':
+        case '\r': {
+            // Outside the outermost group the loop stops after every byte.
+            std::size_t cbBreaks = 1;
+            if (m_cGroup >= 1)
+                while (cbBreaks < cb && IsLineBreak(p[cbBreaks]))
+                    ++cbBreaks;
+            SkipAhead(cbBreaks);
+            break;
+        }
+        case '{':
+            SkipAhead(1);
+            m_bSkipNextChar = false;
             OpenGroup();
-        else
+            break;
+        case '}':
+            SkipAhead(1);
+            m_bSkipNextChar = false;
             CloseGroup();
-        return Step::taken;
-    case '\\':
-        break;
-    default:
-        return Step::other;
+            break;
+        case '\\':
+            m_bSkipNextChar = false;
+            MarkBacktrack(0);
+            if (!ParseKeywordAhead(p + 1, cb - 1, 1)) {
+                Backtrack(-1);
+                return Step::refused;
+            }
+            break;
+        default:
+            return Step::other;
+        }
+        if (m_cGroup < 1)
+            return Step::ended;
     }
-    m_bSkipNextChar = false;
-    KeywordAhead kw;
-    bool bOk = false;
-    if (!ScanKeywordAhead(p + 1, cb - 1, kw)) {
-        SkipAhead(1);
-        MarkBacktrack(1);
-        bOk = ParseRtfKeyword();
-    } else {
-        MarkBacktrack(0);
-        SkipAhead(1 + kw.cbTaken);
-        bOk = kw.bEscapedChar ? ParseChar(kw.szKeyword[0]) : TranslateTokenWord(kw.szKeyword, kw.cch, kw.param);
-    }
-    if (bOk)
-        return Step::taken;
-    Backtrack(-1);
-    return Step::refused;
 }
 
 const char* CRTFParser::RunAhead(std::size_t& cb) const
@@ -413,28 +421,29 @@ bool CRTFParser::ParseKeyword()
 {
     std::size_t cbAhead = 0;
     const char* p = RunAhead(cbAhead);
-    KeywordAhead kw;
-    if (!p || !ScanKeywordAhead(p, cbAhead, kw))
-        return ParseRtfKeyword();
-    SkipAhead(kw.cbTaken);
-    if (kw.bEscapedChar)
-        return ParseChar(kw.szKeyword[0]);
-    return TranslateTokenWord(kw.szKeyword, kw.cch, kw.param);
+    return p ? ParseKeywordAhead(p, cbAhead, 0) : ParseRtfKeyword();
 }
 
-// The key is made here, where the word's length is known and its bytes are
-// padded, for the table lookup TranslateKeyword makes (TokenWordKey). A
-// handler may read another word meanwhile: the outer word's key comes back
-// after it.
-bool CRTFParser::TranslateTokenWord(const char* szPadded, std::size_t cch, int param)
+// The read position is cbBefore bytes before p, the byte after the
+// backslash, and moves over them with the word's bytes. The key is made here,
+// where the word's length is known and its bytes are padded, for the table
+// lookup TranslateKeyword makes (TokenWordKey). A handler may read another
+// word meanwhile: the outer word's key comes back after it.
+bool CRTFParser::ParseKeywordAhead(const char* p, std::size_t cb, std::size_t cbBefore)
 {
-    const KeywordKey key = KeywordKey::FromPadded(szPadded, cch);
-    const char* const szOuter = m_tokenWord.szKeyword;
+    KeywordAhead kw;
+    if (!ScanKeywordAhead(p, cb, kw)) {
+        if (cbBefore > 0)
+            SkipAhead(cbBefore);
+        return ParseRtfKeyword();
+    }
+    SkipAhead(cbBefore + kw.cbTaken);
+    if (kw.bEscapedChar)
+        return ParseChar(kw.szKeyword[0]);
+    kw.key.sz = kw.szKeyword;
     const KeywordKey* const pOuterKey = m_tokenWord.pKey;
-    m_tokenWord.szKeyword = szPadded;
-    m_tokenWord.pKey = &key;
-    const bool bOk = TranslateKeyword(szPadded, param);
-    m_tokenWord.szKeyword = szOuter;
+    m_tokenWord.pKey = &kw.key;
+    const bool bOk = TranslateKeyword(kw.szKeyword, kw.param);
     m_tokenWord.pKey = pOuterKey;
     return bOk;
 }

@@ -110,10 +110,8 @@ protected:
     // The lookup key of szKeyword when it is the word the tokenizer is
     // handing to TranslateKeyword right now, which it made while reading the
     // word; null for any other text.
-    const KeywordKey* TokenWordKey(const char* szKeyword) const
-    {
-        return m_tokenWord.pKey && m_tokenWord.szKeyword == szKeyword ? m_tokenWord.pKey : nullptr;
-    }
+    // (Defined with the key, in the library's KeywordIndex.h.)
+    inline const KeywordKey* TokenWordKey(const char* szKeyword) const;
     int ParseParam(char ch);
     // Hands the run of ordinary bytes ahead, if the source offers one, to
     // ParseRun; false when the output refused a byte of it.
@@ -139,26 +137,27 @@ protected:
     unsigned m_limitsReached = 0;
 
 private:
-    // What the parse loop makes of the next byte when the source offers it
-    // in memory: a group, line breaks or a control word taken from the
-    // offer; `other` for the bytes it leaves to Get (text, NUL).
-    enum class Step { taken, refused, other };
-    Step ParseStructureAhead(const char* p, std::size_t cb);
+    // The parse loop's work on the braces, line breaks and control words the
+    // source offers in memory, up to a byte it leaves to Get (text, NUL, or
+    // nothing offered: `other`), a keyword the output refused, or the end of
+    // the outermost group.
+    enum class Step { other, refused, ended };
+    Step ParseStructureAhead();
     // The parse loop's work for one byte read through Get; false when the
     // output refused it.
     bool ParseByte(char ch);
-    // TranslateKeyword of a word read from the source's offer, its lookup
-    // key at hand for the call (szPadded: see KeywordKey::FromPadded).
-    bool TranslateTokenWord(const char* szPadded, std::size_t cch, int param);
+    // The control word at p, just after its backslash, from the offer
+    // [p, p + cb); by ParseRtfKeyword when it is not wholly inside. The read
+    // position is cbBefore bytes before p.
+    bool ParseKeywordAhead(const char* p, std::size_t cb, std::size_t cbBefore);
     // '{' and '}': past the depth limit a group is only counted.
     void OpenGroup();
     void CloseGroup();
 
-    // The word the tokenizer hands to TranslateKeyword, and its key, while
-    // the call lasts. A copy of a reader starts without one: the key lives
+    // The key of the word the tokenizer hands to TranslateKeyword (the key
+    // names the word's text), while the call lasts. A copy of a reader starts without one: the key lives
     // in the tokenizer's frame.
     struct CTokenWord {
-        const char* szKeyword = nullptr;
         const KeywordKey* pKey = nullptr;
         CTokenWord() = default;
         CTokenWord(const CTokenWord&) noexcept {}
