@@ -144,9 +144,6 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::UnicodeKeywordRows(std
 // Each keyword is looked up once, in one index over both tables: the
 // reader's own rows under their numbers, then the core's rows under theirs
 // plus the number of own rows (a word in both is the reader's own).
-//
-// Built by a constructor of its own, so that what every lookup runs (a test
-// that the index is built) is small enough to be inlined.
 const CKeywordIndex& CRTFToUTF8Parser::KeywordIndex(std::size_t& cOwnRows)
 {
     struct Index {
@@ -347,8 +344,12 @@ bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
             return SkipFallbackKeyword(szKeyword);
         m_cchUnicodeSkip = 0;
     }
-    std::size_t cOwnRows = 0;
-    const CKeywordIndex& index = KeywordIndex(cOwnRows);
+    // Held here, so that a keyword costs a test that they are set rather
+    // than a call.
+    static std::size_t s_cOwnRows = 0;
+    static const CKeywordIndex& s_index = KeywordIndex(s_cOwnRows);
+    const CKeywordIndex& index = s_index;
+    const std::size_t cOwnRows = s_cOwnRows;
     const KeywordKey* pKey = TokenWordKey(szKeyword);
     const int number = pKey ? index.Find(*pKey) : index.Find(szKeyword);
     if (number < 0 || static_cast<std::size_t>(number) >= cOwnRows) {
