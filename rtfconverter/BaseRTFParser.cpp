@@ -249,7 +249,9 @@ bool CBaseRTFParser::TranslateKeyword(const char* szKeyword, int param)
     if (m_rds == rdsSkip)
         return true;
 
-    return TranslateKeywordAt(FindKeyword(szKeyword), szKeyword, param);
+    const KeywordKey* pKey = TokenWordKey(szKeyword);
+    const int row = pKey ? KeywordIndex().Find(*pKey) : FindKeyword(szKeyword);
+    return TranslateKeywordAt(row, szKeyword, param);
 }
 
 bool CBaseRTFParser::TranslateKeywordAt(int row, const char* szKeyword, int param)
@@ -360,6 +362,19 @@ inline int HexDigitValue(char ch)
 
 int CBaseRTFParser::ParseHexParam(char first)
 {
+    // Two hex digits the source offers are the two bytes Get would give:
+    // taken without a call each. Anything else (a digit missing, the end of
+    // the offer) goes through Get, whose rewinds the callers count on.
+    std::size_t cbAhead = 0;
+    const char* p = first == '\0' ? RunAhead(cbAhead) : nullptr;
+    if (p && cbAhead >= 2) {
+        const int high = HexDigitValue(p[0]);
+        const int low = HexDigitValue(p[1]);
+        if (high >= 0 && low >= 0) {
+            SkipAhead(2);
+            return high * 16 + low;
+        }
+    }
     char ch = first;
     int value = 0;
     for (int k = 1; k <= 2; ++k) {

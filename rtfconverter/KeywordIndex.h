@@ -4,17 +4,77 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+
+#include "rtfconverter/RTFParser.h"
 
 namespace rtf_converter {
+
+// A control word as a lookup wants it: its text, its length and its first
+// eight bytes as one number (in the order memcpy puts them there), zero past
+// the end of the word. The tokenizer makes one as it reads the word, so that
+// a lookup of a word it read needs no pass over the word's bytes at all.
+struct KeywordKey {
+    const char* sz = nullptr;
+    std::size_t cch = 0;
+    std::uint64_t head = 0;
+
+    // The head of a word of cch bytes from the 8 bytes at its start, as
+    // memcpy puts them into a number (bytes past the word are masked off,
+    // whatever they are).
+    static std::uint64_t HeadOf(std::uint64_t first8, std::size_t cch) { return first8 & HeadMask(cch); }
+    // The head of a one-byte word.
+    static std::uint64_t HeadOfByte(char ch)
+    {
+        const unsigned char bytes[8] = {static_cast<unsigned char>(ch)};
+        std::uint64_t head = 0;
+        std::memcpy(&head, bytes, sizeof head);
+        return head;
+    }
+
+    // From any NUL-terminated text: measured and packed byte by byte, reading
+    // nothing past its NUL.
+    static KeywordKey FromText(const char* sz)
+    {
+        unsigned char head[8] = {};
+        std::size_t cch = 0;
+        for (; sz[cch] != '\0'; ++cch)
+            if (cch < sizeof head)
+                head[cch] = static_cast<unsigned char>(sz[cch]);
+        KeywordKey key;
+        key.sz = sz;
+        key.cch = cch;
+        std::memcpy(&key.head, head, sizeof key.head);
+        return key;
+    }
+
+private:
+    // The bytes of a word shorter than 8 within the number, in the order
+    // memcpy put them there, whatever the machine's byte order.
+    static std::uint64_t HeadMask(std::size_t cch)
+    {
+        if (cch >= 8)
+            return ~std::uint64_t(0);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        return (std::uint64_t(1) << (8 * cch)) - 1;
+#else
+        unsigned char ones[8] = {};
+        for (std::size_t i = 0; i < cch; ++i)
+            ones[i] = 0xFF;
+        std::uint64_t mask = 0;
+        std::memcpy(&mask, ones, sizeof mask);
+        return mask;
+#endif
+    }
+};
 
 // Open addressing over 512 slots. A word is entered under its first number
 // only, so a later row with the same word stays unreachable, as a first-match
 // scan of the rows leaves it.
 //
 // Most control words of a document are in no table, so a miss must be cheap:
-// the hash takes the length and the first and last letters, which the lookup
-// has after one pass over the word, and a slot is compared by length before
-// its letters are.
+// a slot is told apart by the word's first eight bytes and its length, two
+// compares, before any byte past the eighth is looked at.
 class CKeywordIndex {
 public:
     static constexpr int maxNumber = 254;
@@ -23,24 +83,25 @@ public:
     // it is in already, or the number is out of range.
     void Add(const char* szKeyword, int number)
     {
-        const std::size_t len = Length(szKeyword);
-        if (number < 0 || number > maxNumber || len == 0 || len > 255 || Find(szKeyword) >= 0)
+        const KeywordKey key = KeywordKey::FromText(szKeyword);
+        if (number < 0 || number > maxNumber || key.cch == 0 || key.cch > 255 || Find(key) >= 0)
             return;
-        unsigned slot = Hash(szKeyword, len);
+        unsigned slot = Hash(key);
         while (m_slots[slot].szKeyword)
             slot = (slot + 1) & (cSlots - 1);
-        m_slots[slot] = {szKeyword, static_cast<std::uint8_t>(number), static_cast<std::uint8_t>(len)};
+        m_slots[slot] = {szKeyword, key.head, static_cast<std::uint8_t>(number), static_cast<std::uint8_t>(key.cch)};
     }
 
     // The number of szKeyword; -1 when it is not in.
-    int Find(const char* szKeyword) const
+    int Find(const char* szKeyword) const { return Find(KeywordKey::FromText(szKeyword)); }
+
+    int Find(const KeywordKey& key) const
     {
-        const std::size_t len = Length(szKeyword);
-        if (len == 0 || len > 255)
+        if (key.cch == 0 || key.cch > 255)
             return -1;
-        for (unsigned slot = Hash(szKeyword, len); m_slots[slot].szKeyword; slot = (slot + 1) & (cSlots - 1)) {
+        for (unsigned slot = Hash(key); m_slots[slot].szKeyword; slot = (slot + 1) & (cSlots - 1)) {
             const Slot& s = m_slots[slot];
-            if (s.len == len && SameBytes(s.szKeyword, szKeyword, len))
+            if (s.head == key.head && s.len == key.cch && SameTail(s.szKeyword, key.sz, key.cch))
                 return s.number;
         }
         return -1;
@@ -51,33 +112,34 @@ private:
 
     struct Slot {
         const char* szKeyword;  // null: an empty slot
+        std::uint64_t head;
         std::uint8_t number;
         std::uint8_t len;
     };
 
-    // Control words are short: a loop beats a library call.
-    static std::size_t Length(const char* sz)
+    // The bytes past the eighth, which the heads did not compare; control
+    // words are short, so a loop beats a library call.
+    static bool SameTail(const char* a, const char* b, std::size_t len)
     {
-        std::size_t len = 0;
-        while (sz[len] != '\0')
-            ++len;
-        return len;
-    }
-    static bool SameBytes(const char* a, const char* b, std::size_t len)
-    {
-        for (std::size_t i = 0; i < len; ++i)
+        for (std::size_t i = 8; i < len; ++i)
             if (a[i] != b[i])
                 return false;
         return true;
     }
-    static unsigned Hash(const char* sz, std::size_t len)
+    // Multiplicative: the top bits of the product depend on every byte of
+    // the head.
+    static unsigned Hash(const KeywordKey& key)
     {
-        const unsigned first = static_cast<unsigned char>(sz[0]);
-        const unsigned last = static_cast<unsigned char>(sz[len - 1]);
-        return (first * 37u + last * 11u + static_cast<unsigned>(len) * 101u) & (cSlots - 1);
+        const std::uint64_t h = (key.head + key.cch) * 0x9E3779B97F4A7C15ull;
+        return static_cast<unsigned>(h >> 55) & (cSlots - 1);
     }
 
     Slot m_slots[cSlots] = {};
 };
+
+inline const KeywordKey* CRTFParser::TokenWordKey(const char* szKeyword) const
+{
+    return m_tokenWord.pKey && m_tokenWord.pKey->sz == szKeyword ? m_tokenWord.pKey : nullptr;
+}
 
 } // namespace rtf_converter

@@ -5,6 +5,7 @@
 
 #include "hostlibs/VQLogger.h"
 #include "rtfconverter/ByteScan.h"
+#include "rtfconverter/KeywordIndex.h"
 
 namespace rtf_converter {
 
@@ -45,14 +46,81 @@ std::size_t OrdinaryRunLength(const char* p, std::size_t cb)
                                    [](char ch) { return kRunStops.stop[static_cast<unsigned char>(ch)]; });
 }
 
+// The bytes that end a run the reader drops, line breaks and all: the ones
+// that open or close a group or start a control word, and NUL.
+std::size_t DroppedRunLength(const char* p, std::size_t cb)
+{
+#if RTFCONV_SCAN_SSE2
+    using byte_scan::Is;
+    auto blockStops = [](__m128i v) {
+        return _mm_or_si128(_mm_or_si128(Is(v, '\\'), Is(v, '{')), _mm_or_si128(Is(v, '}'), Is(v, '\0')));
+    };
+#else
+    auto blockStops = [](int) { return 0; };
+#endif
+    return byte_scan::LengthBefore(p, cb, blockStops, [](char ch) {
+        return ch == '\\' || ch == '{' || ch == '}' || ch == '\0';
+    });
+}
+
 // A control word or control symbol read straight from bytes in memory, as
 // ParseRtfKeyword would read it through Get.
 struct KeywordAhead {
+    // Room for the longest word and its NUL, and for the 32 bytes the
+    // letters are copied in.
     char szKeyword[CRTFParser::maxKeywordLength + 2];
+    // The word's lookup key, made from the bytes as they were scanned (read
+    // back from szKeyword, just written a piece at a time, the processor
+    // would wait for the writes to land) and handed on where it was made: a
+    // copy of it would be written whole and read by fields, another wait.
+    KeywordKey key;
     int param = CRTFParser::noParam;
     std::size_t cbTaken = 0;     // the bytes after the backslash it takes
     bool bEscapedChar = false;   // \\, \{ or \}: a plain character
 };
+static_assert(sizeof(KeywordAhead::szKeyword) >= 32, "a word's letters are copied 32 bytes at a time");
+
+#if RTFCONV_SCAN_SSE2
+// Bit i set for each byte i of the block that is an ASCII letter.
+inline unsigned LetterMask(__m128i v)
+{
+    const __m128i offset = _mm_sub_epi8(_mm_or_si128(v, byte_scan::Splat(0x20)), byte_scan::Splat('a'));
+    return static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_min_epu8(offset, byte_scan::Splat(25)), offset)));
+}
+#endif
+
+// Copies the letters at p into szKeyword, their key's head into head, and
+// returns how many lead the window, stopping at cchMax (the last byte of the window, or the length
+// limit): one more than the limit allows, or letters up to the window's last
+// byte, tell the caller to leave the word to the byte-by-byte path.
+std::size_t CopyLettersAhead(const char* p, std::size_t cb, char* szKeyword, std::uint64_t& head)
+{
+#if RTFCONV_SCAN_SSE2
+    // With 32 bytes in the window, two blocks hold every word the limit
+    // allows and the byte after it.
+    if (cb >= 32) {
+        const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword), lo);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword + 16), hi);
+        const unsigned nonLetters = ~(LetterMask(lo) | LetterMask(hi) << 16);
+        const std::size_t cch = nonLetters == 0 ? 32 : static_cast<std::size_t>(__builtin_ctz(nonLetters));
+        head = KeywordKey::HeadOf(static_cast<std::uint64_t>(_mm_cvtsi128_si64(lo)), cch);
+        return cch;
+    }
+#endif
+    std::memset(szKeyword, 0, 8);  // the key's bytes past a short word
+    const std::size_t cchMax = cb <= CRTFParser::maxKeywordLength ? cb - 1 : CRTFParser::maxKeywordLength;
+    std::size_t i = 0;
+    while (i < cchMax && IsAsciiLetter(p[i])) {
+        szKeyword[i] = p[i];
+        ++i;
+    }
+    std::memcpy(&head, szKeyword, sizeof head);
+    head = KeywordKey::HeadOf(head, i);
+    return i < cchMax || !IsAsciiLetter(p[i]) ? i : i + 1;
+}
 
 // Parses the word after a backslash from [p, p + cb). Only the common shapes
 // are taken here: a word with its parameter and delimiter wholly inside the
@@ -67,22 +135,18 @@ bool ScanKeywordAhead(const char* p, std::size_t cb, KeywordAhead& kw)
     if (!IsAsciiLetter(p[0])) {
         kw.szKeyword[0] = p[0];
         kw.szKeyword[1] = '\0';
+        kw.key.cch = 1;
+        kw.key.head = KeywordKey::HeadOfByte(p[0]);
         kw.param = 0;
         kw.cbTaken = 1;
         kw.bEscapedChar = p[0] == '\\' || p[0] == '{' || p[0] == '}';
         return true;
     }
-    // The letters are copied as they are scanned; a word that reaches the
-    // length limit or the end of the window is abandoned.
-    const std::size_t cchMax = cb <= CRTFParser::maxKeywordLength ? cb - 1 : CRTFParser::maxKeywordLength;
-    std::size_t i = 0;
-    while (i < cchMax && IsAsciiLetter(p[i])) {
-        kw.szKeyword[i] = p[i];
-        ++i;
-    }
-    if (p[i] == '\0' || IsAsciiLetter(p[i]))
+    std::size_t i = CopyLettersAhead(p, cb, kw.szKeyword, kw.key.head);
+    if (i > CRTFParser::maxKeywordLength || i >= cb || p[i] == '\0')
         return false;
     kw.szKeyword[i] = '\0';
+    kw.key.cch = i;
 
     const bool bNegative = p[i] == '-';
     if (bNegative && (i + 1 == cb || !IsAsciiDigit(p[i + 1])))
@@ -134,40 +198,98 @@ void CRTFParser::Parse(bool& bMore)
     }
     MarkBacktrack(0);
 
-    char ch = 0;
     for (;;) {
+        const Step step = ParseStructureAhead();
+        if (step == Step::refused) {
+            bMore = true;
+            return;
+        }
+        if (step == Step::ended)
+            return;
+        char ch = 0;
         if (Get(ch) < 0)
             return;
-        switch (ch) {
-        case '\n':
-        case '\r':
-            break;
-        case '\\':
-            m_bSkipNextChar = false;
-            MarkBacktrack(1);
-            if (!ParseKeyword()) {
-                Backtrack(-1);
-                bMore = true;
-            }
-            break;
-        case '{':
-            m_bSkipNextChar = false;
-            OpenGroup();
-            break;
-        case '}':
-            m_bSkipNextChar = false;
-            CloseGroup();
-            break;
-        default:
-            if (!ParseChar(ch) || !ParseOrdinaryRun())
-                bMore = true;
-            break;
-        }
+        bMore = !ParseByte(ch);
         // Runs after every byte, CR and LF included: the document must open
         // with '{' as its very first byte, and nothing after the outermost
         // '}' is read.
         if (m_cGroup < 1 || bMore)
             return;
+    }
+}
+
+bool CRTFParser::ParseByte(char ch)
+{
+    switch (ch) {
+    case '\n':
+    case '\r':
+        return true;
+    case '\\':
+        m_bSkipNextChar = false;
+        MarkBacktrack(1);
+        if (!ParseKeyword()) {
+            Backtrack(-1);
+            return false;
+        }
+        return true;
+    case '{':
+        m_bSkipNextChar = false;
+        OpenGroup();
+        return true;
+    case '}':
+        m_bSkipNextChar = false;
+        CloseGroup();
+        return true;
+    default:
+        return ParseChar(ch) && ParseOrdinaryRun();
+    }
+}
+
+// The bytes that shape the document, one after another, taken from the
+// source's offer without a Get each: what ParseByte does with them, the read
+// position moved as Get would have moved it. Text and NUL are left to Get,
+// so that the first byte of a run still reaches ParseChar.
+CRTFParser::Step CRTFParser::ParseStructureAhead()
+{
+    for (;;) {
+        std::size_t cb = 0;
+        const char* p = RunAhead(cb);
+        if (!p || cb == 0)
+            return Step::other;
+        switch (p[0]) {
+        case '\n':
+        case '\r': {
+            // Outside the outermost group the loop stops after every byte.
+            std::size_t cbBreaks = 1;
+            if (m_cGroup >= 1)
+                while (cbBreaks < cb && IsLineBreak(p[cbBreaks]))
+                    ++cbBreaks;
+            SkipAhead(cbBreaks);
+            break;
+        }
+        case '{':
+            SkipAhead(1);
+            m_bSkipNextChar = false;
+            OpenGroup();
+            break;
+        case '}':
+            SkipAhead(1);
+            m_bSkipNextChar = false;
+            CloseGroup();
+            break;
+        case '\\':
+            m_bSkipNextChar = false;
+            MarkBacktrack(0);
+            if (!ParseKeywordAhead(p + 1, cb - 1, 1)) {
+                Backtrack(-1);
+                return Step::refused;
+            }
+            break;
+        default:
+            return Step::other;
+        }
+        if (m_cGroup < 1)
+            return Step::ended;
     }
 }
 
@@ -233,6 +355,15 @@ bool CRTFParser::ParseOrdinaryRun()
     }
 }
 
+void CRTFParser::SkipDroppedBytes(const char* p, std::size_t cb)
+{
+    std::size_t cbAhead = 0;
+    const char* pAhead = RunAhead(cbAhead);
+    if (pAhead == p && cbAhead > cb)
+        cb += DroppedRunLength(p + cb, cbAhead - cb);
+    SkipAhead(cb);
+}
+
 // Each saved group costs a record of the reader's formatting, so a document
 // of nothing but '{' would take memory many times its size. Past the depth
 // limit groups are counted, which keeps the braces balanced and the end of
@@ -290,13 +421,31 @@ bool CRTFParser::ParseKeyword()
 {
     std::size_t cbAhead = 0;
     const char* p = RunAhead(cbAhead);
+    return p ? ParseKeywordAhead(p, cbAhead, 0) : ParseRtfKeyword();
+}
+
+// The read position is cbBefore bytes before p, the byte after the
+// backslash, and moves over them with the word's bytes. The key is made here,
+// where the word's length is known and its bytes are padded, for the table
+// lookup TranslateKeyword makes (TokenWordKey). A handler may read another
+// word meanwhile: the outer word's key comes back after it.
+bool CRTFParser::ParseKeywordAhead(const char* p, std::size_t cb, std::size_t cbBefore)
+{
     KeywordAhead kw;
-    if (!p || !ScanKeywordAhead(p, cbAhead, kw))
+    if (!ScanKeywordAhead(p, cb, kw)) {
+        if (cbBefore > 0)
+            SkipAhead(cbBefore);
         return ParseRtfKeyword();
-    SkipAhead(kw.cbTaken);
+    }
+    SkipAhead(cbBefore + kw.cbTaken);
     if (kw.bEscapedChar)
         return ParseChar(kw.szKeyword[0]);
-    return TranslateKeyword(kw.szKeyword, kw.param);
+    kw.key.sz = kw.szKeyword;
+    const KeywordKey* const pOuterKey = m_tokenWord.pKey;
+    m_tokenWord.pKey = &kw.key;
+    const bool bOk = TranslateKeyword(kw.szKeyword, kw.param);
+    m_tokenWord.pKey = pOuterKey;
+    return bOk;
 }
 
 bool CRTFParser::ParseRtfKeyword()

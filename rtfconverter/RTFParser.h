@@ -34,6 +34,8 @@
 
 namespace rtf_converter {
 
+struct KeywordKey;
+
 class RTFCONV_API CRTFParser {
 public:
     // The parameter value of a control word that has none, and the result of
@@ -77,8 +79,9 @@ protected:
     // ahead of the read position (RunAhead) and steps over them (SkipAhead);
     // the parser cuts the offer at the first byte that means something to it
     // (backslash, braces, CR, LF, NUL) and hands the rest to ParseRun. The
-    // control word after a backslash is read from the offer too, when it lies
-    // wholly inside it (ParseKeyword). What a source offers must therefore be
+    // braces, line breaks and control words are read from the offer too (a
+    // word when it lies wholly inside it), and so are the two digits of a
+    // \'hh escape (ParseHexParam). What a source offers must therefore be
     // exactly the bytes its Get would deliver next: a reader that changes
     // what Get delivers offers nothing (returns null), and a source that
     // offers nothing keeps the byte-by-byte protocol unchanged.
@@ -93,6 +96,9 @@ protected:
     // behaves as before. A reader overriding ParseRun to copy runs in bulk must keep
     // it equivalent to its ParseChar, and a class derived from such a reader
     // that overrides ParseChar must override ParseRun too (calling this one).
+    // A reader that drops the run may step over more than cb bytes, up to
+    // the next byte that means something other than a line break
+    // (SkipDroppedBytes).
     virtual bool ParseRun(const char* p, std::size_t cb);
 
     // The control word after a backslash: read from the bytes the source
@@ -101,10 +107,20 @@ protected:
     // the read position at the same byte.
     bool ParseKeyword();
     bool ParseRtfKeyword();
+    // The lookup key of szKeyword when it is the word the tokenizer is
+    // handing to TranslateKeyword right now, which it made while reading the
+    // word; null for any other text.
+    // (Defined with the key, in the library's KeywordIndex.h.)
+    inline const KeywordKey* TokenWordKey(const char* szKeyword) const;
     int ParseParam(char ch);
     // Hands the run of ordinary bytes ahead, if the source offers one, to
     // ParseRun; false when the output refused a byte of it.
     bool ParseOrdinaryRun();
+    // For a reader that drops the ordinary bytes [p, p + cb) at the read
+    // position, and would drop the line breaks and ordinary bytes after them
+    // too: steps over all of them up to the next backslash, brace or NUL the
+    // source offers, in one pass (a picture's hex data, line after line).
+    void SkipDroppedBytes(const char* p, std::size_t cb);
     // Sets the limit's bit; the first time for each kind, also traces it.
     void NoteLimitReached(ReadLimitKind kind);
     // True when a structure grown to `cNew` stays within `limit`; otherwise
@@ -121,9 +137,33 @@ protected:
     unsigned m_limitsReached = 0;
 
 private:
+    // The parse loop's work on the braces, line breaks and control words the
+    // source offers in memory, up to a byte it leaves to Get (text, NUL, or
+    // nothing offered: `other`), a keyword the output refused, or the end of
+    // the outermost group.
+    enum class Step { other, refused, ended };
+    Step ParseStructureAhead();
+    // The parse loop's work for one byte read through Get; false when the
+    // output refused it.
+    bool ParseByte(char ch);
+    // The control word at p, just after its backslash, from the offer
+    // [p, p + cb); by ParseRtfKeyword when it is not wholly inside. The read
+    // position is cbBefore bytes before p.
+    bool ParseKeywordAhead(const char* p, std::size_t cb, std::size_t cbBefore);
     // '{' and '}': past the depth limit a group is only counted.
     void OpenGroup();
     void CloseGroup();
+
+    // The key of the word the tokenizer hands to TranslateKeyword (the key
+    // names the word's text), while the call lasts. A copy of a reader starts without one: the key lives
+    // in the tokenizer's frame.
+    struct CTokenWord {
+        const KeywordKey* pKey = nullptr;
+        CTokenWord() = default;
+        CTokenWord(const CTokenWord&) noexcept {}
+        CTokenWord& operator=(const CTokenWord&) noexcept { return *this; }
+    };
+    CTokenWord m_tokenWord;
 
     // Groups open beyond the depth limit, which saved no state.
     int m_cUnsavedGroups = 0;

@@ -91,10 +91,10 @@ bool CRTFToPlainTextParser::ParseRun(const char* p, std::size_t cb)
     case rdsInfo:
     case rdsPNText:
         m_bSkipNextChar = false;
-        SkipAhead(cb);
+        SkipDroppedBytes(p, cb);
         return true;
     default:
-        SkipAhead(cb);
+        SkipDroppedBytes(p, cb);
         return true;
     }
     return CBaseRTFParser::ParseRun(p, cb);

@@ -146,18 +146,21 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::UnicodeKeywordRows(std
 // plus the number of own rows (a word in both is the reader's own).
 const CKeywordIndex& CRTFToUTF8Parser::KeywordIndex(std::size_t& cOwnRows)
 {
-    static std::size_t s_cOwnRows = 0;
-    static const CKeywordIndex s_index = [] {
+    struct Index {
         CKeywordIndex index;
-        const UnicodeKeyword* rows = UnicodeKeywordRows(s_cOwnRows);
-        for (std::size_t row = 0; row < s_cOwnRows; ++row)
-            index.Add(rows[row].szKeyword, static_cast<int>(row));
-        for (int row = 0; row < cCmds; ++row)
-            index.Add(s_Cmds[row].szKeyword, static_cast<int>(s_cOwnRows) + row);
-        return index;
-    }();
-    cOwnRows = s_cOwnRows;
-    return s_index;
+        std::size_t cOwnRows = 0;
+        Index()
+        {
+            const UnicodeKeyword* rows = UnicodeKeywordRows(cOwnRows);
+            for (std::size_t row = 0; row < cOwnRows; ++row)
+                index.Add(rows[row].szKeyword, static_cast<int>(row));
+            for (int row = 0; row < cCmds; ++row)
+                index.Add(s_Cmds[row].szKeyword, static_cast<int>(cOwnRows) + row);
+        }
+    };
+    static const Index s_index;
+    cOwnRows = s_index.cOwnRows;
+    return s_index.index;
 }
 
 const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(const char* szKeyword)
@@ -341,8 +344,14 @@ bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
             return SkipFallbackKeyword(szKeyword);
         m_cchUnicodeSkip = 0;
     }
-    std::size_t cOwnRows = 0;
-    const int number = KeywordIndex(cOwnRows).Find(szKeyword);
+    // Held here, so that a keyword costs a test that they are set rather
+    // than a call.
+    static std::size_t s_cOwnRows = 0;
+    static const CKeywordIndex& s_index = KeywordIndex(s_cOwnRows);
+    const CKeywordIndex& index = s_index;
+    const std::size_t cOwnRows = s_cOwnRows;
+    const KeywordKey* pKey = TokenWordKey(szKeyword);
+    const int number = pKey ? index.Find(*pKey) : index.Find(szKeyword);
     if (number < 0 || static_cast<std::size_t>(number) >= cOwnRows) {
         // What CBaseRTFParser::TranslateKeyword does, without a second lookup.
         if (m_rds == rdsSkip)
@@ -378,13 +387,13 @@ bool CRTFToUTF8Parser::ParseRun(const char* p, std::size_t cb)
             return CBaseRTFParser::ParseRun(p, cb);
         if (m_rds == rdsStyleSheet || m_rds == rdsRevTable || m_rds == rdsInfo || m_rds == rdsPNText)
             m_bSkipNextChar = false;
-        SkipAhead(cb);
+        SkipDroppedBytes(p, cb);
         return true;
     }
     if (m_bSkipNextChar || m_cGroup == 0)
         return CBaseRTFParser::ParseRun(p, cb);
     if (m_state.bHidden) {
-        SkipAhead(cb);
+        SkipDroppedBytes(p, cb);
         return true;
     }
     // ParseChar's quickest case over as many bytes as it holds for, each

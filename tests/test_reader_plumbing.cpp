@@ -5,11 +5,14 @@
 #include <dirent.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "platform/ObjBase.h"
 #include "rtfconverter/BaseRTFParser.h"
+#include "rtfconverter/KeywordIndex.h"
 #include "rtfconverter/RTFToOld.h"
 #include "rtfconverter/ReaderPlumbing.h"
 #include "rtfconverter/RtfToText.h"
@@ -432,4 +435,176 @@ TEST(ReadAll, AReaderThatCannotProgressIsStoppedAt16MiB)
     overrunning.cbReported = 65;
     EXPECT_EQ(ReadAll(overrunning, [](const char*, std::size_t) {}, 64), ReadResult::overrun);
     EXPECT_EQ(overrunning.cCalls, 1);
+}
+
+namespace {
+
+// The readers with a source that offers at most cbWindow bytes at a time, so
+// that a picture, a hidden run or a control word meets the offer's end at
+// every offset.
+template <class TReader>
+class CNarrowWindow : public TReader {
+public:
+    CNarrowWindow(const std::string& rtf, std::size_t cbWindow)
+        : TReader(Bytes(rtf), static_cast<unsigned long>(rtf.size())), m_cbWindow(cbWindow)
+    {
+    }
+
+protected:
+    const char* RunAhead(std::size_t& cb) const override
+    {
+        const char* p = TReader::RunAhead(cb);
+        cb = std::min(cb, m_cbWindow);
+        return p;
+    }
+
+private:
+    std::size_t m_cbWindow;
+};
+
+// Dropped bytes in lines: picture data, a destination nobody knows, hidden
+// text; a NUL inside them ends the input.
+const std::string kDroppedRows[] = {
+    "{\\rtf1 a{\\pict\\pngblip 0102\r\n0304\n\r\n0506\r\n}b\\par}",
+    "{\\rtf1 a{\\*\\unknown x\r\ny\\par z{\\b w}\r\n}b{\\*\\other\r\n\r\n}c}",
+    "{\\rtf1 a{\\v hidden\r\ntext\\par more}b\\par}",
+    std::string("{\\rtf1 a{\\pict 0102\r\n03\0 04}b}", 31),
+    "{\\rtf1 a{\\info{\\title t\r\nu}}{\\stylesheet{\\s1 x\r\n;}}b}",
+};
+
+} // namespace
+
+TEST(DroppedBytes, EveryWindowAndBufferGivesTheTextOfTheByteByBytePath)
+{
+    for (const std::string& rtf : kDroppedRows) {
+        const unsigned long cb = static_cast<unsigned long>(rtf.size());
+        for (std::size_t cbBuffer : {std::size_t(1), std::size_t(2), std::size_t(7), std::size_t(64)}) {
+            CNoRuns<CBytePtrRTFToPlainTextPtrParser> textRef(rtf, cb);
+            CNoRuns<CBytePtrRTFToUTF8PtrParser> utf8Ref(rtf, cb);
+            const std::string expectedText = ReadText(textRef, cbBuffer);
+            const std::string expectedUtf8 = ReadText(utf8Ref, cbBuffer);
+            for (std::size_t cbWindow = 1; cbWindow <= rtf.size(); ++cbWindow) {
+                CNarrowWindow<CBytePtrRTFToPlainTextPtrParser> text(rtf, cbWindow);
+                EXPECT_EQ(ReadText(text, cbBuffer), expectedText) << rtf << " window " << cbWindow;
+                EXPECT_EQ(text.BytesConsumed(), textRef.BytesConsumed()) << rtf << " window " << cbWindow;
+                CNarrowWindow<CBytePtrRTFToUTF8PtrParser> utf8(rtf, cbWindow);
+                EXPECT_EQ(ReadText(utf8, cbBuffer), expectedUtf8) << rtf << " window " << cbWindow;
+            }
+        }
+    }
+}
+
+TEST(DroppedBytes, PinnedText)
+{
+    // What both paths give, so that a change to both is seen too.
+    const std::pair<std::string, std::string> rows[] = {
+        {kDroppedRows[0], "ab\r"},
+        {kDroppedRows[1], "abc"},
+        {kDroppedRows[3], "a"},
+        {kDroppedRows[4], "ab"},
+    };
+    for (const auto& row : rows) {
+        CBytePtrRTFToPlainTextPtrParser text(Bytes(row.first), static_cast<unsigned long>(row.first.size()));
+        EXPECT_EQ(ReadText(text, 64), row.second) << row.first;
+    }
+    // The NUL inside the picture is where the reading stopped.
+    CBytePtrRTFToPlainTextPtrParser text(Bytes(kDroppedRows[3]), static_cast<unsigned long>(kDroppedRows[3].size()));
+    (void)ReadText(text, 64);
+    EXPECT_EQ(text.BytesConsumed(), kDroppedRows[3].find('\0') + 1);
+}
+
+TEST(ParseLoop, NothingIsReadBeforeTheFirstGroupOrAfterTheLastOne)
+{
+    // The document must open with '{' as its first byte; the loop stops
+    // after any other first byte, and after the outermost '}'.
+    const std::pair<std::string, std::size_t> rows[] = {
+        {"\r\n{\\rtf1 x}", 1},
+        {"x{\\rtf1 y}", 1},
+        {"{a}\r\n{b}", 3},
+        {"{a}}}", 3},
+        {"{\\rtf1 {\\b a}\r\n}\r\n", 16},
+    };
+    for (const auto& row : rows) {
+        for (std::size_t cbWindow : {std::size_t(1), std::size_t(2), row.first.size()}) {
+            CNarrowWindow<CBytePtrRTFToPlainTextPtrParser> text(row.first, cbWindow);
+            (void)ReadText(text, 64);
+            EXPECT_EQ(text.BytesConsumed(), row.second) << row.first << " window " << cbWindow;
+        }
+    }
+}
+
+namespace {
+
+// Hands the core another word than the one it read: its own spelling of a
+// paragraph mark, and a tab for \par. The core must look up the word it is
+// given, not the one the tokenizer read.
+class CRespellingReader : public CBytePtrRTFToPlainTextPtrParser {
+public:
+    CRespellingReader(const std::string& rtf)
+        : CBytePtrRTFToPlainTextPtrParser(Bytes(rtf), static_cast<unsigned long>(rtf.size()))
+    {
+    }
+
+protected:
+    bool TranslateKeyword(const char* szKeyword, int param) override
+    {
+        const std::string word = szKeyword;
+        if (word == "paragraph")
+            return CBytePtrRTFToPlainTextPtrParser::TranslateKeyword("par", param);
+        if (word == "par")
+            return CBytePtrRTFToPlainTextPtrParser::TranslateKeyword("tab", param);
+        // A copy of the word: the same word at another address.
+        return CBytePtrRTFToPlainTextPtrParser::TranslateKeyword(word.c_str(), param);
+    }
+};
+
+} // namespace
+
+TEST(KeywordLookup, TheCoreLooksUpTheWordItIsGiven)
+{
+    const std::string rtf = "{\\rtf1 a\\paragraph b\\par c\\line d\\'41\\tab e}";
+    for (std::size_t cbBuffer : {std::size_t(1), std::size_t(64)}) {
+        CRespellingReader reader(rtf);
+        EXPECT_EQ(ReadText(reader, cbBuffer), "a\rb\tc\nd\x41\te") << cbBuffer;
+    }
+}
+
+namespace {
+
+// Reaches the core's keyword table; never instantiated.
+class CTestTable : public CBaseRTFParser {
+public:
+    static const CKeywordIndex& Index() { return KeywordIndex(); }
+    static int FindLinear(const char* szKeyword)
+    {
+        for (int row = 0; row < cCmds; ++row)
+            if (std::strcmp(s_Cmds[row].szKeyword, szKeyword) == 0)
+                return row;
+        return -1;
+    }
+};
+
+} // namespace
+
+TEST(KeywordLookup, KeysMadeFromScannedBytesFindWhatTheTextFinds)
+{
+    // Words of every length around the eight bytes a key holds, in and out
+    // of the table, differing from a word in it only past the eighth byte,
+    // only in length, or only in case.
+    const char* const words[] = {"b", "f", "fs", "pn", "pnlvl", "pnlvlblt", "pnlvlblx", "pnlvlb", "pnlvlbltt",
+                                 "stylesheet", "stylesheex", "stylesheets", "colortbl", "colortb", "COLORTBL",
+                                 "'", "*", ";", "x", "abcdefghijklmnopqrstuvwxyzabcd"};
+    const CKeywordIndex& index = CTestTable::Index();
+    for (const char* word : words) {
+        const std::size_t cch = std::strlen(word);
+        // The scanner's buffer: the word, its NUL, then bytes of the input.
+        char padded[40];
+        std::memset(padded, 'q', sizeof padded);
+        std::memcpy(padded, word, cch + 1);
+        std::uint64_t first8 = 0;
+        std::memcpy(&first8, padded, sizeof first8);
+        const KeywordKey key{padded, cch, KeywordKey::HeadOf(first8, cch)};
+        EXPECT_EQ(index.Find(key), index.Find(word)) << word;
+        EXPECT_EQ(index.Find(key), CTestTable::FindLinear(word)) << word;
+    }
 }
