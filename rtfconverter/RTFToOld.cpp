@@ -79,9 +79,11 @@ struct CPlainTextTable {
 constexpr CPlainTextTable kExactPlainText(false);
 constexpr CPlainTextTable kLosslessPlainText(true);
 
+// The first bytes are compared inline: most words tested differ there.
 inline bool KeywordIs(const void* pKeyword, const char* psz)
 {
-    return std::strcmp(static_cast<const char*>(pKeyword), psz) == 0;
+    const char* szKeyword = static_cast<const char*>(pKeyword);
+    return szKeyword[0] == psz[0] && std::strcmp(szKeyword, psz) == 0;
 }
 
 // A style keyword turns its style off only with an explicit 0.
