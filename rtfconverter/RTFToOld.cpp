@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <new>
 
 #include "hostlibs/VQLogger.h"
+#include "rtfconverter/ByteScan.h"
 
 // The assertion texts of the numbering styles name the text macro of the
 // string literals they compare with.
@@ -64,20 +64,6 @@ std::size_t DecodeHex(const char* p, std::size_t cPairs, BYTE* pOut)
     }
     return k;
 }
-
-// Per byte: whether text takes it as it is, with nothing owed in front of it.
-// The exact reading writes every byte but the reserved ones; the lossless one
-// only ASCII, since any other byte may ask for a font command of its own.
-struct CPlainTextTable {
-    bool plain[256] = {};
-    constexpr explicit CPlainTextTable(bool bAsciiOnly)
-    {
-        for (int b = 0; b < 256; ++b)
-            plain[b] = !(b <= 0x03 || b == 0x17) && !(bAsciiOnly && b >= 0x80);
-    }
-};
-constexpr CPlainTextTable kExactPlainText(false);
-constexpr CPlainTextTable kLosslessPlainText(true);
 
 // The first bytes are compared inline: most words tested differ there.
 inline bool KeywordIs(const void* pKeyword, const char* psz)
@@ -519,26 +505,9 @@ bool CRTFImport::TextOwesNothing() const
 
 std::size_t CRTFImport::PlainTextLength(const char* p, std::size_t cb) const
 {
-    // Eight bytes at a time while none of them is reserved (below 0x04, or
-    // 0x17) or, for the lossless reading, above ASCII; the table decides
-    // within the first word that holds one.
-    constexpr std::uint64_t kOnes = 0x0101010101010101u;
-    constexpr std::uint64_t kHighBits = 0x8080808080808080u;
-    const std::uint64_t highMask = m_bLossless ? kHighBits : 0;
-    std::size_t n = 0;
-    for (; n + 8 <= cb; n += 8) {
-        std::uint64_t x;
-        std::memcpy(&x, p + n, sizeof x);
-        const std::uint64_t x17 = x ^ (kOnes * 0x17);
-        const std::uint64_t below4 = (x - kOnes * 4) & ~x & kHighBits;
-        const std::uint64_t is17 = (x17 - kOnes) & ~x17 & kHighBits;
-        if ((below4 | is17 | (x & highMask)) != 0)
-            break;
-    }
-    const CPlainTextTable& table = m_bLossless ? kLosslessPlainText : kExactPlainText;
-    while (n < cb && table.plain[static_cast<unsigned char>(p[n])])
-        ++n;
-    return n;
+    // Up to the first reserved byte (below 0x04, or 0x17) or, for the
+    // lossless reading, the first byte above ASCII.
+    return byte_scan::LengthBeforeLowOr(p, cb, 0x04, m_bLossless, '\x17');
 }
 
 // Returns how many bytes were taken: fewer than cb only when the buffer
