@@ -1316,15 +1316,9 @@ int NumberCmdType(const CNumberingState& ns)
 } // namespace
 
 // Free so that both numbering operations share it; `ns` names the state in
-// the assertion texts.
-static bool BuildNumberCmd(const CNumberingState& ns, CNumberCmd& cmd)
+// the assertion texts. `code` is NumberCmdType's answer for ns.
+static void BuildNumberCmd(const CNumberingState& ns, int code, CNumberCmd& cmd)
 {
-    const bool bRes = ns.GetCurrentInfo().GetNumberingOn();
-    if (!bRes) {
-        VQASSERT(bRes);
-        return false;
-    }
-    const int code = NumberCmdType(ns);
     if (code >= 0)
         cmd.SetNumType(code);
 
@@ -1333,6 +1327,16 @@ static bool BuildNumberCmd(const CNumberingState& ns, CNumberCmd& cmd)
         cmd.SetNumber(ns.m_number, ns.GetCurrentInfo().GetLevel());
     else if (type > 16)
         cmd.SetNumber(0, 0);
+}
+
+static bool BuildNumberCmd(const CNumberingState& ns, CNumberCmd& cmd)
+{
+    const bool bRes = ns.GetCurrentInfo().GetNumberingOn();
+    if (!bRes) {
+        VQASSERT(bRes);
+        return false;
+    }
+    BuildNumberCmd(ns, NumberCmdType(ns), cmd);
     return true;
 }
 
@@ -1346,28 +1350,51 @@ bool CRTFImport::FillNumberCmd(CNumberCmd& cmd)
     return BuildNumberCmd(m_numbering, cmd);
 }
 
+// Every numbered paragraph asks for a command, and building one takes a dozen
+// string edits, while a document's lists go through the same few numbers
+// again and again. The texts are kept for the values whose building reports
+// nothing (a known kind, a number from 0 up, a level from 0 to 9); any other
+// is built each time, with its reports.
+const CString& CRTFImport::NumberCmdText()
+{
+    const int code = NumberCmdType(m_numbering);
+    const int number = m_numbering.m_number;
+    const int level = m_numbering.GetCurrentInfo().GetLevel();
+    const bool bKept = code > nt_None && code < nt_Last && number >= 0 && level >= 0 && level <= 9;
+    if (bKept) {
+        for (const NumberCmdMemo& memo : m_numberCmdMemo)
+            if (memo.code == code && memo.number == number && memo.level == level)
+                return memo.text;
+    }
+    CNumberCmd cmd;
+    BuildNumberCmd(m_numbering, code, cmd);
+    const CString text = cmd.GetCmd();
+    NumberCmdMemo& memo = m_numberCmdMemo[m_nNextNumberCmdMemo];
+    if (bKept)
+        m_nNextNumberCmdMemo = (m_nNextNumberCmdMemo + 1) % cNumberCmdMemos;
+    memo = {bKept ? code : -1, number, level, text};
+    return memo.text;
+}
+
 bool CRTFImport::AppendNumberingCommand()
 {
-    CNumberCmd cmd;
-    bool bOk = false;
     const bool bRes = m_numbering.GetCurrentInfo().GetNumberingOn();
-    if (!bRes)
+    if (!bRes) {
         VQASSERT(bRes);
-    else
-        bOk = BuildNumberCmd(m_numbering, cmd);
-    if (!bOk) {
+        const bool bOk = false;
         VQASSERT(bOk);
         return false;
     }
+    const CString& cmd = NumberCmdText();
     if (m_pRedirectCommands) {
-        // Through the command's text conversion, which reports an invalid
-        // command.
-        const char* pszCmd = static_cast<const char*>(cmd);
+        // As the command's text conversion gives it: up to a NUL, which a
+        // built command never holds.
+        const char* pszCmd = cmd.GetString();
         if (FieldTextHasRoom(*m_pRedirectCommands, std::strlen(pszCmd)))
             *m_pRedirectCommands += pszCmd;
         return true;
     }
-    return Put(cmd.GetCmd());
+    return Put(cmd);
 }
 
 // ============================================================================

@@ -122,3 +122,36 @@ TEST(OldTextUtf8Decoder, LongFontCommandHeadsInEveryPieceSize)
     EXPECT_EQ(expected.substr(0, 8 + attributes.size()), "abc\x01" "F12A" + attributes);
     EXPECT_EQ(expected.substr(8 + attributes.size(), 13), "\xC3\x8B:MS \xE3\x82\xB4\xE3\x82\xB7\x02");
 }
+
+// Lists that go through the same numbers again, in other kinds, bullets, and
+// numbered paragraphs inside a hyperlink's display text: each command is the
+// one built for its own kind, number and level.
+TEST(ImportNumbering, ListsThatRepeatTheirNumbersGetTheirOwnCommands)
+{
+    using rtfconv_test::Cmd;
+    const std::string rtf =
+        "{\\rtf1{\\*\\pn\\pnlvlbody\\pndec\\pnstart1{\\pntxta .}}a\\par b\\par c\\par"
+        "\\pard{\\*\\pn\\pnlvlbody\\pnlcltr\\pnstart1{\\pntxtb (}{\\pntxta )}}d\\par e\\par"
+        "\\pard{\\*\\pn\\pnlvlbody\\pndec\\pnstart1{\\pntxta .}}f\\par g\\par"
+        "\\pard{\\*\\pn\\pnlvlbody\\pnucrm\\pnstart2{\\pntxta .}}h\\par"
+        "\\pard{\\*\\pn\\pnlvlblt{\\pntxtb \\'b7}}i\\par j\\par"
+        "\\pard{\\*\\pn\\pnlvlbody\\pndec\\pnstart1{\\pntxta .}}{\\field{\\*\\fldinst HYPERLINK \"http://a.b/\"}"
+        "{\\fldrslt k\\par l}}\\par}";
+    auto number = [](const std::string& text, char type, char digit) {
+        return Cmd("CN:" + text + "\x03\x03" + type + "\x03\x03\x03\x03\x03\x03" + digit);
+    };
+    const std::string bullet = Cmd("CN:\xB7\x03\x03" "a\x03\x03Symbol\x03\x03\x03\x03");
+    const std::string lists = number("1.", 'A', '1') + "a\r" + number("2.", 'A', '2') + "b\r" + number("3.", 'A', '3') +
+                              "c\r" + number("(a)", 'F', '1') + "d\r" + number("(b)", 'F', '2') + "e\r" +
+                              number("1.", 'A', '1') + "f\r" + number("2.", 'A', '2') + "g\r" +
+                              number("II.", 'C', '2') + "h\r" + bullet + "i\r" + bullet + "j\r";
+    rtfconv_test::ImportOptions options;
+    options.bLossless = true;
+    EXPECT_EQ(rtfconv_test::OldText(rtf, options),
+              lists + number("1.", 'A', '1') + number("2.", 'A', '2') + Cmd("CH:k\rl\x03http://a.b/") + "\r");
+    // The exact reading collects the commands into the display text.
+    options.bLossless = false;
+    EXPECT_EQ(rtfconv_test::OldText(rtf, options),
+              lists + Cmd("CH:\x01" "CN:1.\x03http://a.b/\x03" "A\x03\x03\x03\x03\x03\x03" "1") + "k\r" +
+                  number("2.", 'A', '2') + "l\x02\r");
+}
