@@ -210,5 +210,31 @@ inline std::size_t AsciiLength(const char* p, std::size_t cb)
     return n + AsciiLengthBefore(p + n, cb - n);
 }
 
+// The number of bytes of [p, p + cb) before the first one below `below` (as
+// an unsigned byte, `below` at most 0x80), equal to one of `stops`, or, with
+// bStopAtHigh, from 0x80 up.
+template <class... Stops>
+std::size_t LengthBeforeLowOr(const char* p, std::size_t cb, unsigned char below, bool bStopAtHigh, Stops... stops)
+{
+#if RTFCONV_SCAN_SSE2
+    const __m128i highMask = Splat(bStopAtHigh ? '\x80' : '\0');
+    const __m128i lowest = Splat(static_cast<char>(below - 1));
+    auto blockStops = [=](__m128i v) {
+        // min(v, below - 1) == v: v is below `below`, compared unsigned. With
+        // `below` 0 nothing is below it.
+        __m128i acc = below ? _mm_cmpeq_epi8(_mm_min_epu8(v, lowest), v) : _mm_setzero_si128();
+        acc = _mm_or_si128(acc, _mm_and_si128(v, highMask));
+        ((acc = _mm_or_si128(acc, Is(v, stops))), ...);
+        return acc;
+    };
+#else
+    auto blockStops = [](int) { return 0; };
+#endif
+    return LengthBefore(p, cb, blockStops, [=](char ch) {
+        const unsigned char b = static_cast<unsigned char>(ch);
+        return b < below || (bStopAtHigh && b >= 0x80) || ((ch == stops) || ...);
+    });
+}
+
 } // namespace byte_scan
 } // namespace rtf_converter

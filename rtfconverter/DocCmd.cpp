@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 
 #include "hostlibs/MFCKVUtils.h"
 
@@ -292,7 +294,24 @@ constexpr char kStrikeout = 'X';
 constexpr char kSuperscript = 'S';
 constexpr char kSubscript = 's';
 
-bool IsAttributeLetter(char ch) { return IsOneOf(ch, kFlagLetters) || IsCharsetCode(ch) || IsBackColorLetter(ch); }
+// Per byte: whether it may stand in the attribute field (a flag letter, a
+// background letter or a charset code); validation asks for each attribute of
+// every command copied.
+struct AttributeLetterTable {
+    bool allowed[256] = {};
+    constexpr AttributeLetterTable()
+    {
+        for (const char* p = kFlagLetters; *p; ++p)
+            allowed[static_cast<unsigned char>(*p)] = true;
+        for (int b = 'a'; b <= 'p'; ++b)
+            allowed[b] = true;
+        for (int b = kFirstCharsetCode; b <= kLastCharsetCode; ++b)
+            allowed[b] = true;
+    }
+};
+constexpr AttributeLetterTable kAttributeLetters;
+
+bool IsAttributeLetter(char ch) { return kAttributeLetters.allowed[static_cast<unsigned char>(ch)]; }
 
 bool IsFontColorLetter(char ch)
 {
@@ -342,19 +361,22 @@ bool CFontCmd::IsValidCmd() const
 {
     if (!CDocCmd::IsValidCmd()) return false;
     const int len = GetLength();
-    if (len < iFntCmdLenMin || At(1) != 'F') return false;
+    if (len < iFntCmdLenMin) return false;
+    // Every index read below is at most len, where the terminating NUL stands
+    // for what At gives past the end.
+    const char* p = m_cmd.GetString();
+    if (p[1] != 'F') return false;
     // The size is "--" or starts with a digit; its second byte is deliberately
     // not examined, so "5-" and "5x" pass as they always have.
-    if (!(At(posPoints) == chDefault && At(posPoints + 1) == chDefault) && !IsDigit(At(posPoints))) return false;
-    if (!IsFontColorLetter(At(posColor))) return false;
+    if (!(p[posPoints] == chDefault && p[posPoints + 1] == chDefault) && !IsDigit(p[posPoints])) return false;
+    if (!IsFontColorLetter(p[posColor])) return false;
     int i = posAttributes;
-    for (; i < len && At(i) != chFaceSeparator; ++i)
-        if (!IsAttributeLetter(At(i))) return false;
+    for (; i < len && p[i] != chFaceSeparator; ++i)
+        if (!IsAttributeLetter(p[i])) return false;
     if (i >= len) return false;
-    if (At(i + 1) == chDefault) return true;
-    for (int j = i + 1; j < len; ++j)
-        if (At(j) == chCmdEnd) return true;
-    return false;
+    if (p[i + 1] == chDefault) return true;
+    // The text ends with 0x02 (the base rule), which lies after the separator.
+    return true;
 }
 
 int CFontCmd::FindFaceSeparator() const
@@ -379,11 +401,27 @@ void CFontCmd::RemoveAttributes(Pred isRemoved)
 {
     const int colon = FindFaceSeparator();
     if (colon < 0) return; // no attribute field to edit
-    CString edited = m_cmd.Left(posAttributes);
+    // Backwards, so that a deletion leaves the bytes still to visit in place.
+    for (int i = colon - 1; i >= posAttributes; --i)
+        if (isRemoved(At(i))) m_cmd.Delete(i, 1);
+}
+
+// Whether removing the attributes isRemoved holds for and then appending
+// `appended` (nothing when 0) would give the text back as it is, so that the
+// edit can be skipped: readers set the same character set and flags over and
+// over. Only a text long enough for FindFaceSeparator's check answers yes, so
+// a skipped edit is one that would have reported nothing either.
+template <class Pred>
+bool CFontCmd::AttributesUnchangedBy(Pred isRemoved, char appended) const
+{
+    if (lstrlen(m_cmd.GetString()) < iFntCmdLenMin) return false;
+    const int colon = m_cmd.Find(chFaceSeparator, posAttributes);
+    if (colon < 0) return true; // the edit finds no attribute field
+    int count = 0;
     for (int i = posAttributes; i < colon; ++i)
-        if (!isRemoved(At(i))) edited += At(i);
-    edited += m_cmd.Mid(colon);
-    m_cmd = edited;
+        if (isRemoved(At(i))) ++count;
+    if (appended == '\0') return count == 0;
+    return isRemoved(appended) && count == 1 && At(colon - 1) == appended;
 }
 
 void CFontCmd::AppendAttribute(char letter)
@@ -394,6 +432,7 @@ void CFontCmd::AppendAttribute(char letter)
 
 void CFontCmd::SetFlag(char letter, int bOn)
 {
+    if (AttributesUnchangedBy([letter](char ch) { return ch == letter; }, bOn ? letter : '\0')) return;
     // Removing and appending means a flag set again moves to the end.
     if (HasAttribute(letter)) RemoveAttributes([letter](char ch) { return ch == letter; });
     if (bOn) AppendAttribute(letter);
@@ -500,6 +539,7 @@ void CFontCmd::SetColor(char letter, int bDefault)
 
 void CFontCmd::SetBackColor(char letter, int bDefault)
 {
+    if (AttributesUnchangedBy(IsBackColorLetter, letter && !bDefault ? letter : '\0')) return;
     RemoveAttributes(IsBackColorLetter);
     if (letter && !bDefault) AppendAttribute(letter);
 }
@@ -513,21 +553,33 @@ void CFontCmd::SetSubscript(int bOn) { SetFlag(kSubscript, bOn); }
 
 void CFontCmd::SetCharset(int charset)
 {
-    RemoveAttributes(IsCharsetCode);
     // DEFAULT_CHARSET is written as the absence of a code, as is any charset
     // the table does not know.
-    if (charset == DEFAULT_CHARSET) return;
-    if (const unsigned char code = CharsetToCode(charset)) AppendAttribute(static_cast<char>(code));
+    const char code = charset == DEFAULT_CHARSET ? '\0' : static_cast<char>(CharsetToCode(charset));
+    if (AttributesUnchangedBy(IsCharsetCode, code)) return;
+    RemoveAttributes(IsCharsetCode);
+    if (code) AppendAttribute(code);
 }
 
 void CFontCmd::SetFaceName(const char* pszFaceName)
 {
     const int colon = FindFaceSeparator();
     if (colon < 0) return;
-    CString edited = m_cmd.Left(colon + 1);
-    edited += (pszFaceName && *pszFaceName) ? pszFaceName : "-";
-    edited += chCmdEnd;
-    m_cmd = edited;
+    // A name taken from this very text is copied before the text changes.
+    const std::less<const char*> before;
+    const char* pText = m_cmd.GetString();
+    const CString copied(!before(pszFaceName, pText) && before(pszFaceName, pText + GetLength() + 1) ? pszFaceName : "");
+    if (!copied.IsEmpty()) pszFaceName = copied.GetString();
+    const char* pszFace = (pszFaceName && *pszFaceName) ? pszFaceName : "-";
+    const std::size_t cchFace = std::strlen(pszFace);
+    // The same face again (a reader sets it at every font change) leaves the
+    // text alone; another replaces the tail in place.
+    const std::size_t cchTail = static_cast<std::size_t>(GetLength() - (colon + 1));
+    const char* pTail = m_cmd.GetString() + colon + 1;
+    if (cchTail == cchFace + 1 && std::memcmp(pTail, pszFace, cchFace) == 0 && pTail[cchFace] == chCmdEnd) return;
+    m_cmd.Delete(colon + 1, GetLength() - (colon + 1));
+    m_cmd += pszFace;
+    m_cmd += chCmdEnd;
 }
 
 void CFontCmd::SetDefault(FontCmdMasks mask)
@@ -575,10 +627,42 @@ CString InchesText(char d1, char d2, char d3)
     return CString(text);
 }
 
+// "%01.2f" of a value whose hundredths are not near a tie, worked out without
+// printf: the reader sets margins and indents for nearly every paragraph. The
+// product v * 100 is off from the exact one by well under 1e-9 hundredths for
+// |v| < 10, so a fraction further than that from one half rounds the same way
+// as printf's exact rounding; a value at or near a tie (36 twips is 0.025 in,
+// stored a hair above it) and anything out of range go to printf.
+bool FormatInchesQuickly(double inches, CString& text)
+{
+    const double magnitude = std::fabs(inches);
+    if (!(magnitude < 10.0))
+        return false;  // NaN, infinities and values with two integer digits
+    const double hundredths = magnitude * 100.0;
+    const double whole = std::floor(hundredths);
+    const double fraction = hundredths - whole;
+    if (std::fabs(fraction - 0.5) < 1e-6)
+        return false;
+    const int value = static_cast<int>(whole) + (fraction > 0.5 ? 1 : 0);  // 0 .. 1000
+    if (value >= 1000)
+        return false;
+    char digits[6];
+    char* p = digits;
+    if (std::signbit(inches))
+        *p++ = '-';  // printf keeps the sign of a negative value, even one rounded to zero
+    *p++ = static_cast<char>('0' + value / 100);
+    *p++ = '.';
+    *p++ = static_cast<char>('0' + value / 10 % 10);
+    *p++ = static_cast<char>('0' + value % 10);
+    text = CString(digits, static_cast<int>(p - digits));
+    return true;
+}
+
 CString FormatInches(double inches)
 {
     CString text;
-    text.Format(kInchesFormat, inches);
+    if (!FormatInchesQuickly(inches, text))
+        text.Format(kInchesFormat, inches);
     return text;
 }
 

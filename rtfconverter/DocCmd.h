@@ -183,6 +183,8 @@ private:
     void SetFlag(char letter, int bOn);
     template <class Pred>
     void RemoveAttributes(Pred isRemoved);
+    template <class Pred>
+    bool AttributesUnchangedBy(Pred isRemoved, char appended) const;
     void AppendAttribute(char letter);
 };
 

@@ -483,21 +483,37 @@ std::size_t COldTextUtf8Decoder::DecodeBytes(std::string_view piece, std::size_t
 // the separator sets the page of the face name and of the text after.
 std::size_t COldTextUtf8Decoder::DecodeFontHead(std::string_view piece, std::size_t i, std::string& out)
 {
+    // Every font command of the text passes here: its head is gathered in a
+    // small block and appended once, not a character at a time. A byte is at
+    // most two bytes of UTF-8.
+    char utf8[64];
+    std::size_t cb = 0;
     for (; i < piece.size(); ++i, ++m_cmdOffset) {
         const unsigned char b = static_cast<unsigned char>(piece[i]);
         if (b == static_cast<unsigned char>(CDocCmd::chCmdEnd)) {
             SetPageOfCharset(m_headCharset);
-            return i;
+            break;
         }
-        AppendUtf8(out, b);
+        if (cb + 2 > sizeof utf8) {
+            out.append(utf8, cb);
+            cb = 0;
+        }
+        if (b < 0x80) {
+            utf8[cb++] = static_cast<char>(b);
+        } else {
+            utf8[cb++] = static_cast<char>(0xC0 | (b >> 6));
+            utf8[cb++] = static_cast<char>(0x80 | (b & 0x3F));
+        }
         if (m_cmdOffset < static_cast<std::size_t>(CFontCmd::posAttributes)) continue;
         if (b == static_cast<unsigned char>(CFontCmd::chFaceSeparator)) {
             SetPageOfCharset(m_headCharset);
             m_region = Region::fontFace;
-            return i + 1;
+            ++i;
+            break;
         }
         if (m_headCharset < 0 && IsCharsetCodeAt(m_cmdOffset, b)) m_headCharset = CharsetOfCode(b);
     }
+    out.append(utf8, cb);
     return i;
 }
 

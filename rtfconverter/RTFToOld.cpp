@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <new>
 
 #include "hostlibs/VQLogger.h"
+#include "rtfconverter/ByteScan.h"
 
 // The assertion texts of the numbering styles name the text macro of the
 // string literals they compare with.
@@ -65,23 +65,11 @@ std::size_t DecodeHex(const char* p, std::size_t cPairs, BYTE* pOut)
     return k;
 }
 
-// Per byte: whether text takes it as it is, with nothing owed in front of it.
-// The exact reading writes every byte but the reserved ones; the lossless one
-// only ASCII, since any other byte may ask for a font command of its own.
-struct CPlainTextTable {
-    bool plain[256] = {};
-    constexpr explicit CPlainTextTable(bool bAsciiOnly)
-    {
-        for (int b = 0; b < 256; ++b)
-            plain[b] = !(b <= 0x03 || b == 0x17) && !(bAsciiOnly && b >= 0x80);
-    }
-};
-constexpr CPlainTextTable kExactPlainText(false);
-constexpr CPlainTextTable kLosslessPlainText(true);
-
+// The first bytes are compared inline: most words tested differ there.
 inline bool KeywordIs(const void* pKeyword, const char* psz)
 {
-    return std::strcmp(static_cast<const char*>(pKeyword), psz) == 0;
+    const char* szKeyword = static_cast<const char*>(pKeyword);
+    return szKeyword[0] == psz[0] && std::strcmp(szKeyword, psz) == 0;
 }
 
 // A style keyword turns its style off only with an explicit 0.
@@ -517,26 +505,9 @@ bool CRTFImport::TextOwesNothing() const
 
 std::size_t CRTFImport::PlainTextLength(const char* p, std::size_t cb) const
 {
-    // Eight bytes at a time while none of them is reserved (below 0x04, or
-    // 0x17) or, for the lossless reading, above ASCII; the table decides
-    // within the first word that holds one.
-    constexpr std::uint64_t kOnes = 0x0101010101010101u;
-    constexpr std::uint64_t kHighBits = 0x8080808080808080u;
-    const std::uint64_t highMask = m_bLossless ? kHighBits : 0;
-    std::size_t n = 0;
-    for (; n + 8 <= cb; n += 8) {
-        std::uint64_t x;
-        std::memcpy(&x, p + n, sizeof x);
-        const std::uint64_t x17 = x ^ (kOnes * 0x17);
-        const std::uint64_t below4 = (x - kOnes * 4) & ~x & kHighBits;
-        const std::uint64_t is17 = (x17 - kOnes) & ~x17 & kHighBits;
-        if ((below4 | is17 | (x & highMask)) != 0)
-            break;
-    }
-    const CPlainTextTable& table = m_bLossless ? kLosslessPlainText : kExactPlainText;
-    while (n < cb && table.plain[static_cast<unsigned char>(p[n])])
-        ++n;
-    return n;
+    // Up to the first reserved byte (below 0x04, or 0x17) or, for the
+    // lossless reading, the first byte above ASCII.
+    return byte_scan::LengthBeforeLowOr(p, cb, 0x04, m_bLossless, '\x17');
 }
 
 // Returns how many bytes were taken: fewer than cb only when the buffer
@@ -1345,15 +1316,9 @@ int NumberCmdType(const CNumberingState& ns)
 } // namespace
 
 // Free so that both numbering operations share it; `ns` names the state in
-// the assertion texts.
-static bool BuildNumberCmd(const CNumberingState& ns, CNumberCmd& cmd)
+// the assertion texts. `code` is NumberCmdType's answer for ns.
+static void BuildNumberCmd(const CNumberingState& ns, int code, CNumberCmd& cmd)
 {
-    const bool bRes = ns.GetCurrentInfo().GetNumberingOn();
-    if (!bRes) {
-        VQASSERT(bRes);
-        return false;
-    }
-    const int code = NumberCmdType(ns);
     if (code >= 0)
         cmd.SetNumType(code);
 
@@ -1362,6 +1327,16 @@ static bool BuildNumberCmd(const CNumberingState& ns, CNumberCmd& cmd)
         cmd.SetNumber(ns.m_number, ns.GetCurrentInfo().GetLevel());
     else if (type > 16)
         cmd.SetNumber(0, 0);
+}
+
+static bool BuildNumberCmd(const CNumberingState& ns, CNumberCmd& cmd)
+{
+    const bool bRes = ns.GetCurrentInfo().GetNumberingOn();
+    if (!bRes) {
+        VQASSERT(bRes);
+        return false;
+    }
+    BuildNumberCmd(ns, NumberCmdType(ns), cmd);
     return true;
 }
 
@@ -1375,28 +1350,51 @@ bool CRTFImport::FillNumberCmd(CNumberCmd& cmd)
     return BuildNumberCmd(m_numbering, cmd);
 }
 
+// Every numbered paragraph asks for a command, and building one takes a dozen
+// string edits, while a document's lists go through the same few numbers
+// again and again. The texts are kept for the values whose building reports
+// nothing (a known kind, a number from 0 up, a level from 0 to 9); any other
+// is built each time, with its reports.
+const CString& CRTFImport::NumberCmdText()
+{
+    const int code = NumberCmdType(m_numbering);
+    const int number = m_numbering.m_number;
+    const int level = m_numbering.GetCurrentInfo().GetLevel();
+    const bool bKept = code > nt_None && code < nt_Last && number >= 0 && level >= 0 && level <= 9;
+    if (bKept) {
+        for (const NumberCmdMemo& memo : m_numberCmdMemo)
+            if (memo.code == code && memo.number == number && memo.level == level)
+                return memo.text;
+    }
+    CNumberCmd cmd;
+    BuildNumberCmd(m_numbering, code, cmd);
+    const CString text = cmd.GetCmd();
+    NumberCmdMemo& memo = m_numberCmdMemo[m_nNextNumberCmdMemo];
+    if (bKept)
+        m_nNextNumberCmdMemo = (m_nNextNumberCmdMemo + 1) % cNumberCmdMemos;
+    memo = {bKept ? code : -1, number, level, text};
+    return memo.text;
+}
+
 bool CRTFImport::AppendNumberingCommand()
 {
-    CNumberCmd cmd;
-    bool bOk = false;
     const bool bRes = m_numbering.GetCurrentInfo().GetNumberingOn();
-    if (!bRes)
+    if (!bRes) {
         VQASSERT(bRes);
-    else
-        bOk = BuildNumberCmd(m_numbering, cmd);
-    if (!bOk) {
+        const bool bOk = false;
         VQASSERT(bOk);
         return false;
     }
+    const CString& cmd = NumberCmdText();
     if (m_pRedirectCommands) {
-        // Through the command's text conversion, which reports an invalid
-        // command.
-        const char* pszCmd = static_cast<const char*>(cmd);
+        // As the command's text conversion gives it: up to a NUL, which a
+        // built command never holds.
+        const char* pszCmd = cmd.GetString();
         if (FieldTextHasRoom(*m_pRedirectCommands, std::strlen(pszCmd)))
             *m_pRedirectCommands += pszCmd;
         return true;
     }
-    return Put(cmd.GetCmd());
+    return Put(cmd);
 }
 
 // ============================================================================

@@ -63,6 +63,7 @@
 #pragma once
 #include "rtfconverter/Export.h"
 
+#include <array>
 #include <cstddef>
 #include <vector>
 
@@ -219,6 +220,7 @@ protected:
     bool Append(const CString& s);
     bool AppendNumberingCommand();
     bool FillNumberCmd(CNumberCmd& cmd);
+    const CString& NumberCmdText();
     void FillFontName(char ch);
     CRTFImportSave* GetSave() { return static_cast<CRTFImportSave*>(m_pSave); }
     const RTFCOLOR* ColorEntry(int param);
@@ -247,6 +249,16 @@ protected:
     CFontCmd m_fontCmd;              // current character formatting
     bool m_bFontChanged = false;
     CString m_strPending;            // held-back numbering text
+    // Numbering command texts already built, for kind, number and level.
+    struct NumberCmdMemo {
+        int code = -1;  // -1: none
+        int number = 0;
+        int level = 0;
+        CString text;
+    };
+    static constexpr int cNumberCmdMemos = 16;
+    std::array<NumberCmdMemo, cNumberCmdMemos> m_numberCmdMemo;
+    int m_nNextNumberCmdMemo = 0;
     int m_nDefaultFont = -1;         // \deffN; -1: none
     AttachmentInfo m_attachmentInfo;
     BYTE* m_pBuffer = nullptr;       // nDataBufSize bytes, on first use

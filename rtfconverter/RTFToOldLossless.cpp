@@ -16,9 +16,11 @@ namespace rtf_converter {
 
 namespace {
 
+// The first bytes are compared inline: most words tested differ there.
 inline bool KeywordIs(const void* pKeyword, const char* psz)
 {
-    return std::strcmp(static_cast<const char*>(pKeyword), psz) == 0;
+    const char* szKeyword = static_cast<const char*>(pKeyword);
+    return szKeyword[0] == psz[0] && std::strcmp(szKeyword, psz) == 0;
 }
 
 inline bool IsAsciiLetter(char ch) { return static_cast<unsigned char>((ch | 0x20) - 'a') < 26; }
@@ -149,23 +151,55 @@ using LK = CRTFImport;
 
 // The lossless rows, found through the core's keyword index: most control
 // words are in no row, and the index turns them away cheaply.
+//
+// Before the index a word is tried by its first two bytes alone, which turn
+// away nearly every word of a document (\brdrs, \cellx, \pard, \fs, \cf ...)
+// for a table read: the index would first have to measure the word.
 template <class Row>
 class CLosslessKeywordTable {
 public:
     explicit CLosslessKeywordTable(std::vector<Row> rows) : m_rows(std::move(rows))
     {
-        for (std::size_t i = 0; i < m_rows.size(); ++i)
+        for (std::size_t i = 0; i < m_rows.size(); ++i) {
             m_index.Add(m_rows[i].szKeyword, static_cast<int>(i));
+            const unsigned bit = FirstBytesBit(m_rows[i].szKeyword);
+            m_firstBytes[bit / 64] |= std::uint64_t(1) << (bit % 64);
+        }
     }
     const Row* Find(const char* szKeyword) const
+    {
+        const unsigned bit = FirstBytesBit(szKeyword);
+        if ((m_firstBytes[bit / 64] & (std::uint64_t(1) << (bit % 64))) == 0)
+            return nullptr;
+        return FindInIndex(szKeyword);
+    }
+
+private:
+    // Out of line, so that the words turned away cost the caller no saved
+    // registers.
+#if defined(__GNUC__)
+    __attribute__((noinline))
+#endif
+    const Row* FindInIndex(const char* szKeyword) const
     {
         const int i = m_index.Find(szKeyword);
         return i < 0 ? nullptr : &m_rows[static_cast<std::size_t>(i)];
     }
 
-private:
+    static constexpr unsigned cBits = 4096;
+    // A bit for the word's first byte and the one after it (NUL for a word of
+    // one byte, and nothing read past it); words sharing a bit are told apart
+    // by the index.
+    static unsigned FirstBytesBit(const char* sz)
+    {
+        const unsigned first = static_cast<unsigned char>(sz[0]);
+        const unsigned second = first ? static_cast<unsigned char>(sz[1]) : 0u;
+        return ((first << 5) ^ second) & (cBits - 1);
+    }
+
     std::vector<Row> m_rows;
     CKeywordIndex m_index;
+    std::uint64_t m_firstBytes[cBits / 64] = {};
 };
 
 } // namespace
