@@ -75,16 +75,7 @@ protected:
         m_events += "@" + std::to_string(m_pos);  // where the word left the read position
         return CBaseRTFParser::TranslateKeyword(szKeyword, param);
     }
-    bool PushRtfState() override
-    {
-        m_events += "{";
-        return CBaseRTFParser::PushRtfState();
-    }
-    bool PopRtfState() override
-    {
-        m_events += "}";
-        return CBaseRTFParser::PopRtfState();
-    }
+    RTFCONV_TEST_RECORD_GROUPS(m_events)
 
     RTFCONV_TEST_BASE_PARSER_HANDLERS
 

@@ -56,16 +56,7 @@ protected:
         if (param != noParam) m_events += "(" + std::to_string(param) + ")";
         return CBaseRTFParser::TranslateKeyword(szKeyword, param);
     }
-    bool PushRtfState() override
-    {
-        m_events += "{";
-        return CBaseRTFParser::PushRtfState();
-    }
-    bool PopRtfState() override
-    {
-        m_events += "}";
-        return CBaseRTFParser::PopRtfState();
-    }
+    RTFCONV_TEST_RECORD_GROUPS(m_events)
     bool EndGroupAction(RDS rdsOld, RDS rdsNew) override
     {
         endGroups.push_back({rdsOld, rdsNew});

@@ -48,6 +48,12 @@ std::vector<std::string> CorpusRtfFiles();
 // nothing, for tests that watch only the tokenizer's events.
 #define RTFCONV_TEST_NOOP(name) \
     bool name(const void*, int) override { return true; }
+// A test reader's group handlers that note each '{' and '}' in `events`, then
+// do what the base parser does.
+#define RTFCONV_TEST_RECORD_GROUPS(events) \
+    bool PushRtfState() override { events += "{"; return CBaseRTFParser::PushRtfState(); } \
+    bool PopRtfState() override { events += "}"; return CBaseRTFParser::PopRtfState(); }
+
 #define RTFCONV_TEST_BASE_PARSER_HANDLERS \
     RTFCONV_TEST_NOOP(FillFontFamily) RTFCONV_TEST_NOOP(FillFontCharset) RTFCONV_TEST_NOOP(GetFontNum) \
     RTFCONV_TEST_NOOP(ApplyFontSize) bool AttachmentHandler() override { return true; } \
