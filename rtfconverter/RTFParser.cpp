@@ -6,6 +6,7 @@
 #include "hostlibs/VQLogger.h"
 #include "rtfconverter/ByteScan.h"
 #include "rtfconverter/KeywordIndex.h"
+#include "rtfconverter/ReaderPlumbing.h"
 
 namespace rtf_converter {
 
@@ -187,9 +188,33 @@ bool CRTFParser::PopRtfState()
     return true;
 }
 
+CByteCursor* CRTFParser::StockCursor() { return nullptr; }
+
+inline const char* CRTFParser::SourceAhead(std::size_t& cb) const
+{
+    return m_cursor.p ? m_cursor.p->BytesAhead(cb) : RunAhead(cb);
+}
+
+inline void CRTFParser::SourceSkip(std::size_t cb)
+{
+    if (m_cursor.p)
+        m_cursor.p->StepAhead(cb);
+    else
+        SkipAhead(cb);
+}
+
+inline void CRTFParser::SourceMark(int n)
+{
+    if (m_cursor.p)
+        m_cursor.p->MarkBack(n);
+    else
+        MarkBacktrack(n);
+}
+
 void CRTFParser::Parse(bool& bMore)
 {
     bMore = false;
+    m_cursor.p = StockCursor();
     if (m_bStarted) {
         VQASSERT(m_cGroup > 0);
         InitBuffer();
@@ -253,7 +278,7 @@ CRTFParser::Step CRTFParser::ParseStructureAhead()
 {
     for (;;) {
         std::size_t cb = 0;
-        const char* p = RunAhead(cb);
+        const char* p = SourceAhead(cb);
         if (!p || cb == 0)
             return Step::other;
         switch (p[0]) {
@@ -264,22 +289,22 @@ CRTFParser::Step CRTFParser::ParseStructureAhead()
             if (m_cGroup >= 1)
                 while (cbBreaks < cb && IsLineBreak(p[cbBreaks]))
                     ++cbBreaks;
-            SkipAhead(cbBreaks);
+            SourceSkip(cbBreaks);
             break;
         }
         case '{':
-            SkipAhead(1);
+            SourceSkip(1);
             m_bSkipNextChar = false;
             OpenGroup();
             break;
         case '}':
-            SkipAhead(1);
+            SourceSkip(1);
             m_bSkipNextChar = false;
             CloseGroup();
             break;
         case '\\':
             m_bSkipNextChar = false;
-            MarkBacktrack(0);
+            SourceMark(0);
             if (!ParseKeywordAhead(p + 1, cb - 1, 1)) {
                 Backtrack(-1);
                 return Step::refused;
@@ -334,7 +359,7 @@ bool CRTFParser::ParseOrdinaryRun()
         return true;
     for (;;) {
         std::size_t cbAhead = 0;
-        const char* p = RunAhead(cbAhead);
+        const char* p = SourceAhead(cbAhead);
         if (!p)
             return true;
         const std::size_t cbRun = OrdinaryRunLength(p, cbAhead);
@@ -344,24 +369,24 @@ bool CRTFParser::ParseOrdinaryRun()
         // on across them (text and hex data come in lines).
         if (cbRun == cbAhead || !IsLineBreak(p[cbRun]))
             return true;
-        if (cbRun > 0 && !(p = RunAhead(cbAhead)))  // where the run's handler left the read position
+        if (cbRun > 0 && !(p = SourceAhead(cbAhead)))  // where the run's handler left the read position
             return true;
         std::size_t cbBreaks = 0;
         while (cbBreaks < cbAhead && IsLineBreak(p[cbBreaks]))
             ++cbBreaks;
         if (cbBreaks == 0)
             return true;
-        SkipAhead(cbBreaks);
+        SourceSkip(cbBreaks);
     }
 }
 
 void CRTFParser::SkipDroppedBytes(const char* p, std::size_t cb)
 {
     std::size_t cbAhead = 0;
-    const char* pAhead = RunAhead(cbAhead);
+    const char* pAhead = SourceAhead(cbAhead);
     if (pAhead == p && cbAhead > cb)
         cb += DroppedRunLength(p + cb, cbAhead - cb);
-    SkipAhead(cb);
+    SourceSkip(cb);
 }
 
 // Each saved group costs a record of the reader's formatting, so a document
@@ -434,10 +459,10 @@ bool CRTFParser::ParseKeywordAhead(const char* p, std::size_t cb, std::size_t cb
     KeywordAhead kw;
     if (!ScanKeywordAhead(p, cb, kw)) {
         if (cbBefore > 0)
-            SkipAhead(cbBefore);
+            SourceSkip(cbBefore);
         return ParseRtfKeyword();
     }
-    SkipAhead(cbBefore + kw.cbTaken);
+    SourceSkip(cbBefore + kw.cbTaken);
     if (kw.bEscapedChar)
         return ParseChar(kw.szKeyword[0]);
     kw.key.sz = kw.szKeyword;

@@ -35,6 +35,7 @@
 namespace rtf_converter {
 
 struct KeywordKey;
+class CByteCursor;
 
 class RTFCONV_API CRTFParser {
 public:
@@ -101,6 +102,14 @@ protected:
     // (SkipDroppedBytes).
     virtual bool ParseRun(const char* p, std::size_t cb);
 
+    // The stock in-memory cursor a reader reads through, when the reader's
+    // class is exactly one of ours whose RunAhead, SkipAhead and
+    // MarkBacktrack only move that cursor: the parse loop then moves it
+    // itself, sparing three calls per control word. Null by default, and a
+    // stock reader returns null for any class derived from it, which so gets
+    // every call as before. Asked once per Parse.
+    virtual CByteCursor* StockCursor();
+
     // The control word after a backslash: read from the bytes the source
     // offers ahead when it offers the whole word, else by ParseRtfKeyword
     // through Get. Both read the same word with the same parameter and leave
@@ -164,6 +173,21 @@ private:
         CTokenWord& operator=(const CTokenWord&) noexcept { return *this; }
     };
     CTokenWord m_tokenWord;
+
+    // The parse loop's access to the source: the stock cursor when
+    // StockCursor offered one for this Parse, else the virtual handlers.
+    inline const char* SourceAhead(std::size_t& cb) const;
+    inline void SourceSkip(std::size_t cb);
+    inline void SourceMark(int n);
+    // StockCursor's answer for the Parse under way; a copy of a reader starts
+    // without one (it would point into the original).
+    struct CStockCursor {
+        CByteCursor* p = nullptr;
+        CStockCursor() = default;
+        CStockCursor(const CStockCursor&) noexcept {}
+        CStockCursor& operator=(const CStockCursor&) noexcept { return *this; }
+    };
+    CStockCursor m_cursor;
 
     // Groups open beyond the depth limit, which saved no state.
     int m_cUnsavedGroups = 0;

@@ -75,6 +75,9 @@ public:
     std::size_t BytesConsumed() const { return static_cast<std::size_t>(m_pRead - m_pData); }
 
 protected:
+    // The parse loop moves the cursor of a stock reader itself (StockCursor).
+    friend class CRTFParser;
+
     long ReadByte(char& ch)
     {
         if (AtEnd())

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <typeinfo>
 
 #include "hostlibs/VQLogger.h"
 #include "platform/WinTypes.h"
@@ -289,5 +290,11 @@ void CBytePtrRTFToPlainTextPtrParser::MarkBacktrack(int n) { MarkBack(n); }
 void CBytePtrRTFToPlainTextPtrParser::Backtrack(int n) { StepBack(n); }
 const char* CBytePtrRTFToPlainTextPtrParser::RunAhead(std::size_t& cb) const { return BytesAhead(cb); }
 void CBytePtrRTFToPlainTextPtrParser::SkipAhead(std::size_t cb) { StepAhead(cb); }
+
+// Only this very class: one derived from it may have replaced any handler.
+CByteCursor* CBytePtrRTFToPlainTextPtrParser::StockCursor()
+{
+    return typeid(*this) == typeid(CBytePtrRTFToPlainTextPtrParser) ? this : nullptr;
+}
 
 } // namespace rtf_converter

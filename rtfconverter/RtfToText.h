@@ -127,6 +127,7 @@ protected:
     void Backtrack(int n) override;
     const char* RunAhead(std::size_t& cb) const override;
     void SkipAhead(std::size_t cb) override;
+    CByteCursor* StockCursor() override;
 };
 
 } // namespace rtf_converter

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <typeinfo>
 
 #include "platform/WinTypes.h"
 #include "rtfconverter/ByteScan.h"
@@ -1114,5 +1115,11 @@ void CBytePtrRTFToUTF8PtrParser::MarkBacktrack(int n) { MarkBack(n); }
 void CBytePtrRTFToUTF8PtrParser::Backtrack(int n) { StepBack(n); }
 const char* CBytePtrRTFToUTF8PtrParser::RunAhead(std::size_t& cb) const { return BytesAhead(cb); }
 void CBytePtrRTFToUTF8PtrParser::SkipAhead(std::size_t cb) { StepAhead(cb); }
+
+// Only this very class: one derived from it may have replaced any handler.
+CByteCursor* CBytePtrRTFToUTF8PtrParser::StockCursor()
+{
+    return typeid(*this) == typeid(CBytePtrRTFToUTF8PtrParser) ? this : nullptr;
+}
 
 } // namespace rtf_converter

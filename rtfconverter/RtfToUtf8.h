@@ -335,6 +335,7 @@ protected:
     void Backtrack(int n) override;
     const char* RunAhead(std::size_t& cb) const override;
     void SkipAhead(std::size_t cb) override;
+    CByteCursor* StockCursor() override;
 
     bool m_bNulRead = false;
 };

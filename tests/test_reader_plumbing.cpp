@@ -599,3 +599,60 @@ TEST(KeywordLookup, KeysMadeFromScannedBytesFindWhatTheTextFinds)
         EXPECT_EQ(index.Find(key), CTestTable::FindLinear(word)) << word;
     }
 }
+
+namespace {
+
+// A host's reader derived from a stock one that watches the source handlers
+// the parse loop may take over for the stock class itself.
+template <class TReader>
+class CWatchedSource : public TReader {
+public:
+    CWatchedSource(const std::string& rtf) : TReader(Bytes(rtf), static_cast<unsigned long>(rtf.size())) {}
+    mutable std::size_t cRunAhead = 0;
+    std::size_t cSkipAhead = 0;
+    std::size_t cMarkBacktrack = 0;
+
+protected:
+    const char* RunAhead(std::size_t& cb) const override
+    {
+        ++cRunAhead;
+        return TReader::RunAhead(cb);
+    }
+    void SkipAhead(std::size_t cb) override
+    {
+        ++cSkipAhead;
+        TReader::SkipAhead(cb);
+    }
+    void MarkBacktrack(int n) override
+    {
+        ++cMarkBacktrack;
+        TReader::MarkBacktrack(n);
+    }
+};
+
+template <class TReader>
+void ExpectEveryWordPassesTheHandlers(const std::string& rtf, std::size_t cWords)
+{
+    TReader stock(Bytes(rtf), static_cast<unsigned long>(rtf.size()));
+    CWatchedSource<TReader> watched(rtf);
+    EXPECT_EQ(ReadText(watched, 64), ReadText(stock, 64));
+    EXPECT_EQ(watched.BytesConsumed(), stock.BytesConsumed());
+    const std::size_t counts[] = {watched.cRunAhead, watched.cSkipAhead, watched.cMarkBacktrack};
+    for (std::size_t i = 0; i < 3; ++i)
+        EXPECT_GE(counts[i], cWords) << "handler " << i << " in " << rtf;
+}
+
+} // namespace
+
+TEST(StockSource, AReaderDerivedFromAStockOneGetsEveryHandlerCall)
+{
+    const std::pair<std::string, std::size_t> rows[] = {
+        {"{\\rtf1\\ansi\\b bold\\b0\\par plain\\i it\\i0\\par}", 8},
+        {"{\\rtf1{\\fonttbl{\\f0 Arial;}}\\f0\\fs24 a{\\b b}\\par\\pard c\\par}", 9},
+        {"{\\rtf1 x{\\pict\\pngblip 0102\r\n0304}y\\'41\\u233?z}", 5},
+    };
+    for (const auto& row : rows) {
+        ExpectEveryWordPassesTheHandlers<CBytePtrRTFToPlainTextPtrParser>(row.first, row.second);
+        ExpectEveryWordPassesTheHandlers<CBytePtrRTFToUTF8PtrParser>(row.first, row.second);
+    }
+}
