@@ -430,8 +430,44 @@ void CFontCmd::AppendAttribute(char letter)
     if (colon >= 0) m_cmd.Insert(colon, letter);
 }
 
+// Removes the attributes isRemoved holds for and appends `appended` (nothing
+// when 0) in one pass over the text, with the separator looked for once: the
+// readers edit the command at every formatting change. It leaves the text to
+// the edit made step by step (returning false) wherever a step would report
+// (a text too short, before or after the removal) or would measure the text
+// otherwise than by its length (a NUL inside it), so that the reports stay
+// as they are.
+template <class Pred>
+bool CFontCmd::EditAttributesInOnePass(Pred isRemoved, char appended)
+{
+    const std::string& text = m_cmd.str();
+    const std::size_t len = text.size();
+    if (len < static_cast<std::size_t>(iFntCmdLenMin) || std::strlen(text.c_str()) != len) return false;
+    const std::size_t colon = text.find(chFaceSeparator, posAttributes);
+    if (colon == std::string::npos) return true; // no attribute field to edit
+    std::size_t count = 0;
+    for (std::size_t i = posAttributes; i < colon; ++i)
+        if (isRemoved(text[i])) ++count;
+    if (appended == '\0' ? count == 0 : isRemoved(appended) && count == 1 && text[colon - 1] == appended) return true;
+    if (appended != '\0' && len - count < static_cast<std::size_t>(iFntCmdLenMin)) return false;
+    char* p = m_cmd.GetBuffer();
+    std::size_t kept = posAttributes;
+    for (std::size_t i = posAttributes; i < colon; ++i)
+        if (!isRemoved(p[i])) p[kept++] = p[i];
+    if (appended != '\0') {
+        if (kept == colon) {
+            m_cmd.Insert(static_cast<int>(colon), appended);
+            return true;
+        }
+        p[kept++] = appended;
+    }
+    if (kept < colon) m_cmd.Delete(static_cast<int>(kept), static_cast<int>(colon - kept));
+    return true;
+}
+
 void CFontCmd::SetFlag(char letter, int bOn)
 {
+    if (EditAttributesInOnePass([letter](char ch) { return ch == letter; }, bOn ? letter : '\0')) return;
     if (AttributesUnchangedBy([letter](char ch) { return ch == letter; }, bOn ? letter : '\0')) return;
     // Removing and appending means a flag set again moves to the end.
     if (HasAttribute(letter)) RemoveAttributes([letter](char ch) { return ch == letter; });
@@ -539,6 +575,7 @@ void CFontCmd::SetColor(char letter, int bDefault)
 
 void CFontCmd::SetBackColor(char letter, int bDefault)
 {
+    if (EditAttributesInOnePass(IsBackColorLetter, letter && !bDefault ? letter : '\0')) return;
     if (AttributesUnchangedBy(IsBackColorLetter, letter && !bDefault ? letter : '\0')) return;
     RemoveAttributes(IsBackColorLetter);
     if (letter && !bDefault) AppendAttribute(letter);
@@ -556,6 +593,7 @@ void CFontCmd::SetCharset(int charset)
     // DEFAULT_CHARSET is written as the absence of a code, as is any charset
     // the table does not know.
     const char code = charset == DEFAULT_CHARSET ? '\0' : static_cast<char>(CharsetToCode(charset));
+    if (EditAttributesInOnePass(IsCharsetCode, code)) return;
     if (AttributesUnchangedBy(IsCharsetCode, code)) return;
     RemoveAttributes(IsCharsetCode);
     if (code) AppendAttribute(code);

@@ -186,6 +186,8 @@ private:
     template <class Pred>
     bool AttributesUnchangedBy(Pred isRemoved, char appended) const;
     void AppendAttribute(char letter);
+    template <class Pred>
+    bool EditAttributesInOnePass(Pred isRemoved, char appended);
 };
 
 // The COLORREF of a text colour letter ('A'..'P', 'Y', 'Z'; '-' and others give 0).

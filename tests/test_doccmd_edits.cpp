@@ -124,6 +124,12 @@ TEST(FontCmdEdits, EditsGiveTheirTextWhetherOrNotItChanges)
         {"F12-cB:-", [](CFontCmd& c) { c.SetBackColor('c', 0); }, "F12-Bc:-"},
         {"F12-B:-", [](CFontCmd& c) { c.SetBackColor('c', 1); }, "F12-B:-"},
         {"F12-B:-", [](CFontCmd& c) { c.SetBackColor('Z', 0); }, "F12-BZ:-"},  // not a background: appended
+        {"F12-BcS:-", [](CFontCmd& c) { c.SetBackColor('d', 0); }, "F12-BSd:-"},
+        {"F12-cBc:-", [](CFontCmd& c) { c.SetBackColor('c', 0); }, "F12-Bc:-"},
+        {"F12-B\xC0I:Arial", [](CFontCmd& c) { c.SetCharset(ANSI_CHARSET); }, "F12-BI\xC0:Arial"},
+        {"F12-BIU:-", [](CFontCmd& c) { c.SetItalic(0); }, "F12-BU:-"},
+        {"F12-:-", [](CFontCmd& c) { c.SetUnderline(1); }, "F12-U:-"},
+        {"F12-\xC0UB\xC0:-", [](CFontCmd& c) { c.SetCharset(DEFAULT_CHARSET); }, "F12-UB:-"},
         {"F12-:Arial", [](CFontCmd& c) { c.SetFaceName("Arial"); }, "F12-:Arial"},
         {"F12-:Arial", [](CFontCmd& c) { c.SetFaceName("Arial Black"); }, "F12-:Arial Black"},
         {"F12-:Arial Black", [](CFontCmd& c) { c.SetFaceName("Arial"); }, "F12-:Arial"},
@@ -165,5 +171,32 @@ TEST(FontCmdEdits, ShortTextsAreReportedByEachStep)
         row.edit(cmd);
         EXPECT_EQ(Cmd("F12"), cmd.GetCmd());
         EXPECT_EQ(row.reports, log.asserts.size());
+    }
+}
+
+// Edits whose steps would measure the text as too short (once the removal
+// has shortened it) or only up to a NUL inside it report as each step does.
+TEST(FontCmdEdits, TextsShortOnlyAfterRemovalOrCutByNulAreReportedByEachStep)
+{
+    struct Row {
+        std::string start;
+        void (*edit)(CFontCmd&);
+        std::string expected;
+        std::size_t reports;
+    };
+    const Row rows[] = {
+        {"F12-BB:", [](CFontCmd& c) { c.SetBold(1); }, "F12-B:", 1},                     // appending
+        {"F12-\xC0\xC0:", [](CFontCmd& c) { c.SetCharset(ANSI_CHARSET); }, "F12-\xC0:", 1},
+        {"F12-BB:", [](CFontCmd& c) { c.SetBold(0); }, "F12-:", 0},
+        {std::string("F12-B\0I:-", 9), [](CFontCmd& c) { c.SetItalic(0); }, std::string("F12-B\0:-", 8), 2},
+        {std::string("F12-B\0:-", 8), [](CFontCmd& c) { c.SetItalic(1); }, std::string("F12-B\0I:-", 9), 2},
+    };
+    for (const Row& row : rows) {
+        const std::string start = "\x01" + row.start + "\x02";
+        CFontCmd cmd(CString(start.data(), static_cast<int>(start.size())));
+        CRecordingLogSink log;
+        row.edit(cmd);
+        EXPECT_EQ("\x01" + row.expected + "\x02", cmd.GetCmd().str()) << row.start;
+        EXPECT_EQ(row.reports, log.asserts.size()) << row.start;
     }
 }
