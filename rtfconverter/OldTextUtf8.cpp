@@ -209,13 +209,25 @@ public:
     {
         if (m_in.substr(0, 3) == "\xEF\xBB\xBF") m_pos = 3; // a byte-order mark is not text
         while (m_pos < m_in.size()) {
-            if (m_in[m_pos] != CDocCmd::chCmdStart) EncodeRange(FindOrEnd(m_in, CDocCmd::chCmdStart, m_pos), Region::textOutsideCommands);
+            if (m_in[m_pos] != CDocCmd::chCmdStart) EncodeTextOutsideCommands();
             else EncodeCommand();
         }
         return m_counts;
     }
 
 private:
+    // Most text between commands is ASCII: it is copied in the one scan that
+    // finds the next command, and the end of the text is looked for only
+    // when a character past ASCII needs it.
+    void EncodeTextOutsideCommands()
+    {
+        const std::size_t asciiEnd = AsciiRunEnd(m_in, m_pos, CDocCmd::chCmdStart);
+        m_out.append(m_in, m_pos, asciiEnd - m_pos);
+        m_pos = asciiEnd;
+        if (m_pos < m_in.size() && m_in[m_pos] != CDocCmd::chCmdStart)
+            EncodeRange(FindOrEnd(m_in, CDocCmd::chCmdStart, m_pos), Region::textOutsideCommands);
+    }
+
     enum class Region { bytes, text, textOutsideCommands };
 
     void EncodeCommand()
