@@ -139,16 +139,50 @@ bool EncodesBackTo(const CCodePage& page, char32_t cp, unsigned char b0, int nBy
 
 // --- encoding
 
+// A page's bytes for a character are a look-up in its map, and a text uses
+// few characters past ASCII, many times each, in few pages: the answers last
+// met are kept, in slots chosen by the character and the page.
+class CEncodingMemo {
+public:
+    int Encode(const CCodePage& page, char32_t cp, unsigned char bytes[2])
+    {
+        const std::uintptr_t pageKey = reinterpret_cast<std::uintptr_t>(&page) >> 4;
+        Answer& answer = m_answers[(cp ^ pageKey * 31) % kSlots];
+        if (answer.pPage != &page || answer.cp != cp) {
+            answer.n = page.Encode(cp, answer.bytes);
+            answer.pPage = &page;
+            answer.cp = cp;
+        }
+        bytes[0] = answer.bytes[0];
+        bytes[1] = answer.bytes[1];
+        return answer.n;
+    }
+
+private:
+    struct Answer {
+        const CCodePage* pPage = nullptr;
+        char32_t cp = 0;
+        int n = 0;
+        unsigned char bytes[2] = {0, 0};
+    };
+    static constexpr std::size_t kSlots = 256;
+    std::array<Answer, kSlots> m_answers;
+};
+
 // Writes cp in the page when the page holds it (ASCII and the characters
 // that stand for bytes included); false, writing nothing, when it does not.
-bool EncodeIfHeld(char32_t cp, const CCodePage& page, std::string& out)
+bool EncodeIfHeld(CEncodingMemo& memo, char32_t cp, const CCodePage& page, std::string& out)
 {
     if (cp < 0x80) {
         out += static_cast<char>(cp);
         return true;
     }
     unsigned char bytes[2];
-    const int n = page.Encode(cp, bytes);
+    const int n = memo.Encode(page, cp, bytes);
+    if (n == 1) {
+        out += static_cast<char>(bytes[0]);
+        return true;
+    }
     if (n > 0) {
         out.append(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(n));
         return true;
@@ -209,13 +243,25 @@ public:
     {
         if (m_in.substr(0, 3) == "\xEF\xBB\xBF") m_pos = 3; // a byte-order mark is not text
         while (m_pos < m_in.size()) {
-            if (m_in[m_pos] != CDocCmd::chCmdStart) EncodeRange(FindOrEnd(m_in, CDocCmd::chCmdStart, m_pos), Region::textOutsideCommands);
+            if (m_in[m_pos] != CDocCmd::chCmdStart) EncodeTextOutsideCommands();
             else EncodeCommand();
         }
         return m_counts;
     }
 
 private:
+    // Most text between commands is ASCII: it is copied in the one scan that
+    // finds the next command, and the end of the text is looked for only
+    // when a character past ASCII needs it.
+    void EncodeTextOutsideCommands()
+    {
+        const std::size_t asciiEnd = AsciiRunEnd(m_in, m_pos, CDocCmd::chCmdStart);
+        m_out.append(m_in, m_pos, asciiEnd - m_pos);
+        m_pos = asciiEnd;
+        if (m_pos < m_in.size() && m_in[m_pos] != CDocCmd::chCmdStart)
+            EncodeRange(FindOrEnd(m_in, CDocCmd::chCmdStart, m_pos), Region::textOutsideCommands);
+    }
+
     enum class Region { bytes, text, textOutsideCommands };
 
     void EncodeCommand()
@@ -346,7 +392,7 @@ private:
             const char32_t cp = Next(bInvalid);
             if (bInvalid) m_out += static_cast<char>(cp);
             else if (region == Region::bytes && cp <= 0xFF) m_out += static_cast<char>(cp);
-            else if (region != Region::bytes && EncodeIfHeld(cp, *m_pPage, m_out)) continue;
+            else if (region != Region::bytes && EncodeIfHeld(m_encodingMemo, cp, *m_pPage, m_out)) continue;
             else if (region == Region::textOutsideCommands) EncodeForeignRun(cp, end);
             else Unencodable();
         }
@@ -363,12 +409,12 @@ private:
         }
         const CCodePage& page = PageOfCharset(charset, m_defaultPage);
         m_out += switched;
-        (void)EncodeIfHeld(first, page, m_out);
+        (void)EncodeIfHeld(m_encodingMemo, first, page, m_out);
         while (m_pos < end) {
             std::size_t next = m_pos;
             const char32_t cp = NextUtf8(m_in, next);
             if (cp == kInvalid || CanEncode(*m_pPage, cp) || !CanEncode(page, cp)) break;
-            (void)EncodeIfHeld(cp, page, m_out);
+            (void)EncodeIfHeld(m_encodingMemo, cp, page, m_out);
             m_pos = next;
         }
         if (fontInForce.empty()) m_out += CFontCmd::s_defaultCmd.GetCmd().GetString();
@@ -385,6 +431,7 @@ private:
     bool m_bFontInForce = false;
     OldTextFromUtf8Counts m_counts;
     std::array<FontCommandEncoding, kFontMemoSize> m_fontMemo;
+    CEncodingMemo m_encodingMemo;
 };
 
 } // namespace

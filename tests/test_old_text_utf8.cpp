@@ -172,6 +172,40 @@ TEST(OldTextUtf8, TheFontInForceMetAgain)
     }
 }
 
+// One character in two pages with different bytes (the euro sign: 0x80 in
+// 1252, 0x88 in 1251), met again and again as the font commands alternate:
+// each run gets the bytes of its own page. And text between commands in its
+// shapes: ASCII to the end, ASCII up to a command, a NUL, ASCII then more.
+TEST(OldTextUtf8, TheSameCharacterInPagesTakenInTurn)
+{
+    // A font command's character set code is one byte, U+00C0 and up in UTF-8.
+    const std::string russian = Cmd("F---\xCA:-"), ansi = Cmd("F---\xC0:-");
+    const std::string russianUtf8 = Cmd("F---\xC3\x8A:-"), ansiUtf8 = Cmd("F---\xC3\x80:-");
+    const std::string euro = "\xE2\x82\xAC";
+    std::string alternatingUtf8, alternatingOld;
+    for (int k = 0; k < 300; ++k) {
+        alternatingUtf8 += russianUtf8 + euro + "r" + ansiUtf8 + euro + euro;
+        alternatingOld += russian + "\x88r" + ansi + "\x80\x80";
+    }
+    struct Row {
+        const char* name;
+        std::string utf8, old;
+    } rows[] = {
+        {"alternating pages", alternatingUtf8, alternatingOld},
+        {"ASCII to the end", russianUtf8 + "abc", russian + "abc"},
+        {"ASCII up to a command", "abc" + ansiUtf8 + euro, "abc" + ansi + "\x80"},
+        {"a NUL in the text", std::string("a\0b", 3) + euro, std::string("a\0b\x80", 4)},
+        {"ASCII then the page's characters", russianUtf8 + "ab" + euro + "\xD0\x96" "c", russian + "ab\x88\xC6" "c"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        OldTextFromUtf8Counts counts;
+        EXPECT_EQ(OldTextFromUtf8(row.utf8, 1252, &counts), row.old);
+        EXPECT_EQ(counts.nUnencodable, 0u);
+        EXPECT_EQ(OldTextToUtf8(row.old, 1252), row.utf8);
+    }
+}
+
 // The bytes of every page through the lossless writer and the importer: the
 // text the importer gives back holds the same bytes.
 std::string TextOutsideCommands(const std::string& old)
