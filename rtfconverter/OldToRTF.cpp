@@ -83,15 +83,30 @@ struct RunByteClassTable : ByteClassTable {
 };
 constexpr RunByteClassTable kRunByteClass;
 
+// The bytes below 0x20 and from 0x80 up: as signed bytes, those below 0x20.
+struct ControlOrHighBytes {
+    static bool Holds(char ch) { return static_cast<signed char>(ch) < 0x20; }
+#if RTFCONV_SCAN_SSE2
+    static __m128i Holds(__m128i v) { return _mm_cmplt_epi8(v, byte_scan::Splat(0x20)); }
+#endif
+};
+
 // Past the plain bytes from p up to pEnd: the scan stops at control bytes
-// (every byte it acts on but the specials is one) and, unless the run writer
-// escapes them itself, at the RTF specials. A control byte that is plain text
-// stops it too; the scan passes it by itself.
-const char* SkipPlainBytes(const char* p, const char* pEnd, bool bSpecialsStop)
+// (every byte it acts on but the specials is one) and at the RTF specials;
+// for the lossless writer, which escapes them within its runs, at the bytes
+// above 0x7F too. A control byte that is plain text stops it too; the scan
+// passes it by itself.
+const char* SkipPlainBytes(const char* p, const char* pEnd, bool bLossless)
 {
     const std::size_t cb = static_cast<std::size_t>(pEnd - p);
-    return p + (bSpecialsStop ? byte_scan::LengthBeforeControlOr(p, cb, '\\', '{', '}')
-                              : byte_scan::LengthBeforeControlOr(p, cb));
+    return p + (bLossless ? byte_scan::LengthBeforeClassOr<ControlOrHighBytes>(p, cb, '\\', '{', '}')
+                          : byte_scan::LengthBeforeControlOr(p, cb, '\\', '{', '}'));
+}
+
+// The bytes the lossless writer escapes within a run of text.
+bool IsEscapedInRun(char ch)
+{
+    return static_cast<unsigned char>(ch) > 0x7F || ch == '\\' || ch == '{' || ch == '}';
 }
 
 // The control word (with its blank) for a plain-text control byte.
@@ -157,6 +172,38 @@ struct HexPairTable {
     }
 };
 constexpr HexPairTable kHexPairs;
+
+// The RTF for the byte at p that the lossless writer does not write as it
+// is, written at out (at most kcbMaxEscape bytes, counted in nOut): a byte
+// above 0x7F as \'hh, in a double-byte font a lead byte and the byte after
+// it (when that one is in the same run) as one character, the trail byte
+// escaped with it even when it is a backslash or a brace; an RTF special
+// behind a backslash. Returns the bytes of p it took.
+constexpr std::size_t kcbMaxEscape = 8;
+int EscapeKeepingByte(const CCodePage* pPage, const char* p, bool bNextInRun, char* out, std::size_t& nOut)
+{
+    auto addHex = [&out, &nOut](unsigned char b) {
+        *out++ = '\\';
+        *out++ = '\'';
+        *out++ = kHexPairs.pair[b][0];
+        *out++ = kHexPairs.pair[b][1];
+        nOut += 4;
+    };
+    const unsigned char b = static_cast<unsigned char>(p[0]);
+    if (bNextInRun && pPage && pPage->IsLeadByte(b) && pPage->Pair(b, static_cast<unsigned char>(p[1])) != CCodePage::invalidPair) {
+        addHex(b);
+        addHex(static_cast<unsigned char>(p[1]));
+        return 2;
+    }
+    if (b > 0x7F) {
+        addHex(b);
+        return 1;
+    }
+    out[0] = '\\';
+    out[1] = static_cast<char>(b);
+    nOut += 2;
+    return 1;
+}
 
 // Releases the stream and deletes the bitmap the filter handed over if the
 // writing of an attachment is cut short by an exception; on the normal path the
@@ -361,10 +408,13 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
     unsigned nTextPos = 0;
 
     // Appends the pending run; its last byte becomes the last plain character.
+    // The lossless writer's escapes are written as the scan meets them, so
+    // what is left of its run is written as it is.
     auto flushRun = [&]() {
         int n = static_cast<int>(p - pRun);
         if (n > 0) {
-            AddTextRun(pRun, n);
+            if (m_bLossless) AddToBuffer(pRun, n);
+            else AddTextRun(pRun, n);
             chLast = static_cast<unsigned char>(p[-1]);
             nTextPos += static_cast<unsigned>(n);
         }
@@ -372,10 +422,39 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
 
     const ByteClassTable& classes = m_bLossless ? kRunByteClass : kByteClass;
     const char* const pEnd = pTextEnd;
-    const bool bSpecialsStop = !m_bLossless;
-    for (p = SkipPlainBytes(p, pEnd, bSpecialsStop);; p = SkipPlainBytes(p + 1, pEnd, bSpecialsStop)) {
+
+    // Lossless: the run up to p goes out as it is, then the bytes from p on
+    // that the run writer escapes, up to the first it writes as it is. So the
+    // run is read once, not scanned for its commands and again for its escapes.
+    auto flushRunAndEscapes = [&]() {
+        const CCodePage* pPage = PageOfCurrentFont();
+        if (p > pRun) AddToBuffer(pRun, static_cast<int>(p - pRun));
+        char escapes[256];
+        std::size_t nEscapes = 0;
+        while (IsEscapedInRun(*p)) {
+            if (nEscapes + kcbMaxEscape > sizeof escapes) {
+                AddToBuffer(escapes, static_cast<int>(nEscapes));
+                nEscapes = 0;
+            }
+            // A double-byte character is one only with both its bytes in the run.
+            const bool bNextInRun = classes.cls[static_cast<unsigned char>(p[1])] == bcPlain;
+            p += EscapeKeepingByte(pPage, p, bNextInRun, escapes + nEscapes, nEscapes);
+        }
+        AddToBuffer(escapes, static_cast<int>(nEscapes));
+        chLast = static_cast<unsigned char>(p[-1]);
+        nTextPos += static_cast<unsigned>(p - pRun);
+        pRun = p;
+    };
+
+    for (p = SkipPlainBytes(p, pEnd, m_bLossless);; p = SkipPlainBytes(p + 1, pEnd, m_bLossless)) {
         const ByteClass c = classes.cls[static_cast<unsigned char>(*p)];
-        if (c == bcPlain) continue;
+        if (c == bcPlain) {
+            if (m_bLossless && IsEscapedInRun(*p)) {
+                flushRunAndEscapes();
+                --p; // the scan goes on from the byte after the escapes
+            }
+            continue;
+        }
         flushRun();
         switch (c) {
         case bcEnd:
@@ -1130,12 +1209,6 @@ void COldToRTF::EscapeKeepingEveryByte(const char* p, int n, Append&& append) co
         if (nEscapes) append(escapes, nEscapes);
         nEscapes = 0;
     };
-    auto addHex = [&](unsigned char b) {
-        escapes[nEscapes++] = '\\';
-        escapes[nEscapes++] = '\'';
-        escapes[nEscapes++] = kHexPairs.pair[b][0];
-        escapes[nEscapes++] = kHexPairs.pair[b][1];
-    };
     for (int i = 0; i < n;) {
         const int runEnd = PlainRunEnd(p, i, n);
         if (runEnd > i) {
@@ -1144,20 +1217,8 @@ void COldToRTF::EscapeKeepingEveryByte(const char* p, int n, Append&& append) co
             i = runEnd;
             continue;
         }
-        if (nEscapes + 8 > sizeof escapes) flushEscapes();
-        const unsigned char b = static_cast<unsigned char>(p[i]);
-        if (pPage && pPage->IsLeadByte(b) && i + 1 < n && pPage->Pair(b, static_cast<unsigned char>(p[i + 1])) != CCodePage::invalidPair) {
-            addHex(b);
-            addHex(static_cast<unsigned char>(p[i + 1]));
-            i += 2;
-        } else if (b > 0x7F) {
-            addHex(b);
-            ++i;
-        } else {
-            escapes[nEscapes++] = '\\';
-            escapes[nEscapes++] = static_cast<char>(b);
-            ++i;
-        }
+        if (nEscapes + kcbMaxEscape > sizeof escapes) flushEscapes();
+        i += EscapeKeepingByte(pPage, p + i, i + 1 < n, escapes + nEscapes, nEscapes);
     }
     flushEscapes();
 }

@@ -327,3 +327,35 @@ TEST(OldToRTFLossless, SpecialBytesAtEveryPlaceInARun)
         }
     }
 }
+
+// The lossless writer escapes a run's bytes as its scan meets them: a
+// double-byte character stays one whatever its trail byte, but only with both
+// its bytes in the run; escapes longer than the block they gather in; the
+// plain bytes between escapes as they are.
+TEST(OldToRTFLossless, EscapesAtTheEdgesOfRuns)
+{
+    const std::string gothic = Cmd(std::string("F---") + kShiftJis + ":MS Gothic");
+    const std::string e9s(100, '\xE9'), e9Escapes = Repeat("\\'e9", 100);
+    struct Row {
+        const char* name;
+        std::string text, body;
+    } rows[] = {
+        {"a trail byte that is a special", gothic + "a\x95\\b", "\\f1\\cf1 a\\'95\\'5cb"},
+        {"a trail byte that is a brace", gothic + "\x8B{\x8B}", "\\f1\\cf1 \\'8b\\'7b\\'8b\\'7d"},
+        {"a trail byte above 0x7F", gothic + "\x82\xA0z", "\\f1\\cf1 \\'82\\'a0z"},
+        {"a lead byte before a tab", gothic + "\x82\tz", "\\f1\\cf1 \\'82\\tab z"},
+        {"a lead byte before a command", gothic + "\x82" + gothic + "\x82\x60", "\\f1\\cf1 \\'82\\'82\\'60"},
+        {"a lead byte at the end", gothic + "ab\x82", "\\f1\\cf1 ab\\'82"},
+        {"a lead byte before a plain control byte", gothic + "\x82\x03z", "\\f1\\cf1 \\'82\x03z"},
+        {"a single-byte font keeps lead bytes single", "\x82\x60\\", "\\'82`\\\\"},
+        {"escapes longer than their block", "x" + e9s + "y" + e9s, "x" + e9Escapes + "y" + e9Escapes},
+        {"pairs past the block's end", gothic + Repeat("\x82\xA0", 65) + "!",
+         "\\f1\\cf1 " + Repeat("\\'82\\'a0", 65) + "!"},
+        {"specials and high bytes in turn", "\\\xE9{\xE9}", "\\\\\\'e9\\{\\'e9\\}"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string fonts = row.text.compare(0, 1, "\x01") == 0 ? kGothic : "";
+        EXPECT_EQ(Convert(row.text, true), DocumentAround(kStart + row.body + "\\par }", fonts));
+    }
+}
