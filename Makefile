@@ -144,7 +144,8 @@ interop: build
 # checked: unpacked into a scratch root and run from there, and by lintian.
 package: deps
 	@cmake -S . -B $(BUILD_PACKAGE) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
-	  -DRTFCONV_BUILD_TESTS=OFF -DRTFCONV_BUILD_BENCH=OFF -DRTFCONV_BUILD_FUZZ=OFF $(CMAKE_FLAGS) >/dev/null
+	  -DRTFCONV_BUILD_TESTS=OFF -DRTFCONV_BUILD_BENCH=OFF -DRTFCONV_BUILD_FUZZ=OFF \
+	  -DRTFCONV_TOOL_STATIC_LIBSTDCXX=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(BUILD_PACKAGE) -j $(JOBS) >$(BUILD_PACKAGE)/build.log 2>&1 || { cat $(BUILD_PACKAGE)/build.log; exit 1; }
 	@cd $(BUILD_PACKAGE) && cpack -G DEB >cpack.log 2>&1 || { cat cpack.log; exit 1; }
 	@bash tests/cli/package.sh $(BUILD_PACKAGE)/tools/rtfconv/rtfconv $(BUILD_PACKAGE)/rtfconverter_*.deb --lintian

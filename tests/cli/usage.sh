@@ -24,6 +24,30 @@ expect_status 2 "$RTFCONV" rtf2txt --buffer 0 "$TMP/doc.rtf"
 expect_status 2 "$RTFCONV" rtf2txt -q -v "$TMP/doc.rtf"
 expect_status 2 "$RTFCONV" rtf2txt -o "$TMP/x.txt" --output-dir "$TMP/out.d" "$TMP/doc.rtf"
 
+# A run naming its command first defines that command alone (a faster start);
+# with a tool option first it defines them all. Both runs must say the same.
+while read -r args; do
+    run "$RTFCONV" $args </dev/null
+    first="$status $(cat "$TMP/out" "$TMP/err")"
+    run "$RTFCONV" -q $args </dev/null
+    [ "$first" = "$status $(cat "$TMP/out" "$TMP/err")" ] || fail "'$args' differs from '-q $args'"
+done <<EOF
+rtf2txt --help
+rtf2txt --nosuchoption $TMP/doc.rtf
+rtf2txt --rwa $TMP/doc.rtf
+rtf2txt show $TMP/doc.rtf
+rtf2txt rtf2old
+rtf2old --exact $TMP/doc.rtf -o -
+old2rtf --eol bad $TMP/doc.rtf
+txt2rtf --bogus
+show --help
+EOF
+# The generated documents list every command whichever one a run names.
+run "$RTFCONV" --generate man
+cp "$TMP/out" "$TMP/man.all"
+expect_status 0 "$RTFCONV" rtf2txt --generate man
+cmp -s "$TMP/out" "$TMP/man.all" || fail "'rtf2txt --generate man' is not the whole man page"
+
 # Unreadable input or unwritable output: 3, one line naming the file.
 expect_status 3 "$RTFCONV" rtf2txt "$TMP/missing.rtf"
 expect_one_error_line "$TMP/missing.rtf"

@@ -17,11 +17,63 @@
 
 namespace {
 
+constexpr char kDescription[] = "Converts rich text between RTF, plain text and old-format text.";
 constexpr char kVersion[] = "rtfconv " RTFCONV_VERSION " (library rtfconverter " RTFCONV_LIBRARY_VERSION ")";
 
-// --generate man|bash|zsh: the documents built from the option definitions.
-int PrintGenerated(const CLI::App& app, const std::string& what)
+struct Command {
+    const char* name;
+    void (*registerCommand)(CLI::App&, rtfconv::ToolContext&);
+};
+
+// In the order --help lists them.
+constexpr Command kCommands[] = {
+    {"rtf2txt", rtfconv::RegisterRtf2Txt}, {"rtf2old", rtfconv::RegisterRtf2Old},
+    {"old2rtf", rtfconv::RegisterOld2Rtf}, {"txt2rtf", rtfconv::RegisterTxt2Rtf},
+    {"show", rtfconv::RegisterShow},
+};
+
+// Defining a command's options costs more than the conversion of a small file,
+// so a run that names its command first (`rtfconv rtf2txt ...`, as every
+// script does) defines that command alone: what follows the command's name is
+// parsed by that command, and its messages name no other. Anything else
+// (--help, a misspelt command, tool options first) sees them all.
+void RegisterCommands(CLI::App& app, rtfconv::ToolContext& ctx, const std::string& firstArgument)
 {
+    for (const Command& command : kCommands) {
+        if (firstArgument == command.name) {
+            command.registerCommand(app, ctx);
+            return;
+        }
+    }
+    for (const Command& command : kCommands) command.registerCommand(app, ctx);
+}
+
+// The tool's options and commands; onlyCommand as RegisterCommands takes it.
+void DefineTool(CLI::App& app, rtfconv::ToolContext& ctx, std::string& generate, const std::string& onlyCommand)
+{
+    app.set_version_flag("--version", kVersion, "Print the version of the tool and of the library, and exit");
+    app.require_subcommand(0, 1);
+    app.fallthrough();
+    app.footer(std::string("Run 'rtfconv COMMAND --help' for the options of a command, 'man rtfconv' for the whole "
+                           "story.\n") +
+               rtfconv::kEncodingStory +
+               "\nExit status: 0 success, 1 conversion failed or input of the wrong kind, 2 wrong usage, 3 input "
+               "unreadable or output not writable.");
+    rtfconv::AddVerbosityOptions(app, ctx);
+    app.add_option("--generate", generate, "Print the man page or a completion script (used by the build)")
+        ->check(CLI::IsMember({"man", "bash", "zsh"}))
+        ->group(""); // hidden
+    RegisterCommands(app, ctx, onlyCommand);
+}
+
+// --generate man|bash|zsh: the documents built from the option definitions,
+// always from the whole tool, whichever command the run named.
+int PrintGenerated(const std::string& what)
+{
+    rtfconv::ToolContext ctx;
+    CLI::App app{kDescription, "rtfconv"};
+    std::string generate;
+    DefineTool(app, ctx, generate, "");
     const std::string text = what == "man"    ? rtfconv::ManPage(app, RTFCONV_VERSION)
                              : what == "bash" ? rtfconv::BashCompletion(app)
                                               : rtfconv::ZshCompletion(app);
@@ -35,26 +87,9 @@ int main(int argc, char** argv)
 {
     rtfconv::InstallSignalCleanup();
     rtfconv::ToolContext ctx;
-    CLI::App app{"Converts rich text between RTF, plain text and old-format text.", "rtfconv"};
-    app.set_version_flag("--version", kVersion, "Print the version of the tool and of the library, and exit");
-    app.require_subcommand(0, 1);
-    app.fallthrough();
-    app.footer(std::string("Run 'rtfconv COMMAND --help' for the options of a command, 'man rtfconv' for the whole "
-                           "story.\n") +
-               rtfconv::kEncodingStory +
-               "\nExit status: 0 success, 1 conversion failed or input of the wrong kind, 2 wrong usage, 3 input "
-               "unreadable or output not writable.");
-    rtfconv::AddVerbosityOptions(app, ctx);
+    CLI::App app{kDescription, "rtfconv"};
     std::string generate;
-    app.add_option("--generate", generate, "Print the man page or a completion script (used by the build)")
-        ->check(CLI::IsMember({"man", "bash", "zsh"}))
-        ->group(""); // hidden
-
-    rtfconv::RegisterRtf2Txt(app, ctx);
-    rtfconv::RegisterRtf2Old(app, ctx);
-    rtfconv::RegisterOld2Rtf(app, ctx);
-    rtfconv::RegisterTxt2Rtf(app, ctx);
-    rtfconv::RegisterShow(app, ctx);
+    DefineTool(app, ctx, generate, argc > 1 ? argv[1] : "");
 
     try {
         app.parse(argc, argv);
@@ -67,7 +102,7 @@ int main(int argc, char** argv)
     } catch (const CLI::ParseError& e) {
         return rtfconv::ReportUsageError(app, e);
     }
-    if (!generate.empty()) return PrintGenerated(app, generate);
+    if (!generate.empty()) return PrintGenerated(generate);
     if (!ctx.action) return rtfconv::ReportMissingCommand(app);
     rtfconv::InstallLogSink(ctx);
     const int status = ctx.action();
