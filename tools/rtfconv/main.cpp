@@ -37,8 +37,14 @@ constexpr Command kCommands[] = {
 // script does) defines that command alone: what follows the command's name is
 // parsed by that command, and its messages name no other. Anything else
 // (--help, a misspelt command, tool options first) sees them all.
+// `rtfconv --version` alone, which scripts and package checks run to see the
+// tool is there, needs none of them.
+constexpr char kOnlyVersion[] = "\n--version";
+
 void RegisterCommands(CLI::App& app, rtfconv::ToolContext& ctx, const std::string& firstArgument)
 {
+    if (firstArgument == kOnlyVersion)
+        return;
     for (const Command& command : kCommands) {
         if (firstArgument == command.name) {
             command.registerCommand(app, ctx);
@@ -89,7 +95,8 @@ int main(int argc, char** argv)
     rtfconv::ToolContext ctx;
     CLI::App app{kDescription, "rtfconv"};
     std::string generate;
-    DefineTool(app, ctx, generate, argc > 1 ? argv[1] : "");
+    const std::string firstArgument = argc > 1 ? argv[1] : "";
+    DefineTool(app, ctx, generate, argc == 2 && firstArgument == "--version" ? kOnlyVersion : firstArgument);
 
     try {
         app.parse(argc, argv);
