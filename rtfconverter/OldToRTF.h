@@ -200,8 +200,30 @@ private:
         static constexpr std::size_t nSlots = 512;
         std::unique_ptr<Slot[]> m_slots;
     };
-    FontCmdMeaning MeaningOfFontCmd(const char* p, int n);
+    // A font command's meaning with the control words that set each part of
+    // it, worked out once per command text: most font commands change a word
+    // or two, and those are copied, not formatted again.
+    struct FontCmdWords {
+        enum Part { partFont, partPoints, partColor, partBackColor, nParts };
+        FontCmdMeaning meaning;
+        unsigned char attributes = 0;  // bit k: attribute word k on
+        unsigned char partEnd[nParts] = {};  // where each part's words end in bytes
+        // "\fN", "\fsN", "\cfN" and "\cbN\chcbpatN" back to back: at most
+        // 13 + 15 + 14 + 33 bytes.
+        char bytes[80] = {};
+    };
+    // What a numbering command writes but for the current font: the number of
+    // its bullet font (-1: none), its text with the blanks of its tab, and the
+    // text positions it takes.
+    struct NumberMeaning {
+        int nBulletFont = -1;
+        CString csText;
+        int nAdvance = 0;
+    };
+    FontCmdWords WordsOfMeaning(const FontCmdMeaning& meaning) const;
     int AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd);
+    void AddFontWords(const FontCmdWords& words);
+    unsigned char AttributesInForce() const;
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
     void ClearCommandCaches();
     int AddLayoutCmdToBuffer(const char* pLayoutCmd, int nLayoutCmd);
@@ -252,6 +274,7 @@ private:
     int AddHyperlinkToBuffer(const CCommentCmd& cmd);
     int AddDescriptionToBuffer(const CCommentCmd& cmd);
     int AddNumberToBuffer(const CString& cmd);
+    NumberMeaning MeaningOfNumberCmd(const CString& scmd);
     int AddPictureGroup(const CDIBitmap& dib, const char* pszOpening, const char* pszClosing);
 
     // --- lossless writing: each function keeps what the specified bytes lose
@@ -271,6 +294,8 @@ private:
     void EscapeKeepingEveryByte(const char* p, int n, Append&& append) const;
     const CCodePage* PageOfCurrentFont() const;
     const char* FindCommandEnd(const char* pCmd) const;
+    // The same, for a command that starts before pTextEnd, the text's NUL.
+    const char* FindCommandEnd(const char* pCmd, const char* pTextEnd) const;
     const char* FindCommandEndKeepingNestedCommands(const char* pCmd) const;
     // A hyperlink's display text (its font commands whole) and target.
     struct HyperlinkParts {
@@ -307,7 +332,8 @@ private:
     // it need not look again.
     const char* m_pNoCellsBefore = nullptr;
 
-    CCommandCache<FontCmdMeaning> m_fontCmdCache;
+    CCommandCache<FontCmdWords> m_fontCmdCache;
+    CCommandCache<NumberMeaning> m_numberCmdCache;
     // A valid layout command's words, "\pard..." without the blank.
     CCommandCache<CString> m_layoutCmdCache;
 
