@@ -254,6 +254,16 @@ public:
         m_n += n;
     }
     void Append(const char* psz) { Append(psz, static_cast<int>(std::strlen(psz))); }
+    // The first n of the cbBlock bytes at p, copied as one block of fixed
+    // size (a few moves, not a call); the words of one command stay far
+    // enough from the end for the block to fit.
+    template <std::size_t cbBlock>
+    void AppendBlock(const char* p, int n)
+    {
+        static_assert(cbBlock <= sizeof m_bytes - 200, "the block fits behind the longest words");
+        std::memcpy(m_bytes + m_n, p, cbBlock);
+        m_n += n;
+    }
     const char* Data() const { return m_bytes; }
     int Size() const { return m_n; }
 
@@ -770,18 +780,30 @@ namespace {
 
 // The character attributes of the font writer, in the order their words are
 // written.
+// A control word short enough to be copied as a block of fixed size.
+struct ShortWord {
+    char text[16];
+    unsigned char n;
+};
+constexpr ShortWord MakeShortWord(const char* psz)
+{
+    ShortWord w{};
+    for (; psz[w.n] != '\0'; ++w.n) w.text[w.n] = psz[w.n];
+    return w;
+}
+
 struct AttributeWord {
     bool (CFontCmd::*isOn)() const;
-    const char* pszOn;
-    const char* pszOff;
+    ShortWord on;
+    ShortWord off;
 };
 constexpr AttributeWord kAttributeWords[] = {
-    {&CFontCmd::IsBold, "\\b", "\\b0"},
-    {&CFontCmd::IsUnderline, "\\ul", "\\ul0"},
-    {&CFontCmd::IsItalic, "\\i", "\\i0"},
-    {&CFontCmd::IsStrikeout, "\\strike", "\\strike0"},
-    {&CFontCmd::IsSuperscript, "\\super", "\\nosupersub"},
-    {&CFontCmd::IsSubscript, "\\sub", "\\nosupersub"},
+    {&CFontCmd::IsBold, MakeShortWord("\\b"), MakeShortWord("\\b0")},
+    {&CFontCmd::IsUnderline, MakeShortWord("\\ul"), MakeShortWord("\\ul0")},
+    {&CFontCmd::IsItalic, MakeShortWord("\\i"), MakeShortWord("\\i0")},
+    {&CFontCmd::IsStrikeout, MakeShortWord("\\strike"), MakeShortWord("\\strike0")},
+    {&CFontCmd::IsSuperscript, MakeShortWord("\\super"), MakeShortWord("\\nosupersub")},
+    {&CFontCmd::IsSubscript, MakeShortWord("\\sub"), MakeShortWord("\\nosupersub")},
 };
 
 } // namespace
@@ -903,9 +925,13 @@ void COldToRTF::AddFontWords(const FontCmdWords& w)
     static_assert(std::size(kAttributeStates) == std::size(kAttributeWords), "one state per attribute word");
     const FontCmdMeaning& meaning = w.meaning;
     CWordBuffer words;
+    // A part is at most 33 bytes and ends at most 75 bytes in: a block of 48
+    // bytes from its start stays within w.bytes.
+    constexpr std::size_t kcbPartBlock = 48;
+    static_assert(13 + 15 + 14 + kcbPartBlock <= sizeof w.bytes, "a part's block stays within the words");
     auto appendPart = [&words, &w](FontCmdWords::Part part) {
         const int begin = part == FontCmdWords::partFont ? 0 : w.partEnd[part - 1];
-        words.Append(w.bytes + begin, w.partEnd[part] - begin);
+        words.AppendBlock<kcbPartBlock>(w.bytes + begin, w.partEnd[part] - begin);
     };
     if (meaning.nFont != m_nCurrentFont) {
         m_nCurrentFont = meaning.nFont;
@@ -923,14 +949,13 @@ void COldToRTF::AddFontWords(const FontCmdWords& w)
         m_nCurrentBackColor = meaning.nBackColor;
         appendPart(FontCmdWords::partBackColor);
     }
-    if (w.attributes != AttributesInForce()) {
-        for (std::size_t k = 0; k < std::size(kAttributeWords); ++k) {
-            const bool bOn = meaning.bAttributes[k];
-            if (bOn != this->*kAttributeStates[k]) {
-                this->*kAttributeStates[k] = bOn;
-                words.Append(bOn ? kAttributeWords[k].pszOn : kAttributeWords[k].pszOff);
-            }
-        }
+    // The attributes that change, in the order of their words.
+    for (unsigned changed = w.attributes ^ AttributesInForce(); changed != 0; changed &= changed - 1) {
+        const int k = __builtin_ctz(changed);
+        const bool bOn = meaning.bAttributes[k];
+        this->*kAttributeStates[k] = bOn;
+        const ShortWord& word = bOn ? kAttributeWords[k].on : kAttributeWords[k].off;
+        words.AppendBlock<sizeof word.text>(word.text, word.n);
     }
     if (words.Size() > 0) {
         words.Append(" ", 1);

@@ -209,8 +209,8 @@ private:
         unsigned char attributes = 0;  // bit k: attribute word k on
         unsigned char partEnd[nParts] = {};  // where each part's words end in bytes
         // "\fN", "\fsN", "\cfN" and "\cbN\chcbpatN" back to back: at most
-        // 13 + 15 + 14 + 33 bytes.
-        char bytes[80] = {};
+        // 13 + 15 + 14 + 33 bytes, with room for a part to be copied as a block.
+        char bytes[112] = {};
     };
     // What a numbering command writes but for the current font: the number of
     // its bullet font (-1: none), its text with the blanks of its tab, and the
