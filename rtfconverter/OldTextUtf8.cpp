@@ -1,8 +1,10 @@
 #include "rtfconverter/OldTextUtf8.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 
 #include "platform/ObjBase.h"
 #include "platform/WinGdi.h"
@@ -169,26 +171,72 @@ private:
     std::array<Answer, kSlots> m_answers;
 };
 
+// The encoded text, written through a cursor into the string's own bytes: it
+// is mostly short pieces (a command, a word), and appending each to the
+// string would cost a call and a check of its capacity of its own. The
+// string is as long as its capacity while the encoder writes and is cut to
+// what was written when the sink goes.
+class COutBytes {
+public:
+    explicit COutBytes(std::string& s) : m_s(s), m_n(s.size()) { m_s.resize(std::max(m_s.capacity(), std::size_t(64))); }
+    ~COutBytes() { m_s.resize(m_n); }
+    COutBytes(const COutBytes&) = delete;
+    COutBytes& operator=(const COutBytes&) = delete;
+
+    std::size_t Size() const { return m_n; }
+    std::string_view View(std::size_t from) const { return std::string_view(m_s.data() + from, m_n - from); }
+    std::string_view View(std::size_t from, std::size_t cb) const { return std::string_view(m_s.data() + from, cb); }
+
+    void Append(const char* p, std::size_t cb)
+    {
+        if (m_s.size() - m_n < cb) Grow(cb);
+        if (cb) std::memcpy(&m_s[m_n], p, cb);
+        m_n += cb;
+    }
+    void Append(std::string_view s) { Append(s.data(), s.size()); }
+    void Push(char ch)
+    {
+        if (m_s.size() == m_n) Grow(1);
+        m_s[m_n++] = ch;
+    }
+    // Copies the ASCII bytes of [p, p + cb) before `stop` in the same scan
+    // that finds where they end; returns how many there were. The scan
+    // stores whole blocks, so room is made for all cb bytes.
+    std::size_t AppendAsciiBefore(const char* p, std::size_t cb, char stop)
+    {
+        if (m_s.size() - m_n < cb) Grow(cb);
+        const std::size_t n = byte_scan::CopyInRangeBefore(&m_s[m_n], p, cb, '\0', '\x7F', stop);
+        m_n += n;
+        return n;
+    }
+
+private:
+    void Grow(std::size_t cbMore) { m_s.resize(std::max(m_s.size() * 2, m_n + cbMore)); }
+
+    std::string& m_s;
+    std::size_t m_n;
+};
+
 // Writes cp in the page when the page holds it (ASCII and the characters
 // that stand for bytes included); false, writing nothing, when it does not.
-bool EncodeIfHeld(CEncodingMemo& memo, char32_t cp, const CCodePage& page, std::string& out)
+bool EncodeIfHeld(CEncodingMemo& memo, char32_t cp, const CCodePage& page, COutBytes& out)
 {
     if (cp < 0x80) {
-        out += static_cast<char>(cp);
+        out.Push(static_cast<char>(cp));
         return true;
     }
     unsigned char bytes[2];
     const int n = memo.Encode(page, cp, bytes);
     if (n == 1) {
-        out += static_cast<char>(bytes[0]);
+        out.Push(static_cast<char>(bytes[0]));
         return true;
     }
     if (n > 0) {
-        out.append(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(n));
+        out.Append(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(n));
         return true;
     }
     if (cp >= kByteEscapeFirst && cp <= kByteEscapeLast) {
-        out += static_cast<char>(cp - kByteEscapeFirst);
+        out.Push(static_cast<char>(cp - kByteEscapeFirst));
         return true;
     }
     return false;
@@ -255,9 +303,7 @@ private:
     // when a character past ASCII needs it.
     void EncodeTextOutsideCommands()
     {
-        const std::size_t asciiEnd = AsciiRunEnd(m_in, m_pos, CDocCmd::chCmdStart);
-        m_out.append(m_in, m_pos, asciiEnd - m_pos);
-        m_pos = asciiEnd;
+        m_pos += m_out.AppendAsciiBefore(m_in.data() + m_pos, m_in.size() - m_pos, CDocCmd::chCmdStart);
         if (m_pos < m_in.size() && m_in[m_pos] != CDocCmd::chCmdStart)
             EncodeRange(FindOrEnd(m_in, CDocCmd::chCmdStart, m_pos), Region::textOutsideCommands);
     }
@@ -276,7 +322,7 @@ private:
         } else {
             EncodeRange(end, Region::bytes);
         }
-        if (end < m_in.size()) m_out += CDocCmd::chCmdEnd;
+        if (end < m_in.size()) m_out.Push(CDocCmd::chCmdEnd);
         m_pos = end + 1;
     }
 
@@ -289,7 +335,7 @@ private:
         const CCodePage* pPage = nullptr;
         OldTextFromUtf8Counts counts;
     };
-    static constexpr std::size_t kFontMemoSize = 64;
+    static constexpr std::size_t kFontMemoSize = 1024;
     static constexpr std::size_t kMaxMemoCommand = 256;  // longer commands are rare and not worth the copy
 
     void EncodeFontCommand(std::size_t end)
@@ -299,8 +345,8 @@ private:
         if (source.size() <= kMaxMemoCommand) {
             pMemo = &m_fontMemo[byte_scan::HashOf(source.data(), source.size()) % kFontMemoSize];
             if (pMemo->pPage && pMemo->source == source) {
-                SetFontInForce(m_out.size(), pMemo->bytes.size());
-                m_out += pMemo->bytes;
+                SetFontInForce(m_out.Size(), pMemo->bytes.size());
+                m_out.Append(pMemo->bytes);
                 m_pPage = pMemo->pPage;
                 m_counts.nInvalid += pMemo->counts.nInvalid;
                 m_counts.nUnencodable += pMemo->counts.nUnencodable;
@@ -310,11 +356,11 @@ private:
         }
         const OldTextFromUtf8Counts countsBefore = m_counts;
         const std::size_t face = FaceStart(m_pos, end);
-        const std::size_t headStart = m_out.size();
+        const std::size_t headStart = m_out.Size();
         EncodeRange(face, Region::bytes);
-        m_pPage = &PageOfCharset(CharsetOfFontHead(std::string_view(m_out).substr(headStart)), m_defaultPage);
+        m_pPage = &PageOfCharset(CharsetOfFontHead(m_out.View(headStart)), m_defaultPage);
         EncodeRange(end, Region::text);
-        const std::string_view bytes = std::string_view(m_out).substr(headStart);
+        const std::string_view bytes = m_out.View(headStart);
         SetFontInForce(headStart, bytes.size());
         if (!pMemo) return;
         pMemo->source.assign(source);
@@ -337,7 +383,7 @@ private:
     std::string FontInForce() const
     {
         if (!m_bFontInForce) return std::string();
-        return m_out.substr(m_fontInForceAt, m_cbFontInForce) + CDocCmd::chCmdEnd;
+        return std::string(m_out.View(m_fontInForceAt, m_cbFontInForce)) + CDocCmd::chCmdEnd;
     }
 
     // Just past the face separator: the first ':' from the font command's
@@ -356,6 +402,14 @@ private:
     char32_t Next(bool& bInvalid)
     {
         const std::size_t at = m_pos;
+        // Most characters past ASCII in a text are two bytes long: those are
+        // read here, the rest by NextUtf8.
+        const unsigned char b = static_cast<unsigned char>(m_in[at]);
+        if (b >= 0xC2 && b <= 0xDF && at + 1 < m_in.size() && (static_cast<unsigned char>(m_in[at + 1]) & 0xC0) == 0x80) {
+            bInvalid = false;
+            m_pos = at + 2;
+            return static_cast<char32_t>((b & 0x1F) << 6 | (static_cast<unsigned char>(m_in[at + 1]) & 0x3F));
+        }
         const char32_t cp = NextUtf8(m_in, m_pos);
         bInvalid = cp == kInvalid;
         if (bInvalid) {
@@ -367,14 +421,12 @@ private:
 
     void CopyAsciiRun(std::size_t end)
     {
-        const std::size_t runEnd = AsciiRunEnd(m_in.substr(0, end), m_pos, '\0');
-        m_out.append(m_in, m_pos, runEnd - m_pos);
-        m_pos = runEnd;
+        m_pos += m_out.AppendAsciiBefore(m_in.data() + m_pos, end - m_pos, '\0');
     }
 
     void Unencodable()
     {
-        m_out += '?';
+        m_out.Push('?');
         ++m_counts.nUnencodable;
     }
 
@@ -390,8 +442,8 @@ private:
             if (m_pos >= end) break;
             bool bInvalid = false;
             const char32_t cp = Next(bInvalid);
-            if (bInvalid) m_out += static_cast<char>(cp);
-            else if (region == Region::bytes && cp <= 0xFF) m_out += static_cast<char>(cp);
+            if (bInvalid) m_out.Push(static_cast<char>(cp));
+            else if (region == Region::bytes && cp <= 0xFF) m_out.Push(static_cast<char>(cp));
             else if (region != Region::bytes && EncodeIfHeld(m_encodingMemo, cp, *m_pPage, m_out)) continue;
             else if (region == Region::textOutsideCommands) EncodeForeignRun(cp, end);
             else Unencodable();
@@ -408,7 +460,7 @@ private:
             return;
         }
         const CCodePage& page = PageOfCharset(charset, m_defaultPage);
-        m_out += switched;
+        m_out.Append(switched);
         (void)EncodeIfHeld(m_encodingMemo, first, page, m_out);
         while (m_pos < end) {
             std::size_t next = m_pos;
@@ -417,20 +469,20 @@ private:
             (void)EncodeIfHeld(m_encodingMemo, cp, page, m_out);
             m_pos = next;
         }
-        if (fontInForce.empty()) m_out += CFontCmd::s_defaultCmd.GetCmd().GetString();
-        else m_out += fontInForce;
+        if (fontInForce.empty()) m_out.Append(CFontCmd::s_defaultCmd.GetCmd().GetString(), static_cast<std::size_t>(CFontCmd::s_defaultCmd.GetCmd().GetLength()));
+        else m_out.Append(fontInForce);
     }
 
     std::string_view m_in;
     std::size_t m_pos = 0;
     const CCodePage& m_defaultPage;
     const CCodePage* m_pPage;
-    std::string& m_out;
+    COutBytes m_out;
     std::size_t m_fontInForceAt = 0;
     std::size_t m_cbFontInForce = 0;
     bool m_bFontInForce = false;
     OldTextFromUtf8Counts m_counts;
-    std::array<FontCommandEncoding, kFontMemoSize> m_fontMemo;
+    std::unique_ptr<FontCommandEncoding[]> m_fontMemo{new FontCommandEncoding[kFontMemoSize]};
     CEncodingMemo m_encodingMemo;
 };
 
