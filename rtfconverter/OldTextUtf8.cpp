@@ -77,10 +77,20 @@ std::size_t AsciiRunEnd(std::string_view s, std::size_t i, char stop)
     return i >= s.size() ? i : i + byte_scan::AsciiLengthBefore(s.data() + i, s.size() - i, stop);
 }
 
+// No byte is of this class: a scan for its stops alone.
+struct NoBytes {
+    static bool Holds(char) { return false; }
+#if RTFCONV_SCAN_SSE2
+    static __m128i Holds(__m128i) { return _mm_setzero_si128(); }
+#endif
+};
+
+// The first ch from `from` on, or the end. The bytes looked for are a few
+// dozen bytes away, inside a command or a word: the scan is inline, a block
+// at a time, rather than a call into the C library.
 std::size_t FindOrEnd(std::string_view s, char ch, std::size_t from)
 {
-    const std::size_t at = from < s.size() ? s.find(ch, from) : std::string_view::npos;
-    return at == std::string_view::npos ? s.size() : at;
+    return from >= s.size() ? s.size() : from + byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + from, s.size() - from, ch);
 }
 
 // --- UTF-8
@@ -283,7 +293,8 @@ std::string FontCommandWithCharset(const std::string& fontInForce, int charset)
 class CUtf8ToOldEncoder {
 public:
     CUtf8ToOldEncoder(std::string_view in, int defaultCodePage, std::string& out)
-        : m_in(in), m_defaultPage(PageOrFallback(defaultCodePage)), m_pPage(&m_defaultPage), m_out(out)
+        : m_in(in), m_defaultPage(PageOrFallback(defaultCodePage)), m_pPage(&m_defaultPage), m_out(out),
+          m_nFontMemo(FontMemoSizeFor(in.size())), m_fontMemo(new FontCommandEncoding[m_nFontMemo])
     {
     }
 
@@ -335,7 +346,14 @@ private:
         const CCodePage* pPage = nullptr;
         OldTextFromUtf8Counts counts;
     };
-    static constexpr std::size_t kFontMemoSize = 1024;
+    // A slot per kilobyte of text, a power of two from 64 to 4096: a long
+    // document uses thousands of font commands, a short one a few.
+    static std::size_t FontMemoSizeFor(std::size_t cbText)
+    {
+        std::size_t n = 64;
+        while (n < 4096 && n * 1024 < cbText) n *= 2;
+        return n;
+    }
     static constexpr std::size_t kMaxMemoCommand = 256;  // longer commands are rare and not worth the copy
 
     void EncodeFontCommand(std::size_t end)
@@ -343,7 +361,7 @@ private:
         const std::string_view source = m_in.substr(m_pos, end - m_pos);
         FontCommandEncoding* pMemo = nullptr;
         if (source.size() <= kMaxMemoCommand) {
-            pMemo = &m_fontMemo[byte_scan::HashOf(source.data(), source.size()) % kFontMemoSize];
+            pMemo = &m_fontMemo[byte_scan::HashOf(source.data(), source.size()) & (m_nFontMemo - 1)];
             if (pMemo->pPage && pMemo->source == source) {
                 SetFontInForce(m_out.Size(), pMemo->bytes.size());
                 m_out.Append(pMemo->bytes);
@@ -482,7 +500,8 @@ private:
     std::size_t m_cbFontInForce = 0;
     bool m_bFontInForce = false;
     OldTextFromUtf8Counts m_counts;
-    std::unique_ptr<FontCommandEncoding[]> m_fontMemo{new FontCommandEncoding[kFontMemoSize]};
+    std::size_t m_nFontMemo;
+    std::unique_ptr<FontCommandEncoding[]> m_fontMemo;
     CEncodingMemo m_encodingMemo;
 };
 

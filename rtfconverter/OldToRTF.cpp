@@ -242,15 +242,24 @@ void AppendWord(TWords& s, const char (&word)[N], long long n)
     s.Append(digits, static_cast<int>(r.ptr - digits));
 }
 
-// The control words of one font command, gathered on the stack and written
+// The control words of one font command, gathered on the stack (or in the
+// quick buffer, when it has room for the most a command writes) and written
 // with one AddToBuffer: a font command comes every few words of text. The
 // most a command writes ("\\f", "\\fs", "\\cf", "\\cb" and "\\chcbpat" with
 // 20-digit numbers, six attribute words, the blank) is under 200 bytes.
 class CWordBuffer {
 public:
+    static constexpr std::size_t kcbWords = 256;
+
+    CWordBuffer() : m_p(m_bytes) {}
+    // Gathers the words in the kcbWords bytes at pOut instead.
+    explicit CWordBuffer(char* pOut) : m_p(pOut) {}
+    CWordBuffer(const CWordBuffer&) = delete;
+    CWordBuffer& operator=(const CWordBuffer&) = delete;
+
     void Append(const char* p, int n)
     {
-        std::memcpy(m_bytes + m_n, p, static_cast<std::size_t>(n));
+        std::memcpy(m_p + m_n, p, static_cast<std::size_t>(n));
         m_n += n;
     }
     void Append(const char* psz) { Append(psz, static_cast<int>(std::strlen(psz))); }
@@ -260,15 +269,16 @@ public:
     template <std::size_t cbBlock>
     void AppendBlock(const char* p, int n)
     {
-        static_assert(cbBlock <= sizeof m_bytes - 200, "the block fits behind the longest words");
-        std::memcpy(m_bytes + m_n, p, cbBlock);
+        static_assert(cbBlock <= kcbWords - 200, "the block fits behind the longest words");
+        std::memcpy(m_p + m_n, p, cbBlock);
         m_n += n;
     }
-    const char* Data() const { return m_bytes; }
+    const char* Data() const { return m_p; }
     int Size() const { return m_n; }
 
 private:
-    char m_bytes[256];
+    char m_bytes[kcbWords];
+    char* m_p;
     int m_n = 0;
 };
 
@@ -924,7 +934,12 @@ void COldToRTF::AddFontWords(const FontCmdWords& w)
     };
     static_assert(std::size(kAttributeStates) == std::size(kAttributeWords), "one state per attribute word");
     const FontCmdMeaning& meaning = w.meaning;
-    CWordBuffer words;
+    // Where the quick buffer has room for the most a command writes, the
+    // words are gathered where AddToBuffer would copy them.
+    const bool bInPlace = m_cbQuickBuffer - m_dwQuickBufferPosition > CWordBuffer::kcbWords;
+    CWordBuffer inPlace(bInPlace ? m_body.End() + m_dwQuickBufferPosition : nullptr);
+    CWordBuffer onStack;
+    CWordBuffer& words = bInPlace ? inPlace : onStack;
     // A part is at most 33 bytes and ends at most 75 bytes in: a block of 48
     // bytes from its start stays within w.bytes.
     constexpr std::size_t kcbPartBlock = 48;
@@ -959,7 +974,8 @@ void COldToRTF::AddFontWords(const FontCmdWords& w)
     }
     if (words.Size() > 0) {
         words.Append(" ", 1);
-        AddToBuffer(words.Data(), words.Size());
+        if (bInPlace) m_dwQuickBufferPosition += static_cast<DWORD>(words.Size());
+        else AddToBuffer(words.Data(), words.Size());
     }
 }
 
