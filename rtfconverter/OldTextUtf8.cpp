@@ -184,11 +184,12 @@ private:
 // The encoded text, written through a cursor into the string's own bytes: it
 // is mostly short pieces (a command, a word), and appending each to the
 // string would cost a call and a check of its capacity of its own. The
-// string is as long as its capacity while the encoder writes and is cut to
-// what was written when the sink goes.
+// string is lengthened a step at a time just ahead of the cursor (resize
+// zeroes what it adds: so each page is touched as it is written, not all
+// at once beforehand) and cut to what was written when the sink goes.
 class COutBytes {
 public:
-    explicit COutBytes(std::string& s) : m_s(s), m_n(s.size()) { m_s.resize(std::max(m_s.capacity(), std::size_t(64))); }
+    explicit COutBytes(std::string& s) : m_s(s), m_n(s.size()) {}
     ~COutBytes() { m_s.resize(m_n); }
     COutBytes(const COutBytes&) = delete;
     COutBytes& operator=(const COutBytes&) = delete;
@@ -211,17 +212,25 @@ public:
     }
     // Copies the ASCII bytes of [p, p + cb) before `stop` in the same scan
     // that finds where they end; returns how many there were. The scan
-    // stores whole blocks, so room is made for all cb bytes.
+    // stores whole blocks, so it goes through the room there is, a window
+    // at a time.
     std::size_t AppendAsciiBefore(const char* p, std::size_t cb, char stop)
     {
-        if (m_s.size() - m_n < cb) Grow(cb);
-        const std::size_t n = byte_scan::CopyInRangeBefore(&m_s[m_n], p, cb, '\0', '\x7F', stop);
-        m_n += n;
-        return n;
+        std::size_t n = 0;
+        for (;;) {
+            if (m_s.size() == m_n) Grow(1);
+            const std::size_t cbWindow = std::min(cb - n, m_s.size() - m_n);
+            const std::size_t k = byte_scan::CopyInRangeBefore(&m_s[m_n], p + n, cbWindow, '\0', '\x7F', stop);
+            m_n += k;
+            n += k;
+            if (k < cbWindow || n == cb) return n;
+        }
     }
 
 private:
-    void Grow(std::size_t cbMore) { m_s.resize(std::max(m_s.size() * 2, m_n + cbMore)); }
+    // Small enough to be zeroed in the cache just before it is written.
+    static constexpr std::size_t kcbStep = 1024;
+    void Grow(std::size_t cbMore) { m_s.resize(m_n + std::max(cbMore, kcbStep)); }
 
     std::string& m_s;
     std::size_t m_n;

@@ -23,6 +23,7 @@
 #pragma once
 #include "rtfconverter/Export.h"
 
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -195,7 +196,23 @@ private:
     private:
         static bool Holds(const Slot& slot, const char* p, std::size_t n)
         {
-            return slot.text.size() == n && std::memcmp(slot.text.data(), p, n) == 0;
+            return slot.text.size() == n && SameBytes(slot.text.data(), p, n);
+        }
+        // Commands are a few dozen bytes: compared eight at a time, the last
+        // eight overlapping those before, rather than in a call.
+        static bool SameBytes(const char* a, const char* b, std::size_t n)
+        {
+            if (n < 8) return std::memcmp(a, b, n) == 0;
+            std::uint64_t differ = 0;
+            auto compareWordAt = [&](std::size_t i) {
+                std::uint64_t x, y;
+                std::memcpy(&x, a + i, 8);
+                std::memcpy(&y, b + i, 8);
+                differ |= x ^ y;
+            };
+            for (std::size_t i = 0; i + 8 < n; i += 8) compareWordAt(i);
+            compareWordAt(n - 8);
+            return differ == 0;
         }
         static constexpr std::size_t nSlots = 512;
         std::unique_ptr<Slot[]> m_slots;
