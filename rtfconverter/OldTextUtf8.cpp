@@ -1,8 +1,10 @@
 #include "rtfconverter/OldTextUtf8.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 
 #include "platform/ObjBase.h"
 #include "platform/WinGdi.h"
@@ -75,10 +77,20 @@ std::size_t AsciiRunEnd(std::string_view s, std::size_t i, char stop)
     return i >= s.size() ? i : i + byte_scan::AsciiLengthBefore(s.data() + i, s.size() - i, stop);
 }
 
+// No byte is of this class: a scan for its stops alone.
+struct NoBytes {
+    static bool Holds(char) { return false; }
+#if RTFCONV_SCAN_SSE2
+    static __m128i Holds(__m128i) { return _mm_setzero_si128(); }
+#endif
+};
+
+// The first ch from `from` on, or the end. The bytes looked for are a few
+// dozen bytes away, inside a command or a word: the scan is inline, a block
+// at a time, rather than a call into the C library.
 std::size_t FindOrEnd(std::string_view s, char ch, std::size_t from)
 {
-    const std::size_t at = from < s.size() ? s.find(ch, from) : std::string_view::npos;
-    return at == std::string_view::npos ? s.size() : at;
+    return from >= s.size() ? s.size() : from + byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + from, s.size() - from, ch);
 }
 
 // --- UTF-8
@@ -169,26 +181,81 @@ private:
     std::array<Answer, kSlots> m_answers;
 };
 
+// The encoded text, written through a cursor into the string's own bytes: it
+// is mostly short pieces (a command, a word), and appending each to the
+// string would cost a call and a check of its capacity of its own. The
+// string is lengthened a step at a time just ahead of the cursor (resize
+// zeroes what it adds: so each page is touched as it is written, not all
+// at once beforehand) and cut to what was written when the sink goes.
+class COutBytes {
+public:
+    explicit COutBytes(std::string& s) : m_s(s), m_n(s.size()) {}
+    ~COutBytes() { m_s.resize(m_n); }
+    COutBytes(const COutBytes&) = delete;
+    COutBytes& operator=(const COutBytes&) = delete;
+
+    std::size_t Size() const { return m_n; }
+    std::string_view View(std::size_t from) const { return std::string_view(m_s.data() + from, m_n - from); }
+    std::string_view View(std::size_t from, std::size_t cb) const { return std::string_view(m_s.data() + from, cb); }
+
+    void Append(const char* p, std::size_t cb)
+    {
+        if (m_s.size() - m_n < cb) Grow(cb);
+        if (cb) std::memcpy(&m_s[m_n], p, cb);
+        m_n += cb;
+    }
+    void Append(std::string_view s) { Append(s.data(), s.size()); }
+    void Push(char ch)
+    {
+        if (m_s.size() == m_n) Grow(1);
+        m_s[m_n++] = ch;
+    }
+    // Copies the ASCII bytes of [p, p + cb) before `stop` in the same scan
+    // that finds where they end; returns how many there were. The scan
+    // stores whole blocks, so it goes through the room there is, a window
+    // at a time.
+    std::size_t AppendAsciiBefore(const char* p, std::size_t cb, char stop)
+    {
+        std::size_t n = 0;
+        for (;;) {
+            if (m_s.size() == m_n) Grow(1);
+            const std::size_t cbWindow = std::min(cb - n, m_s.size() - m_n);
+            const std::size_t k = byte_scan::CopyInRangeBefore(&m_s[m_n], p + n, cbWindow, '\0', '\x7F', stop);
+            m_n += k;
+            n += k;
+            if (k < cbWindow || n == cb) return n;
+        }
+    }
+
+private:
+    // Small enough to be zeroed in the cache just before it is written.
+    static constexpr std::size_t kcbStep = 1024;
+    void Grow(std::size_t cbMore) { m_s.resize(m_n + std::max(cbMore, kcbStep)); }
+
+    std::string& m_s;
+    std::size_t m_n;
+};
+
 // Writes cp in the page when the page holds it (ASCII and the characters
 // that stand for bytes included); false, writing nothing, when it does not.
-bool EncodeIfHeld(CEncodingMemo& memo, char32_t cp, const CCodePage& page, std::string& out)
+bool EncodeIfHeld(CEncodingMemo& memo, char32_t cp, const CCodePage& page, COutBytes& out)
 {
     if (cp < 0x80) {
-        out += static_cast<char>(cp);
+        out.Push(static_cast<char>(cp));
         return true;
     }
     unsigned char bytes[2];
     const int n = memo.Encode(page, cp, bytes);
     if (n == 1) {
-        out += static_cast<char>(bytes[0]);
+        out.Push(static_cast<char>(bytes[0]));
         return true;
     }
     if (n > 0) {
-        out.append(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(n));
+        out.Append(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(n));
         return true;
     }
     if (cp >= kByteEscapeFirst && cp <= kByteEscapeLast) {
-        out += static_cast<char>(cp - kByteEscapeFirst);
+        out.Push(static_cast<char>(cp - kByteEscapeFirst));
         return true;
     }
     return false;
@@ -235,7 +302,8 @@ std::string FontCommandWithCharset(const std::string& fontInForce, int charset)
 class CUtf8ToOldEncoder {
 public:
     CUtf8ToOldEncoder(std::string_view in, int defaultCodePage, std::string& out)
-        : m_in(in), m_defaultPage(PageOrFallback(defaultCodePage)), m_pPage(&m_defaultPage), m_out(out)
+        : m_in(in), m_defaultPage(PageOrFallback(defaultCodePage)), m_pPage(&m_defaultPage), m_out(out),
+          m_nFontMemo(FontMemoSizeFor(in.size())), m_fontMemo(new FontCommandEncoding[m_nFontMemo])
     {
     }
 
@@ -255,9 +323,7 @@ private:
     // when a character past ASCII needs it.
     void EncodeTextOutsideCommands()
     {
-        const std::size_t asciiEnd = AsciiRunEnd(m_in, m_pos, CDocCmd::chCmdStart);
-        m_out.append(m_in, m_pos, asciiEnd - m_pos);
-        m_pos = asciiEnd;
+        m_pos += m_out.AppendAsciiBefore(m_in.data() + m_pos, m_in.size() - m_pos, CDocCmd::chCmdStart);
         if (m_pos < m_in.size() && m_in[m_pos] != CDocCmd::chCmdStart)
             EncodeRange(FindOrEnd(m_in, CDocCmd::chCmdStart, m_pos), Region::textOutsideCommands);
     }
@@ -276,7 +342,7 @@ private:
         } else {
             EncodeRange(end, Region::bytes);
         }
-        if (end < m_in.size()) m_out += CDocCmd::chCmdEnd;
+        if (end < m_in.size()) m_out.Push(CDocCmd::chCmdEnd);
         m_pos = end + 1;
     }
 
@@ -289,7 +355,14 @@ private:
         const CCodePage* pPage = nullptr;
         OldTextFromUtf8Counts counts;
     };
-    static constexpr std::size_t kFontMemoSize = 64;
+    // A slot per kilobyte of text, a power of two from 64 to 4096: a long
+    // document uses thousands of font commands, a short one a few.
+    static std::size_t FontMemoSizeFor(std::size_t cbText)
+    {
+        std::size_t n = 64;
+        while (n < 4096 && n * 1024 < cbText) n *= 2;
+        return n;
+    }
     static constexpr std::size_t kMaxMemoCommand = 256;  // longer commands are rare and not worth the copy
 
     void EncodeFontCommand(std::size_t end)
@@ -297,10 +370,10 @@ private:
         const std::string_view source = m_in.substr(m_pos, end - m_pos);
         FontCommandEncoding* pMemo = nullptr;
         if (source.size() <= kMaxMemoCommand) {
-            pMemo = &m_fontMemo[byte_scan::HashOf(source.data(), source.size()) % kFontMemoSize];
+            pMemo = &m_fontMemo[byte_scan::HashOf(source.data(), source.size()) & (m_nFontMemo - 1)];
             if (pMemo->pPage && pMemo->source == source) {
-                SetFontInForce(m_out.size(), pMemo->bytes.size());
-                m_out += pMemo->bytes;
+                SetFontInForce(m_out.Size(), pMemo->bytes.size());
+                m_out.Append(pMemo->bytes);
                 m_pPage = pMemo->pPage;
                 m_counts.nInvalid += pMemo->counts.nInvalid;
                 m_counts.nUnencodable += pMemo->counts.nUnencodable;
@@ -310,11 +383,11 @@ private:
         }
         const OldTextFromUtf8Counts countsBefore = m_counts;
         const std::size_t face = FaceStart(m_pos, end);
-        const std::size_t headStart = m_out.size();
+        const std::size_t headStart = m_out.Size();
         EncodeRange(face, Region::bytes);
-        m_pPage = &PageOfCharset(CharsetOfFontHead(std::string_view(m_out).substr(headStart)), m_defaultPage);
+        m_pPage = &PageOfCharset(CharsetOfFontHead(m_out.View(headStart)), m_defaultPage);
         EncodeRange(end, Region::text);
-        const std::string_view bytes = std::string_view(m_out).substr(headStart);
+        const std::string_view bytes = m_out.View(headStart);
         SetFontInForce(headStart, bytes.size());
         if (!pMemo) return;
         pMemo->source.assign(source);
@@ -337,7 +410,7 @@ private:
     std::string FontInForce() const
     {
         if (!m_bFontInForce) return std::string();
-        return m_out.substr(m_fontInForceAt, m_cbFontInForce) + CDocCmd::chCmdEnd;
+        return std::string(m_out.View(m_fontInForceAt, m_cbFontInForce)) + CDocCmd::chCmdEnd;
     }
 
     // Just past the face separator: the first ':' from the font command's
@@ -356,6 +429,14 @@ private:
     char32_t Next(bool& bInvalid)
     {
         const std::size_t at = m_pos;
+        // Most characters past ASCII in a text are two bytes long: those are
+        // read here, the rest by NextUtf8.
+        const unsigned char b = static_cast<unsigned char>(m_in[at]);
+        if (b >= 0xC2 && b <= 0xDF && at + 1 < m_in.size() && (static_cast<unsigned char>(m_in[at + 1]) & 0xC0) == 0x80) {
+            bInvalid = false;
+            m_pos = at + 2;
+            return static_cast<char32_t>((b & 0x1F) << 6 | (static_cast<unsigned char>(m_in[at + 1]) & 0x3F));
+        }
         const char32_t cp = NextUtf8(m_in, m_pos);
         bInvalid = cp == kInvalid;
         if (bInvalid) {
@@ -367,14 +448,12 @@ private:
 
     void CopyAsciiRun(std::size_t end)
     {
-        const std::size_t runEnd = AsciiRunEnd(m_in.substr(0, end), m_pos, '\0');
-        m_out.append(m_in, m_pos, runEnd - m_pos);
-        m_pos = runEnd;
+        m_pos += m_out.AppendAsciiBefore(m_in.data() + m_pos, end - m_pos, '\0');
     }
 
     void Unencodable()
     {
-        m_out += '?';
+        m_out.Push('?');
         ++m_counts.nUnencodable;
     }
 
@@ -390,8 +469,8 @@ private:
             if (m_pos >= end) break;
             bool bInvalid = false;
             const char32_t cp = Next(bInvalid);
-            if (bInvalid) m_out += static_cast<char>(cp);
-            else if (region == Region::bytes && cp <= 0xFF) m_out += static_cast<char>(cp);
+            if (bInvalid) m_out.Push(static_cast<char>(cp));
+            else if (region == Region::bytes && cp <= 0xFF) m_out.Push(static_cast<char>(cp));
             else if (region != Region::bytes && EncodeIfHeld(m_encodingMemo, cp, *m_pPage, m_out)) continue;
             else if (region == Region::textOutsideCommands) EncodeForeignRun(cp, end);
             else Unencodable();
@@ -408,7 +487,7 @@ private:
             return;
         }
         const CCodePage& page = PageOfCharset(charset, m_defaultPage);
-        m_out += switched;
+        m_out.Append(switched);
         (void)EncodeIfHeld(m_encodingMemo, first, page, m_out);
         while (m_pos < end) {
             std::size_t next = m_pos;
@@ -417,20 +496,21 @@ private:
             (void)EncodeIfHeld(m_encodingMemo, cp, page, m_out);
             m_pos = next;
         }
-        if (fontInForce.empty()) m_out += CFontCmd::s_defaultCmd.GetCmd().GetString();
-        else m_out += fontInForce;
+        if (fontInForce.empty()) m_out.Append(CFontCmd::s_defaultCmd.GetCmd().GetString(), static_cast<std::size_t>(CFontCmd::s_defaultCmd.GetCmd().GetLength()));
+        else m_out.Append(fontInForce);
     }
 
     std::string_view m_in;
     std::size_t m_pos = 0;
     const CCodePage& m_defaultPage;
     const CCodePage* m_pPage;
-    std::string& m_out;
+    COutBytes m_out;
     std::size_t m_fontInForceAt = 0;
     std::size_t m_cbFontInForce = 0;
     bool m_bFontInForce = false;
     OldTextFromUtf8Counts m_counts;
-    std::array<FontCommandEncoding, kFontMemoSize> m_fontMemo;
+    std::size_t m_nFontMemo;
+    std::unique_ptr<FontCommandEncoding[]> m_fontMemo;
     CEncodingMemo m_encodingMemo;
 };
 

@@ -242,23 +242,43 @@ void AppendWord(TWords& s, const char (&word)[N], long long n)
     s.Append(digits, static_cast<int>(r.ptr - digits));
 }
 
-// The control words of one font command, gathered on the stack and written
+// The control words of one font command, gathered on the stack (or in the
+// quick buffer, when it has room for the most a command writes) and written
 // with one AddToBuffer: a font command comes every few words of text. The
 // most a command writes ("\\f", "\\fs", "\\cf", "\\cb" and "\\chcbpat" with
 // 20-digit numbers, six attribute words, the blank) is under 200 bytes.
 class CWordBuffer {
 public:
+    static constexpr std::size_t kcbWords = 256;
+
+    CWordBuffer() : m_p(m_bytes) {}
+    // Gathers the words in the kcbWords bytes at pOut instead.
+    explicit CWordBuffer(char* pOut) : m_p(pOut) {}
+    CWordBuffer(const CWordBuffer&) = delete;
+    CWordBuffer& operator=(const CWordBuffer&) = delete;
+
     void Append(const char* p, int n)
     {
-        std::memcpy(m_bytes + m_n, p, static_cast<std::size_t>(n));
+        std::memcpy(m_p + m_n, p, static_cast<std::size_t>(n));
         m_n += n;
     }
     void Append(const char* psz) { Append(psz, static_cast<int>(std::strlen(psz))); }
-    const char* Data() const { return m_bytes; }
+    // The first n of the cbBlock bytes at p, copied as one block of fixed
+    // size (a few moves, not a call); the words of one command stay far
+    // enough from the end for the block to fit.
+    template <std::size_t cbBlock>
+    void AppendBlock(const char* p, int n)
+    {
+        static_assert(cbBlock <= kcbWords - 200, "the block fits behind the longest words");
+        std::memcpy(m_p + m_n, p, cbBlock);
+        m_n += n;
+    }
+    const char* Data() const { return m_p; }
     int Size() const { return m_n; }
 
 private:
-    char m_bytes[256];
+    char m_bytes[kcbWords];
+    char* m_p;
     int m_n = 0;
 };
 
@@ -483,7 +503,7 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
             pRun = p + 1;
             break;
         case bcCmdStart: {
-            const char* ptr = FindCommandEnd(p);
+            const char* ptr = FindCommandEnd(p, pEnd);
             if (*ptr == '\0') return; // an unterminated command ends the text
             ++ptr;
             VQASSERT(ptr[-1] == CDocCmd::chCmdEnd);
@@ -770,18 +790,30 @@ namespace {
 
 // The character attributes of the font writer, in the order their words are
 // written.
+// A control word short enough to be copied as a block of fixed size.
+struct ShortWord {
+    char text[16];
+    unsigned char n;
+};
+constexpr ShortWord MakeShortWord(const char* psz)
+{
+    ShortWord w{};
+    for (; psz[w.n] != '\0'; ++w.n) w.text[w.n] = psz[w.n];
+    return w;
+}
+
 struct AttributeWord {
     bool (CFontCmd::*isOn)() const;
-    const char* pszOn;
-    const char* pszOff;
+    ShortWord on;
+    ShortWord off;
 };
 constexpr AttributeWord kAttributeWords[] = {
-    {&CFontCmd::IsBold, "\\b", "\\b0"},
-    {&CFontCmd::IsUnderline, "\\ul", "\\ul0"},
-    {&CFontCmd::IsItalic, "\\i", "\\i0"},
-    {&CFontCmd::IsStrikeout, "\\strike", "\\strike0"},
-    {&CFontCmd::IsSuperscript, "\\super", "\\nosupersub"},
-    {&CFontCmd::IsSubscript, "\\sub", "\\nosupersub"},
+    {&CFontCmd::IsBold, MakeShortWord("\\b"), MakeShortWord("\\b0")},
+    {&CFontCmd::IsUnderline, MakeShortWord("\\ul"), MakeShortWord("\\ul0")},
+    {&CFontCmd::IsItalic, MakeShortWord("\\i"), MakeShortWord("\\i0")},
+    {&CFontCmd::IsStrikeout, MakeShortWord("\\strike"), MakeShortWord("\\strike0")},
+    {&CFontCmd::IsSuperscript, MakeShortWord("\\super"), MakeShortWord("\\nosupersub")},
+    {&CFontCmd::IsSubscript, MakeShortWord("\\sub"), MakeShortWord("\\nosupersub")},
 };
 
 } // namespace
@@ -830,24 +862,28 @@ void COldToRTF::ClearCommandCaches()
 {
     m_fontCmdCache.Clear();
     m_layoutCmdCache.Clear();
+    m_numberCmdCache.Clear();
 }
 
-// Once a command's font and colours are in the tables, the same text finds
-// the same entries again (entries are only ever appended, and never twice for
-// one font or colour), so its meaning can be remembered. Not that of a
-// command too short to be one: reading it reports so, every time.
-COldToRTF::FontCmdMeaning COldToRTF::MeaningOfFontCmd(const char* p, int n)
+COldToRTF::FontCmdWords COldToRTF::WordsOfMeaning(const FontCmdMeaning& meaning) const
 {
-    if (n < CFontCmd::iFntCmdLenMin) return ParseFontCmd(CString(p, n));
-    const std::size_t cb = static_cast<std::size_t>(n);
-    bool bHeld = false;
-    auto& slot = m_fontCmdCache.SlotOf(p, cb, bHeld);
-    if (!bHeld) {
-        slot.text.clear(); // a parse that throws leaves no half-made entry
-        slot.meaning = ParseFontCmd(CString(p, n));
-        slot.text.assign(p, cb);
-    }
-    return slot.meaning;
+    FontCmdWords words;
+    words.meaning = meaning;
+    for (std::size_t k = 0; k < std::size(kAttributeWords); ++k)
+        if (meaning.bAttributes[k]) words.attributes |= static_cast<unsigned char>(1u << k);
+    CWordBuffer parts;
+    AppendWord(parts, "\\f", m_fontTable[meaning.nFont].nFontNumber);
+    words.partEnd[FontCmdWords::partFont] = static_cast<unsigned char>(parts.Size());
+    AppendWord(parts, "\\fs", HalfPoints(meaning.nPoints));
+    words.partEnd[FontCmdWords::partPoints] = static_cast<unsigned char>(parts.Size());
+    AppendWord(parts, "\\cf", meaning.nColor);
+    words.partEnd[FontCmdWords::partColor] = static_cast<unsigned char>(parts.Size());
+    AppendWord(parts, "\\cb", meaning.nBackColor);
+    AppendWord(parts, "\\chcbpat", meaning.nBackColor);
+    words.partEnd[FontCmdWords::partBackColor] = static_cast<unsigned char>(parts.Size());
+    static_assert(sizeof words.bytes >= 13 + 15 + 14 + 33, "room for the longest numbers");
+    std::memcpy(words.bytes, parts.Data(), static_cast<std::size_t>(parts.Size()));
+    return words;
 }
 
 int COldToRTF::AddFontCmdToBuffer(const CString& sFontCmd)
@@ -858,46 +894,89 @@ int COldToRTF::AddFontCmdToBuffer(const CString& sFontCmd)
 }
 
 // The command's bytes, 0x01 'F' to 0x02.
-
+//
+// Once a command's font and colours are in the tables, the same text finds
+// the same entries again (entries are only ever appended, never changed, and
+// never twice for one font or colour), so its meaning and words can be
+// remembered. Not those of a command too short to be one: reading it reports
+// so, every time.
 int COldToRTF::AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd)
+{
+    if (nFontCmd < CFontCmd::iFntCmdLenMin) {
+        AddFontWords(WordsOfMeaning(ParseFontCmd(CString(pFontCmd, nFontCmd))));
+        return 0;
+    }
+    const std::size_t cb = static_cast<std::size_t>(nFontCmd);
+    bool bHeld = false;
+    auto& slot = m_fontCmdCache.SlotOf(pFontCmd, cb, bHeld);
+    if (!bHeld) {
+        slot.text.clear(); // a parse that throws leaves no half-made entry
+        slot.meaning = WordsOfMeaning(ParseFontCmd(CString(pFontCmd, nFontCmd)));
+        slot.text.assign(pFontCmd, cb);
+    }
+    AddFontWords(slot.meaning);
+    return 0;
+}
+
+unsigned char COldToRTF::AttributesInForce() const
+{
+    return static_cast<unsigned char>(m_bBold | m_bUnderline << 1 | m_bItalic << 2 | m_bStrikeout << 3 |
+                                      m_bSuperscript << 4 | m_bSubscript << 5);
+}
+
+// The words of what differs from the character state in force, which
+// becomes the command's.
+void COldToRTF::AddFontWords(const FontCmdWords& w)
 {
     static bool COldToRTF::*const kAttributeStates[] = {
         &COldToRTF::m_bBold,      &COldToRTF::m_bUnderline,   &COldToRTF::m_bItalic,
         &COldToRTF::m_bStrikeout, &COldToRTF::m_bSuperscript, &COldToRTF::m_bSubscript,
     };
     static_assert(std::size(kAttributeStates) == std::size(kAttributeWords), "one state per attribute word");
-    const FontCmdMeaning meaning = MeaningOfFontCmd(pFontCmd, nFontCmd);
-    CWordBuffer words;
-
+    const FontCmdMeaning& meaning = w.meaning;
+    // Where the quick buffer has room for the most a command writes, the
+    // words are gathered where AddToBuffer would copy them.
+    const bool bInPlace = m_cbQuickBuffer - m_dwQuickBufferPosition > CWordBuffer::kcbWords;
+    CWordBuffer inPlace(bInPlace ? m_body.End() + m_dwQuickBufferPosition : nullptr);
+    CWordBuffer onStack;
+    CWordBuffer& words = bInPlace ? inPlace : onStack;
+    // A part is at most 33 bytes and ends at most 75 bytes in: a block of 48
+    // bytes from its start stays within w.bytes.
+    constexpr std::size_t kcbPartBlock = 48;
+    static_assert(13 + 15 + 14 + kcbPartBlock <= sizeof w.bytes, "a part's block stays within the words");
+    auto appendPart = [&words, &w](FontCmdWords::Part part) {
+        const int begin = part == FontCmdWords::partFont ? 0 : w.partEnd[part - 1];
+        words.AppendBlock<kcbPartBlock>(w.bytes + begin, w.partEnd[part] - begin);
+    };
     if (meaning.nFont != m_nCurrentFont) {
         m_nCurrentFont = meaning.nFont;
-        AppendWord(words, "\\f", m_fontTable[meaning.nFont].nFontNumber);
+        appendPart(FontCmdWords::partFont);
     }
     if (meaning.nPoints != m_nCurrentPoints) {
         m_nCurrentPoints = meaning.nPoints;
-        AppendWord(words, "\\fs", HalfPoints(meaning.nPoints));
+        appendPart(FontCmdWords::partPoints);
     }
     if (meaning.nColor != m_nCurrentColor) {
         m_nCurrentColor = meaning.nColor;
-        AppendWord(words, "\\cf", meaning.nColor);
+        appendPart(FontCmdWords::partColor);
     }
     if (meaning.nBackColor != m_nCurrentBackColor) {
         m_nCurrentBackColor = meaning.nBackColor;
-        AppendWord(words, "\\cb", meaning.nBackColor);
-        AppendWord(words, "\\chcbpat", meaning.nBackColor);
+        appendPart(FontCmdWords::partBackColor);
     }
-    for (std::size_t k = 0; k < std::size(kAttributeWords); ++k) {
+    // The attributes that change, in the order of their words.
+    for (unsigned changed = w.attributes ^ AttributesInForce(); changed != 0; changed &= changed - 1) {
+        const int k = __builtin_ctz(changed);
         const bool bOn = meaning.bAttributes[k];
-        if (bOn != this->*kAttributeStates[k]) {
-            this->*kAttributeStates[k] = bOn;
-            words.Append(bOn ? kAttributeWords[k].pszOn : kAttributeWords[k].pszOff);
-        }
+        this->*kAttributeStates[k] = bOn;
+        const ShortWord& word = bOn ? kAttributeWords[k].on : kAttributeWords[k].off;
+        words.AppendBlock<sizeof word.text>(word.text, word.n);
     }
     if (words.Size() > 0) {
         words.Append(" ", 1);
-        AddToBuffer(words.Data(), words.Size());
+        if (bInPlace) m_dwQuickBufferPosition += static_cast<DWORD>(words.Size());
+        else AddToBuffer(words.Data(), words.Size());
     }
-    return 0;
 }
 
 // =================================================================================
@@ -1016,9 +1095,13 @@ int COldToRTF::AddHyperlinkToBuffer(const CCommentCmd& cmd)
     return csData1.GetLength();
 }
 
-int COldToRTF::AddNumberToBuffer(const CString& scmd)
+// A numbering command's bullet font is added to the table the first time it
+// is met and found there again after, so all but the current font's word is
+// a function of the command's text.
+COldToRTF::NumberMeaning COldToRTF::MeaningOfNumberCmd(const CString& scmd)
 {
     const CNumberCmd cmd(scmd);
+    NumberMeaning meaning;
     const CString csFace = cmd.GetData(CNumberCmd::fldBulletFont);
     if (!csFace.IsEmpty()) {
         FontTableStruct fts;
@@ -1026,22 +1109,38 @@ int COldToRTF::AddNumberToBuffer(const CString& scmd)
         fts.csFamily = kBulletFontFamily;
         fts.nCharset = kBulletFontCharset;
         SetFontNumber(fts);
-        CString word;
-        word.Format("\\f%d ", fts.nFontNumber);
-        AddToBuffer(word);
+        meaning.nBulletFont = fts.nFontNumber;
     }
     CString desc = cmd.GetData(CNumberCmd::fldText);
     double blanks = std::trunc(cmd.GetTabWidth() * 4.0);
     int nBlanks = blanks > kMaxNumberTabBlanks ? kMaxNumberTabBlanks : blanks > 0 ? static_cast<int>(blanks) : 0;
     desc += CString(' ', nBlanks);
-    VQASSERT(0 < desc.GetLength());
-    AddTextRun(desc.GetString(), desc.GetLength());
-    if (!csFace.IsEmpty()) {
-        CString word;
-        word.Format("\\f%d ", m_fontTable[m_nCurrentFont].nFontNumber);
-        AddToBuffer(word);
+    meaning.csText = desc;
+    meaning.nAdvance = cmd.GetLength();
+    return meaning;
+}
+
+int COldToRTF::AddNumberToBuffer(const CString& scmd)
+{
+    bool bHeld = false;
+    auto& slot = m_numberCmdCache.SlotOf(scmd.GetString(), static_cast<std::size_t>(scmd.GetLength()), bHeld);
+    if (!bHeld) {
+        slot.text.clear(); // a parse that throws leaves no half-made entry
+        slot.meaning = MeaningOfNumberCmd(scmd);
+        slot.text.assign(scmd.GetString(), static_cast<std::size_t>(scmd.GetLength()));
     }
-    return cmd.GetLength();
+    const NumberMeaning& meaning = slot.meaning;
+    auto addFontWord = [this](int nFontNumber) {
+        CWordBuffer word;
+        AppendWord(word, "\\f", nFontNumber);
+        word.Append(" ", 1);
+        AddToBuffer(word.Data(), word.Size());
+    };
+    if (meaning.nBulletFont >= 0) addFontWord(meaning.nBulletFont);
+    VQASSERT(0 < meaning.csText.GetLength());
+    AddTextRun(meaning.csText.GetString(), meaning.csText.GetLength());
+    if (meaning.nBulletFont >= 0) addFontWord(m_fontTable[m_nCurrentFont].nFontNumber);
+    return meaning.nAdvance;
 }
 
 // =================================================================================
@@ -1229,6 +1328,16 @@ const char* COldToRTF::FindCommandEnd(const char* pCmd) const
     const char* ptr = pCmd + 1;
     while (*ptr != CDocCmd::chCmdEnd && *ptr != '\0') ++ptr;
     return ptr;
+}
+
+// The text holds no NUL before its end: the command ends at the first 0x02,
+// found a block at a time, or at the end of the text.
+const char* COldToRTF::FindCommandEnd(const char* pCmd, const char* pTextEnd) const
+{
+    if (m_bLossless && pCmd[1] == CDocCmd::comment) return FindCommandEndKeepingNestedCommands(pCmd);
+    const char* const pFrom = pCmd + 1;
+    const void* pEnd = std::memchr(pFrom, CDocCmd::chCmdEnd, static_cast<std::size_t>(pTextEnd - pFrom));
+    return pEnd ? static_cast<const char*>(pEnd) : pTextEnd;
 }
 
 // Hyperlinks written by older importers hold the font commands of their

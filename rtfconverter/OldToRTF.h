@@ -23,6 +23,7 @@
 #pragma once
 #include "rtfconverter/Export.h"
 
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -195,13 +196,51 @@ private:
     private:
         static bool Holds(const Slot& slot, const char* p, std::size_t n)
         {
-            return slot.text.size() == n && std::memcmp(slot.text.data(), p, n) == 0;
+            return slot.text.size() == n && SameBytes(slot.text.data(), p, n);
+        }
+        // Commands are a few dozen bytes: compared eight at a time, the last
+        // eight overlapping those before, rather than in a call.
+        static bool SameBytes(const char* a, const char* b, std::size_t n)
+        {
+            if (n < 8) return std::memcmp(a, b, n) == 0;
+            std::uint64_t differ = 0;
+            auto compareWordAt = [&](std::size_t i) {
+                std::uint64_t x, y;
+                std::memcpy(&x, a + i, 8);
+                std::memcpy(&y, b + i, 8);
+                differ |= x ^ y;
+            };
+            for (std::size_t i = 0; i + 8 < n; i += 8) compareWordAt(i);
+            compareWordAt(n - 8);
+            return differ == 0;
         }
         static constexpr std::size_t nSlots = 512;
         std::unique_ptr<Slot[]> m_slots;
     };
-    FontCmdMeaning MeaningOfFontCmd(const char* p, int n);
+    // A font command's meaning with the control words that set each part of
+    // it, worked out once per command text: most font commands change a word
+    // or two, and those are copied, not formatted again.
+    struct FontCmdWords {
+        enum Part { partFont, partPoints, partColor, partBackColor, nParts };
+        FontCmdMeaning meaning;
+        unsigned char attributes = 0;  // bit k: attribute word k on
+        unsigned char partEnd[nParts] = {};  // where each part's words end in bytes
+        // "\fN", "\fsN", "\cfN" and "\cbN\chcbpatN" back to back: at most
+        // 13 + 15 + 14 + 33 bytes, with room for a part to be copied as a block.
+        char bytes[112] = {};
+    };
+    // What a numbering command writes but for the current font: the number of
+    // its bullet font (-1: none), its text with the blanks of its tab, and the
+    // text positions it takes.
+    struct NumberMeaning {
+        int nBulletFont = -1;
+        CString csText;
+        int nAdvance = 0;
+    };
+    FontCmdWords WordsOfMeaning(const FontCmdMeaning& meaning) const;
     int AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd);
+    void AddFontWords(const FontCmdWords& words);
+    unsigned char AttributesInForce() const;
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
     void ClearCommandCaches();
     int AddLayoutCmdToBuffer(const char* pLayoutCmd, int nLayoutCmd);
@@ -252,6 +291,7 @@ private:
     int AddHyperlinkToBuffer(const CCommentCmd& cmd);
     int AddDescriptionToBuffer(const CCommentCmd& cmd);
     int AddNumberToBuffer(const CString& cmd);
+    NumberMeaning MeaningOfNumberCmd(const CString& scmd);
     int AddPictureGroup(const CDIBitmap& dib, const char* pszOpening, const char* pszClosing);
 
     // --- lossless writing: each function keeps what the specified bytes lose
@@ -271,6 +311,8 @@ private:
     void EscapeKeepingEveryByte(const char* p, int n, Append&& append) const;
     const CCodePage* PageOfCurrentFont() const;
     const char* FindCommandEnd(const char* pCmd) const;
+    // The same, for a command that starts before pTextEnd, the text's NUL.
+    const char* FindCommandEnd(const char* pCmd, const char* pTextEnd) const;
     const char* FindCommandEndKeepingNestedCommands(const char* pCmd) const;
     // A hyperlink's display text (its font commands whole) and target.
     struct HyperlinkParts {
@@ -307,7 +349,8 @@ private:
     // it need not look again.
     const char* m_pNoCellsBefore = nullptr;
 
-    CCommandCache<FontCmdMeaning> m_fontCmdCache;
+    CCommandCache<FontCmdWords> m_fontCmdCache;
+    CCommandCache<NumberMeaning> m_numberCmdCache;
     // A valid layout command's words, "\pard..." without the blank.
     CCommandCache<CString> m_layoutCmdCache;
 

@@ -121,6 +121,33 @@ TEST(OldTextUtf8Streaming, RepeatedFontCommandsMatchTheReference)
     for (int page : kDefaultPages) ExpectSameAsReference(text, page);
 }
 
+// Long texts: runs of ASCII longer than the steps the output grows by, runs
+// of characters the page in force cannot hold (each of which makes the text
+// longer), and more distinct font commands than a short text remembers, each
+// met again after the others.
+TEST(OldTextUtf8Streaming, LongTextsMatchTheReference)
+{
+    std::mt19937 rng(7);
+    std::string randomRuns;
+    for (int n = 0; n < 400; ++n) randomRuns += RandomText(rng);
+    std::string foreignRuns, manyFonts;
+    for (int n = 0; n < 2000; ++n) foreignRuns += "a\xD0\x96" + std::string(static_cast<std::size_t>(n % 5), 'b');
+    for (int round = 0; round < 3; ++round)
+        for (int k = 0; k < 300; ++k)
+            manyFonts += "\x01" "F" + std::to_string(10 + k % 50) + "-\xC3\x8A:Face" + std::to_string(k) + "\x02\xD0\x96 ";
+    const std::string texts[] = {
+        randomRuns,
+        std::string(5000, 'a') + "\xE2\x82\xAC" + std::string(3000, 'b') + "\x01" "CH:" + std::string(2500, 'c') + "\x02",
+        foreignRuns,
+        manyFonts,
+    };
+    for (const std::string& text : texts) {
+        SCOPED_TRACE(text.size());
+        for (int page : kDefaultPages) ExpectSameAsReference(text, page);
+    }
+    EXPECT_GT(OldTextFromUtf8(foreignRuns, 1252).size(), foreignRuns.size());
+}
+
 TEST(OldTextUtf8Streaming, RandomAndMalformedTextMatchesTheReference)
 {
     std::mt19937 rng(20261123);

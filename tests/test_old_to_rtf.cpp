@@ -324,7 +324,9 @@ TEST(OldToRTF, SmallQuickBuffersGiveTheSameDocument)
         reference = OldToRtf(text, &lf);
     }
     EXPECT_GT(reference.size(), text.size());
-    for (DWORD n : {8192u, 4096u, 17u, 1u, 0u}) {
+    // Around 256 free bytes the font words switch between being gathered in
+    // the quick buffer and on the stack.
+    for (DWORD n : {8192u, 4096u, 300u, 258u, 257u, 256u, 17u, 1u, 0u}) {
         SCOPED_TRACE(n);
         QuickBufferSize size(n);
         EXPECT_EQ(OldToRtf(text, &lf), reference);
@@ -451,6 +453,29 @@ TEST(OldToRTF, SecondConvertForgetsTheFirstsFontCommands)
     ASSERT_EQ(writer.Convert((Cmd("F---:Courier") + "y").c_str(), &lf), S_OK);
     EXPECT_EQ(StreamBytes(out).substr(first.size()),
               DocumentAround("\\pard\\f0\\fs20\\cf1 \\f3\\cf1 y\\par }", "{\\f3\\fcharset0\\fswiss Courier;}"));
+}
+
+// A numbering command met again writes its bullet font's number as the first
+// time and switches back to whatever font is in force then; a second
+// conversion finds its bullet font afresh (the count of fonts runs on from
+// the first conversion, so the Symbol font gets a new number).
+TEST(OldToRTF, NumberingCommandsMetAgain)
+{
+    const std::string bullet = Cmd("CN:\xB7" + S + S + "q" + S + S + "Symbol");
+    EXPECT_EQ(BodyOf(Convert(Cmd("F---:Times") + bullet + "x" + Cmd("F---:-") + bullet + "y" + bullet),
+                     "{\\f1\\fcharset0\\fswiss Times;}{\\f2\\fcharset2\\fnil Symbol;}"),
+              "\\pard\\f0\\fs20\\cf1 \\f1\\cf1 \\f2 \xB7 \\f1 x\\f0 \\f2 \xB7 \\f0 y\\f2 \xB7 \\f0 \\par }");
+
+    CComPtr<IStream> out;
+    ASSERT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &out), S_OK);
+    LOGFONT lf = ArialTen();
+    COldToRTF writer(*out);
+    ASSERT_EQ(writer.Convert((Cmd("F---:Times") + bullet + "x").c_str(), &lf), S_OK);
+    const std::size_t nFirst = StreamBytes(out).size();
+    ASSERT_EQ(writer.Convert((bullet + "y").c_str(), &lf), S_OK);
+    const std::string second = StreamBytes(out).substr(nFirst);
+    EXPECT_NE(second.find("{\\f3\\fcharset2\\fnil Symbol;}"), std::string::npos) << second;
+    EXPECT_NE(second.find("\\cf1 \\f3 \xB7 \\f0 y\\par }"), std::string::npos) << second;
 }
 
 // A font command too short to be one is reported each time it is read, the
