@@ -303,6 +303,14 @@ protected:
     bool KeepsStateBetweenGroups();
 
     bool TranslateLosslessKeyword(const char* szKeyword, int param, bool& bResult);
+    // The pieces of TranslateLosslessKeyword: the bookkeeping of every word
+    // and the turning away inline, the rest out of line.
+    inline bool NoteLosslessWord(const char* szKeyword);
+    void NoteFirstKeyword(const char* szKeyword);
+    bool TranslateFirstKeyword(const char* szKeyword, int param);
+    const LosslessKeyword* LosslessRowFor(const char* szKeyword) const;
+    bool TranslateLosslessCandidate(const char* szKeyword, int param);
+    bool RunLosslessKeyword(const LosslessKeyword& row, const char* szKeyword, int param);
     bool AppendTextKeepingCharset(char ch);
     bool AppendUnicode(char32_t cp);
     bool AppendInCharset(const unsigned char* pb, int cb, int charset);
