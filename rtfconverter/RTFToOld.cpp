@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 #include <new>
+#include <typeinfo>
 
 #include "hostlibs/VQLogger.h"
 #include "rtfconverter/ByteScan.h"
@@ -1500,23 +1501,60 @@ void CRTFPtrImport::SkipAhead(std::size_t cb)
 // CRTFStreamImport: an IStream through a read buffer with history
 // ============================================================================
 
-CRTFStreamImport::CRTFStreamImport(IStream* pStream) : m_pStream(pStream)
+CRTFStreamImport::CRTFStreamImport(IStream* pStream) : CByteCursor(nullptr, 0), m_pStream(pStream)
 {
     m_pBase = m_strBuffer.GetBufferSetLength(nReadBufferSize);
     VQASSERT(NULL != m_pBase);
     m_pCur = m_pMark = m_pEnd = m_pBase;
 }
 
+// Only this very class: one derived from it may read m_pCur itself, or have
+// replaced any of the operations.
+CByteCursor* CRTFStreamImport::StockCursor()
+{
+    TakeFromCursor();
+    m_bCursorLive = typeid(*this) == typeid(CRTFStreamImport);
+    GiveToCursor();
+    return m_bCursorLive ? this : nullptr;
+}
+
+void CRTFStreamImport::TakeFromCursor()
+{
+    if (!m_bCursorLive)
+        return;
+    m_pCur = m_pBase + (m_pRead - m_pData);
+    m_pMark = m_pBase + (CByteCursor::m_pMark - m_pData);
+}
+
+// The cursor spans the whole read buffer, history included, so that its
+// rewinds stop where this class's own do.
+void CRTFStreamImport::GiveToCursor()
+{
+    if (!m_bCursorLive)
+        return;
+    m_pData = reinterpret_cast<const unsigned char*>(m_pBase);
+    m_cbData = static_cast<unsigned long>(m_pEnd - m_pBase);
+    m_pRead = m_pData + (m_pCur - m_pBase);
+    CByteCursor::m_pMark = m_pData + (m_pMark - m_pBase);
+}
+
 long CRTFStreamImport::Get(char& ch)
 {
+    if (m_bCursorLive && m_pRead < m_pData + m_cbData) {
+        ch = static_cast<char>(*m_pRead++);
+        return S_OK;
+    }
+    TakeFromCursor();
     if (m_pCur >= m_pEnd) {
         const long hr = ReadNewBuffer();
         if (hr < 0) {
             m_bInputExhausted = true;
+            GiveToCursor();
             return hr;
         }
     }
     ch = *m_pCur++;
+    GiveToCursor();
     return S_OK;
 }
 
@@ -1560,6 +1598,14 @@ long CRTFStreamImport::RefillBuffer()
 // \bin data.
 long CRTFStreamImport::Get(int n, unsigned char* pDest)
 {
+    TakeFromCursor();
+    const long hr = GetBlock(n, pDest);
+    GiveToCursor();
+    return hr;
+}
+
+long CRTFStreamImport::GetBlock(int n, unsigned char* pDest)
+{
     if (n < 0) {
         // A negative count would move the read position backwards, out of
         // the buffer: the input ends here instead.
@@ -1587,25 +1633,35 @@ long CRTFStreamImport::Get(int n, unsigned char* pDest)
 
 void CRTFStreamImport::MarkBacktrack(int n)
 {
+    TakeFromCursor();
     m_pMark = n > m_pCur - m_pBase ? m_pBase : m_pCur - n;
+    GiveToCursor();
 }
 
 // Clamped to the buffer: after reads that failed at the end of the stream the
 // tokenizer may rewind by more bytes than it actually took.
 void CRTFStreamImport::Backtrack(int n)
 {
+    TakeFromCursor();
     if (n == -1)
         m_pCur = m_pMark;
     else
         m_pCur = n > m_pCur - m_pBase ? m_pBase : m_pCur - n;
+    GiveToCursor();
 }
 
 const char* CRTFStreamImport::RunAhead(std::size_t& cb) const
 {
-    cb = m_pCur < m_pEnd ? static_cast<std::size_t>(m_pEnd - m_pCur) : 0;
-    return m_pCur;
+    const char* pCur = ReadPosition();
+    cb = pCur < m_pEnd ? static_cast<std::size_t>(m_pEnd - pCur) : 0;
+    return pCur;
 }
 
-void CRTFStreamImport::SkipAhead(std::size_t cb) { m_pCur += cb; }
+void CRTFStreamImport::SkipAhead(std::size_t cb)
+{
+    TakeFromCursor();
+    m_pCur += cb;
+    GiveToCursor();
+}
 
 } // namespace rtf_converter
