@@ -814,6 +814,12 @@ void CLayoutCmd::SetMarginValue(double inches, int bLeft)
         inches = 0.0;
     else if (inches > kMaxInches)
         inches = kMaxInches;
+    // Most paragraphs set their margins to zero, whose text needs no
+    // formatting; -0.0 is left to printf, which writes its sign.
+    if (inches == 0.0 && !std::signbit(inches)) {
+        SetMarginStr("0.00", bLeft);
+        return;
+    }
     SetMarginStr(FormatInches(inches), bLeft);
 }
 
