@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <utility>
 
 #include "hostlibs/MFCKVUtils.h"
 
@@ -379,12 +380,20 @@ bool CFontCmd::IsValidCmd() const
     return true;
 }
 
+// Every reading and editing of the attributes starts here, several times per
+// formatting change. The length report measures the text up to a NUL; a text
+// whose first bytes hold none passes it, and is not measured. The separator is
+// a few bytes after the colour, and is looked for byte by byte.
 int CFontCmd::FindFaceSeparator() const
 {
     const char* pFontCmd = m_cmd.GetString();
     VQASSERT(pFontCmd);
-    VQASSERT(lstrlen(pFontCmd) >= iFntCmdLenMin);
-    return m_cmd.Find(chFaceSeparator, posAttributes);
+    const int len = GetLength();
+    if (len < iFntCmdLenMin || std::memchr(pFontCmd, '\0', iFntCmdLenMin) != nullptr)
+        VQASSERT(lstrlen(pFontCmd) >= iFntCmdLenMin);
+    for (int i = posAttributes; i < len; ++i)
+        if (pFontCmd[i] == chFaceSeparator) return i;
+    return -1;
 }
 
 bool CFontCmd::HasAttribute(char letter) const
@@ -1068,12 +1077,18 @@ void CCommentCmd::SetData(const CString& data, int n)
     VQASSERT(IsValidCmd());
     if (!VQCHECK(n >= 0)) return;
     int start = 0, end = 0, separators = 0;
-    if (FindField(n, start, end, separators)) {
-        m_cmd = m_cmd.Left(start) + data + m_cmd.Mid(end);
-    } else {
-        // The missing fields are created empty, in front of the closing byte.
-        m_cmd = m_cmd.Left(start) + CString(chDataSeparator, n - separators) + data + m_cmd.Mid(start);
-    }
+    // The missing fields are created empty, in front of the closing byte.
+    const int cMissing = FindField(n, start, end, separators) ? 0 : n - separators;
+    // Built in one string: a hyperlink sets two fields of a command that
+    // holds its whole display text.
+    const char* p = m_cmd.GetString();
+    CString edited;
+    edited.Preallocate(start + std::max(cMissing, 0) + data.GetLength() + (GetLength() - end));
+    edited.Append(p, start);
+    if (cMissing > 0) edited += CString(chDataSeparator, cMissing);
+    edited += data;
+    edited.Append(p + end, GetLength() - end);
+    m_cmd = std::move(edited);
     VQASSERT(IsValidCmd());
 }
 
