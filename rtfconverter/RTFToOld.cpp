@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 #include <typeinfo>
+#include <utility>
 
 #include "hostlibs/VQLogger.h"
 #include "rtfconverter/ByteScan.h"
@@ -1010,8 +1011,11 @@ void CRTFImport::StripMarkup(CString& s)
         return;
     const char* p = s.GetString();
     const bool bTrailing17 = p[len - 1] == '\x17';
+    // Written into a block of the input's length, which the output never
+    // exceeds, and measured once at the end.
     CString out;
-    out.Preallocate(len);
+    char* pOut = out.GetBufferSetLength(len);
+    int cchOut = 0;
     for (int i = 0; i < len; ++i) {
         const unsigned char b = static_cast<unsigned char>(p[i]);
         if (b == 0x01) {
@@ -1019,14 +1023,15 @@ void CRTFImport::StripMarkup(CString& s)
                 ++i;
             ++i;  // the closing 0x02, or past the end
         } else if (b < 0x20 && b != 0x09) {
-            out += ' ';
+            pOut[cchOut++] = ' ';
         } else {
-            out += static_cast<char>(b);
+            pOut[cchOut++] = static_cast<char>(b);
         }
     }
-    if (bTrailing17 && !out.IsEmpty())
-        out.Delete(out.GetLength() - 1);
-    s = out;
+    if (bTrailing17 && cchOut > 0)
+        --cchOut;
+    out.ReleaseBuffer(cchOut);
+    s = std::move(out);
 }
 
 // ============================================================================
