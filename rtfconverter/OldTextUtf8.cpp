@@ -540,11 +540,15 @@ std::size_t COldTextUtf8Decoder::DecodeFontHead(std::string_view piece, std::siz
     // small block and appended once, not a character at a time. A byte is at
     // most two bytes of UTF-8, and the block is emptied before it could not
     // take two more. ASCII is tested first: only a byte past it can be a
-    // character set code.
+    // character set code. The offset and the character set are worked on in
+    // locals and stored once, where the head or the piece ends.
     char utf8[64];
     std::size_t cb = 0;
     const char* const p = piece.data();
-    for (; i < piece.size(); ++i, ++m_cmdOffset) {
+    std::size_t offset = m_cmdOffset;
+    int headCharset = m_headCharset;
+    bool bHeadEnded = false;
+    for (; i < piece.size(); ++i, ++offset) {
         if (cb + 2 > sizeof utf8) {
             out.append(utf8, cb);
             cb = 0;
@@ -553,22 +557,25 @@ std::size_t COldTextUtf8Decoder::DecodeFontHead(std::string_view piece, std::siz
         if (b >= 0x80) {
             utf8[cb++] = static_cast<char>(0xC0 | (b >> 6));
             utf8[cb++] = static_cast<char>(0x80 | (b & 0x3F));
-            if (m_headCharset < 0 && IsCharsetCodeAt(m_cmdOffset, b)) m_headCharset = CharsetOfCode(b);
+            if (headCharset < 0 && IsCharsetCodeAt(offset, b)) headCharset = CharsetOfCode(b);
             continue;
         }
         if (b == static_cast<unsigned char>(CDocCmd::chCmdEnd)) {
-            SetPageOfCharset(m_headCharset);
+            bHeadEnded = true;
             break;
         }
         utf8[cb++] = static_cast<char>(b);
         if (b == static_cast<unsigned char>(CFontCmd::chFaceSeparator) &&
-            m_cmdOffset >= static_cast<std::size_t>(CFontCmd::posAttributes)) {
-            SetPageOfCharset(m_headCharset);
+            offset >= static_cast<std::size_t>(CFontCmd::posAttributes)) {
+            bHeadEnded = true;
             m_region = Region::fontFace;
             ++i;
             break;
         }
     }
+    m_cmdOffset = offset;
+    m_headCharset = headCharset;
+    if (bHeadEnded) SetPageOfCharset(headCharset);
     out.append(utf8, cb);
     return i;
 }
