@@ -452,8 +452,9 @@ bool CFontCmd::EditAttributesInOnePass(Pred isRemoved, char appended)
     const std::string& text = m_cmd.str();
     const std::size_t len = text.size();
     if (len < static_cast<std::size_t>(iFntCmdLenMin) || std::strlen(text.c_str()) != len) return false;
-    const std::size_t colon = text.find(chFaceSeparator, posAttributes);
-    if (colon == std::string::npos) return true; // no attribute field to edit
+    std::size_t colon = posAttributes;
+    while (colon < len && text[colon] != chFaceSeparator) ++colon;
+    if (colon == len) return true; // no attribute field to edit
     std::size_t count = 0;
     for (std::size_t i = posAttributes; i < colon; ++i)
         if (isRemoved(text[i])) ++count;
