@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <utility>
 
 #include "hostlibs/MFCKVUtils.h"
 
@@ -379,12 +380,20 @@ bool CFontCmd::IsValidCmd() const
     return true;
 }
 
+// Every reading and editing of the attributes starts here, several times per
+// formatting change. The length report measures the text up to a NUL; a text
+// whose first bytes hold none passes it, and is not measured. The separator is
+// a few bytes after the colour, and is looked for byte by byte.
 int CFontCmd::FindFaceSeparator() const
 {
     const char* pFontCmd = m_cmd.GetString();
     VQASSERT(pFontCmd);
-    VQASSERT(lstrlen(pFontCmd) >= iFntCmdLenMin);
-    return m_cmd.Find(chFaceSeparator, posAttributes);
+    const int len = GetLength();
+    if (len < iFntCmdLenMin || std::memchr(pFontCmd, '\0', iFntCmdLenMin) != nullptr)
+        VQASSERT(lstrlen(pFontCmd) >= iFntCmdLenMin);
+    for (int i = posAttributes; i < len; ++i)
+        if (pFontCmd[i] == chFaceSeparator) return i;
+    return -1;
 }
 
 bool CFontCmd::HasAttribute(char letter) const
@@ -443,8 +452,9 @@ bool CFontCmd::EditAttributesInOnePass(Pred isRemoved, char appended)
     const std::string& text = m_cmd.str();
     const std::size_t len = text.size();
     if (len < static_cast<std::size_t>(iFntCmdLenMin) || std::strlen(text.c_str()) != len) return false;
-    const std::size_t colon = text.find(chFaceSeparator, posAttributes);
-    if (colon == std::string::npos) return true; // no attribute field to edit
+    std::size_t colon = posAttributes;
+    while (colon < len && text[colon] != chFaceSeparator) ++colon;
+    if (colon == len) return true; // no attribute field to edit
     std::size_t count = 0;
     for (std::size_t i = posAttributes; i < colon; ++i)
         if (isRemoved(text[i])) ++count;
@@ -814,6 +824,12 @@ void CLayoutCmd::SetMarginValue(double inches, int bLeft)
         inches = 0.0;
     else if (inches > kMaxInches)
         inches = kMaxInches;
+    // Most paragraphs set their margins to zero, whose text needs no
+    // formatting; -0.0 is left to printf, which writes its sign.
+    if (inches == 0.0 && !std::signbit(inches)) {
+        SetMarginStr("0.00", bLeft);
+        return;
+    }
     SetMarginStr(FormatInches(inches), bLeft);
 }
 
@@ -1062,12 +1078,18 @@ void CCommentCmd::SetData(const CString& data, int n)
     VQASSERT(IsValidCmd());
     if (!VQCHECK(n >= 0)) return;
     int start = 0, end = 0, separators = 0;
-    if (FindField(n, start, end, separators)) {
-        m_cmd = m_cmd.Left(start) + data + m_cmd.Mid(end);
-    } else {
-        // The missing fields are created empty, in front of the closing byte.
-        m_cmd = m_cmd.Left(start) + CString(chDataSeparator, n - separators) + data + m_cmd.Mid(start);
-    }
+    // The missing fields are created empty, in front of the closing byte.
+    const int cMissing = FindField(n, start, end, separators) ? 0 : n - separators;
+    // Built in one string: a hyperlink sets two fields of a command that
+    // holds its whole display text.
+    const char* p = m_cmd.GetString();
+    CString edited;
+    edited.Preallocate(start + std::max(cMissing, 0) + data.GetLength() + (GetLength() - end));
+    edited.Append(p, start);
+    if (cMissing > 0) edited += CString(chDataSeparator, cMissing);
+    edited += data;
+    edited.Append(p + end, GetLength() - end);
+    m_cmd = std::move(edited);
     VQASSERT(IsValidCmd());
 }
 

@@ -530,9 +530,15 @@ void COldTextUtf8Decoder::SetPage(const CCodePage& page)
     for (HighByte& high : m_high) high.n = 0;
 }
 
+// Every font command sets the page of its character set, nearly always the
+// one the command before set: the last answer is kept.
 void COldTextUtf8Decoder::SetPageOfCharset(int charset)
 {
-    SetPage(PageOfCharset(charset < 0 ? DEFAULT_CHARSET : charset, *m_pDefaultPage));
+    if (charset != m_lastCharset || !m_pLastCharsetPage) {
+        m_lastCharset = charset;
+        m_pLastCharsetPage = &PageOfCharset(charset < 0 ? DEFAULT_CHARSET : charset, *m_pDefaultPage);
+    }
+    SetPage(*m_pLastCharsetPage);
 }
 
 // The byte that ends the region of text the decoder is in.
@@ -612,34 +618,44 @@ std::size_t COldTextUtf8Decoder::DecodeFontHead(std::string_view piece, std::siz
 {
     // Every font command of the text passes here: its head is gathered in a
     // small block and appended once, not a character at a time. A byte is at
-    // most two bytes of UTF-8.
+    // most two bytes of UTF-8, and the block is emptied before it could not
+    // take two more. ASCII is tested first: only a byte past it can be a
+    // character set code. The offset and the character set are worked on in
+    // locals and stored once, where the head or the piece ends.
     char utf8[64];
     std::size_t cb = 0;
-    for (; i < piece.size(); ++i, ++m_cmdOffset) {
-        const unsigned char b = static_cast<unsigned char>(piece[i]);
-        if (b == static_cast<unsigned char>(CDocCmd::chCmdEnd)) {
-            SetPageOfCharset(m_headCharset);
-            break;
-        }
+    const char* const p = piece.data();
+    std::size_t offset = m_cmdOffset;
+    int headCharset = m_headCharset;
+    bool bHeadEnded = false;
+    for (; i < piece.size(); ++i, ++offset) {
         if (cb + 2 > sizeof utf8) {
             out.append(utf8, cb);
             cb = 0;
         }
-        if (b < 0x80) {
-            utf8[cb++] = static_cast<char>(b);
-        } else {
+        const unsigned char b = static_cast<unsigned char>(p[i]);
+        if (b >= 0x80) {
             utf8[cb++] = static_cast<char>(0xC0 | (b >> 6));
             utf8[cb++] = static_cast<char>(0x80 | (b & 0x3F));
+            if (headCharset < 0 && IsCharsetCodeAt(offset, b)) headCharset = CharsetOfCode(b);
+            continue;
         }
-        if (m_cmdOffset < static_cast<std::size_t>(CFontCmd::posAttributes)) continue;
-        if (b == static_cast<unsigned char>(CFontCmd::chFaceSeparator)) {
-            SetPageOfCharset(m_headCharset);
+        if (b == static_cast<unsigned char>(CDocCmd::chCmdEnd)) {
+            bHeadEnded = true;
+            break;
+        }
+        utf8[cb++] = static_cast<char>(b);
+        if (b == static_cast<unsigned char>(CFontCmd::chFaceSeparator) &&
+            offset >= static_cast<std::size_t>(CFontCmd::posAttributes)) {
+            bHeadEnded = true;
             m_region = Region::fontFace;
             ++i;
             break;
         }
-        if (m_headCharset < 0 && IsCharsetCodeAt(m_cmdOffset, b)) m_headCharset = CharsetOfCode(b);
     }
+    m_cmdOffset = offset;
+    m_headCharset = headCharset;
+    if (bHeadEnded) SetPageOfCharset(headCharset);
     out.append(utf8, cb);
     return i;
 }

@@ -79,6 +79,8 @@ private:
     std::size_t m_cmdOffset = 0;  // bytes of the font command before the next one
     int m_headCharset = -1;       // the first character set code of the font command's head; -1: none yet
     int m_pendingLead = -1;       // a lead byte whose trail byte has not come yet; -1: none
+    int m_lastCharset = -1;       // SetPageOfCharset's last question and answer
+    const CCodePage* m_pLastCharsetPage = nullptr;
     HighByte m_high[128] = {};
 };
 

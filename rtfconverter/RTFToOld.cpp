@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstring>
 #include <new>
+#include <typeinfo>
+#include <utility>
 
 #include "hostlibs/VQLogger.h"
 #include "rtfconverter/ByteScan.h"
@@ -1009,8 +1011,11 @@ void CRTFImport::StripMarkup(CString& s)
         return;
     const char* p = s.GetString();
     const bool bTrailing17 = p[len - 1] == '\x17';
+    // Written into a block of the input's length, which the output never
+    // exceeds, and measured once at the end.
     CString out;
-    out.Preallocate(len);
+    char* pOut = out.GetBufferSetLength(len);
+    int cchOut = 0;
     for (int i = 0; i < len; ++i) {
         const unsigned char b = static_cast<unsigned char>(p[i]);
         if (b == 0x01) {
@@ -1018,14 +1023,15 @@ void CRTFImport::StripMarkup(CString& s)
                 ++i;
             ++i;  // the closing 0x02, or past the end
         } else if (b < 0x20 && b != 0x09) {
-            out += ' ';
+            pOut[cchOut++] = ' ';
         } else {
-            out += static_cast<char>(b);
+            pOut[cchOut++] = static_cast<char>(b);
         }
     }
-    if (bTrailing17 && !out.IsEmpty())
-        out.Delete(out.GetLength() - 1);
-    s = out;
+    if (bTrailing17 && cchOut > 0)
+        --cchOut;
+    out.ReleaseBuffer(cchOut);
+    s = std::move(out);
 }
 
 // ============================================================================
@@ -1500,23 +1506,60 @@ void CRTFPtrImport::SkipAhead(std::size_t cb)
 // CRTFStreamImport: an IStream through a read buffer with history
 // ============================================================================
 
-CRTFStreamImport::CRTFStreamImport(IStream* pStream) : m_pStream(pStream)
+CRTFStreamImport::CRTFStreamImport(IStream* pStream) : CByteCursor(nullptr, 0), m_pStream(pStream)
 {
     m_pBase = m_strBuffer.GetBufferSetLength(nReadBufferSize);
     VQASSERT(NULL != m_pBase);
     m_pCur = m_pMark = m_pEnd = m_pBase;
 }
 
+// Only this very class: one derived from it may read m_pCur itself, or have
+// replaced any of the operations.
+CByteCursor* CRTFStreamImport::StockCursor()
+{
+    TakeFromCursor();
+    m_bCursorLive = typeid(*this) == typeid(CRTFStreamImport);
+    GiveToCursor();
+    return m_bCursorLive ? this : nullptr;
+}
+
+void CRTFStreamImport::TakeFromCursor()
+{
+    if (!m_bCursorLive)
+        return;
+    m_pCur = m_pBase + (m_pRead - m_pData);
+    m_pMark = m_pBase + (CByteCursor::m_pMark - m_pData);
+}
+
+// The cursor spans the whole read buffer, history included, so that its
+// rewinds stop where this class's own do.
+void CRTFStreamImport::GiveToCursor()
+{
+    if (!m_bCursorLive)
+        return;
+    m_pData = reinterpret_cast<const unsigned char*>(m_pBase);
+    m_cbData = static_cast<unsigned long>(m_pEnd - m_pBase);
+    m_pRead = m_pData + (m_pCur - m_pBase);
+    CByteCursor::m_pMark = m_pData + (m_pMark - m_pBase);
+}
+
 long CRTFStreamImport::Get(char& ch)
 {
+    if (m_bCursorLive && m_pRead < m_pData + m_cbData) {
+        ch = static_cast<char>(*m_pRead++);
+        return S_OK;
+    }
+    TakeFromCursor();
     if (m_pCur >= m_pEnd) {
         const long hr = ReadNewBuffer();
         if (hr < 0) {
             m_bInputExhausted = true;
+            GiveToCursor();
             return hr;
         }
     }
     ch = *m_pCur++;
+    GiveToCursor();
     return S_OK;
 }
 
@@ -1560,6 +1603,14 @@ long CRTFStreamImport::RefillBuffer()
 // \bin data.
 long CRTFStreamImport::Get(int n, unsigned char* pDest)
 {
+    TakeFromCursor();
+    const long hr = GetBlock(n, pDest);
+    GiveToCursor();
+    return hr;
+}
+
+long CRTFStreamImport::GetBlock(int n, unsigned char* pDest)
+{
     if (n < 0) {
         // A negative count would move the read position backwards, out of
         // the buffer: the input ends here instead.
@@ -1587,25 +1638,35 @@ long CRTFStreamImport::Get(int n, unsigned char* pDest)
 
 void CRTFStreamImport::MarkBacktrack(int n)
 {
+    TakeFromCursor();
     m_pMark = n > m_pCur - m_pBase ? m_pBase : m_pCur - n;
+    GiveToCursor();
 }
 
 // Clamped to the buffer: after reads that failed at the end of the stream the
 // tokenizer may rewind by more bytes than it actually took.
 void CRTFStreamImport::Backtrack(int n)
 {
+    TakeFromCursor();
     if (n == -1)
         m_pCur = m_pMark;
     else
         m_pCur = n > m_pCur - m_pBase ? m_pBase : m_pCur - n;
+    GiveToCursor();
 }
 
 const char* CRTFStreamImport::RunAhead(std::size_t& cb) const
 {
-    cb = m_pCur < m_pEnd ? static_cast<std::size_t>(m_pEnd - m_pCur) : 0;
-    return m_pCur;
+    const char* pCur = ReadPosition();
+    cb = pCur < m_pEnd ? static_cast<std::size_t>(m_pEnd - pCur) : 0;
+    return pCur;
 }
 
-void CRTFStreamImport::SkipAhead(std::size_t cb) { m_pCur += cb; }
+void CRTFStreamImport::SkipAhead(std::size_t cb)
+{
+    TakeFromCursor();
+    m_pCur += cb;
+    GiveToCursor();
+}
 
 } // namespace rtf_converter

@@ -303,6 +303,14 @@ protected:
     bool KeepsStateBetweenGroups();
 
     bool TranslateLosslessKeyword(const char* szKeyword, int param, bool& bResult);
+    // The pieces of TranslateLosslessKeyword: the bookkeeping of every word
+    // and the turning away inline, the rest out of line.
+    inline bool NoteLosslessWord(const char* szKeyword);
+    void NoteFirstKeyword(const char* szKeyword);
+    bool TranslateFirstKeyword(const char* szKeyword, int param);
+    const LosslessKeyword* LosslessRowFor(const char* szKeyword) const;
+    bool TranslateLosslessCandidate(const char* szKeyword, int param);
+    bool RunLosslessKeyword(const LosslessKeyword& row, const char* szKeyword, int param);
     bool AppendTextKeepingCharset(char ch);
     bool AppendUnicode(char32_t cp);
     bool AppendInCharset(const unsigned char* pb, int cb, int charset);
@@ -425,7 +433,7 @@ protected:
     std::size_t m_ichMark = 0;
 };
 
-class RTFCONV_API CRTFStreamImport : public CRTFImportToPtr {
+class RTFCONV_API CRTFStreamImport : public CRTFImportToPtr, private CByteCursor {
 public:
     // Reads from the stream's current position. The stream is not owned: it
     // is neither AddRef'd nor released.
@@ -437,7 +445,7 @@ public:
 
     // The bytes of the stream read so far; after the last Read, where the
     // document ended.
-    std::size_t BytesConsumed() const { return m_cbStreamRead - static_cast<std::size_t>(m_pEnd - m_pCur); }
+    std::size_t BytesConsumed() const { return m_cbStreamRead - static_cast<std::size_t>(m_pEnd - ReadPosition()); }
 
 protected:
     long Get(char& ch) override;
@@ -447,6 +455,9 @@ protected:
     // The bytes of the current block: a run never crosses a refill.
     const char* RunAhead(std::size_t& cb) const override;
     void SkipAhead(std::size_t cb) override;
+    // This very class lets the parse loop move its read position and mark
+    // within the read buffer; a class derived from it gets every call.
+    CByteCursor* StockCursor() override;
 
     long ReadNewBuffer();
     // Keeps the history before the read position and reads the next block.
@@ -460,6 +471,20 @@ protected:
     char* m_pEnd = nullptr;
     bool m_bEof = false;
     std::size_t m_cbStreamRead = 0;  // what the stream has given
+
+private:
+    // Once StockCursor has handed the cursor to the parse loop, the read
+    // position and the mark live in the cursor: each operation here takes
+    // them into m_pCur and m_pMark first and gives them back after.
+    const char* ReadPosition() const
+    {
+        return m_bCursorLive ? reinterpret_cast<const char*>(m_pRead) : m_pCur;
+    }
+    void TakeFromCursor();
+    void GiveToCursor();
+    // Get(n, pDest) on m_pCur.
+    long GetBlock(int n, unsigned char* pDest);
+    bool m_bCursorLive = false;
 };
 
 } // namespace rtf_converter

@@ -12,6 +12,14 @@
 #include "rtfconverter/KeywordIndex.h"
 #include "rtfconverter/RTFToOld.h"
 
+// Kept out of line where a rare path inlined would cost every call of the
+// caller its saved registers.
+#if defined(__GNUC__)
+#define RTFCONV_OUT_OF_LINE __attribute__((noinline))
+#else
+#define RTFCONV_OUT_OF_LINE
+#endif
+
 namespace rtf_converter {
 
 namespace {
@@ -139,15 +147,7 @@ CString HyperlinkTarget(const CString& inst)
 // Keywords the core's table does not know, or reads otherwise
 // ============================================================================
 
-struct CRTFImport::LosslessKeyword {
-    const char* szKeyword;
-    bool (CRTFImport::*pfnHandler)(const void* pKeyword, int param);
-    bool bInSkipped;  // honoured inside skipped groups too
-};
-
 namespace {
-
-using LK = CRTFImport;
 
 // The lossless rows, found through the core's keyword index: most control
 // words are in no row, and the index turns them away cheaply.
@@ -166,26 +166,22 @@ public:
             m_firstBytes[bit / 64] |= std::uint64_t(1) << (bit % 64);
         }
     }
-    const Row* Find(const char* szKeyword) const
+    const Row* Find(const char* szKeyword) const { return MayHold(szKeyword) ? FindInIndex(szKeyword) : nullptr; }
+    // False for nearly every word that is in no row; true for every word in one.
+    bool MayHold(const char* szKeyword) const
     {
         const unsigned bit = FirstBytesBit(szKeyword);
-        if ((m_firstBytes[bit / 64] & (std::uint64_t(1) << (bit % 64))) == 0)
-            return nullptr;
-        return FindInIndex(szKeyword);
+        return (m_firstBytes[bit / 64] & (std::uint64_t(1) << (bit % 64))) != 0;
     }
-
-private:
     // Out of line, so that the words turned away cost the caller no saved
     // registers.
-#if defined(__GNUC__)
-    __attribute__((noinline))
-#endif
-    const Row* FindInIndex(const char* szKeyword) const
+    RTFCONV_OUT_OF_LINE const Row* FindInIndex(const char* szKeyword) const
     {
         const int i = m_index.Find(szKeyword);
         return i < 0 ? nullptr : &m_rows[static_cast<std::size_t>(i)];
     }
 
+private:
     static constexpr unsigned cBits = 4096;
     // A bit for the word's first byte and the one after it (NUL for a word of
     // one byte, and nothing read past it); words sharing a bit are told apart
@@ -203,6 +199,62 @@ private:
 };
 
 } // namespace
+
+struct CRTFImport::LosslessKeyword {
+    const char* szKeyword;
+    bool (CRTFImport::*pfnHandler)(const void* pKeyword, int param);
+    bool bInSkipped;  // honoured inside skipped groups too
+
+    // The rows; a member, so that they may name the reader's protected
+    // handlers.
+    static const CLosslessKeywordTable<LosslessKeyword>& Table() { return s_table; }
+
+private:
+    // Built when the library loads, so that no word has to ask whether it is
+    // built yet.
+    static const CLosslessKeywordTable<LosslessKeyword> s_table;
+};
+
+using LK = CRTFImport;
+
+const CLosslessKeywordTable<CRTFImport::LosslessKeyword> CRTFImport::LosslessKeyword::s_table = [] {
+    std::vector<LosslessKeyword> rows = {
+        {"\n", &LK::ApplyCRCommand, false},
+        {"\r", &LK::ApplyCRCommand, false},
+        {"ansi", &LK::SetDocumentCodePage, false},
+        {"ansicpg", &LK::SetDocumentCodePage, false},
+        {"mac", &LK::SetDocumentCodePage, false},
+        {"pc", &LK::SetDocumentCodePage, false},
+        {"pca", &LK::SetDocumentCodePage, false},
+        {"u", &LK::ReadUnicodeChar, false},
+        {"uc", &LK::SetUnicodeSkip, false},
+        {"super", &LK::SwitchSuperSub, false},
+        {"sub", &LK::SwitchSuperSub, false},
+        {"nosupersub", &LK::SwitchSuperSub, false},
+        {"bin", &LK::SkipBinaryEvenWhenSkipping, true},
+        {"nestcell", &LK::ApplyTabCommand, false},
+        {"nestrow", &LK::ApplyCRCommand, false},
+        {"nonesttables", &LK::IgnoreDestination, false},
+        {"nesttableprops", &LK::ReadDestinationAsText, false},
+        // List definitions are never text, even outside their table.
+        {"list", &LK::IgnoreDestination, false},
+        {"listoverride", &LK::IgnoreDestination, false},
+        // Table-of-contents and index entries mark text for fields; they
+        // are never shown where they stand.
+        {"tc", &LK::IgnoreDestination, false},
+        {"xe", &LK::IgnoreDestination, false},
+        {"trowd", &LK::ApplyStartRowOnce, false},
+        {"intbl", &LK::ApplyStartRowOnce, false},
+        {"row", &LK::ApplyEndRowOfRow, false},
+        {"field", &LK::FieldInitKeepingOuter, false},
+        {"fldrslt", &LK::FieldResultKeepingMarkupOut, false},
+        {"f", &LK::GetFontNumKeepingCharset, false},
+        {"plain", &LK::ApplyPlainKeepingCharset, false},
+    };
+    for (const SpecialChar& special : kSpecialChars)
+        rows.push_back({special.szKeyword, &LK::InsertUnicodeSpecial, false});
+    return CLosslessKeywordTable<LosslessKeyword>(std::move(rows));
+}();
 
 // The core stops where the outermost group closes: a document ends there, a
 // fragment goes on with its next group. Each Parse call reads at least one
@@ -228,72 +280,77 @@ bool CRTFImport::KeepsStateBetweenGroups()
     return true;
 }
 
+// Every control word passes here, and most are in no lossless row: the
+// bookkeeping and the turning away are inline and end in a jump to the
+// core's lookup, with nothing kept in registers across a call.
 bool CRTFImport::TranslateKeyword(const char* szKeyword, int param)
 {
-    bool bResult = true;
-    if (m_bLossless && TranslateLosslessKeyword(szKeyword, param, bResult))
-        return bResult;
+    if (m_bLossless) {
+        if (!m_bFirstKeywordSeen)
+            return TranslateFirstKeyword(szKeyword, param);
+        if (!NoteLosslessWord(szKeyword))
+            return true;
+        if (LosslessKeyword::Table().MayHold(szKeyword))
+            return TranslateLosslessCandidate(szKeyword, param);
+    }
     return CBaseRTFParser::TranslateKeyword(szKeyword, param);
 }
 
 bool CRTFImport::TranslateLosslessKeyword(const char* szKeyword, int param, bool& bResult)
 {
-    if (!m_bFirstKeywordSeen) {
-        m_bFirstKeywordSeen = true;
-        m_bRtfDocument = m_cGroup == 1 && std::strcmp(szKeyword, "rtf") == 0;
-    }
-    // \* marks an optional destination only as the first thing in a group;
-    // elsewhere it is meaningless, and the core would hide the rest of the
-    // group at the next keyword it does not know.
+    if (!NoteLosslessWord(szKeyword))
+        return true;
+    const LosslessKeyword* pRow = LosslessRowFor(szKeyword);
+    if (!pRow)
+        return false;
+    bResult = RunLosslessKeyword(*pRow, szKeyword, param);
+    return true;
+}
+
+// False for a \* to be ignored. \* marks an optional destination only as
+// the first thing in a group; elsewhere it is meaningless, and the core would
+// hide the rest of the group at the next keyword it does not know.
+inline bool CRTFImport::NoteLosslessWord(const char* szKeyword)
+{
+    if (!m_bFirstKeywordSeen)
+        NoteFirstKeyword(szKeyword);
     const bool bAtGroupStart = m_bAtGroupStart;
     m_bAtGroupStart = false;
-    if (szKeyword[0] == '*' && szKeyword[1] == '\0' && !bAtGroupStart)
-        return true;
-    static const CLosslessKeywordTable<LosslessKeyword> s_index = [] {
-        std::vector<LosslessKeyword> rows = {
-            {"\n", &LK::ApplyCRCommand, false},
-            {"\r", &LK::ApplyCRCommand, false},
-            {"ansi", &LK::SetDocumentCodePage, false},
-            {"ansicpg", &LK::SetDocumentCodePage, false},
-            {"mac", &LK::SetDocumentCodePage, false},
-            {"pc", &LK::SetDocumentCodePage, false},
-            {"pca", &LK::SetDocumentCodePage, false},
-            {"u", &LK::ReadUnicodeChar, false},
-            {"uc", &LK::SetUnicodeSkip, false},
-            {"super", &LK::SwitchSuperSub, false},
-            {"sub", &LK::SwitchSuperSub, false},
-            {"nosupersub", &LK::SwitchSuperSub, false},
-            {"bin", &LK::SkipBinaryEvenWhenSkipping, true},
-            {"nestcell", &LK::ApplyTabCommand, false},
-            {"nestrow", &LK::ApplyCRCommand, false},
-            {"nonesttables", &LK::IgnoreDestination, false},
-            {"nesttableprops", &LK::ReadDestinationAsText, false},
-            // List definitions are never text, even outside their table.
-            {"list", &LK::IgnoreDestination, false},
-            {"listoverride", &LK::IgnoreDestination, false},
-            // Table-of-contents and index entries mark text for fields; they
-            // are never shown where they stand.
-            {"tc", &LK::IgnoreDestination, false},
-            {"xe", &LK::IgnoreDestination, false},
-            {"trowd", &LK::ApplyStartRowOnce, false},
-            {"intbl", &LK::ApplyStartRowOnce, false},
-            {"row", &LK::ApplyEndRowOfRow, false},
-            {"field", &LK::FieldInitKeepingOuter, false},
-            {"fldrslt", &LK::FieldResultKeepingMarkupOut, false},
-            {"f", &LK::GetFontNumKeepingCharset, false},
-            {"plain", &LK::ApplyPlainKeepingCharset, false},
-        };
-        for (const SpecialChar& special : kSpecialChars)
-            rows.push_back({special.szKeyword, &LK::InsertUnicodeSpecial, false});
-        return CLosslessKeywordTable<LosslessKeyword>(std::move(rows));
-    }();
+    return !(szKeyword[0] == '*' && szKeyword[1] == '\0' && !bAtGroupStart);
+}
 
-    const LosslessKeyword* pRow = s_index.Find(szKeyword);
-    if (!pRow || (m_rds == rdsSkip && !pRow->bInSkipped))
-        return false;
+void CRTFImport::NoteFirstKeyword(const char* szKeyword)
+{
+    m_bFirstKeywordSeen = true;
+    m_bRtfDocument = m_cGroup == 1 && std::strcmp(szKeyword, "rtf") == 0;
+}
+
+RTFCONV_OUT_OF_LINE bool CRTFImport::TranslateFirstKeyword(const char* szKeyword, int param)
+{
+    NoteFirstKeyword(szKeyword);
+    return CRTFImport::TranslateKeyword(szKeyword, param);
+}
+
+// The row that takes the word here; null when the core's table does.
+const CRTFImport::LosslessKeyword* CRTFImport::LosslessRowFor(const char* szKeyword) const
+{
+    const LosslessKeyword* pRow = LosslessKeyword::Table().Find(szKeyword);
+    return pRow && (m_rds != rdsSkip || pRow->bInSkipped) ? pRow : nullptr;
+}
+
+// Out of line, for the reason TranslateKeyword gives.
+RTFCONV_OUT_OF_LINE bool CRTFImport::TranslateLosslessCandidate(const char* szKeyword, int param)
+{
+    const LosslessKeyword* pRow = LosslessRowFor(szKeyword);
+    if (!pRow)
+        return CBaseRTFParser::TranslateKeyword(szKeyword, param);
+    return RunLosslessKeyword(*pRow, szKeyword, param);
+}
+
+bool CRTFImport::RunLosslessKeyword(const LosslessKeyword& row, const char* szKeyword, int param)
+{
     m_bOptionalDest = false;
-    bResult = (this->*pRow->pfnHandler)(szKeyword, param);
-    return true;
+    return (this->*row.pfnHandler)(szKeyword, param);
 }
 
 // The raw bytes of \binN would otherwise be read as RTF, and a brace among

@@ -333,6 +333,65 @@ TEST(ImportRuns, ADerivedReaderThatHandsRunsBackSeesEveryByte)
     EXPECT_EQ(all.find("text"), std::string::npos) << all;
 }
 
+// A host's stream reader that watches its source: derived from the stock
+// class, it is not read through the parse loop's own cursor, and so must get
+// every mark and every offer of bytes ahead.
+class CWatchedStreamReader : public CStreamRunReader {
+public:
+    using CRTFStreamImport::CRTFStreamImport;
+    int cMarks = 0;
+    int cOffers = 0;
+
+protected:
+    void MarkBacktrack(int n) override
+    {
+        ++cMarks;
+        CStreamRunReader::MarkBacktrack(n);
+    }
+    const char* RunAhead(std::size_t& cb) const override
+    {
+        ++const_cast<CWatchedStreamReader*>(this)->cOffers;
+        return CStreamRunReader::RunAhead(cb);
+    }
+};
+
+// Each Read's bytes and the read position after it.
+template <class TReader>
+std::vector<std::string> ReadsAndPositions(TReader& reader, std::size_t cb)
+{
+    reader.SetLossless(true);
+    std::vector<std::string> steps;
+    std::vector<char> buffer(cb);
+    bool bMore = true;
+    while (bMore && steps.size() < 100000) {
+        const int n = reader.Read(buffer.data(), buffer.data() + buffer.size(), bMore);
+        steps.push_back(std::string(buffer.data(), static_cast<std::size_t>(n)) + "@" +
+                        std::to_string(reader.BytesConsumed()));
+    }
+    return steps;
+}
+
+TEST(ImportRuns, TheStockStreamReaderReadsAsADerivedOneThatGetsEveryCall)
+{
+    std::vector<std::string> docs(std::begin(kDocuments), std::end(kDocuments));
+    std::string words;
+    for (int i = 0; i < 3000; ++i)
+        words += i % 7 == 0 ? "\\b w\\b0 {\\i x}" : "word ";
+    docs.push_back("{\\rtf1 " + words + "\\par}");  // crosses the stream's blocks
+    for (const std::string& rtf : docs) {
+        for (std::size_t cb : {std::size_t(1), std::size_t(9), std::size_t(64), std::size_t(65536)}) {
+            CTestReadStream stockStream(rtf), watchedStream(rtf);
+            CStreamRunReader stock(&stockStream);
+            CWatchedStreamReader watched(&watchedStream);
+            SCOPED_TRACE(rtf.substr(0, 60) + " at " + std::to_string(cb));
+            const std::vector<std::string> expected = ReadsAndPositions(watched, cb);
+            EXPECT_EQ(ReadsAndPositions(stock, cb), expected);
+            EXPECT_GE(watched.cMarks, static_cast<int>(expected.size()));
+            EXPECT_GT(watched.cOffers, 0);
+        }
+    }
+}
+
 // A host's reader that saves more per group, in a record of its own made the
 // default way: the group state must still be saved into it.
 class CHostSaveReader : public CRunReader {
