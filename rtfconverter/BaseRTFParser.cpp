@@ -12,7 +12,8 @@ namespace rtf_converter {
 
 #define RTF_CMD(kw, handler) {kw, &CBaseRTFParser::handler}
 
-const CBaseRTFParser::tagCMDASSN CBaseRTFParser::s_Cmds[CBaseRTFParser::cCmds] = {
+// constexpr, so that the compiler builds the index over it (KeywordIndex).
+constexpr CBaseRTFParser::tagCMDASSN CBaseRTFParser::s_Cmds[CBaseRTFParser::cCmds] = {
     RTF_CMD("pard", ApplyParCommand),                      // 0
     RTF_CMD("par", ApplyCRCommand),
     RTF_CMD("line", ApplyNLCommand),
@@ -123,9 +124,11 @@ inline bool IsKeyword(const void* pKeyword, const char* sz)
 
 } // namespace
 
+// Built by the compiler: a lookup, made for every control word, needs no
+// test that the index has been built.
 const CKeywordIndex& CBaseRTFParser::KeywordIndex()
 {
-    static const CKeywordIndex s_index = [] {
+    static constexpr CKeywordIndex s_index = [] {
         CKeywordIndex index;
         for (int row = 0; row < cCmds; ++row)
             index.Add(s_Cmds[row].szKeyword, row);
@@ -242,19 +245,7 @@ bool CBaseRTFParser::PopRtfState()
 
 // --- dispatch
 
-bool CBaseRTFParser::TranslateKeyword(const char* szKeyword, int param)
-{
-    // Inside a skipped destination nothing is looked up: neither \' escapes
-    // nor \bin counts are honoured there, and \* is not marked.
-    if (m_rds == rdsSkip)
-        return true;
-
-    const KeywordKey* pKey = TokenWordKey(szKeyword);
-    const int row = pKey ? KeywordIndex().Find(*pKey) : FindKeyword(szKeyword);
-    return TranslateKeywordAt(row, szKeyword, param);
-}
-
-bool CBaseRTFParser::TranslateKeywordAt(int row, const char* szKeyword, int param)
+inline bool CBaseRTFParser::DispatchRow(int row, const char* szKeyword, int param)
 {
     if (row >= 0) {
         m_bOptionalDest = false;
@@ -265,6 +256,24 @@ bool CBaseRTFParser::TranslateKeywordAt(int row, const char* szKeyword, int para
         m_rds = rdsSkip;
     }
     return true;
+}
+
+bool CBaseRTFParser::TranslateKeyword(const char* szKeyword, int param)
+{
+    // Inside a skipped destination nothing is looked up: neither \' escapes
+    // nor \bin counts are honoured there, and \* is not marked.
+    if (m_rds == rdsSkip)
+        return true;
+
+    const KeywordKey* pKey = TokenWordKey(szKeyword);
+    if (!pKey)
+        return TranslateKeywordAt(FindKeyword(szKeyword), szKeyword, param);
+    return DispatchRow(KeywordIndex().Find(*pKey), szKeyword, param);
+}
+
+bool CBaseRTFParser::TranslateKeywordAt(int row, const char* szKeyword, int param)
+{
+    return DispatchRow(row, szKeyword, param);
 }
 
 bool CBaseRTFParser::EndGroupAction(RDS rdsOld, RDS rdsNew)

@@ -157,6 +157,8 @@ protected:
     CBaseRTFParserSave* m_pSave = nullptr;
 
 private:
+    // TranslateKeywordAt's work, inlined where TranslateKeyword makes it.
+    inline bool DispatchRow(int row, const char* szKeyword, int param);
     static void AddRefSave(CBaseRTFParserSave* pSave);
     static void ReleaseSave(CBaseRTFParserSave* pSave);
 };
