@@ -202,9 +202,9 @@ public:
         m_cursor.m_pRead += cb < cbLeft ? cb : cbLeft;
     }
     void MarkHere() { m_cursor.m_pMark = m_cursor.m_pRead; }
-    // A stock reader's ParseRun is its ParseChar over each byte, so a run
-    // of text goes to it whole, its first byte included.
-    static constexpr bool bTakesText = true;
+    // The stock reader's Get only steps over the byte it gives, so the loop
+    // reads the first byte of a run of text itself too.
+    static constexpr bool bReadsText = true;
 
 private:
     CByteCursor& m_cursor;
@@ -218,9 +218,9 @@ public:
     const char* Ahead(std::size_t& cb) const { return m_parser.RunAhead(cb); }
     void Skip(std::size_t cb) { m_parser.SkipAhead(cb); }
     void MarkHere() { m_parser.MarkBacktrack(0); }
-    // A run's first byte goes through Get and ParseChar, as a derived reader
-    // overriding them expects.
-    static constexpr bool bTakesText = false;
+    // A run's first byte goes through Get, as a derived reader overriding it
+    // expects.
+    static constexpr bool bReadsText = false;
 
 private:
     CRTFParser& m_parser;
@@ -302,8 +302,8 @@ bool CRTFParser::ParseByte(char ch)
 // The bytes that shape the document, one after another, taken from the
 // source's offer without a Get each: what ParseByte does with them, the read
 // position moved as Get would have moved it. NUL is left to Get, and so is
-// text, so that the first byte of a run still reaches ParseChar, unless the
-// source is a stock reader's cursor (CCursorSource::bTakesText).
+// text unless the source is a stock reader's cursor
+// (CCursorSource::bReadsText).
 template <class TSource>
 CRTFParser::Step CRTFParser::ParseStructureAhead(TSource source)
 {
@@ -344,14 +344,12 @@ CRTFParser::Step CRTFParser::ParseStructureAhead(TSource source)
         case '\0':
             return Step::other;
         default:
-            if (!TSource::bTakesText || m_cGroup < 1)
+            // What ParseByte does with a byte of text, its Get spared.
+            if (!TSource::bReadsText || m_cGroup < 1)
                 return Step::other;
-            if (!ParseOrdinaryRun())
+            source.Skip(1);
+            if (!ParseChar(p[0]) || !ParseOrdinaryRun())
                 return Step::refused;
-            // A run's handler that took nothing would leave the loop here
-            // forever; Get then takes the byte.
-            if (source.Ahead(cb) == p)
-                return Step::other;
             break;
         }
         if (m_cGroup < 1)

@@ -603,8 +603,8 @@ TEST(KeywordLookup, KeysMadeFromScannedBytesFindWhatTheTextFinds)
 namespace {
 
 // A host's reader derived from a stock one that watches the source handlers
-// the parse loop may take over for the stock class itself, and the first
-// byte of each run of text, which a stock reader's loop hands to ParseRun.
+// the parse loop may take over for the stock class itself, Get among them
+// (a stock reader's loop reads the first byte of a run of text itself).
 template <class TReader>
 class CWatchedSource : public TReader {
 public:
