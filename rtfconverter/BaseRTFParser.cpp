@@ -276,9 +276,9 @@ void* CBaseRTFParser::CBaseRTFParserSave::operator new(std::size_t cb, std::alig
     return ::operator new(cb, align, std::nothrow);
 }
 
-void CBaseRTFParser::CBaseRTFParserSave::operator delete(void* p, std::size_t cb, std::align_val_t align) noexcept
+void CBaseRTFParser::CBaseRTFParserSave::operator delete(void* p, std::size_t, std::align_val_t align) noexcept
 {
-    ::operator delete(p, cb, align);
+    ::operator delete(p, align);
 }
 
 void CBaseRTFParser::CBaseRTFParserSave::operator delete(void* p, std::align_val_t align, const std::nothrow_t&) noexcept
