@@ -12,7 +12,8 @@ namespace rtf_converter {
 
 #define RTF_CMD(kw, handler) {kw, &CBaseRTFParser::handler}
 
-const CBaseRTFParser::tagCMDASSN CBaseRTFParser::s_Cmds[CBaseRTFParser::cCmds] = {
+// constexpr, so that the compiler builds the index over it (KeywordIndex).
+constexpr CBaseRTFParser::tagCMDASSN CBaseRTFParser::s_Cmds[CBaseRTFParser::cCmds] = {
     RTF_CMD("pard", ApplyParCommand),                      // 0
     RTF_CMD("par", ApplyCRCommand),
     RTF_CMD("line", ApplyNLCommand),
@@ -123,9 +124,11 @@ inline bool IsKeyword(const void* pKeyword, const char* sz)
 
 } // namespace
 
+// Built by the compiler: a lookup, made for every control word, needs no
+// test that the index has been built.
 const CKeywordIndex& CBaseRTFParser::KeywordIndex()
 {
-    static const CKeywordIndex s_index = [] {
+    static constexpr CKeywordIndex s_index = [] {
         CKeywordIndex index;
         for (int row = 0; row < cCmds; ++row)
             index.Add(s_Cmds[row].szKeyword, row);
@@ -137,6 +140,150 @@ const CKeywordIndex& CBaseRTFParser::KeywordIndex()
 int CBaseRTFParser::FindKeyword(const char* szKeyword)
 {
     return KeywordIndex().Find(szKeyword);
+}
+
+// --- the records of groups
+
+namespace {
+
+// The records a thread freed last, by size. A reader's records all have one
+// size, and a thread seldom runs more than a few kinds of reader; a few
+// records of each cover the groups of any depth a document goes up and down
+// by. Trivially destructible, so that it stays usable to the thread's end:
+// CSaveRecordReaper hands its blocks back to the heap when the thread ends,
+// and records freed after that go straight to the heap.
+class CSaveRecordCache {
+public:
+    void* Take(std::size_t cb)
+    {
+        for (Bin& bin : m_bins) {
+            if (bin.cb == cb && bin.pHead) {
+                FreeBlock* pBlock = bin.pHead;
+                bin.pHead = pBlock->pNext;
+                --bin.cBlocks;
+                return pBlock;
+            }
+        }
+        return nullptr;
+    }
+    // False when the block is not kept (the caller frees it).
+    bool Keep(void* p, std::size_t cb)
+    {
+        if (m_bClosed || cb < sizeof(FreeBlock))
+            return false;
+        Bin* pBin = FindBin(cb);
+        if (!pBin || pBin->cBlocks == cMaxBlocks)
+            return false;
+        if (!m_bReaperSet && !SetReaper())
+            return false;
+        pBin->cb = cb;
+        pBin->pHead = new (p) FreeBlock{pBin->pHead};
+        ++pBin->cBlocks;
+        return true;
+    }
+    void Close()
+    {
+        m_bClosed = true;
+        for (Bin& bin : m_bins) {
+            while (bin.pHead) {
+                FreeBlock* pNext = bin.pHead->pNext;
+                ::operator delete(bin.pHead);
+                bin.pHead = pNext;
+            }
+            bin.cBlocks = 0;
+        }
+    }
+
+private:
+    struct FreeBlock {
+        FreeBlock* pNext;
+    };
+    struct Bin {
+        std::size_t cb;
+        FreeBlock* pHead;
+        int cBlocks;
+    };
+    static constexpr int cMaxBlocks = 32;
+
+    // The bin of that size, or an empty one to take it.
+    Bin* FindBin(std::size_t cb)
+    {
+        Bin* pEmpty = nullptr;
+        for (Bin& bin : m_bins) {
+            if (bin.cb == cb)
+                return &bin;
+            if (!pEmpty && bin.cBlocks == 0)
+                pEmpty = &bin;
+        }
+        return pEmpty;
+    }
+    bool SetReaper();
+
+    Bin m_bins[4];
+    bool m_bReaperSet;
+    bool m_bClosed;
+};
+
+thread_local CSaveRecordCache t_saveRecords;
+
+struct CSaveRecordReaper {
+    ~CSaveRecordReaper() { t_saveRecords.Close(); }
+};
+
+// The reaper's destructor is registered when the thread first touches it,
+// which is before the first block is kept.
+bool CSaveRecordCache::SetReaper()
+{
+    thread_local CSaveRecordReaper s_reaper;
+    (void)s_reaper;
+    m_bReaperSet = true;
+    return true;
+}
+
+} // namespace
+
+void* CBaseRTFParser::CBaseRTFParserSave::operator new(std::size_t cb)
+{
+    void* p = t_saveRecords.Take(cb);
+    return p ? p : ::operator new(cb);
+}
+
+void* CBaseRTFParser::CBaseRTFParserSave::operator new(std::size_t cb, const std::nothrow_t&) noexcept
+{
+    void* p = t_saveRecords.Take(cb);
+    return p ? p : ::operator new(cb, std::nothrow);
+}
+
+void CBaseRTFParser::CBaseRTFParserSave::operator delete(void* p, std::size_t cb) noexcept
+{
+    if (p && !t_saveRecords.Keep(p, cb))
+        ::operator delete(p);
+}
+
+void CBaseRTFParser::CBaseRTFParserSave::operator delete(void* p, const std::nothrow_t&) noexcept
+{
+    ::operator delete(p);
+}
+
+void* CBaseRTFParser::CBaseRTFParserSave::operator new(std::size_t cb, std::align_val_t align)
+{
+    return ::operator new(cb, align);
+}
+
+void* CBaseRTFParser::CBaseRTFParserSave::operator new(std::size_t cb, std::align_val_t align,
+                                                       const std::nothrow_t&) noexcept
+{
+    return ::operator new(cb, align, std::nothrow);
+}
+
+void CBaseRTFParser::CBaseRTFParserSave::operator delete(void* p, std::size_t, std::align_val_t align) noexcept
+{
+    ::operator delete(p, align);
+}
+
+void CBaseRTFParser::CBaseRTFParserSave::operator delete(void* p, std::align_val_t align, const std::nothrow_t&) noexcept
+{
+    ::operator delete(p, align);
 }
 
 // --- life cycle and the group stack
@@ -242,19 +389,7 @@ bool CBaseRTFParser::PopRtfState()
 
 // --- dispatch
 
-bool CBaseRTFParser::TranslateKeyword(const char* szKeyword, int param)
-{
-    // Inside a skipped destination nothing is looked up: neither \' escapes
-    // nor \bin counts are honoured there, and \* is not marked.
-    if (m_rds == rdsSkip)
-        return true;
-
-    const KeywordKey* pKey = TokenWordKey(szKeyword);
-    const int row = pKey ? KeywordIndex().Find(*pKey) : FindKeyword(szKeyword);
-    return TranslateKeywordAt(row, szKeyword, param);
-}
-
-bool CBaseRTFParser::TranslateKeywordAt(int row, const char* szKeyword, int param)
+inline bool CBaseRTFParser::DispatchRow(int row, const char* szKeyword, int param)
 {
     if (row >= 0) {
         m_bOptionalDest = false;
@@ -265,6 +400,24 @@ bool CBaseRTFParser::TranslateKeywordAt(int row, const char* szKeyword, int para
         m_rds = rdsSkip;
     }
     return true;
+}
+
+bool CBaseRTFParser::TranslateKeyword(const char* szKeyword, int param)
+{
+    // Inside a skipped destination nothing is looked up: neither \' escapes
+    // nor \bin counts are honoured there, and \* is not marked.
+    if (m_rds == rdsSkip)
+        return true;
+
+    const KeywordKey* pKey = TokenWordKey(szKeyword);
+    if (!pKey)
+        return TranslateKeywordAt(FindKeyword(szKeyword), szKeyword, param);
+    return DispatchRow(KeywordIndex().Find(*pKey), szKeyword, param);
+}
+
+bool CBaseRTFParser::TranslateKeywordAt(int row, const char* szKeyword, int param)
+{
+    return DispatchRow(row, szKeyword, param);
 }
 
 bool CBaseRTFParser::EndGroupAction(RDS rdsOld, RDS rdsNew)

@@ -11,6 +11,9 @@
 #pragma once
 #include "rtfconverter/Export.h"
 
+#include <cstddef>
+#include <new>
+
 #include "rtfconverter/RTFNumbering.h"
 #include "rtfconverter/RTFParser.h"
 
@@ -58,6 +61,21 @@ public:
         CBaseRTFParserSave* pNext = nullptr;  // the record below on the stack
         RDS rds = rdsNorm;                    // m_rds when the group opened
         unsigned cRef = 1;
+
+        // Records come and go with every group: each thread keeps a few of
+        // those it freed, of the sizes it uses, for the next ones, so that a
+        // group costs no trip to the heap. A derived record is allocated
+        // through these too.
+        static void* operator new(std::size_t cb);
+        static void* operator new(std::size_t cb, const std::nothrow_t&) noexcept;
+        static void operator delete(void* p, std::size_t cb) noexcept;
+        // For a record whose constructor threw after a nothrow new.
+        static void operator delete(void* p, const std::nothrow_t&) noexcept;
+        // A record aligned beyond what the heap gives anyway is not kept.
+        static void* operator new(std::size_t cb, std::align_val_t align);
+        static void* operator new(std::size_t cb, std::align_val_t align, const std::nothrow_t&) noexcept;
+        static void operator delete(void* p, std::size_t cb, std::align_val_t align) noexcept;
+        static void operator delete(void* p, std::align_val_t align, const std::nothrow_t&) noexcept;
     };
 
     typedef bool (CBaseRTFParser::*PFNHANDLER)(const void* pKeyword, int param);
@@ -157,6 +175,8 @@ protected:
     CBaseRTFParserSave* m_pSave = nullptr;
 
 private:
+    // TranslateKeywordAt's work, inlined where TranslateKeyword makes it.
+    inline bool DispatchRow(int row, const char* szKeyword, int param);
     static void AddRefSave(CBaseRTFParserSave* pSave);
     static void ReleaseSave(CBaseRTFParserSave* pSave);
 };

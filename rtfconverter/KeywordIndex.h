@@ -10,10 +10,20 @@
 
 namespace rtf_converter {
 
+#if defined(__BYTE_ORDER__)
+#define RTFCONV_LITTLE_ENDIAN (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__)
+#elif defined(_WIN32)
+#define RTFCONV_LITTLE_ENDIAN 1  // every Windows target
+#else
+#error "the keyword heads need the byte order"
+#endif
+
 // A control word as a lookup wants it: its text, its length and its first
 // eight bytes as one number (in the order memcpy puts them there), zero past
 // the end of the word. The tokenizer makes one as it reads the word, so that
 // a lookup of a word it read needs no pass over the word's bytes at all.
+// Everything here works at compile time too, so that the core's index is
+// built by the compiler and a lookup needs no test that it has been built.
 struct KeywordKey {
     const char* sz = nullptr;
     std::size_t cch = 0;
@@ -22,49 +32,37 @@ struct KeywordKey {
     // The head of a word of cch bytes from the 8 bytes at its start, as
     // memcpy puts them into a number (bytes past the word are masked off,
     // whatever they are).
-    static std::uint64_t HeadOf(std::uint64_t first8, std::size_t cch) { return first8 & HeadMask(cch); }
+    static constexpr std::uint64_t HeadOf(std::uint64_t first8, std::size_t cch) { return first8 & HeadMask(cch); }
     // The head of a one-byte word.
-    static std::uint64_t HeadOfByte(char ch)
-    {
-        const unsigned char bytes[8] = {static_cast<unsigned char>(ch)};
-        std::uint64_t head = 0;
-        std::memcpy(&head, bytes, sizeof head);
-        return head;
-    }
+    static constexpr std::uint64_t HeadOfByte(char ch) { return ByteAt(ch, 0); }
 
     // From any NUL-terminated text: measured and packed byte by byte, reading
     // nothing past its NUL.
-    static KeywordKey FromText(const char* sz)
+    static constexpr KeywordKey FromText(const char* sz)
     {
-        unsigned char head[8] = {};
-        std::size_t cch = 0;
-        for (; sz[cch] != '\0'; ++cch)
-            if (cch < sizeof head)
-                head[cch] = static_cast<unsigned char>(sz[cch]);
         KeywordKey key;
         key.sz = sz;
-        key.cch = cch;
-        std::memcpy(&key.head, head, sizeof key.head);
+        for (; sz[key.cch] != '\0'; ++key.cch)
+            if (key.cch < 8)
+                key.head |= ByteAt(sz[key.cch], key.cch);
         return key;
     }
 
 private:
-    // The bytes of a word shorter than 8 within the number, in the order
-    // memcpy put them there, whatever the machine's byte order.
-    static std::uint64_t HeadMask(std::size_t cch)
+    // Byte i of 8 where memcpy puts it within a number.
+    static constexpr std::uint64_t ByteAt(char ch, std::size_t i)
+    {
+        const std::uint64_t b = static_cast<unsigned char>(ch);
+        return RTFCONV_LITTLE_ENDIAN ? b << (8 * i) : b << (8 * (7 - i));
+    }
+    // The bytes of a word shorter than 8 within the number.
+    static constexpr std::uint64_t HeadMask(std::size_t cch)
     {
         if (cch >= 8)
             return ~std::uint64_t(0);
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-        return (std::uint64_t(1) << (8 * cch)) - 1;
-#else
-        unsigned char ones[8] = {};
-        for (std::size_t i = 0; i < cch; ++i)
-            ones[i] = 0xFF;
-        std::uint64_t mask = 0;
-        std::memcpy(&mask, ones, sizeof mask);
-        return mask;
-#endif
+        if (RTFCONV_LITTLE_ENDIAN)
+            return (std::uint64_t(1) << (8 * cch)) - 1;
+        return cch == 0 ? 0 : ~std::uint64_t(0) << (8 * (8 - cch));
     }
 };
 
@@ -81,7 +79,7 @@ public:
 
     // Enters szKeyword (1 to 255 bytes, kept by pointer) as `number` unless
     // it is in already, or the number is out of range.
-    void Add(const char* szKeyword, int number)
+    constexpr void Add(const char* szKeyword, int number)
     {
         const KeywordKey key = KeywordKey::FromText(szKeyword);
         if (number < 0 || number > maxNumber || key.cch == 0 || key.cch > 255 || Find(key) >= 0)
@@ -93,11 +91,11 @@ public:
     }
 
     // The number of szKeyword; -1 when it is not in.
-    int Find(const char* szKeyword) const { return Find(KeywordKey::FromText(szKeyword)); }
+    constexpr int Find(const char* szKeyword) const { return Find(KeywordKey::FromText(szKeyword)); }
 
-    int Find(const KeywordKey& key) const
+    constexpr int Find(const KeywordKey& key) const
     {
-        if (key.cch == 0 || key.cch > 255)
+        if (key.cch - 1 > 254)  // 0 wraps round: no word of 1 to 255 bytes
             return -1;
         for (unsigned slot = Hash(key); m_slots[slot].szKeyword; slot = (slot + 1) & (cSlots - 1)) {
             const Slot& s = m_slots[slot];
@@ -111,15 +109,15 @@ private:
     static constexpr unsigned cSlots = 512;  // a power of two, well above the rows of any table
 
     struct Slot {
-        const char* szKeyword;  // null: an empty slot
-        std::uint64_t head;
-        std::uint8_t number;
-        std::uint8_t len;
+        const char* szKeyword = nullptr;  // null: an empty slot
+        std::uint64_t head = 0;
+        std::uint8_t number = 0;
+        std::uint8_t len = 0;
     };
 
     // The bytes past the eighth, which the heads did not compare; control
     // words are short, so a loop beats a library call.
-    static bool SameTail(const char* a, const char* b, std::size_t len)
+    static constexpr bool SameTail(const char* a, const char* b, std::size_t len)
     {
         for (std::size_t i = 8; i < len; ++i)
             if (a[i] != b[i])
@@ -128,7 +126,7 @@ private:
     }
     // Multiplicative: the top bits of the product depend on every byte of
     // the head.
-    static unsigned Hash(const KeywordKey& key)
+    static constexpr unsigned Hash(const KeywordKey& key)
     {
         const std::uint64_t h = (key.head + key.cch) * 0x9E3779B97F4A7C15ull;
         return static_cast<unsigned>(h >> 55) & (cSlots - 1);

@@ -64,8 +64,8 @@ std::size_t DroppedRunLength(const char* p, std::size_t cb)
     });
 }
 
-// A control word or control symbol read straight from bytes in memory, as
-// ParseRtfKeyword would read it through Get.
+// A control word read straight from bytes in memory, as ParseRtfKeyword
+// would read it through Get.
 struct KeywordAhead {
     // Room for the longest word and its NUL, and for the 32 bytes the
     // letters are copied in.
@@ -75,9 +75,7 @@ struct KeywordAhead {
     // would wait for the writes to land) and handed on where it was made: a
     // copy of it would be written whole and read by fields, another wait.
     KeywordKey key;
-    int param = CRTFParser::noParam;
-    std::size_t cbTaken = 0;     // the bytes after the backslash it takes
-    bool bEscapedChar = false;   // \\, \{ or \}: a plain character
+    int param;
 };
 static_assert(sizeof(KeywordAhead::szKeyword) >= 32, "a word's letters are copied 32 bytes at a time");
 
@@ -92,21 +90,24 @@ inline unsigned LetterMask(__m128i v)
 #endif
 
 // Copies the letters at p into szKeyword, their key's head into head, and
-// returns how many lead the window, stopping at cchMax (the last byte of the window, or the length
-// limit): one more than the limit allows, or letters up to the window's last
-// byte, tell the caller to leave the word to the byte-by-byte path.
-std::size_t CopyLettersAhead(const char* p, std::size_t cb, char* szKeyword, std::uint64_t& head)
+// returns how many lead the window, stopping at cchMax (the last byte of the
+// window, or the length limit): one more than the limit allows, or letters up
+// to the window's last byte, tell the caller to leave the word to the
+// byte-by-byte path.
+inline std::size_t CopyLettersAhead(const char* p, std::size_t cb, char* szKeyword, std::uint64_t& head)
 {
 #if RTFCONV_SCAN_SSE2
     // With 32 bytes in the window, two blocks hold every word the limit
-    // allows and the byte after it.
+    // allows and the byte after it; most words end in the first.
     if (cb >= 32) {
         const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword), lo);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword + 16), hi);
-        const unsigned nonLetters = ~(LetterMask(lo) | LetterMask(hi) << 16);
-        const std::size_t cch = nonLetters == 0 ? 32 : static_cast<std::size_t>(__builtin_ctz(nonLetters));
+        std::size_t cch = static_cast<std::size_t>(__builtin_ctz(~LetterMask(lo)));
+        if (cch == 16) {
+            const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword + 16), hi);
+            cch += static_cast<std::size_t>(__builtin_ctz(~LetterMask(hi)));
+        }
         head = KeywordKey::HeadOf(static_cast<std::uint64_t>(_mm_cvtsi128_si64(lo)), cch);
         return cch;
     }
@@ -123,48 +124,37 @@ std::size_t CopyLettersAhead(const char* p, std::size_t cb, char* szKeyword, std
     return i < cchMax || !IsAsciiLetter(p[i]) ? i : i + 1;
 }
 
-// Parses the word after a backslash from [p, p + cb). Only the common shapes
+// Parses the word whose first letter is at p from [p, p + cb), and returns
+// the bytes it takes, its delimiting space included. Only the common shapes
 // are taken here: a word with its parameter and delimiter wholly inside the
 // window and followed by an ordinary byte. Whatever meets one of the
 // tokenizer's quirks (a NUL, the end of the input, a word at the length
 // limit, a '-' without digits, a parameter that comes out as noParam) is
-// left to ParseRtfKeyword, so that its result cannot differ.
-bool ScanKeywordAhead(const char* p, std::size_t cb, KeywordAhead& kw)
+// left to ParseRtfKeyword, so that its result cannot differ: 0 then.
+inline std::size_t ScanWordAhead(const char* p, std::size_t cb, KeywordAhead& kw)
 {
-    if (cb == 0 || p[0] == '\0')
-        return false;
-    if (!IsAsciiLetter(p[0])) {
-        kw.szKeyword[0] = p[0];
-        kw.szKeyword[1] = '\0';
-        kw.key.cch = 1;
-        kw.key.head = KeywordKey::HeadOfByte(p[0]);
-        kw.param = 0;
-        kw.cbTaken = 1;
-        kw.bEscapedChar = p[0] == '\\' || p[0] == '{' || p[0] == '}';
-        return true;
-    }
     std::size_t i = CopyLettersAhead(p, cb, kw.szKeyword, kw.key.head);
     if (i > CRTFParser::maxKeywordLength || i >= cb || p[i] == '\0')
-        return false;
+        return 0;
     kw.szKeyword[i] = '\0';
     kw.key.cch = i;
+    kw.param = CRTFParser::noParam;
 
     const bool bNegative = p[i] == '-';
     if (bNegative && (i + 1 == cb || !IsAsciiDigit(p[i + 1])))
-        return false;
+        return 0;
     i += bNegative ? 1 : 0;
     if (IsAsciiDigit(p[i])) {
         unsigned uValue = 0;  // wraps as ParseParam's does
         for (; i < cb && IsAsciiDigit(p[i]); ++i)
             uValue = uValue * 10u + static_cast<unsigned>(p[i] - '0');
         if (i == cb || p[i] == '\0')
-            return false;
+            return 0;
         kw.param = static_cast<int>(bNegative ? 0u - uValue : uValue);
         if (kw.param == CRTFParser::noParam)
-            return false;
+            return 0;
     }
-    kw.cbTaken = i + (p[i] == ' ' ? 1 : 0);
-    return true;
+    return i + (p[i] == ' ' ? 1 : 0);
 }
 
 } // namespace
@@ -190,25 +180,63 @@ bool CRTFParser::PopRtfState()
 
 CByteCursor* CRTFParser::StockCursor() { return nullptr; }
 
-inline const char* CRTFParser::SourceAhead(std::size_t& cb) const
+// The stock cursor, moved by the parse loop itself. Its bytes end where its
+// data ends, which stays put while a Parse lasts (only a stock reader's own
+// construction or assignment sets it), so the end is taken once.
+class CRTFParser::CCursorSource {
+public:
+    explicit CCursorSource(CByteCursor& cursor)
+        : m_cursor(cursor), m_pEnd(reinterpret_cast<const char*>(cursor.m_pData) + cursor.m_cbData)
+    {
+    }
+    const char* Ahead(std::size_t& cb) const
+    {
+        const char* p = reinterpret_cast<const char*>(m_cursor.m_pRead);
+        cb = static_cast<std::size_t>(m_pEnd - p);
+        return p;
+    }
+    // Never past the end, whatever cb says.
+    void Skip(std::size_t cb)
+    {
+        const std::size_t cbLeft = static_cast<std::size_t>(m_pEnd - reinterpret_cast<const char*>(m_cursor.m_pRead));
+        m_cursor.m_pRead += cb < cbLeft ? cb : cbLeft;
+    }
+    void MarkHere() { m_cursor.m_pMark = m_cursor.m_pRead; }
+    // The stock reader's Get only steps over the byte it gives, so the loop
+    // reads the first byte of a run of text itself too.
+    static constexpr bool bReadsText = true;
+
+private:
+    CByteCursor& m_cursor;
+    const char* const m_pEnd;
+};
+
+// Any other source, through its virtual handlers.
+class CRTFParser::CHandlerSource {
+public:
+    explicit CHandlerSource(CRTFParser& parser) : m_parser(parser) {}
+    const char* Ahead(std::size_t& cb) const { return m_parser.RunAhead(cb); }
+    void Skip(std::size_t cb) { m_parser.SkipAhead(cb); }
+    void MarkHere() { m_parser.MarkBacktrack(0); }
+    // A run's first byte goes through Get, as a derived reader overriding it
+    // expects.
+    static constexpr bool bReadsText = false;
+
+private:
+    CRTFParser& m_parser;
+};
+
+inline const char* CRTFParser::SourceAhead(std::size_t& cb)
 {
-    return m_cursor.p ? m_cursor.p->BytesAhead(cb) : RunAhead(cb);
+    return m_cursor.p ? CCursorSource(*m_cursor.p).Ahead(cb) : CHandlerSource(*this).Ahead(cb);
 }
 
 inline void CRTFParser::SourceSkip(std::size_t cb)
 {
     if (m_cursor.p)
-        m_cursor.p->StepAhead(cb);
+        CCursorSource(*m_cursor.p).Skip(cb);
     else
-        SkipAhead(cb);
-}
-
-inline void CRTFParser::SourceMark(int n)
-{
-    if (m_cursor.p)
-        m_cursor.p->MarkBack(n);
-    else
-        MarkBacktrack(n);
+        CHandlerSource(*this).Skip(cb);
 }
 
 void CRTFParser::Parse(bool& bMore)
@@ -224,7 +252,8 @@ void CRTFParser::Parse(bool& bMore)
     MarkBacktrack(0);
 
     for (;;) {
-        const Step step = ParseStructureAhead();
+        const Step step = m_cursor.p ? ParseStructureAhead(CCursorSource(*m_cursor.p))
+                                     : ParseStructureAhead(CHandlerSource(*this));
         if (step == Step::refused) {
             bMore = true;
             return;
@@ -272,13 +301,15 @@ bool CRTFParser::ParseByte(char ch)
 
 // The bytes that shape the document, one after another, taken from the
 // source's offer without a Get each: what ParseByte does with them, the read
-// position moved as Get would have moved it. Text and NUL are left to Get,
-// so that the first byte of a run still reaches ParseChar.
-CRTFParser::Step CRTFParser::ParseStructureAhead()
+// position moved as Get would have moved it. NUL is left to Get, and so is
+// text unless the source is a stock reader's cursor
+// (CCursorSource::bReadsText).
+template <class TSource>
+CRTFParser::Step CRTFParser::ParseStructureAhead(TSource source)
 {
     for (;;) {
         std::size_t cb = 0;
-        const char* p = SourceAhead(cb);
+        const char* p = source.Ahead(cb);
         if (!p || cb == 0)
             return Step::other;
         switch (p[0]) {
@@ -289,29 +320,37 @@ CRTFParser::Step CRTFParser::ParseStructureAhead()
             if (m_cGroup >= 1)
                 while (cbBreaks < cb && IsLineBreak(p[cbBreaks]))
                     ++cbBreaks;
-            SourceSkip(cbBreaks);
+            source.Skip(cbBreaks);
             break;
         }
         case '{':
-            SourceSkip(1);
+            source.Skip(1);
             m_bSkipNextChar = false;
             OpenGroup();
             break;
         case '}':
-            SourceSkip(1);
+            source.Skip(1);
             m_bSkipNextChar = false;
             CloseGroup();
             break;
         case '\\':
             m_bSkipNextChar = false;
-            SourceMark(0);
-            if (!ParseKeywordAhead(p + 1, cb - 1, 1)) {
+            source.MarkHere();
+            if (!ParseKeywordAhead(source, p + 1, cb - 1, 1)) {
                 Backtrack(-1);
                 return Step::refused;
             }
             break;
-        default:
+        case '\0':
             return Step::other;
+        default:
+            // What ParseByte does with a byte of text, its Get spared.
+            if (!TSource::bReadsText || m_cGroup < 1)
+                return Step::other;
+            source.Skip(1);
+            if (!ParseChar(p[0]) || !ParseOrdinaryRun())
+                return Step::refused;
+            break;
         }
         if (m_cGroup < 1)
             return Step::ended;
@@ -446,29 +485,55 @@ bool CRTFParser::ParseKeyword()
 {
     std::size_t cbAhead = 0;
     const char* p = RunAhead(cbAhead);
-    return p ? ParseKeywordAhead(p, cbAhead, 0) : ParseRtfKeyword();
+    return p ? ParseKeywordAhead(CHandlerSource(*this), p, cbAhead, 0) : ParseRtfKeyword();
 }
 
 // The read position is cbBefore bytes before p, the byte after the
 // backslash, and moves over them with the word's bytes. The key is made here,
 // where the word's length is known and its bytes are padded, for the table
-// lookup TranslateKeyword makes (TokenWordKey). A handler may read another
-// word meanwhile: the outer word's key comes back after it.
-bool CRTFParser::ParseKeywordAhead(const char* p, std::size_t cb, std::size_t cbBefore)
+// lookup TranslateKeyword makes (TokenWordKey).
+template <class TSource>
+inline bool CRTFParser::ParseKeywordAhead(TSource source, const char* p, std::size_t cb, std::size_t cbBefore)
 {
+    if (cb == 0 || p[0] == '\0')
+        return ParseKeywordThroughGet(cbBefore);
+    if (!IsAsciiLetter(p[0]))
+        return ParseSymbolAhead(p[0], cbBefore);
     KeywordAhead kw;
-    if (!ScanKeywordAhead(p, cb, kw)) {
-        if (cbBefore > 0)
-            SourceSkip(cbBefore);
-        return ParseRtfKeyword();
-    }
-    SourceSkip(cbBefore + kw.cbTaken);
-    if (kw.bEscapedChar)
-        return ParseChar(kw.szKeyword[0]);
-    kw.key.sz = kw.szKeyword;
+    const std::size_t cbTaken = ScanWordAhead(p, cb, kw);
+    if (cbTaken == 0)
+        return ParseKeywordThroughGet(cbBefore);
+    source.Skip(cbBefore + cbTaken);
+    return TranslateTokenWord(kw.szKeyword, kw.key, kw.param);
+}
+
+bool CRTFParser::ParseKeywordThroughGet(std::size_t cbBefore)
+{
+    if (cbBefore > 0)
+        SourceSkip(cbBefore);
+    return ParseRtfKeyword();
+}
+
+bool CRTFParser::ParseSymbolAhead(char ch, std::size_t cbBefore)
+{
+    SourceSkip(cbBefore + 1);
+    if (ch == '\\' || ch == '{' || ch == '}')
+        return ParseChar(ch);
+    const char szSymbol[2] = {ch, '\0'};
+    KeywordKey key;
+    key.cch = 1;
+    key.head = KeywordKey::HeadOfByte(ch);
+    return TranslateTokenWord(szSymbol, key, 0);
+}
+
+// A handler may read another word meanwhile: the outer word's key comes back
+// after it.
+inline bool CRTFParser::TranslateTokenWord(const char* szKeyword, KeywordKey& key, int param)
+{
+    key.sz = szKeyword;
     const KeywordKey* const pOuterKey = m_tokenWord.pKey;
-    m_tokenWord.pKey = &kw.key;
-    const bool bOk = TranslateKeyword(kw.szKeyword, kw.param);
+    m_tokenWord.pKey = &key;
+    const bool bOk = TranslateKeyword(szKeyword, param);
     m_tokenWord.pKey = pOuterKey;
     return bOk;
 }

@@ -151,14 +151,22 @@ private:
     // nothing offered: `other`), a keyword the output refused, or the end of
     // the outermost group.
     enum class Step { other, refused, ended };
-    Step ParseStructureAhead();
+    template <class TSource>
+    Step ParseStructureAhead(TSource source);
     // The parse loop's work for one byte read through Get; false when the
     // output refused it.
     bool ParseByte(char ch);
     // The control word at p, just after its backslash, from the offer
     // [p, p + cb); by ParseRtfKeyword when it is not wholly inside. The read
     // position is cbBefore bytes before p.
-    bool ParseKeywordAhead(const char* p, std::size_t cb, std::size_t cbBefore);
+    template <class TSource>
+    bool ParseKeywordAhead(TSource source, const char* p, std::size_t cb, std::size_t cbBefore);
+    // The word ParseKeywordAhead leaves to ParseRtfKeyword, and the control
+    // symbol (or \\, \{, \}) it found: the parts kept off its common path.
+    bool ParseKeywordThroughGet(std::size_t cbBefore);
+    bool ParseSymbolAhead(char ch, std::size_t cbBefore);
+    // TranslateKeyword for a word the tokenizer read, with its key.
+    inline bool TranslateTokenWord(const char* szKeyword, KeywordKey& key, int param);
     // '{' and '}': past the depth limit a group is only counted.
     void OpenGroup();
     void CloseGroup();
@@ -175,10 +183,14 @@ private:
     CTokenWord m_tokenWord;
 
     // The parse loop's access to the source: the stock cursor when
-    // StockCursor offered one for this Parse, else the virtual handlers.
-    inline const char* SourceAhead(std::size_t& cb) const;
+    // StockCursor offered one for this Parse (CCursorSource), else the
+    // virtual handlers (CHandlerSource). The loops over structure take the
+    // one in use as a template argument, so that the stock cursor's is
+    // inlined there; the rest ask which one per call.
+    class CCursorSource;
+    class CHandlerSource;
+    inline const char* SourceAhead(std::size_t& cb);
     inline void SourceSkip(std::size_t cb);
-    inline void SourceMark(int n);
     // StockCursor's answer for the Parse under way; a copy of a reader starts
     // without one (it would point into the original).
     struct CStockCursor {

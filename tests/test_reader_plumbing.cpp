@@ -603,7 +603,8 @@ TEST(KeywordLookup, KeysMadeFromScannedBytesFindWhatTheTextFinds)
 namespace {
 
 // A host's reader derived from a stock one that watches the source handlers
-// the parse loop may take over for the stock class itself.
+// the parse loop may take over for the stock class itself, Get among them
+// (a stock reader's loop reads the first byte of a run of text itself).
 template <class TReader>
 class CWatchedSource : public TReader {
 public:
@@ -611,8 +612,20 @@ public:
     mutable std::size_t cRunAhead = 0;
     std::size_t cSkipAhead = 0;
     std::size_t cMarkBacktrack = 0;
+    std::size_t cGet = 0;
+    std::string charsParsed;
 
 protected:
+    long Get(char& ch) override
+    {
+        ++cGet;
+        return TReader::Get(ch);
+    }
+    bool ParseChar(char ch) override
+    {
+        charsParsed += ch;
+        return TReader::ParseChar(ch);
+    }
     const char* RunAhead(std::size_t& cb) const override
     {
         ++cRunAhead;
@@ -630,29 +643,44 @@ protected:
     }
 };
 
+struct WatchedRow {
+    std::string rtf;
+    std::size_t cWords;
+    std::string firstBytes;  // the first byte of each run of text, in order
+};
+
 template <class TReader>
-void ExpectEveryWordPassesTheHandlers(const std::string& rtf, std::size_t cWords)
+void ExpectEveryWordPassesTheHandlers(const WatchedRow& row)
 {
-    TReader stock(Bytes(rtf), static_cast<unsigned long>(rtf.size()));
-    CWatchedSource<TReader> watched(rtf);
+    TReader stock(Bytes(row.rtf), static_cast<unsigned long>(row.rtf.size()));
+    CWatchedSource<TReader> watched(row.rtf);
     EXPECT_EQ(ReadText(watched, 64), ReadText(stock, 64));
     EXPECT_EQ(watched.BytesConsumed(), stock.BytesConsumed());
     const std::size_t counts[] = {watched.cRunAhead, watched.cSkipAhead, watched.cMarkBacktrack};
     for (std::size_t i = 0; i < 3; ++i)
-        EXPECT_GE(counts[i], cWords) << "handler " << i << " in " << rtf;
+        EXPECT_GE(counts[i], row.cWords) << "handler " << i << " in " << row.rtf;
+    // Each run's first byte came through Get and ParseChar, in order (a
+    // reader's ParseRun may hand ParseChar more bytes in between).
+    EXPECT_GE(watched.cGet, row.firstBytes.size()) << row.rtf;
+    std::size_t at = 0;
+    for (char ch : row.firstBytes) {
+        at = watched.charsParsed.find(ch, at);
+        ASSERT_NE(at, std::string::npos) << "'" << ch << "' in " << row.rtf << " got " << watched.charsParsed;
+        ++at;
+    }
 }
 
 } // namespace
 
 TEST(StockSource, AReaderDerivedFromAStockOneGetsEveryHandlerCall)
 {
-    const std::pair<std::string, std::size_t> rows[] = {
-        {"{\\rtf1\\ansi\\b bold\\b0\\par plain\\i it\\i0\\par}", 8},
-        {"{\\rtf1{\\fonttbl{\\f0 Arial;}}\\f0\\fs24 a{\\b b}\\par\\pard c\\par}", 9},
-        {"{\\rtf1 x{\\pict\\pngblip 0102\r\n0304}y\\'41\\u233?z}", 5},
+    const WatchedRow rows[] = {
+        {"{\\rtf1\\ansi\\b bold\\b0\\par plain\\i it\\i0\\par}", 8, "bpi"},
+        {"{\\rtf1{\\fonttbl{\\f0 Arial;}}\\f0\\fs24 a{\\b b}\\par\\pard c\\par}", 9, "Aabc"},
+        {"{\\rtf1 x{\\pict\\pngblip 0102\r\n0304}y\\'41\\u233?z}", 5, "x0y"},
     };
-    for (const auto& row : rows) {
-        ExpectEveryWordPassesTheHandlers<CBytePtrRTFToPlainTextPtrParser>(row.first, row.second);
-        ExpectEveryWordPassesTheHandlers<CBytePtrRTFToUTF8PtrParser>(row.first, row.second);
+    for (const WatchedRow& row : rows) {
+        ExpectEveryWordPassesTheHandlers<CBytePtrRTFToPlainTextPtrParser>(row);
+        ExpectEveryWordPassesTheHandlers<CBytePtrRTFToUTF8PtrParser>(row);
     }
 }

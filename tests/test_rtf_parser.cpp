@@ -2,7 +2,10 @@
 // every event the core hands down.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
+#include <functional>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -223,4 +226,87 @@ TEST(Destinations, AssertionsAndTracesOfTheGroupStack)
     EXPECT_EQ(open.Depth(), 5);
     CRecordingReader copy(open);  // shares the open records
     EXPECT_EQ(copy.Depth(), 5);
+}
+
+namespace {
+
+// Writes a pattern into each of its group records, of cbPayload bytes and
+// aligned to `align`, and checks it at the group's '}'. A '!' in the text
+// reads `nested` meanwhile, so that records of other sizes come and go while
+// this reader's are open.
+template <std::size_t cbPayload, std::size_t align>
+class CPayloadReader : public CRecordingReader {
+public:
+    CPayloadReader(const std::string& rtf, unsigned char tag, std::function<void()> nested)
+        : CRecordingReader(rtf), m_tag(tag), m_nested(std::move(nested))
+    {
+    }
+    int cCreated = 0, cChecked = 0, cMisaligned = 0, cSpoilt = 0;
+
+protected:
+    struct alignas(align) CPayloadSave : CBaseRTFParserSave {
+        unsigned char payload[cbPayload];
+    };
+    unsigned char Pattern(int depth) const { return static_cast<unsigned char>(m_tag + depth); }
+
+    CBaseRTFParserSave* CreateSave() override
+    {
+        CPayloadSave* pSave = new (std::nothrow) CPayloadSave;
+        if (!pSave)
+            return nullptr;
+        ++cCreated;
+        cMisaligned += reinterpret_cast<std::uintptr_t>(pSave) % align != 0 ? 1 : 0;
+        std::memset(pSave->payload, Pattern(m_cGroup), cbPayload);
+        return pSave;
+    }
+    bool PopRtfState() override
+    {
+        const CPayloadSave* pSave = static_cast<const CPayloadSave*>(m_pSave);
+        ++cChecked;
+        for (unsigned char b : pSave->payload)
+            cSpoilt += b != Pattern(m_cGroup - 1) ? 1 : 0;
+        return CRecordingReader::PopRtfState();
+    }
+    bool ParseChar(char ch) override
+    {
+        if (ch == '!' && m_nested)
+            m_nested();
+        return CRecordingReader::ParseChar(ch);
+    }
+
+private:
+    unsigned char m_tag;
+    std::function<void()> m_nested;
+};
+
+template <std::size_t cbPayload, std::size_t align>
+void ExpectRecordsKept(const std::string& rtf, unsigned char tag, std::function<void()> nested)
+{
+    CPayloadReader<cbPayload, align> reader(rtf, tag, std::move(nested));
+    EXPECT_EQ(reader.Run(), Events(rtf)) << cbPayload;
+    EXPECT_EQ(reader.cCreated, 4) << cbPayload;
+    EXPECT_EQ(reader.cChecked, 4) << cbPayload;
+    EXPECT_EQ(reader.cMisaligned, 0) << cbPayload;
+    EXPECT_EQ(reader.cSpoilt, 0) << cbPayload;
+}
+
+} // namespace
+
+TEST(GroupRecords, EachKeepsItsContentsWhileRecordsOfOtherSizesComeAndGo)
+{
+    // More sizes than a thread keeps records of, one of them over-aligned,
+    // each reader's groups open while the next reader reads its own; twice,
+    // the second time from records the first one freed.
+    const std::string rtf = "{a{\\b b{c{d!}e}}f}";
+    for (int pass = 0; pass < 2; ++pass) {
+        ExpectRecordsKept<8, 8>(rtf, 0x10, [&] {
+            ExpectRecordsKept<40, 8>(rtf, 0x20, [&] {
+                ExpectRecordsKept<24, 64>(rtf, 0x30, [&] {
+                    ExpectRecordsKept<200, 8>(rtf, 0x40, [&] {
+                        ExpectRecordsKept<1000, 16>(rtf, 0x50, [&] { ExpectRecordsKept<8, 8>(rtf, 0x60, nullptr); });
+                    });
+                });
+            });
+        });
+    }
 }
