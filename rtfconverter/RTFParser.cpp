@@ -185,20 +185,17 @@ CByteCursor* CRTFParser::StockCursor() { return nullptr; }
 // construction or assignment sets it), so the end is taken once.
 class CRTFParser::CCursorSource {
 public:
-    explicit CCursorSource(CByteCursor& cursor)
-        : m_cursor(cursor), m_pEnd(reinterpret_cast<const char*>(cursor.m_pData) + cursor.m_cbData)
-    {
-    }
+    explicit CCursorSource(CByteCursor& cursor) : m_cursor(cursor) {}
     const char* Ahead(std::size_t& cb) const
     {
         const char* p = reinterpret_cast<const char*>(m_cursor.m_pRead);
-        cb = static_cast<std::size_t>(m_pEnd - p);
+        cb = static_cast<std::size_t>(End() - p);
         return p;
     }
     // Never past the end, whatever cb says.
     void Skip(std::size_t cb)
     {
-        const std::size_t cbLeft = static_cast<std::size_t>(m_pEnd - reinterpret_cast<const char*>(m_cursor.m_pRead));
+        const std::size_t cbLeft = static_cast<std::size_t>(End() - reinterpret_cast<const char*>(m_cursor.m_pRead));
         m_cursor.m_pRead += cb < cbLeft ? cb : cbLeft;
     }
     void MarkHere() { m_cursor.m_pMark = m_cursor.m_pRead; }
@@ -207,8 +204,12 @@ public:
     static constexpr bool bReadsText = true;
 
 private:
+    // Read afresh each time, never kept: a stream reader refills its buffer
+    // in place inside a handler (a ParseChar reading ahead, a Get at the
+    // buffer's end), and its cursor then spans other bytes.
+    const char* End() const { return reinterpret_cast<const char*>(m_cursor.m_pData) + m_cursor.m_cbData; }
+
     CByteCursor& m_cursor;
-    const char* const m_pEnd;
 };
 
 // Any other source, through its virtual handlers.
