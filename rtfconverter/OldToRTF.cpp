@@ -1334,9 +1334,13 @@ const char* COldToRTF::FindCommandEnd(const char* pCmd) const
 // found a block at a time, or at the end of the text.
 const char* COldToRTF::FindCommandEnd(const char* pCmd, const char* pTextEnd) const
 {
-    if (m_bLossless && pCmd[1] == CDocCmd::comment) return FindCommandEndKeepingNestedCommands(pCmd);
-    const char* const pFrom = pCmd + 1;
-    const void* pEnd = std::memchr(pFrom, CDocCmd::chCmdEnd, static_cast<std::size_t>(pTextEnd - pFrom));
+    if (m_bLossless && pCmd[1] == CDocCmd::comment) return FindCommandEndKeepingNestedCommands(pCmd, pTextEnd);
+    return FirstCommandEndOrTextEnd(pCmd + 1, pTextEnd);
+}
+
+const char* COldToRTF::FirstCommandEndOrTextEnd(const char* p, const char* pTextEnd)
+{
+    const void* pEnd = std::memchr(p, CDocCmd::chCmdEnd, static_cast<std::size_t>(pTextEnd - p));
     return pEnd ? static_cast<const char*>(pEnd) : pTextEnd;
 }
 
@@ -1365,6 +1369,34 @@ const char* COldToRTF::FindCommandEndKeepingNestedCommands(const char* pCmd) con
     const char* ptr = pCmd + 1;
     while (*ptr != CDocCmd::chCmdEnd && *ptr != '\0') ++ptr;
     return ptr;
+}
+
+namespace {
+
+// The bytes a scan of a comment command acts on are all below 4: its
+// framing bytes and its field separator (and the NUL that ends the text).
+// The bytes between are passed over a block at a time.
+const char* SkipToFramingByte(const char* p, const char* pEnd, unsigned char below)
+{
+    return p + byte_scan::LengthBeforeLowOr(p, static_cast<std::size_t>(pEnd - p), below, false);
+}
+
+} // namespace
+
+// The same for a command that starts before pTextEnd, the text's NUL.
+const char* COldToRTF::FindCommandEndKeepingNestedCommands(const char* pCmd, const char* pTextEnd) const
+{
+    HyperlinkParts parts;
+    if (ParseOwedFontHyperlink(pCmd, parts)) return parts.pEnd;
+    int depth = 1;
+    for (const char* ptr = SkipToFramingByte(pCmd + 1, pTextEnd, 3); ptr < pTextEnd; ptr = SkipToFramingByte(ptr + 1, pTextEnd, 3)) {
+        if (*ptr == CDocCmd::chCmdStart) {
+            if (++depth > 2) break;
+        } else if (--depth == 0) { // a 0x02
+            return ptr;
+        }
+    }
+    return FirstCommandEndOrTextEnd(pCmd + 1, pTextEnd);
 }
 
 namespace {
@@ -1411,7 +1443,9 @@ void SplitFirstTwoCommentFields(const CString& scmd, std::string& first, std::st
     const char* pField = p;
     int nField = 0;
     int depth = 0;
-    for (; p < pEnd && nField < 2; ++p) {
+    for (; nField < 2; ++p) {
+        p = SkipToFramingByte(p, pEnd, 4);
+        if (p >= pEnd) break;
         if (*p == CDocCmd::chCmdStart) ++depth;
         else if (*p == CDocCmd::chCmdEnd && depth > 0) --depth;
         else if (*p == CCommentCmd::chDataSeparator && depth == 0) {
@@ -1422,12 +1456,23 @@ void SplitFirstTwoCommentFields(const CString& scmd, std::string& first, std::st
     if (nField < 2) (nField == 0 ? first : second).assign(pField, pEnd);
 }
 
-// What ReplaceSpecSymbols makes of the text's length.
+// No byte is of this class: a scan for its stops alone.
+struct NoBytes {
+    static bool Holds(char) { return false; }
+#if RTFCONV_SCAN_SSE2
+    static __m128i Holds(__m128i) { return _mm_setzero_si128(); }
+#endif
+};
+
+// What ReplaceSpecSymbols makes of the text's length: the specials, which
+// few texts hold, are found a block at a time.
 std::size_t EscapedLength(const std::string& s)
 {
-    return s.size() + static_cast<std::size_t>(std::count_if(s.begin(), s.end(), [](char ch) {
-               return ch == '\\' || ch == '{' || ch == '}';
-           }));
+    std::size_t n = s.size();
+    for (std::size_t i = 0;; ++i, ++n) {
+        i += byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + i, s.size() - i, '\\', '{', '}');
+        if (i == s.size()) return n;
+    }
 }
 
 } // namespace
@@ -1452,8 +1497,7 @@ int COldToRTF::AddHyperlinkKeepingDisplayFormatting(const CString& scmd)
     const CharacterState outside = SaveCharacterState();
     m_bUnderline = true;
     std::size_t run = 0;
-    for (std::size_t i = 0; i < display.size(); ++i) {
-        if (display[i] != CDocCmd::chCmdStart) continue;
+    for (std::size_t i = display.find(CDocCmd::chCmdStart); i != std::string::npos; i = display.find(CDocCmd::chCmdStart, i + 1)) {
         const std::size_t end = display.find(CDocCmd::chCmdEnd, i);
         if (end == std::string::npos) break;
         AddTextKeepingEveryByte(display.data() + run, static_cast<int>(i - run));

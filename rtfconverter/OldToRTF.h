@@ -314,6 +314,8 @@ private:
     // The same, for a command that starts before pTextEnd, the text's NUL.
     const char* FindCommandEnd(const char* pCmd, const char* pTextEnd) const;
     const char* FindCommandEndKeepingNestedCommands(const char* pCmd) const;
+    const char* FindCommandEndKeepingNestedCommands(const char* pCmd, const char* pTextEnd) const;
+    static const char* FirstCommandEndOrTextEnd(const char* p, const char* pTextEnd);
     // A hyperlink's display text (its font commands whole) and target.
     struct HyperlinkParts {
         std::string display;
