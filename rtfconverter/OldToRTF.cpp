@@ -252,8 +252,9 @@ public:
     static constexpr std::size_t kcbWords = 256;
 
     CWordBuffer() : m_p(m_bytes) {}
-    // Gathers the words in the kcbWords bytes at pOut instead.
-    explicit CWordBuffer(char* pOut) : m_p(pOut) {}
+    // Gathers the words in the kcbWords bytes at pOut instead (on the stack
+    // when it is null).
+    explicit CWordBuffer(char* pOut) : m_p(pOut ? pOut : m_bytes) {}
     CWordBuffer(const CWordBuffer&) = delete;
     CWordBuffer& operator=(const CWordBuffer&) = delete;
 
@@ -409,7 +410,7 @@ void COldToRTF::InitBaseFont(const LOGFONT* pBaseFont)
 
 void COldToRTF::ResetParagraphAttributes()
 {
-    m_bBold = m_bUnderline = m_bItalic = m_bStrikeout = m_bSuperscript = m_bSubscript = false;
+    m_attributes = 0;
     m_nCurrentPoints = -1;
     // The colour value itself, not its table index: the first font command
     // therefore always writes an explicit \cf.
@@ -918,28 +919,17 @@ int COldToRTF::AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd)
     return 0;
 }
 
-unsigned char COldToRTF::AttributesInForce() const
-{
-    return static_cast<unsigned char>(m_bBold | m_bUnderline << 1 | m_bItalic << 2 | m_bStrikeout << 3 |
-                                      m_bSuperscript << 4 | m_bSubscript << 5);
-}
-
 // The words of what differs from the character state in force, which
 // becomes the command's.
 void COldToRTF::AddFontWords(const FontCmdWords& w)
 {
-    static bool COldToRTF::*const kAttributeStates[] = {
-        &COldToRTF::m_bBold,      &COldToRTF::m_bUnderline,   &COldToRTF::m_bItalic,
-        &COldToRTF::m_bStrikeout, &COldToRTF::m_bSuperscript, &COldToRTF::m_bSubscript,
-    };
-    static_assert(std::size(kAttributeStates) == std::size(kAttributeWords), "one state per attribute word");
+    static_assert(std::size(kAttributeWords) <= 8, "one bit of the attributes in force per attribute word");
+    static_assert(kAttributeWords[1].isOn == &CFontCmd::IsUnderline && kUnderlineBit == 1u << 1, "the underline's bit");
     const FontCmdMeaning& meaning = w.meaning;
     // Where the quick buffer has room for the most a command writes, the
     // words are gathered where AddToBuffer would copy them.
     const bool bInPlace = m_cbQuickBuffer - m_dwQuickBufferPosition > CWordBuffer::kcbWords;
-    CWordBuffer inPlace(bInPlace ? m_body.End() + m_dwQuickBufferPosition : nullptr);
-    CWordBuffer onStack;
-    CWordBuffer& words = bInPlace ? inPlace : onStack;
+    CWordBuffer words(bInPlace ? m_body.End() + m_dwQuickBufferPosition : nullptr);
     // A part is at most 33 bytes and ends at most 75 bytes in: a block of 48
     // bytes from its start stays within w.bytes.
     constexpr std::size_t kcbPartBlock = 48;
@@ -965,13 +955,12 @@ void COldToRTF::AddFontWords(const FontCmdWords& w)
         appendPart(FontCmdWords::partBackColor);
     }
     // The attributes that change, in the order of their words.
-    for (unsigned changed = w.attributes ^ AttributesInForce(); changed != 0; changed &= changed - 1) {
+    for (unsigned changed = w.attributes ^ m_attributes; changed != 0; changed &= changed - 1) {
         const int k = __builtin_ctz(changed);
-        const bool bOn = meaning.bAttributes[k];
-        this->*kAttributeStates[k] = bOn;
-        const ShortWord& word = bOn ? kAttributeWords[k].on : kAttributeWords[k].off;
+        const ShortWord& word = w.attributes >> k & 1u ? kAttributeWords[k].on : kAttributeWords[k].off;
         words.AppendBlock<sizeof word.text>(word.text, word.n);
     }
+    m_attributes = w.attributes;
     if (words.Size() > 0) {
         words.Append(" ", 1);
         if (bInPlace) m_dwQuickBufferPosition += static_cast<DWORD>(words.Size());
@@ -1495,7 +1484,7 @@ int COldToRTF::AddHyperlinkKeepingDisplayFormatting(const CString& scmd)
     AddToBuffer(kAfterTarget, static_cast<int>(sizeof kAfterTarget - 1));
 
     const CharacterState outside = SaveCharacterState();
-    m_bUnderline = true;
+    m_attributes |= kUnderlineBit;
     std::size_t run = 0;
     for (std::size_t i = display.find(CDocCmd::chCmdStart); i != std::string::npos; i = display.find(CDocCmd::chCmdStart, i + 1)) {
         const std::size_t end = display.find(CDocCmd::chCmdEnd, i);
