@@ -904,7 +904,7 @@ int COldToRTF::AddFontCmdToBuffer(const CString& sFontCmd)
 int COldToRTF::AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd)
 {
     if (nFontCmd < CFontCmd::iFntCmdLenMin) {
-        AddFontWords(WordsOfMeaning(ParseFontCmd(CString(pFontCmd, nFontCmd))));
+        AddFontWords(WordsOfFontCmd(pFontCmd, nFontCmd));
         return 0;
     }
     const std::size_t cb = static_cast<std::size_t>(nFontCmd);
@@ -912,11 +912,19 @@ int COldToRTF::AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd)
     auto& slot = m_fontCmdCache.SlotOf(pFontCmd, cb, bHeld);
     if (!bHeld) {
         slot.text.clear(); // a parse that throws leaves no half-made entry
-        slot.meaning = WordsOfMeaning(ParseFontCmd(CString(pFontCmd, nFontCmd)));
+        slot.meaning = WordsOfFontCmd(pFontCmd, nFontCmd);
         slot.text.assign(pFontCmd, cb);
     }
     AddFontWords(slot.meaning);
     return 0;
+}
+
+// Reading a command is the rare path: kept out of line, so that a command
+// met again is handled in a small frame, without room for a CString and the
+// words.
+[[gnu::noinline]] COldToRTF::FontCmdWords COldToRTF::WordsOfFontCmd(const char* pFontCmd, int nFontCmd)
+{
+    return WordsOfMeaning(ParseFontCmd(CString(pFontCmd, nFontCmd)));
 }
 
 // The words of what differs from the character state in force, which

@@ -238,6 +238,7 @@ private:
         int nAdvance = 0;
     };
     FontCmdWords WordsOfMeaning(const FontCmdMeaning& meaning) const;
+    FontCmdWords WordsOfFontCmd(const char* pFontCmd, int nFontCmd);
     int AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd);
     void AddFontWords(const FontCmdWords& words);
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
