@@ -467,7 +467,9 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
         pRun = p;
     };
 
-    for (p = SkipPlainBytes(p, pEnd, m_bLossless);; p = SkipPlainBytes(p + 1, pEnd, m_bLossless)) {
+    // The scan is called from one place, so that it is compiled into the loop.
+    for (;; ++p) {
+        p = SkipPlainBytes(p, pEnd, m_bLossless);
         const ByteClass c = classes.cls[static_cast<unsigned char>(*p)];
         if (c == bcPlain) {
             if (m_bLossless && IsEscapedInRun(*p)) {
