@@ -135,8 +135,12 @@ public:
         if (cbIn != 0)
             return resInvalid;
         // Pages that combine a letter with a following accent (1258) hold
-        // the letter back until they see what follows.
-        iconv(m_cd, nullptr, nullptr, &pOut, &cbOut);
+        // the letter back until they see what follows: only when no character
+        // has come out is it asked for. (The next call starts from the
+        // initial state whatever this one leaves, and tables are built a
+        // character at a time, so one call fewer counts.)
+        if (sizeof out - cbOut < 4)
+            iconv(m_cd, nullptr, nullptr, &pOut, &cbOut);
         if (sizeof out - cbOut < 4)
             return resInvalid;
         cp = static_cast<char32_t>(out[0]) | static_cast<char32_t>(out[1]) << 8

@@ -93,6 +93,24 @@ std::size_t FindOrEnd(std::string_view s, char ch, std::size_t from)
     return from >= s.size() ? s.size() : from + byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + from, s.size() - from, ch);
 }
 
+// Whether the n bytes at a and b are the same, for the few dozen bytes of a
+// command: eight at a time, the last eight overlapping those before, rather
+// than in a call.
+bool SameShortBytes(const char* a, const char* b, std::size_t n)
+{
+    if (n < 8) return std::memcmp(a, b, n) == 0;
+    std::uint64_t differ = 0;
+    auto compareWordAt = [&](std::size_t i) {
+        std::uint64_t x, y;
+        std::memcpy(&x, a + i, 8);
+        std::memcpy(&y, b + i, 8);
+        differ |= x ^ y;
+    };
+    for (std::size_t i = 0; i + 8 < n; i += 8) compareWordAt(i);
+    compareWordAt(n - 8);
+    return differ == 0;
+}
+
 // --- UTF-8
 
 // One character of UTF-8 at s[i], advancing i; a byte that does not begin a
@@ -205,6 +223,15 @@ public:
         m_n += cb;
     }
     void Append(std::string_view s) { Append(s.data(), s.size()); }
+    // The first cb of the cbBlock bytes at p, copied as one block of fixed
+    // size (a few moves, not a call); the room behind the cursor takes it.
+    template <std::size_t cbBlock>
+    void AppendBlock(const char* p, std::size_t cb)
+    {
+        if (m_s.size() - m_n < cbBlock) Grow(cbBlock);
+        std::memcpy(&m_s[m_n], p, cbBlock);
+        m_n += cb;
+    }
     void Push(char ch)
     {
         if (m_s.size() == m_n) Grow(1);
@@ -303,7 +330,7 @@ class CUtf8ToOldEncoder {
 public:
     CUtf8ToOldEncoder(std::string_view in, int defaultCodePage, std::string& out)
         : m_in(in), m_defaultPage(PageOrFallback(defaultCodePage)), m_pPage(&m_defaultPage), m_out(out),
-          m_nFontMemo(FontMemoSizeFor(in.size())), m_fontMemo(new FontCommandEncoding[m_nFontMemo])
+          m_nFontMemo(FontMemoSizeFor(in.size())), m_fontMemo(new FontCommandEncoding[m_nFontMemo]())
     {
     }
 
@@ -349,11 +376,24 @@ private:
     // A font command's bytes are a function of its UTF-8 alone (its face name
     // is written in the page its own character set names), and a document
     // repeats a few font commands many times: the last ones met are kept.
+    //
+    // A command and its bytes are kept in the slot itself, in blocks of fixed
+    // size: a command met again is compared and copied a word at a time, not
+    // through calls. Its bytes are never longer than its UTF-8 (a character
+    // of two or more bytes becomes at most two).
+    static constexpr std::size_t kMaxMemoCommand = 64;  // longer commands are rare and not worth the room
     struct FontCommandEncoding {
-        std::string source;
-        std::string bytes;
-        const CCodePage* pPage = nullptr;
+        const CCodePage* pPage = nullptr;  // null: the slot is empty
+        unsigned char cbSource = 0;
+        unsigned char cbBytes = 0;
         OldTextFromUtf8Counts counts;
+        char source[kMaxMemoCommand];
+        char bytes[kMaxMemoCommand];
+
+        bool Holds(std::string_view command) const
+        {
+            return pPage && cbSource == command.size() && SameShortBytes(source, command.data(), command.size());
+        }
     };
     // A slot per kilobyte of text, a power of two from 64 to 4096: a long
     // document uses thousands of font commands, a short one a few.
@@ -363,17 +403,15 @@ private:
         while (n < 4096 && n * 1024 < cbText) n *= 2;
         return n;
     }
-    static constexpr std::size_t kMaxMemoCommand = 256;  // longer commands are rare and not worth the copy
-
     void EncodeFontCommand(std::size_t end)
     {
         const std::string_view source = m_in.substr(m_pos, end - m_pos);
         FontCommandEncoding* pMemo = nullptr;
         if (source.size() <= kMaxMemoCommand) {
             pMemo = &m_fontMemo[byte_scan::HashOf(source.data(), source.size()) & (m_nFontMemo - 1)];
-            if (pMemo->pPage && pMemo->source == source) {
-                SetFontInForce(m_out.Size(), pMemo->bytes.size());
-                m_out.Append(pMemo->bytes);
+            if (pMemo->Holds(source)) {
+                SetFontInForce(m_out.Size(), pMemo->cbBytes);
+                m_out.AppendBlock<kMaxMemoCommand>(pMemo->bytes, pMemo->cbBytes);
                 m_pPage = pMemo->pPage;
                 m_counts.nInvalid += pMemo->counts.nInvalid;
                 m_counts.nUnencodable += pMemo->counts.nUnencodable;
@@ -389,9 +427,11 @@ private:
         EncodeRange(end, Region::text);
         const std::string_view bytes = m_out.View(headStart);
         SetFontInForce(headStart, bytes.size());
-        if (!pMemo) return;
-        pMemo->source.assign(source);
-        pMemo->bytes.assign(bytes);
+        if (!pMemo || bytes.size() > kMaxMemoCommand) return;
+        std::memcpy(pMemo->source, source.data(), source.size());
+        pMemo->cbSource = static_cast<unsigned char>(source.size());
+        std::memcpy(pMemo->bytes, bytes.data(), bytes.size());
+        pMemo->cbBytes = static_cast<unsigned char>(bytes.size());
         pMemo->pPage = m_pPage;
         pMemo->counts.nInvalid = m_counts.nInvalid - countsBefore.nInvalid;
         pMemo->counts.nUnencodable = m_counts.nUnencodable - countsBefore.nUnencodable;

@@ -252,8 +252,9 @@ public:
     static constexpr std::size_t kcbWords = 256;
 
     CWordBuffer() : m_p(m_bytes) {}
-    // Gathers the words in the kcbWords bytes at pOut instead.
-    explicit CWordBuffer(char* pOut) : m_p(pOut) {}
+    // Gathers the words in the kcbWords bytes at pOut instead (on the stack
+    // when it is null).
+    explicit CWordBuffer(char* pOut) : m_p(pOut ? pOut : m_bytes) {}
     CWordBuffer(const CWordBuffer&) = delete;
     CWordBuffer& operator=(const CWordBuffer&) = delete;
 
@@ -409,7 +410,7 @@ void COldToRTF::InitBaseFont(const LOGFONT* pBaseFont)
 
 void COldToRTF::ResetParagraphAttributes()
 {
-    m_bBold = m_bUnderline = m_bItalic = m_bStrikeout = m_bSuperscript = m_bSubscript = false;
+    m_attributes = 0;
     m_nCurrentPoints = -1;
     // The colour value itself, not its table index: the first font command
     // therefore always writes an explicit \cf.
@@ -466,7 +467,9 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
         pRun = p;
     };
 
-    for (p = SkipPlainBytes(p, pEnd, m_bLossless);; p = SkipPlainBytes(p + 1, pEnd, m_bLossless)) {
+    // The scan is called from one place, so that it is compiled into the loop.
+    for (;; ++p) {
+        p = SkipPlainBytes(p, pEnd, m_bLossless);
         const ByteClass c = classes.cls[static_cast<unsigned char>(*p)];
         if (c == bcPlain) {
             if (m_bLossless && IsEscapedInRun(*p)) {
@@ -903,7 +906,7 @@ int COldToRTF::AddFontCmdToBuffer(const CString& sFontCmd)
 int COldToRTF::AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd)
 {
     if (nFontCmd < CFontCmd::iFntCmdLenMin) {
-        AddFontWords(WordsOfMeaning(ParseFontCmd(CString(pFontCmd, nFontCmd))));
+        AddFontWords(WordsOfFontCmd(pFontCmd, nFontCmd));
         return 0;
     }
     const std::size_t cb = static_cast<std::size_t>(nFontCmd);
@@ -911,35 +914,32 @@ int COldToRTF::AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd)
     auto& slot = m_fontCmdCache.SlotOf(pFontCmd, cb, bHeld);
     if (!bHeld) {
         slot.text.clear(); // a parse that throws leaves no half-made entry
-        slot.meaning = WordsOfMeaning(ParseFontCmd(CString(pFontCmd, nFontCmd)));
+        slot.meaning = WordsOfFontCmd(pFontCmd, nFontCmd);
         slot.text.assign(pFontCmd, cb);
     }
     AddFontWords(slot.meaning);
     return 0;
 }
 
-unsigned char COldToRTF::AttributesInForce() const
+// Reading a command is the rare path: kept out of line, so that a command
+// met again is handled in a small frame, without room for a CString and the
+// words.
+[[gnu::noinline]] COldToRTF::FontCmdWords COldToRTF::WordsOfFontCmd(const char* pFontCmd, int nFontCmd)
 {
-    return static_cast<unsigned char>(m_bBold | m_bUnderline << 1 | m_bItalic << 2 | m_bStrikeout << 3 |
-                                      m_bSuperscript << 4 | m_bSubscript << 5);
+    return WordsOfMeaning(ParseFontCmd(CString(pFontCmd, nFontCmd)));
 }
 
 // The words of what differs from the character state in force, which
 // becomes the command's.
 void COldToRTF::AddFontWords(const FontCmdWords& w)
 {
-    static bool COldToRTF::*const kAttributeStates[] = {
-        &COldToRTF::m_bBold,      &COldToRTF::m_bUnderline,   &COldToRTF::m_bItalic,
-        &COldToRTF::m_bStrikeout, &COldToRTF::m_bSuperscript, &COldToRTF::m_bSubscript,
-    };
-    static_assert(std::size(kAttributeStates) == std::size(kAttributeWords), "one state per attribute word");
+    static_assert(std::size(kAttributeWords) <= 8, "one bit of the attributes in force per attribute word");
+    static_assert(kAttributeWords[1].isOn == &CFontCmd::IsUnderline && kUnderlineBit == 1u << 1, "the underline's bit");
     const FontCmdMeaning& meaning = w.meaning;
     // Where the quick buffer has room for the most a command writes, the
     // words are gathered where AddToBuffer would copy them.
     const bool bInPlace = m_cbQuickBuffer - m_dwQuickBufferPosition > CWordBuffer::kcbWords;
-    CWordBuffer inPlace(bInPlace ? m_body.End() + m_dwQuickBufferPosition : nullptr);
-    CWordBuffer onStack;
-    CWordBuffer& words = bInPlace ? inPlace : onStack;
+    CWordBuffer words(bInPlace ? m_body.End() + m_dwQuickBufferPosition : nullptr);
     // A part is at most 33 bytes and ends at most 75 bytes in: a block of 48
     // bytes from its start stays within w.bytes.
     constexpr std::size_t kcbPartBlock = 48;
@@ -965,13 +965,12 @@ void COldToRTF::AddFontWords(const FontCmdWords& w)
         appendPart(FontCmdWords::partBackColor);
     }
     // The attributes that change, in the order of their words.
-    for (unsigned changed = w.attributes ^ AttributesInForce(); changed != 0; changed &= changed - 1) {
+    for (unsigned changed = w.attributes ^ m_attributes; changed != 0; changed &= changed - 1) {
         const int k = __builtin_ctz(changed);
-        const bool bOn = meaning.bAttributes[k];
-        this->*kAttributeStates[k] = bOn;
-        const ShortWord& word = bOn ? kAttributeWords[k].on : kAttributeWords[k].off;
+        const ShortWord& word = w.attributes >> k & 1u ? kAttributeWords[k].on : kAttributeWords[k].off;
         words.AppendBlock<sizeof word.text>(word.text, word.n);
     }
+    m_attributes = w.attributes;
     if (words.Size() > 0) {
         words.Append(" ", 1);
         if (bInPlace) m_dwQuickBufferPosition += static_cast<DWORD>(words.Size());
@@ -1334,9 +1333,13 @@ const char* COldToRTF::FindCommandEnd(const char* pCmd) const
 // found a block at a time, or at the end of the text.
 const char* COldToRTF::FindCommandEnd(const char* pCmd, const char* pTextEnd) const
 {
-    if (m_bLossless && pCmd[1] == CDocCmd::comment) return FindCommandEndKeepingNestedCommands(pCmd);
-    const char* const pFrom = pCmd + 1;
-    const void* pEnd = std::memchr(pFrom, CDocCmd::chCmdEnd, static_cast<std::size_t>(pTextEnd - pFrom));
+    if (m_bLossless && pCmd[1] == CDocCmd::comment) return FindCommandEndKeepingNestedCommands(pCmd, pTextEnd);
+    return FirstCommandEndOrTextEnd(pCmd + 1, pTextEnd);
+}
+
+const char* COldToRTF::FirstCommandEndOrTextEnd(const char* p, const char* pTextEnd)
+{
+    const void* pEnd = std::memchr(p, CDocCmd::chCmdEnd, static_cast<std::size_t>(pTextEnd - p));
     return pEnd ? static_cast<const char*>(pEnd) : pTextEnd;
 }
 
@@ -1365,6 +1368,34 @@ const char* COldToRTF::FindCommandEndKeepingNestedCommands(const char* pCmd) con
     const char* ptr = pCmd + 1;
     while (*ptr != CDocCmd::chCmdEnd && *ptr != '\0') ++ptr;
     return ptr;
+}
+
+namespace {
+
+// The bytes a scan of a comment command acts on are all below 4: its
+// framing bytes and its field separator (and the NUL that ends the text).
+// The bytes between are passed over a block at a time.
+const char* SkipToFramingByte(const char* p, const char* pEnd, unsigned char below)
+{
+    return p + byte_scan::LengthBeforeLowOr(p, static_cast<std::size_t>(pEnd - p), below, false);
+}
+
+} // namespace
+
+// The same for a command that starts before pTextEnd, the text's NUL.
+const char* COldToRTF::FindCommandEndKeepingNestedCommands(const char* pCmd, const char* pTextEnd) const
+{
+    HyperlinkParts parts;
+    if (ParseOwedFontHyperlink(pCmd, parts)) return parts.pEnd;
+    int depth = 1;
+    for (const char* ptr = SkipToFramingByte(pCmd + 1, pTextEnd, 3); ptr < pTextEnd; ptr = SkipToFramingByte(ptr + 1, pTextEnd, 3)) {
+        if (*ptr == CDocCmd::chCmdStart) {
+            if (++depth > 2) break;
+        } else if (--depth == 0) { // a 0x02
+            return ptr;
+        }
+    }
+    return FirstCommandEndOrTextEnd(pCmd + 1, pTextEnd);
 }
 
 namespace {
@@ -1411,7 +1442,9 @@ void SplitFirstTwoCommentFields(const CString& scmd, std::string& first, std::st
     const char* pField = p;
     int nField = 0;
     int depth = 0;
-    for (; p < pEnd && nField < 2; ++p) {
+    for (; nField < 2; ++p) {
+        p = SkipToFramingByte(p, pEnd, 4);
+        if (p >= pEnd) break;
         if (*p == CDocCmd::chCmdStart) ++depth;
         else if (*p == CDocCmd::chCmdEnd && depth > 0) --depth;
         else if (*p == CCommentCmd::chDataSeparator && depth == 0) {
@@ -1422,12 +1455,23 @@ void SplitFirstTwoCommentFields(const CString& scmd, std::string& first, std::st
     if (nField < 2) (nField == 0 ? first : second).assign(pField, pEnd);
 }
 
-// What ReplaceSpecSymbols makes of the text's length.
+// No byte is of this class: a scan for its stops alone.
+struct NoBytes {
+    static bool Holds(char) { return false; }
+#if RTFCONV_SCAN_SSE2
+    static __m128i Holds(__m128i) { return _mm_setzero_si128(); }
+#endif
+};
+
+// What ReplaceSpecSymbols makes of the text's length: the specials, which
+// few texts hold, are found a block at a time.
 std::size_t EscapedLength(const std::string& s)
 {
-    return s.size() + static_cast<std::size_t>(std::count_if(s.begin(), s.end(), [](char ch) {
-               return ch == '\\' || ch == '{' || ch == '}';
-           }));
+    std::size_t n = s.size();
+    for (std::size_t i = 0;; ++i, ++n) {
+        i += byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + i, s.size() - i, '\\', '{', '}');
+        if (i == s.size()) return n;
+    }
 }
 
 } // namespace
@@ -1450,10 +1494,9 @@ int COldToRTF::AddHyperlinkKeepingDisplayFormatting(const CString& scmd)
     AddToBuffer(kAfterTarget, static_cast<int>(sizeof kAfterTarget - 1));
 
     const CharacterState outside = SaveCharacterState();
-    m_bUnderline = true;
+    m_attributes |= kUnderlineBit;
     std::size_t run = 0;
-    for (std::size_t i = 0; i < display.size(); ++i) {
-        if (display[i] != CDocCmd::chCmdStart) continue;
+    for (std::size_t i = display.find(CDocCmd::chCmdStart); i != std::string::npos; i = display.find(CDocCmd::chCmdStart, i + 1)) {
         const std::size_t end = display.find(CDocCmd::chCmdEnd, i);
         if (end == std::string::npos) break;
         AddTextKeepingEveryByte(display.data() + run, static_cast<int>(i - run));

@@ -238,9 +238,9 @@ private:
         int nAdvance = 0;
     };
     FontCmdWords WordsOfMeaning(const FontCmdMeaning& meaning) const;
+    FontCmdWords WordsOfFontCmd(const char* pFontCmd, int nFontCmd);
     int AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd);
     void AddFontWords(const FontCmdWords& words);
-    unsigned char AttributesInForce() const;
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
     void ClearCommandCaches();
     int AddLayoutCmdToBuffer(const char* pLayoutCmd, int nLayoutCmd);
@@ -297,11 +297,10 @@ private:
     // --- lossless writing: each function keeps what the specified bytes lose
     // The character state the font writer tracks, which a group of the RTF
     // (a hyperlink's display text) changes only inside itself.
-    typedef std::tuple<int, int, int, int, bool, bool, bool, bool, bool, bool> CharacterState;
-    std::tuple<int&, int&, int&, int&, bool&, bool&, bool&, bool&, bool&, bool&> CharacterStateMembers()
+    typedef std::tuple<int, int, int, int, unsigned char> CharacterState;
+    std::tuple<int&, int&, int&, int&, unsigned char&> CharacterStateMembers()
     {
-        return std::tie(m_nCurrentFont, m_nCurrentPoints, m_nCurrentColor, m_nCurrentBackColor, m_bBold, m_bUnderline,
-                        m_bItalic, m_bStrikeout, m_bSuperscript, m_bSubscript);
+        return std::tie(m_nCurrentFont, m_nCurrentPoints, m_nCurrentColor, m_nCurrentBackColor, m_attributes);
     }
     CharacterState SaveCharacterState();
     void RestoreCharacterState(const CharacterState& state);
@@ -314,6 +313,8 @@ private:
     // The same, for a command that starts before pTextEnd, the text's NUL.
     const char* FindCommandEnd(const char* pCmd, const char* pTextEnd) const;
     const char* FindCommandEndKeepingNestedCommands(const char* pCmd) const;
+    const char* FindCommandEndKeepingNestedCommands(const char* pCmd, const char* pTextEnd) const;
+    static const char* FirstCommandEndOrTextEnd(const char* p, const char* pTextEnd);
     // A hyperlink's display text (its font commands whole) and target.
     struct HyperlinkParts {
         std::string display;
@@ -363,12 +364,12 @@ private:
     int m_nCurrentFont = 0;
     int m_nFontCount = 0;
     int m_nCurrentPoints = -1;
-    bool m_bBold = false;
-    bool m_bUnderline = false;
-    bool m_bItalic = false;
-    bool m_bStrikeout = false;
-    bool m_bSuperscript = false;
-    bool m_bSubscript = false;
+    // The character attributes in force, bit k for the k-th attribute word
+    // the font writer writes (bold, underline, italic, strikeout,
+    // superscript, subscript): a font command's are compared and taken over
+    // at once.
+    unsigned char m_attributes = 0;
+    static constexpr unsigned char kUnderlineBit = 1u << 1;
     CArray<COLORREF, COLORREF> m_colorTable;
     int m_nCurrentColor = 0;
     int m_nCurrentBackColor = 0;

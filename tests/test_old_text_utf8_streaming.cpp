@@ -118,6 +118,16 @@ TEST(OldTextUtf8Streaming, RepeatedFontCommandsMatchTheReference)
     std::string text;
     for (int round = 0; round < 3; ++round)
         for (const std::string& command : commands) text += command + "\xD0\x96x\xE8\xA1\xA8 ";
+    // Commands around the longest one remembered (64 bytes from 0x01 to the
+    // 0x02), in ASCII and with a face name in the page's own letters, whose
+    // bytes are fewer than its UTF-8.
+    for (int round = 0; round < 3; ++round)
+        for (std::size_t n : {54u, 55u, 56u, 57u}) {
+            text += "\x01" "F12-\xC3\x8A:" + std::string(n, 'f') + "\x02y";
+            text += "\x01" "F---\xC3\x8A:" + std::string(n - n / 2 * 2, 'g');
+            for (std::size_t k = 0; k < n / 2; ++k) text += "\xD0\x96";
+            text += "\x02z";
+        }
     for (int page : kDefaultPages) ExpectSameAsReference(text, page);
 }
 

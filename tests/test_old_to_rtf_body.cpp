@@ -199,6 +199,12 @@ TEST(OldToRTFBody, HyperlinkFieldsInTheLosslessWriter)
          "{\\field{\\*\\fldinst{HYPERLINK \"a\\{b\\}\\\\c\"}}{\\fldrslt{\\ul s}}}", 9},
         {"a font command in the display", Cmd("CH:" + Cmd("F---I:-") + "s" + S + "t"),
          "{\\field{\\*\\fldinst{HYPERLINK \"t\"}}{\\fldrslt{\\ul \\cf1\\ul0\\i s}}}", 1},
+        // Fields longer than the blocks the scans take, their separators,
+        // commands and specials well inside.
+        {"long fields", Cmd("CH:a display longer than a block " + Cmd("F---I:-") + "s" + S + "http://example.org/a/long/path{x}/\\y"),
+         "{\\field{\\*\\fldinst{HYPERLINK \"http://example.org/a/long/path\\{x\\}/\\\\y\"}}"
+         "{\\fldrslt{\\ul a display longer than a block \\cf1\\ul0\\i s}}}",
+         39},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);

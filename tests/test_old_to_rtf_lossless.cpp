@@ -61,6 +61,10 @@ std::vector<BothModes> Cases()
         {"a hyperlink with balanced font commands", "A " + Cmd("CH:" + Cmd("F---I:-") + "x\xE9" + S + "u") + "b", "",
          "A \\ul{\\field{\\*\\fldinst{HYPERLINK }}{\\fldrslt \x01" "F---I:-}}\\ul0 x\xE9" + S + "ub\\par }",
          "A {\\field{\\*\\fldinst{HYPERLINK \"u\"}}{\\fldrslt{\\ul \\cf1\\ul0\\i x\\'e9}}}b\\par }", ""},
+        {"the character state around a hyperlink",
+         Cmd("F---B:-") + "x" + Cmd("CH:" + Cmd("F---I:-") + "y" + S + "u") + Cmd("F---BI:-") + "z" + Cmd("F---U:-") + "w", "",
+         "\\cf1\\b x\\ul{\\field{\\*\\fldinst{HYPERLINK }}{\\fldrslt \x01" "F---I:-}}\\ul0 y" + S + "u\\i z\\b0\\ul\\i0 w\\par }",
+         "\\cf1\\b x{\\field{\\*\\fldinst{HYPERLINK \"u\"}}{\\fldrslt{\\ul \\b0\\ul0\\i y}}}\\i z\\b0\\ul\\i0 w\\par }", ""},
         {"table tags", "Top\r" + Cmd("CT:StartRow") + Cmd("CT:StartRow") + "A" + Cmd("CT:EndCell") + Cmd("CT:StartRow") +
                            "B" + Cmd("CT:EndCell") + Cmd("CT:EndRow") + "End",
          "", "Top\\par StartRowStartRowAEndCellStartRowBEndCellEndRowEnd\\par }",
