@@ -159,16 +159,20 @@ public:
         RunEnd end;
     };
 
-    // Decodes nPairs two-byte sequences in one call from the initial state,
-    // the character of each into out, so that a trail table takes a call per
-    // invalid pair rather than two calls per pair. Where iconv gives each
-    // pair read exactly one character and stops, if at all, at the start of a
-    // pair, the pairs read are the characters Decode gives them one at a time
-    // (pages that hold a character back or give a pair two come out with the
-    // counts unequal, and are left to Decode).
+    // Back to the initial state.
+    void Reset() { iconv(m_cd, nullptr, nullptr, nullptr, nullptr); }
+
+    // Decodes nPairs two-byte sequences in one call, the character of each
+    // into out, so that a trail table takes a call per invalid pair rather
+    // than two calls per pair. Where iconv gives each pair read exactly one
+    // character and stops, if at all, at the start of a pair, the pairs read
+    // are the characters Decode gives them one at a time (pages that hold a
+    // character back or give a pair two come out with the counts unequal, and
+    // are left to Decode). A page whose pairs left a state behind would read
+    // differently here; no page the library builds does, and a test holds
+    // every table to Decode's pairs.
     PairRun DecodePairs(const unsigned char* pb, std::size_t nPairs, char32_t* out)
     {
-        iconv(m_cd, nullptr, nullptr, nullptr, nullptr);
         char* pIn = const_cast<char*>(reinterpret_cast<const char*>(pb));
         std::size_t cbIn = 2 * nPairs;
         // Room for two characters a pair: more than one a pair is unsure anyway.
@@ -350,8 +354,10 @@ void CCodePage::BuildTrailTable(unsigned char lead) const
         pairs[2 * trail] = lead;
         pairs[2 * trail + 1] = static_cast<unsigned char>(trail);
     }
-    // The pairs in runs up to the next invalid one; once a run is unsure, the
-    // rest a pair at a time.
+    // The pairs in runs up to the next invalid one, from the state the one
+    // before leaves (the initial state: iconv refuses a pair before reading
+    // any of it); once a run is unsure, the rest a pair at a time.
+    decoder.Reset();
     std::size_t trail = 0;
     while (trail < 256) {
         const CIconvDecoder::PairRun run = decoder.DecodePairs(pairs + 2 * trail, 256 - trail, table.get() + trail);
