@@ -260,11 +260,20 @@ const CCodePage* CCodePage::Get(int codePage)
     const bool bDingbats = codePage > dingbatBase && codePage <= dingbatBase + dingbatWebdings;
     if (codePage <= 0 || (codePage > 0xFFFF && !bDingbats) || IsWiderThanTwoBytes(codePage))
         return nullptr;
+    // A reader asks for the same page character after character; pages live
+    // as long as the process and are never replaced, so the one this thread
+    // last got needs no lock.
+    thread_local int t_lastCodePage = 0;
+    thread_local const CCodePage* t_pLastPage = nullptr;
+    if (codePage == t_lastCodePage)
+        return t_pLastPage;
     std::lock_guard<std::mutex> lock(s_mutex);
     auto it = s_pages.find(codePage);
     if (it == s_pages.end())
         it = s_pages.emplace(codePage, Build(codePage)).first;
-    return it->second.get();
+    t_lastCodePage = codePage;
+    t_pLastPage = it->second.get();
+    return t_pLastPage;
 }
 
 const CCodePage& CCodePage::Fallback()
