@@ -2,10 +2,13 @@
 
 #include <iconv.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <vector>
 #include <new>
 
 #include "rtfconverter/DingbatFonts.h"
@@ -143,12 +146,59 @@ public:
             iconv(m_cd, nullptr, nullptr, &pOut, &cbOut);
         if (sizeof out - cbOut < 4)
             return resInvalid;
-        cp = static_cast<char32_t>(out[0]) | static_cast<char32_t>(out[1]) << 8
-            | static_cast<char32_t>(out[2]) << 16 | static_cast<char32_t>(out[3]) << 24;
+        cp = CharacterAt(out);
         return resChar;
     }
 
+    // How a run of pairs decoded in one call ended: every pair read, a pair
+    // iconv refused (invalid as a pair of its own), or output that cannot be
+    // told apart pair by pair, whose pairs are then decoded one at a time.
+    enum RunEnd { runAll, runInvalid, runUnsure };
+    struct PairRun {
+        std::size_t cPairs;  // the pairs decoded, one character each
+        RunEnd end;
+    };
+
+    // Back to the initial state.
+    void Reset() { iconv(m_cd, nullptr, nullptr, nullptr, nullptr); }
+
+    // Decodes nPairs two-byte sequences in one call, the character of each
+    // into out, so that a trail table takes a call per invalid pair rather
+    // than two calls per pair. Where iconv gives each pair read exactly one
+    // character and stops, if at all, at the start of a pair, the pairs read
+    // are the characters Decode gives them one at a time (pages that hold a
+    // character back or give a pair two come out with the counts unequal, and
+    // are left to Decode). A page whose pairs left a state behind would read
+    // differently here; no page the library builds does, and a test holds
+    // every table to Decode's pairs.
+    PairRun DecodePairs(const unsigned char* pb, std::size_t nPairs, char32_t* out)
+    {
+        char* pIn = const_cast<char*>(reinterpret_cast<const char*>(pb));
+        std::size_t cbIn = 2 * nPairs;
+        // Room for two characters a pair: more than one a pair is unsure anyway.
+        unsigned char buffer[256 * 2 * 4];
+        char* pOut = reinterpret_cast<char*>(buffer);
+        std::size_t cbOut = std::min(sizeof buffer, 2 * 4 * nPairs);
+        const bool bAll = iconv(m_cd, &pIn, &cbIn, &pOut, &cbOut) != static_cast<std::size_t>(-1);
+        const int error = errno;
+        const std::size_t cbRead = 2 * nPairs - cbIn;
+        const std::size_t cbWritten = static_cast<std::size_t>(reinterpret_cast<unsigned char*>(pOut) - buffer);
+        if (cbRead % 2 != 0 || cbWritten != cbRead / 2 * 4)
+            return {0, runUnsure};
+        for (std::size_t i = 0; i < cbRead / 2; ++i)
+            out[i] = CharacterAt(buffer + 4 * i);
+        if (bAll)
+            return {cbRead / 2, cbIn == 0 ? runAll : runUnsure};
+        return {cbRead / 2, error == EILSEQ || error == EINVAL ? runInvalid : runUnsure};
+    }
+
 private:
+    static char32_t CharacterAt(const unsigned char* p)
+    {
+        return static_cast<char32_t>(p[0]) | static_cast<char32_t>(p[1]) << 8 | static_cast<char32_t>(p[2]) << 16
+            | static_cast<char32_t>(p[3]) << 24;
+    }
+
     iconv_t m_cd;
 };
 
@@ -210,11 +260,20 @@ const CCodePage* CCodePage::Get(int codePage)
     const bool bDingbats = codePage > dingbatBase && codePage <= dingbatBase + dingbatWebdings;
     if (codePage <= 0 || (codePage > 0xFFFF && !bDingbats) || IsWiderThanTwoBytes(codePage))
         return nullptr;
+    // A reader asks for the same page character after character; pages live
+    // as long as the process and are never replaced, so the one this thread
+    // last got needs no lock.
+    thread_local int t_lastCodePage = 0;
+    thread_local const CCodePage* t_pLastPage = nullptr;
+    if (codePage == t_lastCodePage)
+        return t_pLastPage;
     std::lock_guard<std::mutex> lock(s_mutex);
     auto it = s_pages.find(codePage);
     if (it == s_pages.end())
         it = s_pages.emplace(codePage, Build(codePage)).first;
-    return it->second.get();
+    t_lastCodePage = codePage;
+    t_pLastPage = it->second.get();
+    return t_pLastPage;
 }
 
 const CCodePage& CCodePage::Fallback()
@@ -283,8 +342,14 @@ char32_t CCodePage::Pair(unsigned char lead, unsigned char trail) const
 {
     if (!m_bLead[lead])
         return invalidPair;
+    const char32_t* trails = TrailTable(lead);
+    return trails ? trails[trail] : invalidPair;
+}
+
+const char32_t* CCodePage::TrailTable(unsigned char lead) const
+{
     std::call_once(m_trailOnce[lead], [this, lead] { BuildTrailTable(lead); });
-    return m_trail[lead] ? m_trail[lead][trail] : invalidPair;
+    return m_trail[lead].get();
 }
 
 void CCodePage::BuildTrailTable(unsigned char lead) const
@@ -293,44 +358,86 @@ void CCodePage::BuildTrailTable(unsigned char lead) const
     CIconvDecoder decoder(m_iconvName);
     if (!table || !decoder.IsOpen())
         return;
+    unsigned char pairs[2 * 256];
     for (unsigned trail = 0; trail < 256; ++trail) {
-        const unsigned char pair[2] = {lead, static_cast<unsigned char>(trail)};
+        pairs[2 * trail] = lead;
+        pairs[2 * trail + 1] = static_cast<unsigned char>(trail);
+    }
+    // The pairs in runs up to the next invalid one, from the state the one
+    // before leaves (the initial state: iconv refuses a pair before reading
+    // any of it); once a run is unsure, the rest a pair at a time.
+    decoder.Reset();
+    std::size_t trail = 0;
+    while (trail < 256) {
+        const CIconvDecoder::PairRun run = decoder.DecodePairs(pairs + 2 * trail, 256 - trail, table.get() + trail);
+        trail += run.cPairs;
+        if (run.end == CIconvDecoder::runInvalid)
+            table[trail++] = invalidPair;
+        else if (run.end == CIconvDecoder::runUnsure)
+            break;
+    }
+    for (; trail < 256; ++trail) {
         char32_t cp = 0;
-        table[trail] = decoder.Decode(pair, 2, cp) == CIconvDecoder::resChar ? cp : invalidPair;
+        table[trail] = decoder.Decode(pairs + 2 * trail, 2, cp) == CIconvDecoder::resChar ? cp : invalidPair;
     }
     m_trail[lead] = std::move(table);
+}
+
+// The slot of cp in an open-addressed table of a power of two slots: the one
+// holding it, or the free one where it belongs. The table is never full (at
+// most half its slots are used), so the probe ends.
+std::size_t CCodePage::EncodingSlotOf(const std::vector<EncodingSlot>& slots, char32_t cp)
+{
+    const std::size_t mask = slots.size() - 1;
+    const std::uint32_t hash = static_cast<std::uint32_t>(cp) * 0x9E3779B1u;
+    std::size_t i = (hash ^ hash >> 16) & mask;
+    while (slots[i].cp != cp && slots[i].cp != invalidPair)
+        i = (i + 1) & mask;
+    return i;
 }
 
 void CCodePage::BuildEncoding() const
 {
     // Single bytes first, then pairs in byte order: where a page gives one
     // character two forms, the first is written.
+    std::vector<EncodingSlot> forms;
     for (unsigned b = 0x80; b < 256; ++b)
         if (!m_bLead[b] && m_single[b] != kReplacement)
-            m_encoding.emplace(m_single[b], static_cast<unsigned short>(b));
+            forms.push_back({m_single[b], static_cast<unsigned short>(b)});
     for (unsigned lead = 0x80; lead < 256; ++lead) {
-        if (!m_bLead[lead])
+        const char32_t* trails = m_bLead[lead] ? TrailTable(static_cast<unsigned char>(lead)) : nullptr;
+        if (!trails)
             continue;
-        for (unsigned trail = 0; trail < 256; ++trail) {
-            const char32_t cp = Pair(static_cast<unsigned char>(lead), static_cast<unsigned char>(trail));
-            if (cp != invalidPair && cp != kReplacement)
-                m_encoding.emplace(cp, static_cast<unsigned short>(lead << 8 | trail));
-        }
+        for (unsigned trail = 0; trail < 256; ++trail)
+            if (trails[trail] != invalidPair && trails[trail] != kReplacement)
+                forms.push_back({trails[trail], static_cast<unsigned short>(lead << 8 | trail)});
+    }
+    std::size_t cSlots = 16;
+    while (cSlots < 2 * forms.size())
+        cSlots *= 2;
+    m_encoding.assign(cSlots, EncodingSlot{invalidPair, 0});
+    for (const EncodingSlot& form : forms) {
+        EncodingSlot& slot = m_encoding[EncodingSlotOf(m_encoding, form.cp)];
+        if (slot.cp == invalidPair)
+            slot = form;
     }
 }
 
 int CCodePage::Encode(char32_t cp, unsigned char out[2]) const
 {
     std::call_once(m_encodingOnce, [this] { BuildEncoding(); });
-    const auto it = m_encoding.find(cp);
-    if (it == m_encoding.end())
+    // invalidPair marks the free slots: no page has bytes for it.
+    if (cp == invalidPair)
         return 0;
-    if (it->second < 0x100) {
-        out[0] = static_cast<unsigned char>(it->second);
+    const EncodingSlot& slot = m_encoding[EncodingSlotOf(m_encoding, cp)];
+    if (slot.cp != cp)
+        return 0;
+    if (slot.bytes < 0x100) {
+        out[0] = static_cast<unsigned char>(slot.bytes);
         return 1;
     }
-    out[0] = static_cast<unsigned char>(it->second >> 8);
-    out[1] = static_cast<unsigned char>(it->second & 0xFF);
+    out[0] = static_cast<unsigned char>(slot.bytes >> 8);
+    out[1] = static_cast<unsigned char>(slot.bytes & 0xFF);
     return 2;
 }
 

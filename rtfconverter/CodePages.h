@@ -8,7 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_map>
+#include <vector>
 
 namespace rtf_converter {
 
@@ -57,6 +57,15 @@ private:
     static std::unique_ptr<CCodePage> Build(int codePage);
     void BuildTrailTable(unsigned char lead) const;
     void BuildEncoding() const;
+    const char32_t* TrailTable(unsigned char lead) const;
+
+    // One slot of the encoding: a character and its bytes (lead << 8 | trail,
+    // or the single byte), or cp == invalidPair where the slot is free.
+    struct EncodingSlot {
+        char32_t cp;
+        unsigned short bytes;
+    };
+    static std::size_t EncodingSlotOf(const std::vector<EncodingSlot>& slots, char32_t cp);
 
     int m_number = 0;
     std::string m_iconvName;
@@ -65,7 +74,10 @@ private:
     mutable std::once_flag m_trailOnce[256];
     mutable std::unique_ptr<char32_t[]> m_trail[256];
     mutable std::once_flag m_encodingOnce;
-    mutable std::unordered_map<char32_t, unsigned short> m_encoding;  // bytes: lead << 8 | trail
+    // Open addressing, a power of two slots at most half full, so that a
+    // page of some twenty thousand pairs is built without an allocation per
+    // character.
+    mutable std::vector<EncodingSlot> m_encoding;
 };
 
 // The name iconv knows a Windows code page by ("CP" and the number unless a
