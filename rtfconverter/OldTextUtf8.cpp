@@ -93,24 +93,6 @@ std::size_t FindOrEnd(std::string_view s, char ch, std::size_t from)
     return from >= s.size() ? s.size() : from + byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + from, s.size() - from, ch);
 }
 
-// Whether the n bytes at a and b are the same, for the few dozen bytes of a
-// command: eight at a time, the last eight overlapping those before, rather
-// than in a call.
-bool SameShortBytes(const char* a, const char* b, std::size_t n)
-{
-    if (n < 8) return std::memcmp(a, b, n) == 0;
-    std::uint64_t differ = 0;
-    auto compareWordAt = [&](std::size_t i) {
-        std::uint64_t x, y;
-        std::memcpy(&x, a + i, 8);
-        std::memcpy(&y, b + i, 8);
-        differ |= x ^ y;
-    };
-    for (std::size_t i = 0; i + 8 < n; i += 8) compareWordAt(i);
-    compareWordAt(n - 8);
-    return differ == 0;
-}
-
 // --- UTF-8
 
 // One character of UTF-8 at s[i], advancing i; a byte that does not begin a
@@ -330,7 +312,8 @@ class CUtf8ToOldEncoder {
 public:
     CUtf8ToOldEncoder(std::string_view in, int defaultCodePage, std::string& out)
         : m_in(in), m_defaultPage(PageOrFallback(defaultCodePage)), m_pPage(&m_defaultPage), m_out(out),
-          m_nFontMemo(FontMemoSizeFor(in.size())), m_fontMemo(new FontCommandEncoding[m_nFontMemo]())
+          m_nFontMemo(FontMemoSizeFor(in.size())), m_fontMemo(new FontCommandEncoding[m_nFontMemo]()),
+          m_fontMemoShift(64 - Log2(m_nFontMemo))
     {
     }
 
@@ -364,7 +347,9 @@ private:
         const char type = start + 1 < m_in.size() ? m_in[start + 1] : '\0';
         if (type == CDocCmd::font) {
             EncodeFontCommand(end);
-        } else if (type == CDocCmd::comment) {
+            return;
+        }
+        if (type == CDocCmd::comment) {
             EncodeRange(end, Region::text);
         } else {
             EncodeRange(end, Region::bytes);
@@ -377,24 +362,34 @@ private:
     // is written in the page its own character set names), and a document
     // repeats a few font commands many times: the last ones met are kept.
     //
-    // A command and its bytes are kept in the slot itself, in blocks of fixed
-    // size: a command met again is compared and copied a word at a time, not
-    // through calls. Its bytes are never longer than its UTF-8 (a character
-    // of two or more bytes becomes at most two).
-    static constexpr std::size_t kMaxMemoCommand = 64;  // longer commands are rare and not worth the room
+    // A command is kept as whole words with its 0x02, the bytes past the
+    // 0x02 zeroed, and so are its bytes: one met again is known by a fixed
+    // number of word compares, which also compare the lengths (the first
+    // 0x02 ends both), and written by a fixed number of word stores. Its
+    // bytes are never longer than its UTF-8 (a character of two or more
+    // bytes becomes at most two). A command whose encoding counted bad
+    // characters is not kept: it is rare, and its counts are then added
+    // again by encoding it again.
+    //
+    // Forty bytes hold a command with its size, colour, attributes and a
+    // face name of some twenty letters: nearly every one. Each word more
+    // costs every command met a few instructions; a longer command is
+    // encoded afresh each time.
+    static constexpr std::size_t kFontMemoWords = 5;
+    static constexpr std::size_t kMaxMemoCommand = kFontMemoWords * 8;
+    using MemoWords = std::array<std::uint64_t, kFontMemoWords>;
     struct FontCommandEncoding {
-        const CCodePage* pPage = nullptr;  // null: the slot is empty
-        unsigned char cbSource = 0;
-        unsigned char cbBytes = 0;
-        OldTextFromUtf8Counts counts;
-        char source[kMaxMemoCommand];
-        char bytes[kMaxMemoCommand];
-
-        bool Holds(std::string_view command) const
-        {
-            return pPage && cbSource == command.size() && SameShortBytes(source, command.data(), command.size());
-        }
+        MemoWords source{};  // all zero in an empty slot, which no command is (they start with 0x01)
+        MemoWords bytes{};
+        const CCodePage* pPage = nullptr;
+        std::size_t cbBytes = 0;  // with the 0x02
     };
+    static unsigned Log2(std::size_t powerOfTwo)
+    {
+        unsigned n = 0;
+        while (powerOfTwo >> n > 1) ++n;
+        return n;
+    }
     // A slot per kilobyte of text, a power of two from 64 to 4096: a long
     // document uses thousands of font commands, a short one a few.
     static std::size_t FontMemoSizeFor(std::size_t cbText)
@@ -403,21 +398,58 @@ private:
         while (n < 4096 && n * 1024 < cbText) n *= 2;
         return n;
     }
+    // For each length, the words that keep its first bytes and zero the rest.
+    static constexpr std::array<MemoWords, kMaxMemoCommand + 1> kKeepFirst = [] {
+        std::array<MemoWords, kMaxMemoCommand + 1> keep{};
+        for (std::size_t cb = 0; cb <= kMaxMemoCommand; ++cb)
+            for (std::size_t i = 0; i < cb; ++i) keep[cb][i / 8] |= std::uint64_t(0xFF) << (8 * (i % 8));
+        return keep;
+    }();
+    // The k-th word of the command at p, cb bytes long, as the memo keeps it.
+    static std::uint64_t MemoWordAt(const char* p, std::size_t cb, std::size_t k)
+    {
+        std::uint64_t word;
+        std::memcpy(&word, p + 8 * k, 8);
+        return word & kKeepFirst[cb][k];
+    }
+    // Whether the memo can keep the command at m_pos, its 0x02 at `end`: it
+    // is not too long, not cut short by the end of the text, and not so near
+    // that end that its words would be read past it.
+    bool IsMemoCommand(std::size_t end) const
+    {
+        return end < m_in.size() && end + 1 - m_pos <= kMaxMemoCommand && m_in.size() - m_pos >= kMaxMemoCommand;
+    }
+    // Each word times its own odd number, summed: the products are
+    // independent of one another, and the top bits of the sum, which pick
+    // the slot, depend on every bit of every word.
+    FontCommandEncoding& FontMemoSlotOf(const char* p, std::size_t cb) const
+    {
+        constexpr std::uint64_t kOdd[] = {0x9e3779b97f4a7c15ull, 0xff51afd7ed558ccdull, 0xc4ceb9fe1a85ec53ull, 0x87c37b91114253d5ull,
+                                          0x4cf5ad432745937full, 0xd6e8feb86659fd93ull, 0xa0761d6478bd642full, 0xe7037ed1a0b428dbull};
+        static_assert(sizeof kOdd / sizeof kOdd[0] >= kFontMemoWords, "a number per word");
+        std::uint64_t h = 0;
+        for (std::size_t k = 0; k < kFontMemoWords; ++k) h += MemoWordAt(p, cb, k) * kOdd[k];
+        return m_fontMemo[static_cast<std::size_t>(h >> m_fontMemoShift)];
+    }
+    static bool Holds(const FontCommandEncoding& memo, const char* p, std::size_t cb)
+    {
+        std::uint64_t differ = 0;
+        for (std::size_t k = 0; k < kFontMemoWords; ++k) differ |= MemoWordAt(p, cb, k) ^ memo.source[k];
+        return differ == 0;
+    }
+    // The font command from m_pos to its 0x02 at `end` (or the end of the
+    // text), with its 0x02.
     void EncodeFontCommand(std::size_t end)
     {
-        const std::string_view source = m_in.substr(m_pos, end - m_pos);
-        FontCommandEncoding* pMemo = nullptr;
-        if (source.size() <= kMaxMemoCommand) {
-            pMemo = &m_fontMemo[byte_scan::HashOf(source.data(), source.size()) & (m_nFontMemo - 1)];
-            if (pMemo->Holds(source)) {
-                SetFontInForce(m_out.Size(), pMemo->cbBytes);
-                m_out.AppendBlock<kMaxMemoCommand>(pMemo->bytes, pMemo->cbBytes);
-                m_pPage = pMemo->pPage;
-                m_counts.nInvalid += pMemo->counts.nInvalid;
-                m_counts.nUnencodable += pMemo->counts.nUnencodable;
-                m_pos = end;
-                return;
-            }
+        const char* const pSource = m_in.data() + m_pos;
+        const std::size_t cbSource = end + 1 - m_pos;
+        FontCommandEncoding* const pMemo = IsMemoCommand(end) ? &FontMemoSlotOf(pSource, cbSource) : nullptr;
+        if (pMemo && Holds(*pMemo, pSource, cbSource)) {
+            SetFontInForce(m_out.Size(), pMemo->cbBytes - 1);
+            m_out.AppendBlock<kMaxMemoCommand>(reinterpret_cast<const char*>(pMemo->bytes.data()), pMemo->cbBytes);
+            m_pPage = pMemo->pPage;
+            m_pos = end + 1;
+            return;
         }
         const OldTextFromUtf8Counts countsBefore = m_counts;
         const std::size_t face = FaceStart(m_pos, end);
@@ -425,16 +457,17 @@ private:
         EncodeRange(face, Region::bytes);
         m_pPage = &PageOfCharset(CharsetOfFontHead(m_out.View(headStart)), m_defaultPage);
         EncodeRange(end, Region::text);
+        SetFontInForce(headStart, m_out.Size() - headStart);
+        if (end < m_in.size()) m_out.Push(CDocCmd::chCmdEnd);
+        m_pos = end + 1;
         const std::string_view bytes = m_out.View(headStart);
-        SetFontInForce(headStart, bytes.size());
-        if (!pMemo || bytes.size() > kMaxMemoCommand) return;
-        std::memcpy(pMemo->source, source.data(), source.size());
-        pMemo->cbSource = static_cast<unsigned char>(source.size());
-        std::memcpy(pMemo->bytes, bytes.data(), bytes.size());
-        pMemo->cbBytes = static_cast<unsigned char>(bytes.size());
+        const bool bCounted = m_counts.nInvalid != countsBefore.nInvalid || m_counts.nUnencodable != countsBefore.nUnencodable;
+        if (!pMemo || bCounted || bytes.size() > kMaxMemoCommand) return;
+        for (std::size_t k = 0; k < kFontMemoWords; ++k) pMemo->source[k] = MemoWordAt(pSource, cbSource, k);
+        pMemo->bytes = MemoWords{};
+        std::memcpy(pMemo->bytes.data(), bytes.data(), bytes.size());
+        pMemo->cbBytes = bytes.size();
         pMemo->pPage = m_pPage;
-        pMemo->counts.nInvalid = m_counts.nInvalid - countsBefore.nInvalid;
-        pMemo->counts.nUnencodable = m_counts.nUnencodable - countsBefore.nUnencodable;
     }
 
     // The font command in force is the last one written: where its bytes
@@ -551,6 +584,7 @@ private:
     OldTextFromUtf8Counts m_counts;
     std::size_t m_nFontMemo;
     std::unique_ptr<FontCommandEncoding[]> m_fontMemo;
+    unsigned m_fontMemoShift;  // of a hash, to the bits that pick a slot
     CEncodingMemo m_encodingMemo;
 };
 

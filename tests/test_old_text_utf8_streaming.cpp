@@ -118,12 +118,14 @@ TEST(OldTextUtf8Streaming, RepeatedFontCommandsMatchTheReference)
     std::string text;
     for (int round = 0; round < 3; ++round)
         for (const std::string& command : commands) text += command + "\xD0\x96x\xE8\xA1\xA8 ";
-    // Commands around the longest one remembered (64 bytes from 0x01 to the
-    // 0x02), in ASCII and with a face name in the page's own letters, whose
-    // bytes are fewer than its UTF-8.
+    // Commands around the longest one remembered (40 bytes from 0x01 to the
+    // 0x02 included) and longer, in ASCII and with a face name in the page's
+    // own letters, whose bytes are fewer than its UTF-8; the first two the
+    // same but for their last character, past the 32nd byte.
     for (int round = 0; round < 3; ++round)
-        for (std::size_t n : {54u, 55u, 56u, 57u}) {
+        for (std::size_t n : {29u, 30u, 31u, 32u, 33u, 55u, 56u}) {
             text += "\x01" "F12-\xC3\x8A:" + std::string(n, 'f') + "\x02y";
+            text += "\x01" "F12-\xC3\x8A:" + std::string(n - 1, 'f') + "\xD0\x96\x02y";
             text += "\x01" "F---\xC3\x8A:" + std::string(n - n / 2 * 2, 'g');
             for (std::size_t k = 0; k < n / 2; ++k) text += "\xD0\x96";
             text += "\x02z";
