@@ -174,7 +174,12 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(con
 
 // --- life cycle
 
-CRTFToUTF8Parser::CRTFToUTF8Parser() = default;
+CRTFToUTF8Parser::CRTFToUTF8Parser()
+{
+    std::size_t cOwnRows = 0;
+    m_pKeywordIndex = &KeywordIndex(cOwnRows);
+    m_cOwnKeywords = static_cast<int>(cOwnRows);
+}
 
 void CRTFToUTF8Parser::SetNewline(Newline newline)
 {
@@ -345,19 +350,21 @@ bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
             return SkipFallbackKeyword(szKeyword);
         m_cchUnicodeSkip = 0;
     }
-    // Held here, so that a keyword costs a test that they are set rather
-    // than a call.
-    static std::size_t s_cOwnRows = 0;
-    static const CKeywordIndex& s_index = KeywordIndex(s_cOwnRows);
-    const CKeywordIndex& index = s_index;
-    const std::size_t cOwnRows = s_cOwnRows;
     const KeywordKey* pKey = TokenWordKey(szKeyword);
-    const int number = pKey ? index.Find(*pKey) : index.Find(szKeyword);
-    if (number < 0 || static_cast<std::size_t>(number) >= cOwnRows) {
+    const int number = pKey ? m_pKeywordIndex->Find(*pKey) : m_pKeywordIndex->Find(szKeyword);
+    if (number < 0) {
+        // Most words of a document are in neither table. Such a word only
+        // ends what a \* before it began (see CBaseRTFParser), and nothing at
+        // all without one or in a skipped destination.
+        if (!m_bOptionalDest || m_rds == rdsSkip)
+            return true;
+        return TranslateKeywordAt(-1, szKeyword, param);
+    }
+    if (number >= m_cOwnKeywords) {
         // What CBaseRTFParser::TranslateKeyword does, without a second lookup.
         if (m_rds == rdsSkip)
             return true;
-        return TranslateKeywordAt(number < 0 ? -1 : number - static_cast<int>(cOwnRows), szKeyword, param);
+        return TranslateKeywordAt(number - m_cOwnKeywords, szKeyword, param);
     }
     std::size_t cRows = 0;
     const UnicodeKeyword& row = UnicodeKeywordRows(cRows)[number];

@@ -265,6 +265,11 @@ private:
     // counts as one fallback character; a \'hh escape's digits go with it.
     bool SkipFallbackKeyword(const char* szKeyword);
 
+    // KeywordIndex and its number of own rows, held here so that a keyword's
+    // lookup needs no test that the index has been built.
+    const CKeywordIndex* m_pKeywordIndex = nullptr;
+    int m_cOwnKeywords = 0;
+
     // The font table entry being read: its name, and whether it is done.
     std::string m_fontName;
     bool m_bFontNameDone = false;
