@@ -10,6 +10,14 @@
 #include "rtfconverter/CodePages.h"
 #include "rtfconverter/KeywordIndex.h"
 
+// Kept out of line where a rare path inlined would cost every call of the
+// caller its saved registers.
+#if defined(__GNUC__)
+#define RTFCONV_OUT_OF_LINE __attribute__((noinline))
+#else
+#define RTFCONV_OUT_OF_LINE
+#endif
+
 namespace rtf_converter {
 
 namespace {
@@ -332,11 +340,20 @@ bool CRTFToUTF8Parser::PopRtfState()
 
 bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
 {
+    const bool bAtGroupStart = m_bAtGroupStart;
+    m_bAtGroupStart = false;
+    // One test for all that is rare, so that a common word goes straight to
+    // its lookup.
+    if (m_cchUnicodeSkip > 0 || !m_bFirstKeywordSeen || szKeyword[0] == '*')
+        return TranslateRareKeyword(szKeyword, param, bAtGroupStart);
+    return DispatchKeyword(szKeyword, param);
+}
+
+RTFCONV_OUT_OF_LINE bool CRTFToUTF8Parser::TranslateRareKeyword(const char* szKeyword, int param, bool bAtGroupStart)
+{
     // \* marks an optional destination only as the first thing in a group;
     // elsewhere it is meaningless, and the core would hide the rest of the
     // group at the next keyword it does not know.
-    const bool bAtGroupStart = m_bAtGroupStart;
-    m_bAtGroupStart = false;
     if (szKeyword[0] == '*' && szKeyword[1] == '\0' && !bAtGroupStart)
         return true;
     if (!m_bFirstKeywordSeen) {
@@ -350,21 +367,29 @@ bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
             return SkipFallbackKeyword(szKeyword);
         m_cchUnicodeSkip = 0;
     }
+    return DispatchKeyword(szKeyword, param);
+}
+
+// One lookup in the index over both tables gives the word's row in either.
+inline bool CRTFToUTF8Parser::DispatchKeyword(const char* szKeyword, int param)
+{
     const KeywordKey* pKey = TokenWordKey(szKeyword);
     const int number = pKey ? m_pKeywordIndex->Find(*pKey) : m_pKeywordIndex->Find(szKeyword);
     if (number < 0) {
         // Most words of a document are in neither table. Such a word only
-        // ends what a \* before it began (see CBaseRTFParser), and nothing at
-        // all without one or in a skipped destination.
+        // ends what a \* before it began (see CBaseRTFParser), and does
+        // nothing at all without one or in a skipped destination.
         if (!m_bOptionalDest || m_rds == rdsSkip)
             return true;
         return TranslateKeywordAt(-1, szKeyword, param);
     }
     if (number >= m_cOwnKeywords) {
-        // What CBaseRTFParser::TranslateKeyword does, without a second lookup.
+        // What CBaseRTFParser::TranslateKeyword does with the core's row,
+        // without a second lookup.
         if (m_rds == rdsSkip)
             return true;
-        return TranslateKeywordAt(number - m_cOwnKeywords, szKeyword, param);
+        m_bOptionalDest = false;
+        return (this->*s_Cmds[number - m_cOwnKeywords].pfnHandler)(szKeyword, param);
     }
     std::size_t cRows = 0;
     const UnicodeKeyword& row = UnicodeKeywordRows(cRows)[number];
