@@ -45,6 +45,19 @@ const CCodePage* PageOfCharset(int charset)
     return codePage ? CCodePage::Get(codePage) : nullptr;
 }
 
+// Whether a handler's keyword is szWord: handlers shared by several words
+// tell them apart on every call, so the few bytes are compared inline rather
+// than by a library call.
+inline bool IsKeyword(const void* pKeyword, const char* szWord)
+{
+    const char* p = static_cast<const char*>(pKeyword);
+    while (*szWord != '\0' && *p == *szWord) {
+        ++p;
+        ++szWord;
+    }
+    return *p == *szWord;
+}
+
 bool IsAsciiSpace(char ch) { return ch == ' ' || ch == '\t' || ch == '\n' || ch == '\r'; }
 
 } // namespace
@@ -939,7 +952,7 @@ bool CRTFToUTF8Parser::ApplyCRCommand(const void* pKeyword, int param)
 {
     // The last paragraph mark of a cell is its end, which \cell gives: a
     // paragraph mark in a table is written only when text follows in the cell.
-    if (m_bInTable && IsVisibleText() && std::strcmp(static_cast<const char*>(pKeyword), "par") == 0) {
+    if (m_bInTable && IsVisibleText() && IsKeyword(pKeyword, "par")) {
         if (!PayTableNewline())
             return false;
         m_bTableNewlineOwed = true;
@@ -996,7 +1009,7 @@ bool CRTFToUTF8Parser::SetInTable(char32_t, int)
 
 bool CRTFToUTF8Parser::ApplyParCommand(const void* pKeyword, int param)
 {
-    if (std::strcmp(static_cast<const char*>(pKeyword), "pard") == 0)
+    if (IsKeyword(pKeyword, "pard"))
         m_bInTable = false;
     return CBaseRTFParser::ApplyParCommand(pKeyword, param);
 }
@@ -1067,7 +1080,7 @@ bool CRTFToUTF8Parser::SkipDestination(char32_t, int)
 bool CRTFToUTF8Parser::InitPNCommand(const void* pKeyword, int param)
 {
     // \pntext and \listtext give the paragraph's number as text.
-    if (std::strcmp(static_cast<const char*>(pKeyword), "pn") != 0 && IsVisibleText())
+    if (!IsKeyword(pKeyword, "pn") && IsVisibleText())
         m_bNumberTextGiven = true;
     return CBaseRTFParser::InitPNCommand(pKeyword, param);
 }
