@@ -10,6 +10,14 @@
 #include "rtfconverter/CodePages.h"
 #include "rtfconverter/KeywordIndex.h"
 
+// Kept out of line where a rare path inlined would cost every call of the
+// caller its saved registers.
+#if defined(__GNUC__)
+#define RTFCONV_OUT_OF_LINE __attribute__((noinline))
+#else
+#define RTFCONV_OUT_OF_LINE
+#endif
+
 namespace rtf_converter {
 
 namespace {
@@ -35,6 +43,19 @@ const CCodePage* PageOfCharset(int charset)
 {
     const int codePage = CodePageOfCharset(charset);
     return codePage ? CCodePage::Get(codePage) : nullptr;
+}
+
+// Whether a handler's keyword is szWord: handlers shared by several words
+// tell them apart on every call, so the few bytes are compared inline rather
+// than by a library call.
+inline bool IsKeyword(const void* pKeyword, const char* szWord)
+{
+    const char* p = static_cast<const char*>(pKeyword);
+    while (*szWord != '\0' && *p == *szWord) {
+        ++p;
+        ++szWord;
+    }
+    return *p == *szWord;
 }
 
 bool IsAsciiSpace(char ch) { return ch == ' ' || ch == '\t' || ch == '\n' || ch == '\r'; }
@@ -174,7 +195,12 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(con
 
 // --- life cycle
 
-CRTFToUTF8Parser::CRTFToUTF8Parser() = default;
+CRTFToUTF8Parser::CRTFToUTF8Parser()
+{
+    std::size_t cOwnRows = 0;
+    m_pKeywordIndex = &KeywordIndex(cOwnRows);
+    m_cOwnKeywords = static_cast<int>(cOwnRows);
+}
 
 void CRTFToUTF8Parser::SetNewline(Newline newline)
 {
@@ -327,11 +353,20 @@ bool CRTFToUTF8Parser::PopRtfState()
 
 bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
 {
+    const bool bAtGroupStart = m_bAtGroupStart;
+    m_bAtGroupStart = false;
+    // One test for all that is rare, so that a common word goes straight to
+    // its lookup.
+    if (m_cchUnicodeSkip > 0 || !m_bFirstKeywordSeen || szKeyword[0] == '*')
+        return TranslateRareKeyword(szKeyword, param, bAtGroupStart);
+    return DispatchKeyword(szKeyword, param);
+}
+
+RTFCONV_OUT_OF_LINE bool CRTFToUTF8Parser::TranslateRareKeyword(const char* szKeyword, int param, bool bAtGroupStart)
+{
     // \* marks an optional destination only as the first thing in a group;
     // elsewhere it is meaningless, and the core would hide the rest of the
     // group at the next keyword it does not know.
-    const bool bAtGroupStart = m_bAtGroupStart;
-    m_bAtGroupStart = false;
     if (szKeyword[0] == '*' && szKeyword[1] == '\0' && !bAtGroupStart)
         return true;
     if (!m_bFirstKeywordSeen) {
@@ -345,19 +380,29 @@ bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
             return SkipFallbackKeyword(szKeyword);
         m_cchUnicodeSkip = 0;
     }
-    // Held here, so that a keyword costs a test that they are set rather
-    // than a call.
-    static std::size_t s_cOwnRows = 0;
-    static const CKeywordIndex& s_index = KeywordIndex(s_cOwnRows);
-    const CKeywordIndex& index = s_index;
-    const std::size_t cOwnRows = s_cOwnRows;
+    return DispatchKeyword(szKeyword, param);
+}
+
+// One lookup in the index over both tables gives the word's row in either.
+inline bool CRTFToUTF8Parser::DispatchKeyword(const char* szKeyword, int param)
+{
     const KeywordKey* pKey = TokenWordKey(szKeyword);
-    const int number = pKey ? index.Find(*pKey) : index.Find(szKeyword);
-    if (number < 0 || static_cast<std::size_t>(number) >= cOwnRows) {
-        // What CBaseRTFParser::TranslateKeyword does, without a second lookup.
+    const int number = pKey ? m_pKeywordIndex->Find(*pKey) : m_pKeywordIndex->Find(szKeyword);
+    if (number < 0) {
+        // Most words of a document are in neither table. Such a word only
+        // ends what a \* before it began (see CBaseRTFParser), and does
+        // nothing at all without one or in a skipped destination.
+        if (!m_bOptionalDest || m_rds == rdsSkip)
+            return true;
+        return TranslateKeywordAt(-1, szKeyword, param);
+    }
+    if (number >= m_cOwnKeywords) {
+        // What CBaseRTFParser::TranslateKeyword does with the core's row,
+        // without a second lookup.
         if (m_rds == rdsSkip)
             return true;
-        return TranslateKeywordAt(number < 0 ? -1 : number - static_cast<int>(cOwnRows), szKeyword, param);
+        m_bOptionalDest = false;
+        return (this->*s_Cmds[number - m_cOwnKeywords].pfnHandler)(szKeyword, param);
     }
     std::size_t cRows = 0;
     const UnicodeKeyword& row = UnicodeKeywordRows(cRows)[number];
@@ -907,7 +952,7 @@ bool CRTFToUTF8Parser::ApplyCRCommand(const void* pKeyword, int param)
 {
     // The last paragraph mark of a cell is its end, which \cell gives: a
     // paragraph mark in a table is written only when text follows in the cell.
-    if (m_bInTable && IsVisibleText() && std::strcmp(static_cast<const char*>(pKeyword), "par") == 0) {
+    if (m_bInTable && IsVisibleText() && IsKeyword(pKeyword, "par")) {
         if (!PayTableNewline())
             return false;
         m_bTableNewlineOwed = true;
@@ -964,7 +1009,7 @@ bool CRTFToUTF8Parser::SetInTable(char32_t, int)
 
 bool CRTFToUTF8Parser::ApplyParCommand(const void* pKeyword, int param)
 {
-    if (std::strcmp(static_cast<const char*>(pKeyword), "pard") == 0)
+    if (IsKeyword(pKeyword, "pard"))
         m_bInTable = false;
     return CBaseRTFParser::ApplyParCommand(pKeyword, param);
 }
@@ -1035,7 +1080,7 @@ bool CRTFToUTF8Parser::SkipDestination(char32_t, int)
 bool CRTFToUTF8Parser::InitPNCommand(const void* pKeyword, int param)
 {
     // \pntext and \listtext give the paragraph's number as text.
-    if (std::strcmp(static_cast<const char*>(pKeyword), "pn") != 0 && IsVisibleText())
+    if (!IsKeyword(pKeyword, "pn") && IsVisibleText())
         m_bNumberTextGiven = true;
     return CBaseRTFParser::InitPNCommand(pKeyword, param);
 }

@@ -261,9 +261,19 @@ private:
     // Writes the UTF-8 bytes of cp, all or nothing.
     bool PutCodePoint(char32_t cp);
     bool PutBytes(const char* pch, int cch);
+    // TranslateKeyword's rare cases: the document's first word, \*, and a
+    // word met while a \uN fallback is being skipped.
+    bool TranslateRareKeyword(const char* szKeyword, int param, bool bAtGroupStart);
+    // A word looked up in both tables and handed to its handler.
+    inline bool DispatchKeyword(const char* szKeyword, int param);
     // A keyword other than \u met while a \uN fallback is being skipped
     // counts as one fallback character; a \'hh escape's digits go with it.
     bool SkipFallbackKeyword(const char* szKeyword);
+
+    // KeywordIndex and its number of own rows, held here so that a keyword's
+    // lookup needs no test that the index has been built.
+    const CKeywordIndex* m_pKeywordIndex = nullptr;
+    int m_cOwnKeywords = 0;
 
     // The font table entry being read: its name, and whether it is done.
     std::string m_fontName;

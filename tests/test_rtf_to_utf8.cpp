@@ -167,7 +167,69 @@ TEST(RtfToUtf8, KeywordsAndDestinations)
         {"\\bin data is skipped", std::string("{\\rtf1 a{\\*\\blip\\bin4 ") + std::string("}{\\\0", 4) + "}b}", "ab"},
         {"tables of the document", R"({\rtf1{\fonttbl{\f0 Arial;}}{\colortbl;\red1;}{\stylesheet{\s1 H;}}{\info{\title T}}x})", "x"},
         {"\\par in the info group", R"({\rtf1{\info\par}x})", "x"},
+        // A word in neither table ends what \* began, and only that.
+        {"\\* then an unknown word", R"({\rtf1 a{\*\unknown x}b\brdrs c})", "abc"},
+        {"\\* then a word of the core's", R"({\rtf1 a{\*\fs20 x}b})", "axb"},
+        {"\\* then a word of the reader's", R"({\rtf1 a{\*\emdash x}b})", "a—xb"},
+        {"\\* inside a group means nothing", R"({\rtf1 a\*\unknown b{\*\unknown\*\fs20 z}c})", "abc"},
+        {"words in a skipped destination", R"({\rtf1 a{\*\unknown{\*\other y}\fs20\emdash z}b})", "ab"},
     });
+}
+
+namespace {
+
+// A host's reader that watches the keyword calls: every word reaches
+// TranslateKeyword, and every word of the core's table its handler, as they
+// did before the reader resolved words itself.
+class CWatchedKeywords : public CBytePtrRTFToUTF8PtrParser {
+public:
+    explicit CWatchedKeywords(const std::string& rtf)
+        : CBytePtrRTFToUTF8PtrParser(reinterpret_cast<const unsigned char*>(rtf.data()),
+                                     static_cast<unsigned long>(rtf.size()))
+    {
+    }
+    std::vector<std::string> words;
+    std::vector<int> fontSizes;
+    int cFonts = 0;
+
+protected:
+    bool TranslateKeyword(const char* szKeyword, int param) override
+    {
+        words.push_back(szKeyword);
+        return CBytePtrRTFToUTF8PtrParser::TranslateKeyword(szKeyword, param);
+    }
+    bool ApplyFontSize(const void* pKeyword, int param) override
+    {
+        fontSizes.push_back(param);
+        return CBytePtrRTFToUTF8PtrParser::ApplyFontSize(pKeyword, param);
+    }
+    bool GetFontNum(const void* pKeyword, int param) override
+    {
+        ++cFonts;
+        return CBytePtrRTFToUTF8PtrParser::GetFontNum(pKeyword, param);
+    }
+};
+
+} // namespace
+
+TEST(RtfToUtf8, ADerivedReaderGetsEveryKeywordCall)
+{
+    const std::string rtf = R"({\rtf1{\fonttbl{\f0 Arial;}}\f0\fs24\brdrs a{\*\unknown\fs30 x}\emdash{\fs18 b}\u233?\'41\par})";
+    CWatchedKeywords watched(rtf);
+    // Room for all the text: no word is refused and read again.
+    std::vector<char> buf(64);
+    std::string out;
+    bool bMore = true;
+    for (int cCalls = 0; bMore && cCalls < 1000; ++cCalls)
+        out.append(buf.data(), watched.Read(buf.data(), buf.data() + buf.size(), bMore));
+    EXPECT_EQ(out, ToUtf8(rtf));
+    EXPECT_EQ(out, "a—béA\n");
+    const std::vector<std::string> words = {"rtf", "fonttbl", "f", "f", "fs", "brdrs", "*", "unknown", "fs",
+                                            "emdash", "fs", "u", "'", "par"};
+    EXPECT_EQ(watched.words, words);
+    // Not the one in the skipped destination.
+    EXPECT_EQ(watched.fontSizes, (std::vector<int>{24, 18}));
+    EXPECT_EQ(watched.cFonts, 2);
 }
 
 // What word processors make of RTF, each as the smallest document showing it.
