@@ -8,6 +8,14 @@
 
 #include "rtfconverter/RTFParser.h"
 
+// For the readers' keyword dispatch: a rare case kept out of line, where
+// inlined it would cost every call of the caller its saved registers.
+#if defined(__GNUC__)
+#define RTFCONV_OUT_OF_LINE __attribute__((noinline))
+#else
+#define RTFCONV_OUT_OF_LINE
+#endif
+
 namespace rtf_converter {
 
 #if defined(__BYTE_ORDER__)

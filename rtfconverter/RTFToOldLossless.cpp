@@ -12,14 +12,6 @@
 #include "rtfconverter/KeywordIndex.h"
 #include "rtfconverter/RTFToOld.h"
 
-// Kept out of line where a rare path inlined would cost every call of the
-// caller its saved registers.
-#if defined(__GNUC__)
-#define RTFCONV_OUT_OF_LINE __attribute__((noinline))
-#else
-#define RTFCONV_OUT_OF_LINE
-#endif
-
 namespace rtf_converter {
 
 namespace {
