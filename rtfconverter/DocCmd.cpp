@@ -626,10 +626,14 @@ void CFontCmd::SetFaceName(const char* pszFaceName)
     const int colon = FindFaceSeparator();
     if (colon < 0) return;
     // A name taken from this very text is copied before the text changes.
+    // Nearly always the name lies elsewhere, and nothing is copied.
     const std::less<const char*> before;
     const char* pText = m_cmd.GetString();
-    const CString copied(!before(pszFaceName, pText) && before(pszFaceName, pText + GetLength() + 1) ? pszFaceName : "");
-    if (!copied.IsEmpty()) pszFaceName = copied.GetString();
+    CString copied;
+    if (!before(pszFaceName, pText) && before(pszFaceName, pText + GetLength() + 1)) {
+        copied = pszFaceName;
+        if (!copied.IsEmpty()) pszFaceName = copied.GetString();
+    }
     const char* pszFace = (pszFaceName && *pszFaceName) ? pszFaceName : "-";
     const std::size_t cchFace = std::strlen(pszFace);
     // The same face again (a reader sets it at every font change) leaves the
