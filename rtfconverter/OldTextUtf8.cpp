@@ -559,7 +559,7 @@ private:
 // --- decoding
 
 COldTextUtf8Decoder::COldTextUtf8Decoder(int defaultCodePage)
-    : m_pDefaultPage(&PageOrFallback(defaultCodePage)), m_pPage(m_pDefaultPage), m_fontMemo(cFontCommandMemos)
+    : m_pDefaultPage(&PageOrFallback(defaultCodePage)), m_pPage(m_pDefaultPage)
 {
 }
 
@@ -721,7 +721,7 @@ std::size_t COldTextUtf8Decoder::FontCommandSlot(const char* p)
 // remembered; on true, i is past the command's 0x02.
 bool COldTextUtf8Decoder::DecodeRememberedFontCommand(std::string_view piece, std::size_t& i, std::string& out)
 {
-    if (piece.size() - i < cbFontCommandKey) return false;
+    if (piece.size() - i < cbFontCommandKey || m_fontMemo.empty()) return false;
     const char* const p = piece.data() + i;
     const FontCommandMemo& memo = m_fontMemo[FontCommandSlot(p)];
     // A remembered command holds one 0x02, its last byte: the same bytes here
@@ -742,6 +742,8 @@ void COldTextUtf8Decoder::RememberFontCommand(std::string_view piece, std::size_
     const std::size_t cb = end - start;
     if (piece.size() - start < cbFontCommandKey || cb > FontCommandMemo::cbMax || utf8.size() > sizeof FontCommandMemo::utf8)
         return;
+    // Made at the first command remembered: a short text meets few.
+    if (m_fontMemo.empty()) m_fontMemo.resize(cFontCommandMemos);
     FontCommandMemo& memo = m_fontMemo[FontCommandSlot(piece.data() + start)];
     memo.cb = static_cast<unsigned char>(cb);
     memo.cbUtf8 = static_cast<unsigned char>(utf8.size());

@@ -100,7 +100,7 @@ private:
     int m_lastCharset = -1;       // SetPageOfCharset's last question and answer
     const CCodePage* m_pLastCharsetPage = nullptr;
     HighByte m_high[128] = {};
-    std::vector<FontCommandMemo> m_fontMemo;  // cFontCommandMemos slots
+    std::vector<FontCommandMemo> m_fontMemo;  // cFontCommandMemos slots, or none yet
 };
 
 struct OldTextFromUtf8Counts {
