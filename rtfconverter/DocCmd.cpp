@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -384,12 +385,22 @@ bool CFontCmd::IsValidCmd() const
 // formatting change. The length report measures the text up to a NUL; a text
 // whose first bytes hold none passes it, and is not measured. The separator is
 // a few bytes after the colour, and is looked for byte by byte.
+// Whether one of the eight bytes at p is NUL, tested as one word: no
+// library call for the check made at every reading of the attributes.
+static bool HasNulByte(const char* p)
+{
+    static_assert(CFontCmd::iFntCmdLenMin == 8, "the check reads one 64-bit word");
+    std::uint64_t w;
+    std::memcpy(&w, p, sizeof w);
+    return ((w - 0x0101010101010101u) & ~w & 0x8080808080808080u) != 0;
+}
+
 int CFontCmd::FindFaceSeparator() const
 {
     const char* pFontCmd = m_cmd.GetString();
     VQASSERT(pFontCmd);
     const int len = GetLength();
-    if (len < iFntCmdLenMin || std::memchr(pFontCmd, '\0', iFntCmdLenMin) != nullptr)
+    if (len < iFntCmdLenMin || HasNulByte(pFontCmd))
         VQASSERT(lstrlen(pFontCmd) >= iFntCmdLenMin);
     for (int i = posAttributes; i < len; ++i)
         if (pFontCmd[i] == chFaceSeparator) return i;
@@ -518,8 +529,9 @@ int CFontCmd::GetCharset() const
 {
     const int colon = FindFaceSeparator();
     const int end = colon < 0 ? GetLength() : colon;
+    const char* p = m_cmd.GetString();  // every index below end lies in the text
     for (int i = posAttributes; i < end; ++i)
-        if (IsCharsetCode(At(i))) return kCharsetCodes[static_cast<unsigned char>(At(i)) - kFirstCharsetCode].charset;
+        if (IsCharsetCode(p[i])) return kCharsetCodes[static_cast<unsigned char>(p[i]) - kFirstCharsetCode].charset;
     return DEFAULT_CHARSET;
 }
 
@@ -614,10 +626,14 @@ void CFontCmd::SetFaceName(const char* pszFaceName)
     const int colon = FindFaceSeparator();
     if (colon < 0) return;
     // A name taken from this very text is copied before the text changes.
+    // Nearly always the name lies elsewhere, and nothing is copied.
     const std::less<const char*> before;
     const char* pText = m_cmd.GetString();
-    const CString copied(!before(pszFaceName, pText) && before(pszFaceName, pText + GetLength() + 1) ? pszFaceName : "");
-    if (!copied.IsEmpty()) pszFaceName = copied.GetString();
+    CString copied;
+    if (!before(pszFaceName, pText) && before(pszFaceName, pText + GetLength() + 1)) {
+        copied = pszFaceName;
+        if (!copied.IsEmpty()) pszFaceName = copied.GetString();
+    }
     const char* pszFace = (pszFaceName && *pszFaceName) ? pszFaceName : "-";
     const std::size_t cchFace = std::strlen(pszFace);
     // The same face again (a reader sets it at every font change) leaves the

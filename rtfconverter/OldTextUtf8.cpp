@@ -734,6 +734,59 @@ std::size_t COldTextUtf8Decoder::DecodeFontHead(std::string_view piece, std::siz
     return i;
 }
 
+// The memo slot of the command at p: from its first eight bytes (size,
+// colour, attributes and the face's first letters; a short command's byte
+// after it too), which tell the commands of a text apart nearly always. The
+// memo's bytes say whether the command in the slot is this one.
+std::size_t COldTextUtf8Decoder::FontCommandSlot(const char* p)
+{
+    std::uint64_t w;
+    std::memcpy(&w, p, sizeof w);
+    // The top bits of the product depend on every byte.
+    static_assert(cFontCommandMemos == 128, "seven bits choose the slot");
+    return static_cast<std::size_t>((w * 0x9E3779B97F4A7C15u) >> 57);
+}
+
+// Every font command of the text passes here: nearly all of them are a few
+// commands met again and again. A command is decoded whole from its bytes
+// alone (its head from offset 1, its face in the page its head sets), so the
+// same bytes give the same UTF-8 and leave the same state. Returns false,
+// with nothing done, when the command at piece[i] (its type letter) is not
+// remembered; on true, i is past the command's 0x02.
+bool COldTextUtf8Decoder::DecodeRememberedFontCommand(std::string_view piece, std::size_t& i, std::string& out)
+{
+    if (piece.size() - i < cbFontCommandKey || m_fontMemo.empty()) return false;
+    const char* const p = piece.data() + i;
+    const FontCommandMemo& memo = m_fontMemo[FontCommandSlot(p)];
+    // A remembered command holds one 0x02, its last byte: the same bytes here
+    // are the whole command.
+    if (memo.cb == 0 || memo.cb > piece.size() - i || std::memcmp(memo.bytes, p, memo.cb) != 0) return false;
+    out.append(memo.utf8, memo.cbUtf8);
+    SetPageOfCharset(memo.headCharset);
+    m_cmdOffset = memo.cmdOffset;
+    m_headCharset = memo.headCharset;
+    m_region = Region::text;
+    i += memo.cb;
+    return true;
+}
+
+// piece[start, end) is a font command just decoded whole, utf8 what it gave.
+void COldTextUtf8Decoder::RememberFontCommand(std::string_view piece, std::size_t start, std::size_t end, std::string_view utf8)
+{
+    const std::size_t cb = end - start;
+    if (piece.size() - start < cbFontCommandKey || cb > FontCommandMemo::cbMax || utf8.size() > sizeof FontCommandMemo::utf8)
+        return;
+    // Made at the first command remembered: a short text meets few.
+    if (m_fontMemo.empty()) m_fontMemo.resize(cFontCommandMemos);
+    FontCommandMemo& memo = m_fontMemo[FontCommandSlot(piece.data() + start)];
+    memo.cb = static_cast<unsigned char>(cb);
+    memo.cbUtf8 = static_cast<unsigned char>(utf8.size());
+    memo.cmdOffset = m_cmdOffset;
+    memo.headCharset = m_headCharset;
+    std::memcpy(memo.bytes, piece.data() + start, cb);
+    std::memcpy(memo.utf8, utf8.data(), utf8.size());
+}
+
 void COldTextUtf8Decoder::Feed(std::string_view piece, std::string& out)
 {
     std::size_t i = 0;
@@ -743,6 +796,11 @@ void COldTextUtf8Decoder::Feed(std::string_view piece, std::string& out)
         m_pendingLead = -1;
         i += DecodeLead(lead, next, out);
     }
+    // A font command begun in this piece: where its bytes and its UTF-8
+    // begin, to be remembered when it ends in the piece too.
+    constexpr std::size_t npos = std::string_view::npos;
+    std::size_t fontStart = npos;
+    std::size_t fontOutStart = 0;
     while (i < piece.size()) {
         switch (m_region) {
         case Region::text:
@@ -755,6 +813,9 @@ void COldTextUtf8Decoder::Feed(std::string_view piece, std::string& out)
             continue;
         case Region::commandType:
             if (piece[i] == CDocCmd::font) {
+                if (DecodeRememberedFontCommand(piece, i, out)) continue;
+                fontStart = i;
+                fontOutStart = out.size();
                 m_region = Region::fontHead;
                 m_cmdOffset = 1;
                 m_headCharset = -1;
@@ -779,6 +840,10 @@ void COldTextUtf8Decoder::Feed(std::string_view piece, std::string& out)
             out += CDocCmd::chCmdEnd;
             ++i;
             m_region = Region::text;
+            if (fontStart != npos) {
+                RememberFontCommand(piece, fontStart, i, std::string_view(out).substr(fontOutStart));
+                fontStart = npos;
+            }
         }
     }
 }

@@ -38,6 +38,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace rtf_converter {
 
@@ -72,6 +73,23 @@ private:
     void SetPage(const CCodePage& page);
     void SetPageOfCharset(int charset);
     char RegionEnd() const;
+    // Font commands decoded whole within one piece, remembered by their
+    // bytes (from the type letter through 0x02) with their UTF-8 and the
+    // state they leave: the same command met again is appended as it is.
+    struct FontCommandMemo {
+        static constexpr std::size_t cbMax = 32;
+        unsigned char cb = 0;  // 0: empty
+        unsigned char cbUtf8 = 0;
+        std::size_t cmdOffset = 0;
+        int headCharset = -1;
+        char bytes[cbMax];
+        char utf8[3 * cbMax];  // a byte gives at most three bytes of UTF-8
+    };
+    static constexpr std::size_t cFontCommandMemos = 128;
+    static constexpr std::size_t cbFontCommandKey = 8;  // the bytes that choose the slot
+    static std::size_t FontCommandSlot(const char* p);
+    bool DecodeRememberedFontCommand(std::string_view piece, std::size_t& i, std::string& out);
+    void RememberFontCommand(std::string_view piece, std::size_t start, std::size_t end, std::string_view utf8);
 
     const CCodePage* m_pDefaultPage;
     const CCodePage* m_pPage;
@@ -82,6 +100,7 @@ private:
     int m_lastCharset = -1;       // SetPageOfCharset's last question and answer
     const CCodePage* m_pLastCharsetPage = nullptr;
     HighByte m_high[128] = {};
+    std::vector<FontCommandMemo> m_fontMemo;  // cFontCommandMemos slots, or none yet
 };
 
 struct OldTextFromUtf8Counts {

@@ -190,6 +190,12 @@ TEST(FontCmdEdits, TextsShortOnlyAfterRemovalOrCutByNulAreReportedByEachStep)
         {"F12-BB:", [](CFontCmd& c) { c.SetBold(0); }, "F12-:", 0},
         {std::string("F12-B\0I:-", 9), [](CFontCmd& c) { c.SetItalic(0); }, std::string("F12-B\0:-", 8), 2},
         {std::string("F12-B\0:-", 8), [](CFontCmd& c) { c.SetItalic(1); }, std::string("F12-B\0I:-", 9), 2},
+        // A reading reports a NUL among the first eight bytes, the last of
+        // them included, and none after them.
+        {std::string("F12-B\xC0\0:-", 10), [](CFontCmd& c) { EXPECT_EQ(ANSI_CHARSET, c.GetCharset()); },
+         std::string("F12-B\xC0\0:-", 10), 1},
+        {std::string("F12-BI\xC0\0:-", 11), [](CFontCmd& c) { EXPECT_EQ(ANSI_CHARSET, c.GetCharset()); },
+         std::string("F12-BI\xC0\0:-", 11), 0},
     };
     for (const Row& row : rows) {
         const std::string start = "\x01" + row.start + "\x02";

@@ -133,6 +133,29 @@ TEST(OldTextUtf8Streaming, RepeatedFontCommandsMatchTheReference)
     for (int page : kDefaultPages) ExpectSameAsReference(text, page);
 }
 
+// Font commands the decoder remembers, met again: commands alike in their
+// first eight bytes and different after them (one face a prefix of the
+// other), a command shorter than eight bytes with different text after it,
+// and a face in another page's letters between text of the default page;
+// whole, and in pieces of every size, as the reference decodes them.
+TEST(OldTextUtf8Streaming, FontCommandsMetAgainDecodeAsTheFirstTime)
+{
+    const std::string commands[] = {
+        "\x01" "F11-\xC0:Calibri\x02", "\x01" "F11-\xC0:Cambria\x02", "\x01" "F11-\xC0:Calibri Light\x02",
+        "\x01" "F---:-\x02", "\x01" "F11-\xCC:\xC0\xE0\x02", "\x01" "F11-\xCB:\x82\x6C\x95\x02",
+    };
+    std::string text;
+    for (int round = 0; round < 3; ++round)
+        for (const std::string& command : commands) text += command + (round == 1 ? "\xE0\x95\x5C" : "a\xC0");
+    for (int page : kDefaultPages) {
+        SCOPED_TRACE(page);
+        const std::string expected = ReferenceOldTextToUtf8(text, page);
+        EXPECT_EQ(OldTextToUtf8(text, page), expected);
+        for (std::size_t size = 1; size <= text.size(); ++size)
+            EXPECT_EQ(DecodeInPieces(text, page, {size}), expected) << "pieces of " << size;
+    }
+}
+
 // Long texts: runs of ASCII longer than the steps the output grows by, runs
 // of characters the page in force cannot hold (each of which makes the text
 // longer), and more distinct font commands than a short text remembers, each
