@@ -108,22 +108,6 @@ constexpr CBaseRTFParser::tagCMDASSN CBaseRTFParser::s_Cmds[CBaseRTFParser::cCmd
 
 #undef RTF_CMD
 
-namespace {
-
-// A handler's keyword compared without a library call: handlers shared by
-// many keywords ask this for every one of them.
-inline bool IsKeyword(const void* pKeyword, const char* sz)
-{
-    const char* p = static_cast<const char*>(pKeyword);
-    while (*p != '\0' && *p == *sz) {
-        ++p;
-        ++sz;
-    }
-    return *p == *sz;
-}
-
-} // namespace
-
 // Built by the compiler: a lookup, made for every control word, needs no
 // test that the index has been built.
 const CKeywordIndex& CBaseRTFParser::KeywordIndex()

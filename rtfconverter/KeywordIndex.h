@@ -18,6 +18,19 @@
 
 namespace rtf_converter {
 
+// Whether a handler's keyword (the word its table row was found by) is sz:
+// handlers shared by many keywords ask this for every one of them, so the
+// few bytes are compared inline rather than by a library call.
+inline bool IsKeyword(const void* pKeyword, const char* sz)
+{
+    const char* p = static_cast<const char*>(pKeyword);
+    while (*p != '\0' && *p == *sz) {
+        ++p;
+        ++sz;
+    }
+    return *p == *sz;
+}
+
 #if defined(__BYTE_ORDER__)
 #define RTFCONV_LITTLE_ENDIAN (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__)
 #elif defined(_WIN32)

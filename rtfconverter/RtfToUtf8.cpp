@@ -37,19 +37,6 @@ const CCodePage* PageOfCharset(int charset)
     return codePage ? CCodePage::Get(codePage) : nullptr;
 }
 
-// Whether a handler's keyword is szWord: handlers shared by several words
-// tell them apart on every call, so the few bytes are compared inline rather
-// than by a library call.
-inline bool IsKeyword(const void* pKeyword, const char* szWord)
-{
-    const char* p = static_cast<const char*>(pKeyword);
-    while (*szWord != '\0' && *p == *szWord) {
-        ++p;
-        ++szWord;
-    }
-    return *p == *szWord;
-}
-
 bool IsAsciiSpace(char ch) { return ch == ' ' || ch == '\t' || ch == '\n' || ch == '\r'; }
 
 } // namespace
