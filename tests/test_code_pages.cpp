@@ -126,25 +126,3 @@ TEST(CodePageTables, EveryPairAndEncodingMatchesDecodingOnePairAtATime)
     EXPECT_GE(nLeads, 5 * 100);
     EXPECT_GE(nCharacters, 4u * 15000);
 }
-
-// A character with two forms in a page is written in the first: 932 holds
-// the NEC row and the IBM extensions, which share characters, and the NEC
-// row comes first in byte order.
-TEST(CodePageTables, DuplicateCharactersKeepTheirFirstBytes)
-{
-    const CCodePage* pPage = CCodePage::Get(932);
-    ASSERT_NE(pPage, nullptr);
-    unsigned firstOfRoman1 = 0;
-    int nForms = 0;
-    for (unsigned lead = 0x80; lead < 256; ++lead)
-        for (unsigned trail = 0; trail < 256 && pPage->IsLeadByte(static_cast<unsigned char>(lead)); ++trail)
-            if (pPage->Pair(static_cast<unsigned char>(lead), static_cast<unsigned char>(trail)) == 0x2160) {
-                if (!firstOfRoman1)
-                    firstOfRoman1 = lead << 8 | trail;
-                ++nForms;
-            }
-    ASSERT_GE(nForms, 2);  // Ⅰ is both in the NEC row 13 and among the IBM extensions
-    unsigned char out[2] = {};
-    ASSERT_EQ(pPage->Encode(0x2160, out), 2);
-    EXPECT_EQ(static_cast<unsigned>(out[0] << 8 | out[1]), firstOfRoman1);
-}
