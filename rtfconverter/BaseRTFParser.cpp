@@ -373,19 +373,6 @@ bool CBaseRTFParser::PopRtfState()
 
 // --- dispatch
 
-inline bool CBaseRTFParser::DispatchRow(int row, const char* szKeyword, int param)
-{
-    if (row >= 0) {
-        m_bOptionalDest = false;
-        return (this->*s_Cmds[row].pfnHandler)(szKeyword, param);
-    }
-    if (m_bOptionalDest) {
-        m_bOptionalDest = false;
-        m_rds = rdsSkip;
-    }
-    return true;
-}
-
 bool CBaseRTFParser::TranslateKeyword(const char* szKeyword, int param)
 {
     // Inside a skipped destination nothing is looked up: neither \' escapes

@@ -174,9 +174,22 @@ protected:
     bool m_bParagraphStart = true;
     CBaseRTFParserSave* m_pSave = nullptr;
 
+    // TranslateKeywordAt's work, inline for the readers' keyword dispatch,
+    // which runs for every control word.
+    bool DispatchRow(int row, const char* szKeyword, int param)
+    {
+        if (row >= 0) {
+            m_bOptionalDest = false;
+            return (this->*s_Cmds[row].pfnHandler)(szKeyword, param);
+        }
+        if (m_bOptionalDest) {
+            m_bOptionalDest = false;
+            m_rds = rdsSkip;
+        }
+        return true;
+    }
+
 private:
-    // TranslateKeywordAt's work, inlined where TranslateKeyword makes it.
-    inline bool DispatchRow(int row, const char* szKeyword, int param);
     static void AddRefSave(CBaseRTFParserSave* pSave);
     static void ReleaseSave(CBaseRTFParserSave* pSave);
 };

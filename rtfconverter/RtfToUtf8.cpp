@@ -367,21 +367,13 @@ inline bool CRTFToUTF8Parser::DispatchKeyword(const char* szKeyword, int param)
 {
     const KeywordKey* pKey = TokenWordKey(szKeyword);
     const int number = pKey ? m_pKeywordIndex->Find(*pKey) : m_pKeywordIndex->Find(szKeyword);
-    if (number < 0) {
-        // Most words of a document are in neither table. Such a word only
-        // ends what a \* before it began (see CBaseRTFParser), and does
-        // nothing at all without one or in a skipped destination.
-        if (!m_bOptionalDest || m_rds == rdsSkip)
-            return true;
-        return TranslateKeywordAt(-1, szKeyword, param);
-    }
-    if (number >= m_cOwnKeywords) {
-        // What CBaseRTFParser::TranslateKeyword does with the core's row,
+    if (number < 0 || number >= m_cOwnKeywords) {
+        // A word in neither table (most words of a document) or in the
+        // core's: what CBaseRTFParser::TranslateKeyword does with it,
         // without a second lookup.
         if (m_rds == rdsSkip)
             return true;
-        m_bOptionalDest = false;
-        return (this->*s_Cmds[number - m_cOwnKeywords].pfnHandler)(szKeyword, param);
+        return DispatchRow(number < 0 ? -1 : number - m_cOwnKeywords, szKeyword, param);
     }
     std::size_t cRows = 0;
     const UnicodeKeyword& row = UnicodeKeywordRows(cRows)[number];
