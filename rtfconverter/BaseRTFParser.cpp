@@ -380,10 +380,18 @@ bool CBaseRTFParser::TranslateKeyword(const char* szKeyword, int param)
     if (m_rds == rdsSkip)
         return true;
 
+    // The word the tokenizer is handing on (nearly every call) is looked up
+    // by the key it made; any other text is measured first, out of line, so
+    // that this path keeps no registers of its own across the handler call.
     const KeywordKey* pKey = TokenWordKey(szKeyword);
     if (!pKey)
-        return TranslateKeywordAt(FindKeyword(szKeyword), szKeyword, param);
-    return DispatchRow(KeywordIndex().Find(*pKey), szKeyword, param);
+        return TranslateKeywordText(szKeyword, param);
+    return DispatchRow(KeywordIndex().FindTokenWord(*pKey), szKeyword, param);
+}
+
+RTFCONV_OUT_OF_LINE bool CBaseRTFParser::TranslateKeywordText(const char* szKeyword, int param)
+{
+    return DispatchRow(FindKeyword(szKeyword), szKeyword, param);
 }
 
 bool CBaseRTFParser::TranslateKeywordAt(int row, const char* szKeyword, int param)

@@ -190,6 +190,8 @@ protected:
     }
 
 private:
+    // TranslateKeyword for a text that is not the tokenizer's word.
+    bool TranslateKeywordText(const char* szKeyword, int param);
     static void AddRefSave(CBaseRTFParserSave* pSave);
     static void ReleaseSave(CBaseRTFParserSave* pSave);
 };

@@ -118,6 +118,13 @@ public:
     {
         if (key.cch - 1 > 254)  // 0 wraps round: no word of 1 to 255 bytes
             return -1;
+        return FindTokenWord(key);
+    }
+
+    // Find for a key the tokenizer made (TokenWordKey), whose length is 1 to
+    // CRTFParser::maxKeywordLength already.
+    constexpr int FindTokenWord(const KeywordKey& key) const
+    {
         for (unsigned slot = Hash(key); m_slots[slot].szKeyword; slot = (slot + 1) & (cSlots - 1)) {
             const Slot& s = m_slots[slot];
             if (s.head == key.head && s.len == key.cch && SameTail(s.szKeyword, key.sz, key.cch))
