@@ -66,18 +66,20 @@ std::size_t DroppedRunLength(const char* p, std::size_t cb)
 
 // A control word read straight from bytes in memory, as ParseRtfKeyword
 // would read it through Get.
+// Its text goes into a buffer of cbKeywordBuffer bytes: room for the longest
+// word and its NUL, and for the 32 bytes the letters are copied in.
+constexpr std::size_t cbKeywordBuffer = CRTFParser::maxKeywordLength + 2;
+static_assert(cbKeywordBuffer >= 32, "a word's letters are copied 32 bytes at a time");
+// The rest is numbers, apart from the text so that they stay in registers
+// until the key is made from them where it is handed on. The key's head is
+// made from the bytes as they were scanned (read back from the text, just
+// written a piece at a time, the processor would wait for the writes to
+// land).
 struct KeywordAhead {
-    // Room for the longest word and its NUL, and for the 32 bytes the
-    // letters are copied in.
-    char szKeyword[CRTFParser::maxKeywordLength + 2];
-    // The word's lookup key, made from the bytes as they were scanned (read
-    // back from szKeyword, just written a piece at a time, the processor
-    // would wait for the writes to land) and handed on where it was made: a
-    // copy of it would be written whole and read by fields, another wait.
-    KeywordKey key;
+    std::uint64_t head;
+    std::size_t cch;
     int param;
 };
-static_assert(sizeof(KeywordAhead::szKeyword) >= 32, "a word's letters are copied 32 bytes at a time");
 
 #if RTFCONV_SCAN_SSE2
 // Bit i set for each byte i of the block that is an ASCII letter.
@@ -131,13 +133,13 @@ inline std::size_t CopyLettersAhead(const char* p, std::size_t cb, char* szKeywo
 // tokenizer's quirks (a NUL, the end of the input, a word at the length
 // limit, a '-' without digits, a parameter that comes out as noParam) is
 // left to ParseRtfKeyword, so that its result cannot differ: 0 then.
-inline std::size_t ScanWordAhead(const char* p, std::size_t cb, KeywordAhead& kw)
+inline std::size_t ScanWordAhead(const char* p, std::size_t cb, char* szKeyword, KeywordAhead& kw)
 {
-    std::size_t i = CopyLettersAhead(p, cb, kw.szKeyword, kw.key.head);
+    std::size_t i = CopyLettersAhead(p, cb, szKeyword, kw.head);
     if (i > CRTFParser::maxKeywordLength || i >= cb || p[i] == '\0')
         return 0;
-    kw.szKeyword[i] = '\0';
-    kw.key.cch = i;
+    szKeyword[i] = '\0';
+    kw.cch = i;
     kw.param = CRTFParser::noParam;
 
     const bool bNegative = p[i] == '-';
@@ -202,6 +204,9 @@ public:
     // The stock reader's Get only steps over the byte it gives, so the loop
     // reads the first byte of a run of text itself too.
     static constexpr bool bReadsText = true;
+    // A stock reader's handlers never open or close a group: its group
+    // count changes only at the braces the loop reads.
+    static constexpr bool bGroupsAtBracesOnly = true;
 
 private:
     // Read afresh each time, never kept: a stream reader refills its buffer
@@ -222,6 +227,8 @@ public:
     // A run's first byte goes through Get, as a derived reader overriding it
     // expects.
     static constexpr bool bReadsText = false;
+    // A derived reader's handler may do anything to the group count.
+    static constexpr bool bGroupsAtBracesOnly = false;
 
 private:
     CRTFParser& m_parser;
@@ -308,6 +315,13 @@ bool CRTFParser::ParseByte(char ch)
 template <class TSource>
 CRTFParser::Step CRTFParser::ParseStructureAhead(TSource source)
 {
+    // Outside the outermost group the loop stops after every byte: there
+    // (the document's first byte) Get and ParseByte take it. Inside, when
+    // only the braces change the group count, only a '}' can end the
+    // document, and the count is tested after that alone.
+    static_assert(!TSource::bReadsText || TSource::bGroupsAtBracesOnly, "text is read here only inside the document");
+    if (TSource::bGroupsAtBracesOnly && m_cGroup < 1)
+        return Step::other;
     for (;;) {
         std::size_t cb = 0;
         const char* p = source.Ahead(cb);
@@ -333,6 +347,8 @@ CRTFParser::Step CRTFParser::ParseStructureAhead(TSource source)
             source.Skip(1);
             m_bSkipNextChar = false;
             CloseGroup();
+            if (m_cGroup < 1)
+                return Step::ended;
             break;
         case '\\':
             m_bSkipNextChar = false;
@@ -345,15 +361,16 @@ CRTFParser::Step CRTFParser::ParseStructureAhead(TSource source)
         case '\0':
             return Step::other;
         default:
-            // What ParseByte does with a byte of text, its Get spared.
-            if (!TSource::bReadsText || m_cGroup < 1)
+            // What ParseByte does with a byte of text, its Get spared (inside
+            // the outermost group, which the stock source is in here).
+            if (!TSource::bReadsText)
                 return Step::other;
             source.Skip(1);
             if (!ParseChar(p[0]) || !ParseOrdinaryRun())
                 return Step::refused;
             break;
         }
-        if (m_cGroup < 1)
+        if (!TSource::bGroupsAtBracesOnly && m_cGroup < 1)
             return Step::ended;
     }
 }
@@ -500,12 +517,14 @@ inline bool CRTFParser::ParseKeywordAhead(TSource source, const char* p, std::si
         return ParseKeywordThroughGet(cbBefore);
     if (!IsAsciiLetter(p[0]))
         return ParseSymbolAhead(p[0], cbBefore);
+    char szKeyword[cbKeywordBuffer];
     KeywordAhead kw;
-    const std::size_t cbTaken = ScanWordAhead(p, cb, kw);
+    const std::size_t cbTaken = ScanWordAhead(p, cb, szKeyword, kw);
     if (cbTaken == 0)
         return ParseKeywordThroughGet(cbBefore);
     source.Skip(cbBefore + cbTaken);
-    return TranslateTokenWord(kw.szKeyword, kw.key, kw.param);
+    const KeywordKey key{szKeyword, kw.cch, kw.head};
+    return TranslateTokenWord(key, kw.param);
 }
 
 bool CRTFParser::ParseKeywordThroughGet(std::size_t cbBefore)
@@ -521,20 +540,17 @@ bool CRTFParser::ParseSymbolAhead(char ch, std::size_t cbBefore)
     if (ch == '\\' || ch == '{' || ch == '}')
         return ParseChar(ch);
     const char szSymbol[2] = {ch, '\0'};
-    KeywordKey key;
-    key.cch = 1;
-    key.head = KeywordKey::HeadOfByte(ch);
-    return TranslateTokenWord(szSymbol, key, 0);
+    const KeywordKey key{szSymbol, 1, KeywordKey::HeadOfByte(ch)};
+    return TranslateTokenWord(key, 0);
 }
 
 // A handler may read another word meanwhile: the outer word's key comes back
 // after it.
-inline bool CRTFParser::TranslateTokenWord(const char* szKeyword, KeywordKey& key, int param)
+inline bool CRTFParser::TranslateTokenWord(const KeywordKey& key, int param)
 {
-    key.sz = szKeyword;
     const KeywordKey* const pOuterKey = m_tokenWord.pKey;
     m_tokenWord.pKey = &key;
-    const bool bOk = TranslateKeyword(szKeyword, param);
+    const bool bOk = TranslateKeyword(key.sz, param);
     m_tokenWord.pKey = pOuterKey;
     return bOk;
 }

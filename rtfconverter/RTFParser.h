@@ -166,7 +166,7 @@ private:
     bool ParseKeywordThroughGet(std::size_t cbBefore);
     bool ParseSymbolAhead(char ch, std::size_t cbBefore);
     // TranslateKeyword for a word the tokenizer read, with its key.
-    inline bool TranslateTokenWord(const char* szKeyword, KeywordKey& key, int param);
+    inline bool TranslateTokenWord(const KeywordKey& key, int param);
     // '{' and '}': past the depth limit a group is only counted.
     void OpenGroup();
     void CloseGroup();
