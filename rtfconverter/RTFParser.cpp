@@ -82,14 +82,30 @@ struct KeywordAhead {
 };
 
 #if RTFCONV_SCAN_SSE2
-// Bit i set for each byte i of the block that is an ASCII letter.
-inline unsigned LetterMask(__m128i v)
+// How many bytes of the block lead it that are ASCII letters (16 when all
+// are). Folded to lower case and moved so that the letters are the 26
+// lowest signed bytes, they are told apart by one compare.
+inline std::size_t LeadingLetters(__m128i v)
 {
-    const __m128i offset = _mm_sub_epi8(_mm_or_si128(v, byte_scan::Splat(0x20)), byte_scan::Splat('a'));
-    return static_cast<unsigned>(
-        _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_min_epu8(offset, byte_scan::Splat(25)), offset)));
+    using byte_scan::Splat;
+    const __m128i moved = _mm_add_epi8(_mm_or_si128(v, Splat(0x20)), Splat(static_cast<char>(0x80 - 'a')));
+    const unsigned letters = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmplt_epi8(moved, Splat(-128 + 26))));
+    return static_cast<std::size_t>(__builtin_ctz(~letters));  // bit 16 of ~letters is set
 }
 #endif
+
+// The head masks of words of 0 to 32 bytes, looked up rather than computed:
+// one operand instead of a shift made from the length and a test for words
+// of eight bytes and more.
+struct CHeadMasks {
+    std::uint64_t mask[33] = {};
+    constexpr CHeadMasks()
+    {
+        for (std::size_t cch = 0; cch < 33; ++cch)
+            mask[cch] = KeywordKey::HeadOf(~std::uint64_t(0), cch);
+    }
+};
+constexpr CHeadMasks kHeadMasks;
 
 // Copies the letters at p into szKeyword, their key's head into head, and
 // returns how many lead the window, stopping at cchMax (the last byte of the
@@ -104,13 +120,13 @@ inline std::size_t CopyLettersAhead(const char* p, std::size_t cb, char* szKeywo
     if (cb >= 32) {
         const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword), lo);
-        std::size_t cch = static_cast<std::size_t>(__builtin_ctz(~LetterMask(lo)));
+        std::size_t cch = LeadingLetters(lo);
         if (cch == 16) {
             const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
             _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword + 16), hi);
-            cch += static_cast<std::size_t>(__builtin_ctz(~LetterMask(hi)));
+            cch += LeadingLetters(hi);
         }
-        head = KeywordKey::HeadOf(static_cast<std::uint64_t>(_mm_cvtsi128_si64(lo)), cch);
+        head = static_cast<std::uint64_t>(_mm_cvtsi128_si64(lo)) & kHeadMasks.mask[cch];
         return cch;
     }
 #endif
