@@ -107,7 +107,7 @@ public:
             return;
         unsigned slot = Hash(key);
         while (m_slots[slot].szKeyword)
-            slot = (slot + 1) & (cSlots - 1);
+            ++slot;
         m_slots[slot] = {szKeyword, key.head, static_cast<std::uint8_t>(number), static_cast<std::uint8_t>(key.cch)};
     }
 
@@ -125,16 +125,22 @@ public:
     // CRTFParser::maxKeywordLength already.
     constexpr int FindTokenWord(const KeywordKey& key) const
     {
-        for (unsigned slot = Hash(key); m_slots[slot].szKeyword; slot = (slot + 1) & (cSlots - 1)) {
-            const Slot& s = m_slots[slot];
-            if (s.head == key.head && s.len == key.cch && SameTail(s.szKeyword, key.sz, key.cch))
-                return s.number;
+        // An empty slot has length 0, which no word has: it ends the probe
+        // after a compare that fails.
+        for (const Slot* s = &m_slots[Hash(key)];; ++s) {
+            if (s->head == key.head && s->len == key.cch && SameTail(s->szKeyword, key.sz, key.cch))
+                return s->number;
+            if (!s->szKeyword)
+                return -1;
         }
-        return -1;
     }
 
 private:
     static constexpr unsigned cSlots = 512;  // a power of two, well above the rows of any table
+    // A probe runs on from its slot up to an empty one, never back to the
+    // first: past the last slot a hash gives there is room for every word
+    // the index can hold and one empty slot more.
+    static constexpr unsigned cSlotsPastHashes = maxNumber + 2;
 
     struct Slot {
         const char* szKeyword = nullptr;  // null: an empty slot
@@ -160,7 +166,7 @@ private:
         return static_cast<unsigned>(h >> 55) & (cSlots - 1);
     }
 
-    Slot m_slots[cSlots] = {};
+    Slot m_slots[cSlots + cSlotsPastHashes] = {};
 };
 
 inline const KeywordKey* CRTFParser::TokenWordKey(const char* szKeyword) const
