@@ -204,6 +204,7 @@ CByteCursor* CRTFParser::StockCursor() { return nullptr; }
 class CRTFParser::CCursorSource {
 public:
     explicit CCursorSource(CByteCursor& cursor) : m_cursor(cursor) {}
+    // Null only with 0 bytes (a cursor over no data).
     const char* Ahead(std::size_t& cb) const
     {
         const char* p = reinterpret_cast<const char*>(m_cursor.m_pRead);
@@ -237,7 +238,15 @@ private:
 class CRTFParser::CHandlerSource {
 public:
     explicit CHandlerSource(CRTFParser& parser) : m_parser(parser) {}
-    const char* Ahead(std::size_t& cb) const { return m_parser.RunAhead(cb); }
+    // Nothing offered comes back as 0 bytes too, whatever the reader's
+    // RunAhead left in cb, so that the loops over structure test cb alone.
+    const char* Ahead(std::size_t& cb) const
+    {
+        const char* p = m_parser.RunAhead(cb);
+        if (!p)
+            cb = 0;
+        return p;
+    }
     void Skip(std::size_t cb) { m_parser.SkipAhead(cb); }
     void MarkHere() { m_parser.MarkBacktrack(0); }
     // A run's first byte goes through Get, as a derived reader overriding it
@@ -341,7 +350,7 @@ CRTFParser::Step CRTFParser::ParseStructureAhead(TSource source)
     for (;;) {
         std::size_t cb = 0;
         const char* p = source.Ahead(cb);
-        if (!p || cb == 0)
+        if (cb == 0)
             return Step::other;
         switch (p[0]) {
         case '\n':
@@ -560,14 +569,14 @@ bool CRTFParser::ParseSymbolAhead(char ch, std::size_t cbBefore)
     return TranslateTokenWord(key, 0);
 }
 
-// A handler may read another word meanwhile: the outer word's key comes back
-// after it.
+// The key lasts as long as the call. A handler that reads another word
+// meanwhile leaves no key behind, so that the outer word is then looked up
+// by its text (no reader looks a word up after its handler has run).
 inline bool CRTFParser::TranslateTokenWord(const KeywordKey& key, int param)
 {
-    const KeywordKey* const pOuterKey = m_tokenWord.pKey;
     m_tokenWord.pKey = &key;
     const bool bOk = TranslateKeyword(key.sz, param);
-    m_tokenWord.pKey = pOuterKey;
+    m_tokenWord.pKey = nullptr;
     return bOk;
 }
 

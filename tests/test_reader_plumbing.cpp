@@ -544,6 +544,16 @@ protected:
             return CBytePtrRTFToPlainTextPtrParser::TranslateKeyword("par", param);
         if (word == "par")
             return CBytePtrRTFToPlainTextPtrParser::TranslateKeyword("tab", param);
+        // Reads the word right after it first, then has the core take this
+        // one as it was given (the tokenizer's buffer).
+        std::size_t cbAhead = 0;
+        const char* pAhead = RunAhead(cbAhead);
+        char ch = 0;
+        if (word == "line" && cbAhead > 0 && pAhead[0] == '\\') {
+            if (Get(ch) < 0 || !ParseKeyword())
+                return false;
+            return CBytePtrRTFToPlainTextPtrParser::TranslateKeyword(szKeyword, param);
+        }
         // A copy of the word: the same word at another address.
         return CBytePtrRTFToPlainTextPtrParser::TranslateKeyword(word.c_str(), param);
     }
@@ -558,6 +568,10 @@ TEST(KeywordLookup, TheCoreLooksUpTheWordItIsGiven)
         CRespellingReader reader(rtf);
         EXPECT_EQ(ReadText(reader, cbBuffer), "a\rb\tc\nd\x41\te") << cbBuffer;
     }
+    // A word read inside another's handler: each is looked up as itself.
+    const std::string nestedRtf = "{\\rtf1 a\\line\\tab b\\line\\line\\qc c}";
+    CRespellingReader nested(nestedRtf);
+    EXPECT_EQ(ReadText(nested, 64), "a\t\nb\n\nc");
 }
 
 namespace {
