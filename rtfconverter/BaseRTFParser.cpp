@@ -366,8 +366,14 @@ bool CBaseRTFParser::PopRtfState()
     VQASSERT(pSaveOld);
     m_rds = pSaveOld->rds;
     m_pSave = pSaveOld->pNext;
-    AddRefSave(m_pSave);
-    ReleaseSave(pSaveOld);
+    // The stack's reference moves from the old top to the record below it.
+    // When that was the old top's last, the old top goes and its own
+    // reference to the record below passes to the stack: the count below is
+    // then unchanged, and nothing further down can be released.
+    if (--pSaveOld->cRef == 0)
+        delete pSaveOld;
+    else
+        AddRefSave(m_pSave);
     return CRTFParser::PopRtfState();
 }
 
