@@ -142,16 +142,17 @@ inline std::size_t CopyLettersAhead(const char* p, std::size_t cb, char* szKeywo
     return i < cchMax || !IsAsciiLetter(p[i]) ? i : i + 1;
 }
 
-// Parses the word whose first letter is at p from [p, p + cb), and returns
-// the bytes it takes, its delimiting space included. Only the common shapes
+// Parses the word at p from [p, p + cb), whose cch letters CopyLettersAhead
+// has copied into szKeyword and whose head it has made (at least one), and
+// returns the bytes it takes, its delimiting space included. Only the common shapes
 // are taken here: a word with its parameter and delimiter wholly inside the
 // window and followed by an ordinary byte. Whatever meets one of the
 // tokenizer's quirks (a NUL, the end of the input, a word at the length
 // limit, a '-' without digits, a parameter that comes out as noParam) is
 // left to ParseRtfKeyword, so that its result cannot differ: 0 then.
-inline std::size_t ScanWordAhead(const char* p, std::size_t cb, char* szKeyword, KeywordAhead& kw)
+inline std::size_t ScanWordAhead(const char* p, std::size_t cb, std::size_t cch, char* szKeyword, KeywordAhead& kw)
 {
-    std::size_t i = CopyLettersAhead(p, cb, szKeyword, kw.head);
+    std::size_t i = cch;
     if (i > CRTFParser::maxKeywordLength || i >= cb || p[i] == '\0')
         return 0;
     szKeyword[i] = '\0';
@@ -538,13 +539,15 @@ bool CRTFParser::ParseKeyword()
 template <class TSource>
 inline bool CRTFParser::ParseKeywordAhead(TSource source, const char* p, std::size_t cb, std::size_t cbBefore)
 {
-    if (cb == 0 || p[0] == '\0')
+    if (cb == 0)
         return ParseKeywordThroughGet(cbBefore);
-    if (!IsAsciiLetter(p[0]))
-        return ParseSymbolAhead(p[0], cbBefore);
+    // The letters are counted first: no letter is the rare case.
     char szKeyword[cbKeywordBuffer];
     KeywordAhead kw;
-    const std::size_t cbTaken = ScanWordAhead(p, cb, szKeyword, kw);
+    const std::size_t cch = CopyLettersAhead(p, cb, szKeyword, kw.head);
+    if (cch == 0)
+        return p[0] == '\0' ? ParseKeywordThroughGet(cbBefore) : ParseSymbolAhead(p[0], cbBefore);
+    const std::size_t cbTaken = ScanWordAhead(p, cb, cch, szKeyword, kw);
     if (cbTaken == 0)
         return ParseKeywordThroughGet(cbBefore);
     source.Skip(cbBefore + cbTaken);
