@@ -94,6 +94,18 @@ inline std::size_t LeadingLetters(__m128i v)
 }
 #endif
 
+#if RTFCONV_SCAN_SSE2
+// The second block of a word of 16 letters or more, which few words reach:
+// out of line, so that the first block's constants are used once, from
+// memory, rather than kept in registers for it.
+RTFCONV_OUT_OF_LINE std::size_t CopyLettersPastSixteen(const char* p, char* szKeyword)
+{
+    const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword + 16), hi);
+    return LeadingLetters(hi);
+}
+#endif
+
 // The head masks of words of 0 to 32 bytes, looked up rather than computed:
 // one operand instead of a shift made from the length and a test for words
 // of eight bytes and more.
@@ -121,11 +133,8 @@ inline std::size_t CopyLettersAhead(const char* p, std::size_t cb, char* szKeywo
         const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword), lo);
         std::size_t cch = LeadingLetters(lo);
-        if (cch == 16) {
-            const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(szKeyword + 16), hi);
-            cch += LeadingLetters(hi);
-        }
+        if (cch == 16)
+            cch += CopyLettersPastSixteen(p, szKeyword);
         head = static_cast<std::uint64_t>(_mm_cvtsi128_si64(lo)) & kHeadMasks.mask[cch];
         return cch;
     }
