@@ -128,6 +128,10 @@ const AttachmentTypeKeyword kAttachmentTypeKeywords[] = {
     {"objlink", rdsObject, AttachmentInfo::AT_OLE_LAST},
 };
 
+// The layout \pard sets, checked once here rather than at every paragraph:
+// a copy of it is what setting its text gives.
+const CLayoutCmd kDefaultLayout;
+
 // The field instruction prefixes of a hyperlink: the result is collected
 // after the word, the target taken after the word and its space.
 const char szHyperlink[] = "HYPERLINK";
@@ -206,13 +210,37 @@ bool CRTFImport::PopRtfState()
     if (!pSave) {
         VQASSERT(pSave);
     } else {
-        m_layoutCmd = pSave->m_layoutCmd;
-        m_fontCmd = pSave->m_fontCmd;
+        RestoreCommands(*pSave);
         m_bFontChanged = true;
         m_nFontCharset = pSave->m_nFontCharset;
         m_nUnicodeSkip = pSave->m_nUnicodeSkip;
     }
     return CBaseRTFParser::PopRtfState();
+}
+
+// Most groups leave the commands as they found them. The stock readers build
+// only valid commands, so the check a font command's copy makes would report
+// nothing there, and a command still equal to the saved one is not copied;
+// a derived reader may set any text, and keeps the copies and their reports.
+void CRTFImport::RestoreCommands(const CRTFImportSave& save)
+{
+    if (m_bStockReader) {
+        m_layoutCmd.CopyUnchecked(save.m_layoutCmd);
+        m_fontCmd.CopyUnchecked(save.m_fontCmd);
+        return;
+    }
+    m_layoutCmd = save.m_layoutCmd;
+    m_fontCmd = save.m_fontCmd;
+}
+
+// The font command sent, at every change of formatting: unchecked where
+// RestoreCommands says why.
+void CRTFImport::CopyFontCmd(CFontCmd& to, const CFontCmd& from)
+{
+    if (m_bStockReader)
+        to.CopyUnchecked(from);
+    else
+        to = from;
 }
 
 // Each buffer after the first begins with the complete current layout and
@@ -240,6 +268,7 @@ int CRTFImport::Read(bool& bMore)
         bMore = !WriteHeldOutput();
         return GetCBWritten();
     }
+    m_bStockReader = typeid(*this) == typeid(CRTFStreamImport) || typeid(*this) == typeid(CRTFPtrImport);
     Parse(bMore);
     if (m_bLossless)
         ParseFragmentGroups(bMore);
@@ -284,7 +313,7 @@ bool CRTFImport::AppendOwedCommands()
         }
     }
     if (m_bFontChanged && m_fontCmd.GetCmd() != m_lastFontCmd.GetCmd()) {
-        m_lastFontCmd = m_fontCmd;
+        CopyFontCmd(m_lastFontCmd, m_fontCmd);
         if (m_rds == rdsPNCommand)
             m_strPending += m_fontCmd.GetCmd();
         else if (!Emit(m_fontCmd.GetCmd()))
@@ -849,7 +878,7 @@ bool CRTFImport::ApplyParCommand(const void* pKeyword, int param)
     CBaseRTFParser::ApplyParCommand(pKeyword, param);
 
     if (KeywordIs(pKeyword, "pard")) {
-        m_layoutCmd = CLayoutCmd::DefaultCmd;
+        m_layoutCmd = kDefaultLayout;
         m_chTabLeader = ' ';
         // No m_bFontChanged: the removed background reaches the output only
         // with the next font change.

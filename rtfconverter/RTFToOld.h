@@ -389,6 +389,11 @@ private:
     bool AttachmentHasRoom(int cb);
 
     bool m_bAttachmentDropped = false;  // past the size limit
+    // The object is exactly CRTFStreamImport or CRTFPtrImport, whose virtuals
+    // are all this library's own; set at each Read.
+    bool m_bStockReader = false;
+    void RestoreCommands(const CRTFImportSave& save);
+    void CopyFontCmd(CFontCmd& to, const CFontCmd& from);
 };
 
 class RTFCONV_API CRTFImportToPtr : public CRTFImport, protected COutputWindow {
