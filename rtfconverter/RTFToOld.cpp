@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <typeinfo>
@@ -643,13 +644,48 @@ bool CRTFImport::ApplyPlainCommand(const void*, int)
     m_fontCmd.SetDefault(fcmAll);
     if (m_nDefaultFont >= 0) {
         const int i = FindFontEntry(m_nDefaultFont);
-        if (i >= 0) {
-            m_fontCmd.SetFaceName(m_FontTable[i].FontName);
-            m_fontCmd.SetCharset(m_FontTable[i].FontCharset);
-        }
+        if (i >= 0)
+            ApplyFontEntry(i);
     }
     m_bFontChanged = true;
     return true;
+}
+
+// A slot for the entry and the command's length and size, colour and first
+// attributes, which tell most commands apart; the texts decide.
+std::size_t CRTFImport::FontEntryMemoSlot(int i, const CString& cmd)
+{
+    std::uint32_t head = 0;  // a stock reader's commands hold at least 8 bytes
+    if (cmd.GetLength() >= CFontCmd::iFntCmdLenMin)
+        std::memcpy(&head, cmd.GetString() + CFontCmd::posPoints, sizeof head);
+    const std::uint32_t key = head ^ static_cast<std::uint32_t>(i) ^ (static_cast<std::uint32_t>(cmd.GetLength()) << 24);
+    return (key * 0x9E3779B1u) >> (32 - cFontEntryMemoBits);
+}
+
+// The face and character set of font table entry i put into the current font
+// command. The same few commands meet the same entries paragraph after
+// paragraph, so a stock reader keeps what each entry last made of which text
+// (its commands are valid, and the edits then report nothing: a result taken
+// again is all they do).
+void CRTFImport::ApplyFontEntry(int i)
+{
+    const FontTableStruct& entry = m_FontTable[i];
+    if (!m_bStockReader) {
+        m_fontCmd.SetFaceName(entry.FontName);
+        m_fontCmd.SetCharset(entry.FontCharset);
+        return;
+    }
+    FontEntryMemo& memo = m_fontEntryMemo[FontEntryMemoSlot(i, m_fontCmd.GetCmd())];
+    if (memo.charset == entry.FontCharset && memo.before == m_fontCmd.GetCmd() && memo.face == entry.FontName) {
+        m_fontCmd.CopyUnchecked(memo.after);
+        return;
+    }
+    memo.before = m_fontCmd.GetCmd();
+    m_fontCmd.SetFaceName(entry.FontName);
+    m_fontCmd.SetCharset(entry.FontCharset);
+    memo.face = entry.FontName;
+    memo.charset = entry.FontCharset;
+    memo.after.CopyUnchecked(m_fontCmd);
 }
 
 bool CRTFImport::ApplyFontSize(const void*, int param)
@@ -755,8 +791,7 @@ bool CRTFImport::GetFontNum(const void*, int param)
         return true;
     }
     VQASSERT(m_FontTable[i].FontNum == FontNumber);
-    m_fontCmd.SetFaceName(m_FontTable[i].FontName);
-    m_fontCmd.SetCharset(m_FontTable[i].FontCharset);
+    ApplyFontEntry(i);
     m_bFontChanged = true;
     return true;
 }
