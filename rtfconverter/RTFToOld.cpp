@@ -916,8 +916,10 @@ bool CRTFImport::ApplyParCommand(const void* pKeyword, int param)
         m_layoutCmd = kDefaultLayout;
         m_chTabLeader = ' ';
         // No m_bFontChanged: the removed background reaches the output only
-        // with the next font change.
-        m_fontCmd.SetDefault(fcmBackColor);
+        // with the next font change. A stock reader's command, valid and in
+        // mode single, is left as it is when it has no background.
+        if (!m_bStockReader || m_fontCmd.GetBackColor() != '\0')
+            m_fontCmd.SetDefault(fcmBackColor);
     } else if (KeywordIs(pKeyword, "ql")) {
         m_layoutCmd.Left();
     } else if (KeywordIs(pKeyword, "qc")) {
