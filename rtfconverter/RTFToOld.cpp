@@ -651,15 +651,17 @@ bool CRTFImport::ApplyPlainCommand(const void*, int)
     return true;
 }
 
-// A slot for the entry and the command's length and size, colour and first
-// attributes, which tell most commands apart; the texts decide.
+// A slot for the entry and the command's first eight bytes (size, colour,
+// attributes, the face's first letters) and length, which tell most commands
+// apart; the texts decide.
 std::size_t CRTFImport::FontEntryMemoSlot(int i, const CString& cmd)
 {
-    std::uint32_t head = 0;  // a stock reader's commands hold at least 8 bytes
+    std::uint64_t head = 0;  // a stock reader's commands hold at least 8 bytes
     if (cmd.GetLength() >= CFontCmd::iFntCmdLenMin)
-        std::memcpy(&head, cmd.GetString() + CFontCmd::posPoints, sizeof head);
-    const std::uint32_t key = head ^ static_cast<std::uint32_t>(i) ^ (static_cast<std::uint32_t>(cmd.GetLength()) << 24);
-    return (key * 0x9E3779B1u) >> (32 - cFontEntryMemoBits);
+        std::memcpy(&head, cmd.GetString(), sizeof head);
+    const std::uint64_t key = head + (static_cast<std::uint64_t>(i) << 56) + static_cast<std::uint64_t>(cmd.GetLength());
+    // The top bits of the product depend on every bit of the key.
+    return static_cast<std::size_t>((key * 0x9E3779B97F4A7C15u) >> (64 - cFontEntryMemoBits));
 }
 
 // The face and character set of font table entry i put into the current font
