@@ -100,7 +100,7 @@ CDocCmd& CDocCmd::operator=(const char* psz)
 
 void CDocCmd::CopyUnchecked(const CDocCmd& rCmd)
 {
-    if (m_cmd != rCmd.m_cmd) m_cmd = rCmd.m_cmd;
+    m_cmd = rCmd.m_cmd;
     m_type = rCmd.m_type;
     m_mode = rCmd.m_mode;
 }

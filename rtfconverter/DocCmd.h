@@ -62,9 +62,8 @@ public:
     CDocCmd& operator=(const CDocCmd& rCmd);
     CDocCmd& operator=(const char* psz);
     // Takes rCmd's text, kind and mode as they are, without the report of an
-    // invalid source that a copy of a font command makes, and copies the text
-    // only when it differs: for a reader whose commands are valid as it builds
-    // them, restoring one that a group has most often left as it was.
+    // invalid source that a copy of a font command makes: for a reader whose
+    // commands are valid as it builds them.
     void CopyUnchecked(const CDocCmd& rCmd);
 
     // Texts compared byte for byte; kind and mode do not take part.

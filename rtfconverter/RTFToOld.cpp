@@ -221,13 +221,17 @@ bool CRTFImport::PopRtfState()
 
 // Most groups leave the commands as they found them. The stock readers build
 // only valid commands, so the check a font command's copy makes would report
-// nothing there, and a command still equal to the saved one is not copied;
-// a derived reader may set any text, and keeps the copies and their reports.
+// nothing there; and their commands of the same text are in the same kind and
+// mode (a font command's none and single, a layout command's layout and
+// single), so one still equal to the saved one is not copied. A derived
+// reader may set any command, and keeps the copies and their reports.
 void CRTFImport::RestoreCommands(const CRTFImportSave& save)
 {
     if (m_bStockReader) {
-        m_layoutCmd.CopyUnchecked(save.m_layoutCmd);
-        m_fontCmd.CopyUnchecked(save.m_fontCmd);
+        if (m_layoutCmd != save.m_layoutCmd)
+            m_layoutCmd.CopyUnchecked(save.m_layoutCmd);
+        if (m_fontCmd != save.m_fontCmd)
+            m_fontCmd.CopyUnchecked(save.m_fontCmd);
         return;
     }
     m_layoutCmd = save.m_layoutCmd;
