@@ -61,6 +61,10 @@ public:
     void SetCmd(const CString& cmd);
     CDocCmd& operator=(const CDocCmd& rCmd);
     CDocCmd& operator=(const char* psz);
+    // Takes rCmd's text, kind and mode as they are, without the report of an
+    // invalid source that a copy of a font command makes: for a reader whose
+    // commands are valid as it builds them.
+    void CopyUnchecked(const CDocCmd& rCmd);
 
     // Texts compared byte for byte; kind and mode do not take part.
     int operator==(const CDocCmd& rCmd) const;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <typeinfo>
@@ -128,6 +129,10 @@ const AttachmentTypeKeyword kAttachmentTypeKeywords[] = {
     {"objlink", rdsObject, AttachmentInfo::AT_OLE_LAST},
 };
 
+// The layout \pard sets, checked once here rather than at every paragraph:
+// a copy of it is what setting its text gives.
+const CLayoutCmd kDefaultLayout;
+
 // The field instruction prefixes of a hyperlink: the result is collected
 // after the word, the target taken after the word and its space.
 const char szHyperlink[] = "HYPERLINK";
@@ -206,13 +211,41 @@ bool CRTFImport::PopRtfState()
     if (!pSave) {
         VQASSERT(pSave);
     } else {
-        m_layoutCmd = pSave->m_layoutCmd;
-        m_fontCmd = pSave->m_fontCmd;
+        RestoreCommands(*pSave);
         m_bFontChanged = true;
         m_nFontCharset = pSave->m_nFontCharset;
         m_nUnicodeSkip = pSave->m_nUnicodeSkip;
     }
     return CBaseRTFParser::PopRtfState();
+}
+
+// Most groups leave the commands as they found them. The stock readers build
+// only valid commands, so the check a font command's copy makes would report
+// nothing there; and their commands of the same text are in the same kind and
+// mode (a font command's none and single, a layout command's layout and
+// single), so one still equal to the saved one is not copied. A derived
+// reader may set any command, and keeps the copies and their reports.
+void CRTFImport::RestoreCommands(const CRTFImportSave& save)
+{
+    if (m_bStockReader) {
+        if (m_layoutCmd != save.m_layoutCmd)
+            m_layoutCmd.CopyUnchecked(save.m_layoutCmd);
+        if (m_fontCmd != save.m_fontCmd)
+            m_fontCmd.CopyUnchecked(save.m_fontCmd);
+        return;
+    }
+    m_layoutCmd = save.m_layoutCmd;
+    m_fontCmd = save.m_fontCmd;
+}
+
+// The font command sent, at every change of formatting: unchecked where
+// RestoreCommands says why.
+void CRTFImport::CopyFontCmd(CFontCmd& to, const CFontCmd& from)
+{
+    if (m_bStockReader)
+        to.CopyUnchecked(from);
+    else
+        to = from;
 }
 
 // Each buffer after the first begins with the complete current layout and
@@ -240,6 +273,7 @@ int CRTFImport::Read(bool& bMore)
         bMore = !WriteHeldOutput();
         return GetCBWritten();
     }
+    m_bStockReader = typeid(*this) == typeid(CRTFStreamImport) || typeid(*this) == typeid(CRTFPtrImport);
     Parse(bMore);
     if (m_bLossless)
         ParseFragmentGroups(bMore);
@@ -284,7 +318,7 @@ bool CRTFImport::AppendOwedCommands()
         }
     }
     if (m_bFontChanged && m_fontCmd.GetCmd() != m_lastFontCmd.GetCmd()) {
-        m_lastFontCmd = m_fontCmd;
+        CopyFontCmd(m_lastFontCmd, m_fontCmd);
         if (m_rds == rdsPNCommand)
             m_strPending += m_fontCmd.GetCmd();
         else if (!Emit(m_fontCmd.GetCmd()))
@@ -614,13 +648,50 @@ bool CRTFImport::ApplyPlainCommand(const void*, int)
     m_fontCmd.SetDefault(fcmAll);
     if (m_nDefaultFont >= 0) {
         const int i = FindFontEntry(m_nDefaultFont);
-        if (i >= 0) {
-            m_fontCmd.SetFaceName(m_FontTable[i].FontName);
-            m_fontCmd.SetCharset(m_FontTable[i].FontCharset);
-        }
+        if (i >= 0)
+            ApplyFontEntry(i);
     }
     m_bFontChanged = true;
     return true;
+}
+
+// A slot for the entry and the command's first eight bytes (size, colour,
+// attributes, the face's first letters) and length, which tell most commands
+// apart; the texts decide.
+std::size_t CRTFImport::FontEntryMemoSlot(int i, const CString& cmd)
+{
+    std::uint64_t head = 0;  // a stock reader's commands hold at least 8 bytes
+    if (cmd.GetLength() >= CFontCmd::iFntCmdLenMin)
+        std::memcpy(&head, cmd.GetString(), sizeof head);
+    const std::uint64_t key = head + (static_cast<std::uint64_t>(i) << 56) + static_cast<std::uint64_t>(cmd.GetLength());
+    // The top bits of the product depend on every bit of the key.
+    return static_cast<std::size_t>((key * 0x9E3779B97F4A7C15u) >> (64 - cFontEntryMemoBits));
+}
+
+// The face and character set of font table entry i put into the current font
+// command. The same few commands meet the same entries paragraph after
+// paragraph, so a stock reader keeps what each entry last made of which text
+// (its commands are valid, and the edits then report nothing: a result taken
+// again is all they do).
+void CRTFImport::ApplyFontEntry(int i)
+{
+    const FontTableStruct& entry = m_FontTable[i];
+    if (!m_bStockReader) {
+        m_fontCmd.SetFaceName(entry.FontName);
+        m_fontCmd.SetCharset(entry.FontCharset);
+        return;
+    }
+    FontEntryMemo& memo = m_fontEntryMemo[FontEntryMemoSlot(i, m_fontCmd.GetCmd())];
+    if (memo.charset == entry.FontCharset && memo.before == m_fontCmd.GetCmd() && memo.face == entry.FontName) {
+        m_fontCmd.CopyUnchecked(memo.after);
+        return;
+    }
+    memo.before = m_fontCmd.GetCmd();
+    m_fontCmd.SetFaceName(entry.FontName);
+    m_fontCmd.SetCharset(entry.FontCharset);
+    memo.face = entry.FontName;
+    memo.charset = entry.FontCharset;
+    memo.after.CopyUnchecked(m_fontCmd);
 }
 
 bool CRTFImport::ApplyFontSize(const void*, int param)
@@ -726,8 +797,7 @@ bool CRTFImport::GetFontNum(const void*, int param)
         return true;
     }
     VQASSERT(m_FontTable[i].FontNum == FontNumber);
-    m_fontCmd.SetFaceName(m_FontTable[i].FontName);
-    m_fontCmd.SetCharset(m_FontTable[i].FontCharset);
+    ApplyFontEntry(i);
     m_bFontChanged = true;
     return true;
 }
@@ -849,11 +919,13 @@ bool CRTFImport::ApplyParCommand(const void* pKeyword, int param)
     CBaseRTFParser::ApplyParCommand(pKeyword, param);
 
     if (KeywordIs(pKeyword, "pard")) {
-        m_layoutCmd = CLayoutCmd::DefaultCmd;
+        m_layoutCmd = kDefaultLayout;
         m_chTabLeader = ' ';
         // No m_bFontChanged: the removed background reaches the output only
-        // with the next font change.
-        m_fontCmd.SetDefault(fcmBackColor);
+        // with the next font change. A stock reader's command, valid and in
+        // mode single, is left as it is when it has no background.
+        if (!m_bStockReader || m_fontCmd.GetBackColor() != '\0')
+            m_fontCmd.SetDefault(fcmBackColor);
     } else if (KeywordIs(pKeyword, "ql")) {
         m_layoutCmd.Left();
     } else if (KeywordIs(pKeyword, "qc")) {

@@ -389,6 +389,23 @@ private:
     bool AttachmentHasRoom(int cb);
 
     bool m_bAttachmentDropped = false;  // past the size limit
+    // The object is exactly CRTFStreamImport or CRTFPtrImport, whose virtuals
+    // are all this library's own; set at each Read.
+    bool m_bStockReader = false;
+    void RestoreCommands(const CRTFImportSave& save);
+    void CopyFontCmd(CFontCmd& to, const CFontCmd& from);
+    void ApplyFontEntry(int i);
+    // What ApplyFontEntry last made of a font command with an entry, for the
+    // entries and commands of each slot.
+    struct FontEntryMemo {
+        CString before;  // empty, as no command is, until first made
+        CString face;
+        int charset = 0;
+        CFontCmd after;
+    };
+    static constexpr unsigned cFontEntryMemoBits = 5;
+    std::array<FontEntryMemo, std::size_t(1) << cFontEntryMemoBits> m_fontEntryMemo;
+    static std::size_t FontEntryMemoSlot(int i, const CString& cmd);
 };
 
 class RTFCONV_API CRTFImportToPtr : public CRTFImport, protected COutputWindow {

@@ -169,11 +169,15 @@ public:
     // registers.
     RTFCONV_OUT_OF_LINE const Row* FindInIndex(const char* szKeyword) const
     {
-        const int i = m_index.Find(szKeyword);
-        return i < 0 ? nullptr : &m_rows[static_cast<std::size_t>(i)];
+        return RowAt(m_index.Find(szKeyword));
     }
+    // For the word the tokenizer has just read, whose key it made: the word is
+    // not measured again.
+    const Row* FindInIndex(const KeywordKey& key) const { return RowAt(m_index.Find(key)); }
 
 private:
+    const Row* RowAt(int i) const { return i < 0 ? nullptr : &m_rows[static_cast<std::size_t>(i)]; }
+
     static constexpr unsigned cBits = 4096;
     // A bit for the word's first byte and the one after it (NUL for a word of
     // one byte, and nothing read past it); words sharing a bit are told apart
@@ -326,7 +330,11 @@ RTFCONV_OUT_OF_LINE bool CRTFImport::TranslateFirstKeyword(const char* szKeyword
 // The row that takes the word here; null when the core's table does.
 const CRTFImport::LosslessKeyword* CRTFImport::LosslessRowFor(const char* szKeyword) const
 {
-    const LosslessKeyword* pRow = LosslessKeyword::Table().Find(szKeyword);
+    const CLosslessKeywordTable<LosslessKeyword>& table = LosslessKeyword::Table();
+    if (!table.MayHold(szKeyword))
+        return nullptr;
+    const KeywordKey* pKey = TokenWordKey(szKeyword);
+    const LosslessKeyword* pRow = pKey ? table.FindInIndex(*pKey) : table.FindInIndex(szKeyword);
     return pRow && (m_rds != rdsSkip || pRow->bInSkipped) ? pRow : nullptr;
 }
 

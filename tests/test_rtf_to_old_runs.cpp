@@ -197,6 +197,13 @@ const char* const kDocuments[] = {
     "{\\rtf1 unterminated text without a closing brace",
     // \\bin data inside a picture
     "{\\rtf1{\\pict\\dibitmap0 \\bin4 \x01\x02{}ab01}done\\par}",
+    // font entries met again under other formatting, in groups, after \\plain,
+    // a background that \\pard removes, the last entry's character set set
+    // again after its use, and an entry defined again
+    "{\\rtf1\\deff0{\\fonttbl{\\f0 Arial;}{\\f1\\fcharset161 A Greek Face Of Some Length;}{\\f9 Nine;}}"
+    "{\\colortbl;\\red0\\green0\\blue255;}\\plain\\f1 a{\\b\\f0 b{\\i\\f1 c}\\f9 d}\\f1 e\\plain\\f0 f"
+    "\\cb1\\highlight1 g\\pard h\\plain\\f1\\b i\\f0 j\\b0\\f1 k\\plain\\f9 n\\fcharset238\\plain\\f9 o"
+    "{\\fonttbl{\\f1 Other;}}\\f1 l\\plain\\f1 m\\par}",
 };
 
 std::vector<Options> ModesToCompare()
@@ -235,7 +242,7 @@ TEST(ImportRuns, EveryDocumentEveryBufferSizeAsByteByByte)
             }
         }
     }
-    EXPECT_EQ(cCases, 12 * 6 * 11);
+    EXPECT_EQ(cCases, 13 * 6 * 11);
 }
 
 TEST(ImportRuns, BytesARunCannotCopyAtEveryOffset)
