@@ -236,7 +236,18 @@ public:
         }
     }
 
+    // The same for a run that is mostly a few bytes long (the text between
+    // two commands): its first block is looked at before any window is.
+    std::size_t AppendShortAsciiBefore(const char* p, std::size_t cb, char stop)
+    {
+        if (cb < kcbBlock || m_s.size() - m_n < kcbBlock) return AppendAsciiBefore(p, cb, stop);
+        const std::size_t n = byte_scan::CopyInRangeBefore(&m_s[m_n], p, kcbBlock, '\0', '\x7F', stop);
+        m_n += n;
+        return n < kcbBlock ? n : n + AppendAsciiBefore(p + n, cb - n, stop);
+    }
+
 private:
+    static constexpr std::size_t kcbBlock = 16;
     // Small enough to be zeroed in the cache just before it is written.
     static constexpr std::size_t kcbStep = 1024;
     void Grow(std::size_t cbMore) { m_s.resize(m_n + std::max(cbMore, kcbStep)); }
@@ -333,7 +344,7 @@ private:
     // when a character past ASCII needs it.
     void EncodeTextOutsideCommands()
     {
-        m_pos += m_out.AppendAsciiBefore(m_in.data() + m_pos, m_in.size() - m_pos, CDocCmd::chCmdStart);
+        m_pos += m_out.AppendShortAsciiBefore(m_in.data() + m_pos, m_in.size() - m_pos, CDocCmd::chCmdStart);
         if (m_pos < m_in.size() && m_in[m_pos] != CDocCmd::chCmdStart)
             EncodeRange(FindOrEnd(m_in, CDocCmd::chCmdStart, m_pos), Region::textOutsideCommands);
     }
