@@ -236,7 +236,18 @@ public:
         }
     }
 
+    // The same for a run that is mostly a few bytes long (the text between
+    // two commands): its first block is looked at before any window is.
+    std::size_t AppendShortAsciiBefore(const char* p, std::size_t cb, char stop)
+    {
+        if (cb < kcbBlock || m_s.size() - m_n < kcbBlock) return AppendAsciiBefore(p, cb, stop);
+        const std::size_t n = byte_scan::CopyInRangeBefore(&m_s[m_n], p, kcbBlock, '\0', '\x7F', stop);
+        m_n += n;
+        return n < kcbBlock ? n : n + AppendAsciiBefore(p + n, cb - n, stop);
+    }
+
 private:
+    static constexpr std::size_t kcbBlock = 16;
     // Small enough to be zeroed in the cache just before it is written.
     static constexpr std::size_t kcbStep = 1024;
     void Grow(std::size_t cbMore) { m_s.resize(m_n + std::max(cbMore, kcbStep)); }
@@ -322,7 +333,7 @@ public:
         if (m_in.substr(0, 3) == "\xEF\xBB\xBF") m_pos = 3; // a byte-order mark is not text
         while (m_pos < m_in.size()) {
             if (m_in[m_pos] != CDocCmd::chCmdStart) EncodeTextOutsideCommands();
-            else EncodeCommand();
+            else if (!EncodeRememberedFontCommand()) EncodeCommand();
         }
         return m_counts;
     }
@@ -333,7 +344,7 @@ private:
     // when a character past ASCII needs it.
     void EncodeTextOutsideCommands()
     {
-        m_pos += m_out.AppendAsciiBefore(m_in.data() + m_pos, m_in.size() - m_pos, CDocCmd::chCmdStart);
+        m_pos += m_out.AppendShortAsciiBefore(m_in.data() + m_pos, m_in.size() - m_pos, CDocCmd::chCmdStart);
         if (m_pos < m_in.size() && m_in[m_pos] != CDocCmd::chCmdStart)
             EncodeRange(FindOrEnd(m_in, CDocCmd::chCmdStart, m_pos), Region::textOutsideCommands);
     }
@@ -437,6 +448,40 @@ private:
         for (std::size_t k = 0; k < kFontMemoWords; ++k) differ |= MemoWordAt(p, cb, k) ^ memo.source[k];
         return differ == 0;
     }
+    // A font command met before, most of a document's commands: its end is
+    // found among the first bytes from its start in one look, a block of
+    // kcbFontLook bytes, rather than by a scan (the memo keeps no longer
+    // command), and it is written from the memo. False, with nothing done,
+    // for any other command, or one too near the end of the text for the
+    // look, which EncodeCommand then writes.
+    static constexpr std::size_t kcbFontLook = 48;
+    static_assert(kcbFontLook >= kMaxMemoCommand && kcbFontLook % 16 == 0, "the look covers a memo command in blocks");
+    bool EncodeRememberedFontCommand()
+    {
+#if RTFCONV_SCAN_SSE2
+        if (m_in.size() - m_pos < kcbFontLook || m_in[m_pos + 1] != CDocCmd::font) return false;
+        const char* const p = m_in.data() + m_pos;
+        const __m128i end = _mm_set1_epi8(CDocCmd::chCmdEnd);
+        std::uint64_t ends = 0;
+        for (std::size_t k = 0; k < kcbFontLook; k += 16) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + k));
+            ends |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, end)))) << k;
+        }
+        ends &= (std::uint64_t(1) << kMaxMemoCommand) - 1;
+        if (ends == 0) return false;
+        const std::size_t cb = static_cast<std::size_t>(__builtin_ctzll(ends)) + 1;
+        const FontCommandEncoding& memo = FontMemoSlotOf(p, cb);
+        if (!Holds(memo, p, cb)) return false;
+        SetFontInForce(m_out.Size(), memo.cbBytes - 1);
+        m_out.AppendBlock<kMaxMemoCommand>(reinterpret_cast<const char*>(memo.bytes.data()), memo.cbBytes);
+        m_pPage = memo.pPage;
+        m_pos += cb;
+        return true;
+#else
+        return false;
+#endif
+    }
+
     // The font command from m_pos to its 0x02 at `end` (or the end of the
     // text), with its 0x02.
     void EncodeFontCommand(std::size_t end)

@@ -519,6 +519,8 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
                 nAdvance = AddFontCmdToBuffer(p, static_cast<int>(ptr - p));
             } else if (p[1] == CDocCmd::layout) {
                 nAdvance = AddLayoutCmdToBuffer(p, static_cast<int>(ptr - p));
+            } else if (p[1] == CDocCmd::comment) {
+                nAdvance = AddCommentCmdToBuffer(p, static_cast<int>(ptr - p), nPos);
             } else {
                 const CString cmd(p, static_cast<int>(ptr - p));
                 switch (p[1]) {
@@ -1055,16 +1057,30 @@ int COldToRTF::AddCommentCmdToBuffer(const CString& scmd, int /*nTextPos*/)
     switch (cmd.GetType()) {
     case ot_Hyperlink:
     case ot_Reference:
-        if (m_bLossless) return AddHyperlinkKeepingDisplayFormatting(scmd);
+        if (m_bLossless) return AddHyperlinkKeepingDisplayFormatting(scmd.GetString(), scmd.GetLength());
         return AddHyperlinkToBuffer(cmd);
     case ot_Table:
         if (m_bLossless) return AddTableTagKeepingTable(cmd, m_pAfterCommand);
         return AddDescriptionToBuffer(cmd);
     case ot_Numbering:
-        return AddNumberToBuffer(scmd);
+        return AddNumberToBuffer(scmd.GetString(), scmd.GetLength());
     default:
         return AddDescriptionToBuffer(cmd);
     }
+}
+
+// Hyperlinks (for the lossless writer) and numbering, most of a document's
+// comment commands, are written from the command's bytes where they lie. A
+// command that reading it would report as malformed goes the way of the
+// others, through a string and the command class, and is reported there.
+int COldToRTF::AddCommentCmdToBuffer(const char* pCmd, int nCmd, int nTextPos)
+{
+    const bool bWellFormed = nCmd > CCommentCmd::idxText && pCmd[0] == CDocCmd::chCmdStart &&
+                             pCmd[nCmd - 1] == CDocCmd::chCmdEnd && pCmd[CCommentCmd::idxSeparator] == CCommentCmd::chTextSeparator;
+    const int type = bWellFormed ? static_cast<unsigned char>(pCmd[CCommentCmd::idxType]) : -1;
+    if (m_bLossless && (type == ot_Hyperlink || type == ot_Reference)) return AddHyperlinkKeepingDisplayFormatting(pCmd, nCmd);
+    if (type == ot_Numbering) return AddNumberToBuffer(pCmd, nCmd);
+    return AddCommentCmdToBuffer(CString(pCmd, nCmd), nTextPos);
 }
 
 int COldToRTF::AddDescriptionToBuffer(const CCommentCmd& cmd)
@@ -1119,14 +1135,18 @@ COldToRTF::NumberMeaning COldToRTF::MeaningOfNumberCmd(const CString& scmd)
     return meaning;
 }
 
-int COldToRTF::AddNumberToBuffer(const CString& scmd)
+int COldToRTF::AddNumberToBuffer(const CString& scmd) { return AddNumberToBuffer(scmd.GetString(), scmd.GetLength()); }
+
+// A command met before is known by its bytes: only a new one is read.
+int COldToRTF::AddNumberToBuffer(const char* pCmd, int nCmd)
 {
+    const std::size_t cb = static_cast<std::size_t>(nCmd);
     bool bHeld = false;
-    auto& slot = m_numberCmdCache.SlotOf(scmd.GetString(), static_cast<std::size_t>(scmd.GetLength()), bHeld);
+    auto& slot = m_numberCmdCache.SlotOf(pCmd, cb, bHeld);
     if (!bHeld) {
         slot.text.clear(); // a parse that throws leaves no half-made entry
-        slot.meaning = MeaningOfNumberCmd(scmd);
-        slot.text.assign(scmd.GetString(), static_cast<std::size_t>(scmd.GetLength()));
+        slot.meaning = MeaningOfNumberCmd(CString(pCmd, nCmd));
+        slot.text.assign(pCmd, cb);
     }
     const NumberMeaning& meaning = slot.meaning;
     auto addFontWord = [this](int nFontNumber) {
@@ -1423,10 +1443,9 @@ bool COldToRTF::ParseOwedFontHyperlink(const char* pCmd, HyperlinkParts& parts)
     if (*pTargetEnd != CDocCmd::chCmdEnd) return false;
     const char* pDisplayEnd = FindFirstOf(pTargetEnd + 1, kStartOrEnd);
     if (*pDisplayEnd != CDocCmd::chCmdEnd) return false;
-    parts.display.assign(pFont, pSeparator);
-    parts.display += CDocCmd::chCmdEnd;
-    parts.display.append(pTargetEnd + 1, pDisplayEnd);
-    parts.target.assign(pSeparator + 1, pTargetEnd);
+    parts.owedFontHead = std::string_view(pFont, static_cast<std::size_t>(pSeparator - pFont));
+    parts.display = std::string_view(pTargetEnd + 1, static_cast<std::size_t>(pDisplayEnd - (pTargetEnd + 1)));
+    parts.target = std::string_view(pSeparator + 1, static_cast<std::size_t>(pTargetEnd - (pSeparator + 1)));
     parts.pEnd = pDisplayEnd;
     return true;
 }
@@ -1435,10 +1454,10 @@ namespace {
 
 // The first two fields of a comment command (a hyperlink's display text and
 // target), split at the separators outside the commands nested in it.
-void SplitFirstTwoCommentFields(const CString& scmd, std::string& first, std::string& second)
+void SplitFirstTwoCommentFields(const char* pCmd, int nCmd, std::string_view& first, std::string_view& second)
 {
-    const char* p = scmd.GetString() + CCommentCmd::idxText;
-    const char* const pEnd = scmd.GetString() + scmd.GetLength() - 1; // the closing 0x02
+    const char* p = pCmd + CCommentCmd::idxText;
+    const char* const pEnd = pCmd + nCmd - 1; // the closing 0x02
     const char* pField = p;
     int nField = 0;
     int depth = 0;
@@ -1448,11 +1467,11 @@ void SplitFirstTwoCommentFields(const CString& scmd, std::string& first, std::st
         if (*p == CDocCmd::chCmdStart) ++depth;
         else if (*p == CDocCmd::chCmdEnd && depth > 0) --depth;
         else if (*p == CCommentCmd::chDataSeparator && depth == 0) {
-            (nField++ == 0 ? first : second).assign(pField, p);
+            (nField++ == 0 ? first : second) = std::string_view(pField, static_cast<std::size_t>(p - pField));
             pField = p + 1;
         }
     }
-    if (nField < 2) (nField == 0 ? first : second).assign(pField, pEnd);
+    if (nField < 2) (nField == 0 ? first : second) = std::string_view(pField, static_cast<std::size_t>(pEnd - pField));
 }
 
 // No byte is of this class: a scan for its stops alone.
@@ -1465,7 +1484,7 @@ struct NoBytes {
 
 // What ReplaceSpecSymbols makes of the text's length: the specials, which
 // few texts hold, are found a block at a time.
-std::size_t EscapedLength(const std::string& s)
+std::size_t EscapedLength(std::string_view s)
 {
     std::size_t n = s.size();
     for (std::size_t i = 0;; ++i, ++n) {
@@ -1479,13 +1498,16 @@ std::size_t EscapedLength(const std::string& s)
 // The display text goes into \fldrslt as text, its font commands as the
 // formatting they stand for, in a group of its own so that the character
 // state outside the field is what it was before.
-int COldToRTF::AddHyperlinkKeepingDisplayFormatting(const CString& scmd)
+//
+// The command's bytes may lie within the text: a command that the owed-font
+// shape fits there fits it alone too, as the text's scan has ended it at the
+// same 0x02; one that does not fit it there does not alone either.
+int COldToRTF::AddHyperlinkKeepingDisplayFormatting(const char* pCmd, int nCmd)
 {
-    if (scmd.GetLength() <= CCommentCmd::idxText) return 0;
+    if (nCmd <= CCommentCmd::idxText) return 0;
     HyperlinkParts parts;
-    if (!ParseOwedFontHyperlink(scmd.GetString(), parts)) SplitFirstTwoCommentFields(scmd, parts.display, parts.target);
-    const std::string& display = parts.display;
-    const std::string& target = parts.target;
+    if (!ParseOwedFontHyperlink(pCmd, parts)) SplitFirstTwoCommentFields(pCmd, nCmd, parts.display, parts.target);
+    const std::string_view target = parts.target;
 
     static const char kOpening[] = "{\\field{\\*\\fldinst{HYPERLINK \"";
     static const char kAfterTarget[] = "\"}}{\\fldrslt{\\ul ";
@@ -1495,19 +1517,38 @@ int COldToRTF::AddHyperlinkKeepingDisplayFormatting(const CString& scmd)
 
     const CharacterState outside = SaveCharacterState();
     m_attributes |= kUnderlineBit;
+    if (!parts.owedFontHead.empty()) AddOwedFontCmdToBuffer(parts.owedFontHead);
+    AddDisplayTextKeepingFormatting(parts.display);
+    RestoreCharacterState(outside);
+    AddToBuffer("}}}", 3);
+    return static_cast<int>(EscapedLength(target));
+}
+
+// The display text's runs as text, its font commands as their formatting.
+void COldToRTF::AddDisplayTextKeepingFormatting(std::string_view display)
+{
     std::size_t run = 0;
-    for (std::size_t i = display.find(CDocCmd::chCmdStart); i != std::string::npos; i = display.find(CDocCmd::chCmdStart, i + 1)) {
+    for (std::size_t i = display.find(CDocCmd::chCmdStart); i != std::string_view::npos; i = display.find(CDocCmd::chCmdStart, i + 1)) {
         const std::size_t end = display.find(CDocCmd::chCmdEnd, i);
-        if (end == std::string::npos) break;
+        if (end == std::string_view::npos) break;
         AddTextKeepingEveryByte(display.data() + run, static_cast<int>(i - run));
         if (display[i + 1] == CDocCmd::font) AddFontCmdToBuffer(display.data() + i, static_cast<int>(end + 1 - i));
         i = end;
         run = end + 1;
     }
     if (run < display.size()) AddTextKeepingEveryByte(display.data() + run, static_cast<int>(display.size() - run));
-    RestoreCharacterState(outside);
-    AddToBuffer("}}}", 3);
-    return static_cast<int>(EscapedLength(target));
+}
+
+// The owed font command is its head (from its 0x01 on, holding no 0x02, cut
+// off by the separator) with the 0x02 it is owed; the display text that
+// follows it holds no command.
+void COldToRTF::AddOwedFontCmdToBuffer(std::string_view head)
+{
+    std::string cmd;
+    cmd.reserve(head.size() + 1);
+    cmd.append(head.data(), head.size());
+    cmd += CDocCmd::chCmdEnd;
+    AddFontCmdToBuffer(cmd.data(), static_cast<int>(cmd.size()));
 }
 
 // Table tag commands become a table row: StartRow opens it with as many

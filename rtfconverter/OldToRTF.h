@@ -27,6 +27,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <tuple>
 
 #include "hostlibs/MFCKVUtils.h"
@@ -291,6 +292,7 @@ private:
     int AddHyperlinkToBuffer(const CCommentCmd& cmd);
     int AddDescriptionToBuffer(const CCommentCmd& cmd);
     int AddNumberToBuffer(const CString& cmd);
+    int AddNumberToBuffer(const char* pCmd, int nCmd);
     NumberMeaning MeaningOfNumberCmd(const CString& scmd);
     int AddPictureGroup(const CDIBitmap& dib, const char* pszOpening, const char* pszClosing);
 
@@ -316,13 +318,21 @@ private:
     const char* FindCommandEndKeepingNestedCommands(const char* pCmd, const char* pTextEnd) const;
     static const char* FirstCommandEndOrTextEnd(const char* p, const char* pTextEnd);
     // A hyperlink's display text (its font commands whole) and target.
+    // The parts are the command's own bytes, not copies of them.
     struct HyperlinkParts {
-        std::string display;
-        std::string target;
+        // A font command owed when the display text began: its bytes before
+        // the 0x02 the separator cut off; empty in the other shapes.
+        std::string_view owedFontHead;
+        std::string_view display; // after the owed font command, if any
+        std::string_view target;
         const char* pEnd = nullptr; // the 0x02 that ends the command
     };
     static bool ParseOwedFontHyperlink(const char* pCmd, HyperlinkParts& parts);
-    int AddHyperlinkKeepingDisplayFormatting(const CString& scmd);
+    // A comment command's bytes, 0x01 'C' to 0x02; within the text or a string.
+    int AddCommentCmdToBuffer(const char* pCmd, int nCmd, int nTextPos);
+    int AddHyperlinkKeepingDisplayFormatting(const char* pCmd, int nCmd);
+    void AddDisplayTextKeepingFormatting(std::string_view display);
+    void AddOwedFontCmdToBuffer(std::string_view head);
     int AddTableTagKeepingTable(const CCommentCmd& cmd, const char* pAfterCmd);
     void StartTableRow(const char* pAfterCmd);
     void EndTableCell();

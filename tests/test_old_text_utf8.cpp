@@ -172,6 +172,25 @@ TEST(OldTextUtf8, TheFontInForceMetAgain)
     }
 }
 
+// A font command met again is known by its first bytes up to its 0x02: those
+// of every length around the most it is remembered for, met again far from
+// the end of the text and near it, each followed by text of its own page
+// and by text of every length up to the next, come back as they were.
+TEST(OldTextUtf8, FontCommandsOfEveryLengthMetAgain)
+{
+    for (std::size_t cbFace = 20; cbFace <= 40; ++cbFace) {
+        const std::string russian = Cmd("F12-B\xCA:" + std::string(cbFace, 'f'));
+        const std::string plain = Cmd("F12-I:" + std::string(cbFace, 'g'));
+        std::string old;
+        for (std::size_t cbText : {0, 1, 15, 16, 17, 47, 48, 60}) old += russian + "\xC6" + std::string(cbText, 'x') + plain + "y";
+        for (const std::string& cmd : {russian, plain, russian}) old += cmd + "\xC6";
+        SCOPED_TRACE(cbFace);
+        OldTextFromUtf8Counts counts;
+        EXPECT_EQ(OldTextFromUtf8(OldTextToUtf8(old, 1252), 1252, &counts), old);
+        EXPECT_EQ(counts.nUnencodable + counts.nInvalid, 0u);
+    }
+}
+
 // One character in two pages with different bytes (the euro sign: 0x80 in
 // 1252, 0x88 in 1251), met again and again as the font commands alternate:
 // each run gets the bytes of its own page. And text between commands in its

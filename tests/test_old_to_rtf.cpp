@@ -208,6 +208,33 @@ TEST(OldToRTF, CommentCommands)
               "\\pard\\f0\\fs20\\cf1 \\f1\\cf1 \\f2 \xB7 \\f1 x\\par }");
 }
 
+// Hyperlinks and numbers are written from their bytes where they lie in the
+// text; one the comment command finds malformed is still read as one and
+// reported, in both modes, and a well-formed one is not.
+TEST(OldToRTF, CommentCommandsReportedWhenMalformed)
+{
+    struct Row {
+        const char* name;
+        std::string cmd;
+        bool bMalformed;
+    } rows[] = {
+        {"hyperlink", "CH:a" + S + "x://b", false},
+        {"reference", "CR:a" + S + "doc:b", false},
+        {"number", "CN:1." + S + S + "A" + S + S, false},
+        {"hyperlink without its colon", "CHa" + S + "x://b", true},
+        {"number without its colon", "CN-1." + S + S + "A" + S + S, true},
+        {"hyperlink with nothing", "CH", true},
+    };
+    for (bool bLossless : {false, true}) {
+        for (const Row& r : rows) {
+            SCOPED_TRACE(std::string(r.name) + (bLossless ? ", lossless" : ""));
+            CRecordingLogSink log;
+            OldToRtfInMode("a" + Cmd(r.cmd) + "b", bLossless);
+            EXPECT_EQ(log.asserts.empty(), !r.bMalformed);
+        }
+    }
+}
+
 TEST(OldToRTF, TextPositionsSeenByTheFilter)
 {
     FilterScript script;
