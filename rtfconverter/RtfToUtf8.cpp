@@ -1,6 +1,7 @@
 #include "rtfconverter/RtfToUtf8.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <typeinfo>
@@ -142,26 +143,70 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::UnicodeKeywordRows(std
     return s_rows;
 }
 
+// Which words may be in the reader's index: one bit for each value of a
+// 12-bit hash of the word's key, set for every word entered. Most control
+// words of a document are in neither table (borders, cell and paragraph
+// properties); a clear bit turns such a word away with a multiply and a load,
+// where a probe of the index would follow slots and compare keys.
+class CRTFToUTF8Parser::CKeywordFilter {
+public:
+    void Add(const char* szKeyword)
+    {
+        const unsigned bit = BitOf(KeywordKey::FromText(szKeyword));
+        m_words[bit / 64] |= std::uint64_t(1) << (bit % 64);
+    }
+    // False only for a word that is in no table.
+    bool MayHold(const KeywordKey& key) const
+    {
+        const unsigned bit = BitOf(key);
+        return (m_words[bit / 64] >> (bit % 64)) & 1u;
+    }
+
+private:
+    static constexpr unsigned cBits = 4096;  // some 150 words set at most one bit in 27
+    // Multiplicative: the top bits of the product depend on every byte of the
+    // head, and the length tells apart words that share their first eight bytes.
+    static unsigned BitOf(const KeywordKey& key)
+    {
+        return static_cast<unsigned>(((key.head + key.cch) * 0x9E3779B97F4A7C15ull) >> 52) & (cBits - 1);
+    }
+    std::uint64_t m_words[cBits / 64] = {};
+};
+
 // Each keyword is looked up once, in one index over both tables: the
 // reader's own rows under their numbers, then the core's rows under theirs
-// plus the number of own rows (a word in both is the reader's own).
+// plus the number of own rows (a word in both is the reader's own). The
+// filter holds every word the index holds.
+struct CRTFToUTF8Parser::CKeywordTables {
+    CKeywordIndex index;
+    CKeywordFilter filter;
+    std::size_t cOwnRows = 0;
+
+    CKeywordTables()
+    {
+        const UnicodeKeyword* rows = UnicodeKeywordRows(cOwnRows);
+        for (std::size_t row = 0; row < cOwnRows; ++row)
+            Add(rows[row].szKeyword, static_cast<int>(row));
+        for (int row = 0; row < cCmds; ++row)
+            Add(s_Cmds[row].szKeyword, static_cast<int>(cOwnRows) + row);
+    }
+    void Add(const char* szKeyword, int number)
+    {
+        index.Add(szKeyword, number);
+        filter.Add(szKeyword);
+    }
+    static const CKeywordTables& Get()
+    {
+        static const CKeywordTables s_tables;
+        return s_tables;
+    }
+};
+
 const CKeywordIndex& CRTFToUTF8Parser::KeywordIndex(std::size_t& cOwnRows)
 {
-    struct Index {
-        CKeywordIndex index;
-        std::size_t cOwnRows = 0;
-        Index()
-        {
-            const UnicodeKeyword* rows = UnicodeKeywordRows(cOwnRows);
-            for (std::size_t row = 0; row < cOwnRows; ++row)
-                index.Add(rows[row].szKeyword, static_cast<int>(row));
-            for (int row = 0; row < cCmds; ++row)
-                index.Add(s_Cmds[row].szKeyword, static_cast<int>(cOwnRows) + row);
-        }
-    };
-    static const Index s_index;
-    cOwnRows = s_index.cOwnRows;
-    return s_index.index;
+    const CKeywordTables& tables = CKeywordTables::Get();
+    cOwnRows = tables.cOwnRows;
+    return tables.index;
 }
 
 const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(const char* szKeyword)
@@ -176,9 +221,10 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(con
 
 CRTFToUTF8Parser::CRTFToUTF8Parser()
 {
-    std::size_t cOwnRows = 0;
-    m_pKeywordIndex = &KeywordIndex(cOwnRows);
-    m_cOwnKeywords = static_cast<int>(cOwnRows);
+    const CKeywordTables& tables = CKeywordTables::Get();
+    m_pKeywordIndex = &tables.index;
+    m_pKeywordFilter = &tables.filter;
+    m_cOwnKeywords = static_cast<int>(tables.cOwnRows);
 }
 
 void CRTFToUTF8Parser::SetNewline(Newline newline)
@@ -338,6 +384,12 @@ bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
     // its lookup.
     if (m_cchUnicodeSkip > 0 || !m_bFirstKeywordSeen || szKeyword[0] == '*')
         return TranslateRareKeyword(szKeyword, param, bAtGroupStart);
+    // A word the filter turns away is in neither table: what DispatchKeyword
+    // would do with it, here, so that the common case saves no registers and
+    // makes no call.
+    const KeywordKey* pKey = TokenWordKey(szKeyword);
+    if (pKey && !m_pKeywordFilter->MayHold(*pKey))
+        return m_rds == rdsSkip || DispatchRow(-1, szKeyword, param);
     return DispatchKeyword(szKeyword, param);
 }
 
@@ -363,7 +415,8 @@ RTFCONV_OUT_OF_LINE bool CRTFToUTF8Parser::TranslateRareKeyword(const char* szKe
 }
 
 // One lookup in the index over both tables gives the word's row in either.
-inline bool CRTFToUTF8Parser::DispatchKeyword(const char* szKeyword, int param)
+// Out of line: TranslateKeyword's common case is a word it turns away itself.
+RTFCONV_OUT_OF_LINE bool CRTFToUTF8Parser::DispatchKeyword(const char* szKeyword, int param)
 {
     const KeywordKey* pKey = TokenWordKey(szKeyword);
     const int number = pKey ? m_pKeywordIndex->Find(*pKey) : m_pKeywordIndex->Find(szKeyword);

@@ -265,14 +265,19 @@ private:
     // word met while a \uN fallback is being skipped.
     bool TranslateRareKeyword(const char* szKeyword, int param, bool bAtGroupStart);
     // A word looked up in both tables and handed to its handler.
-    inline bool DispatchKeyword(const char* szKeyword, int param);
+    bool DispatchKeyword(const char* szKeyword, int param);
     // A keyword other than \u met while a \uN fallback is being skipped
     // counts as one fallback character; a \'hh escape's digits go with it.
     bool SkipFallbackKeyword(const char* szKeyword);
 
-    // KeywordIndex and its number of own rows, held here so that a keyword's
-    // lookup needs no test that the index has been built.
+    // The index over both tables, and the filter that turns away most words
+    // in neither before the index is probed (RtfToUtf8.cpp).
+    class CKeywordFilter;
+    struct CKeywordTables;
+    // KeywordIndex, its number of own rows and its filter, held here so that
+    // a keyword's lookup needs no test that they have been built.
     const CKeywordIndex* m_pKeywordIndex = nullptr;
+    const CKeywordFilter* m_pKeywordFilter = nullptr;
     int m_cOwnKeywords = 0;
 
     // The font table entry being read: its name, and whether it is done.
