@@ -261,23 +261,27 @@ private:
     // Writes the UTF-8 bytes of cp, all or nothing.
     bool PutCodePoint(char32_t cp);
     bool PutBytes(const char* pch, int cch);
-    // TranslateKeyword's rare cases: the document's first word, \*, and a
-    // word met while a \uN fallback is being skipped.
+    // TranslateKeyword's rare cases: the document's first word, \*, a word
+    // met while a \uN fallback is being skipped, and a word the first look
+    // leaves to the index.
     bool TranslateRareKeyword(const char* szKeyword, int param, bool bAtGroupStart);
-    // A word looked up in both tables and handed to its handler.
+    // A word looked up in the index over both tables and handed to its handler.
     bool DispatchKeyword(const char* szKeyword, int param);
+    // A word whose number the lookup gave (-1: in neither table) handed to
+    // its handler, as the core would outside a skipped destination.
+    inline bool DispatchNumber(int number, const char* szKeyword, int param);
     // A keyword other than \u met while a \uN fallback is being skipped
     // counts as one fallback character; a \'hh escape's digits go with it.
     bool SkipFallbackKeyword(const char* szKeyword);
 
-    // The index over both tables, and the filter that turns away most words
-    // in neither before the index is probed (RtfToUtf8.cpp).
-    class CKeywordFilter;
+    // The index over both tables, and the direct-mapped table a word's number
+    // is looked for in first (RtfToUtf8.cpp).
+    class CFirstLook;
     struct CKeywordTables;
-    // KeywordIndex, its number of own rows and its filter, held here so that
-    // a keyword's lookup needs no test that they have been built.
+    // KeywordIndex, its number of own rows and its first look, held here so
+    // that a keyword's lookup needs no test that they have been built.
     const CKeywordIndex* m_pKeywordIndex = nullptr;
-    const CKeywordFilter* m_pKeywordFilter = nullptr;
+    const CFirstLook* m_pFirstLook = nullptr;
     int m_cOwnKeywords = 0;
 
     // The font table entry being read: its name, and whether it is done.
