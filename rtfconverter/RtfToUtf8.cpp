@@ -556,13 +556,20 @@ std::size_t CRTFToUTF8Parser::CopyPrintableText(const char* p, std::size_t cb)
 
 bool CRTFToUTF8Parser::KeepsPrintableAscii(const CCodePage& page)
 {
-    if (&page != m_pAsciiCheckedPage) {
-        m_pAsciiCheckedPage = &page;
-        m_bPageKeepsAscii = true;
-        for (unsigned b = 0x20; b < 0x7F && m_bPageKeepsAscii; ++b)
-            m_bPageKeepsAscii = !page.IsLeadByte(static_cast<unsigned char>(b)) && page.Single(static_cast<unsigned char>(b)) == b;
+    if (m_asciiVerdicts[m_iAsciiVerdict].pPage == &page)
+        return m_asciiVerdicts[m_iAsciiVerdict].bKeeps;
+    for (std::size_t i = 0; i < cAsciiVerdicts; ++i) {
+        if (m_asciiVerdicts[i].pPage == &page) {
+            m_iAsciiVerdict = i;
+            return m_asciiVerdicts[i].bKeeps;
+        }
     }
-    return m_bPageKeepsAscii;
+    bool bKeeps = true;
+    for (unsigned b = 0x20; b < 0x7F && bKeeps; ++b)
+        bKeeps = !page.IsLeadByte(static_cast<unsigned char>(b)) && page.Single(static_cast<unsigned char>(b)) == b;
+    m_iAsciiVerdict = m_cAsciiJudged++ % cAsciiVerdicts;
+    m_asciiVerdicts[m_iAsciiVerdict] = {&page, bKeeps};
+    return bKeeps;
 }
 
 bool CRTFToUTF8Parser::ParseChar(char ch)

@@ -323,8 +323,17 @@ private:
     RDS m_rdsBeforeUpr = rdsNorm;
     bool m_bParseEnded = false;
 
-    const CCodePage* m_pAsciiCheckedPage = nullptr;  // the page KeepsPrintableAscii last judged
-    bool m_bPageKeepsAscii = false;
+    // KeepsPrintableAscii's verdicts on the last pages it judged: a document
+    // goes back and forth among the pages of a few fonts, and judging one
+    // takes a pass over 95 bytes.
+    struct AsciiVerdict {
+        const CCodePage* pPage = nullptr;
+        bool bKeeps = false;
+    };
+    static constexpr std::size_t cAsciiVerdicts = 8;
+    AsciiVerdict m_asciiVerdicts[cAsciiVerdicts];
+    std::size_t m_iAsciiVerdict = 0;  // the one asked last
+    std::size_t m_cAsciiJudged = 0;   // the next judged replaces the oldest
 
     char m_szNewline[3] = "\n";
     int m_cchNewline = 1;
