@@ -468,14 +468,14 @@ RTFCONV_OUT_OF_LINE bool CRTFToUTF8Parser::DispatchKeyword(const char* szKeyword
 
 inline bool CRTFToUTF8Parser::DispatchNumber(int number, const char* szKeyword, int param)
 {
-    if (number < 0 || number >= m_cOwnKeywords) {
-        // A word in neither table (most words of a document) or in the
-        // core's: what CBaseRTFParser::TranslateKeyword does with it,
-        // without a second lookup.
-        if (m_rds == rdsSkip)
-            return true;
-        return DispatchRow(number < 0 ? -1 : number - m_cOwnKeywords, szKeyword, param);
-    }
+    // A word in neither table (most words of a document) or in the core's:
+    // what CBaseRTFParser::TranslateKeyword does with it, without a second
+    // lookup. A word in neither does nothing unless \* is pending, which is
+    // rare, so that is asked first.
+    if (number < 0)
+        return !m_bOptionalDest || m_rds == rdsSkip || DispatchRow(-1, szKeyword, param);
+    if (number >= m_cOwnKeywords)
+        return m_rds == rdsSkip || DispatchRow(number - m_cOwnKeywords, szKeyword, param);
     std::size_t cRows = 0;
     const UnicodeKeyword& row = UnicodeKeywordRows(cRows)[number];
     if (m_rds == rdsSkip && !row.bInSkip)
