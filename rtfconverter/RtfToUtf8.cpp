@@ -300,6 +300,7 @@ void CRTFToUTF8Parser::Init()
     }
     m_state = GroupState();
     m_fonts.clear();
+    std::fill(std::begin(m_smallFontPages), std::end(m_smallFontPages), nullptr);
     m_iFontEntry = -1;
     m_iDefaultFont = 0;
     m_pDocPage = CCodePage::Get(m_forcedCodePage ? m_forcedCodePage : kWesternCodePage);
@@ -811,8 +812,18 @@ bool CRTFToUTF8Parser::PutBytes(const char* pch, int cch)
 
 const CCodePage* CRTFToUTF8Parser::PageOfFont(int iFont) const
 {
-    const auto it = m_fonts.find(iFont < 0 ? m_iDefaultFont : iFont);
+    const int iKey = iFont < 0 ? m_iDefaultFont : iFont;
+    if (iKey >= 0 && iKey < cSmallFonts)
+        return m_smallFontPages[iKey];
+    const auto it = m_fonts.find(iKey);
     return it != m_fonts.end() ? it->second : nullptr;
+}
+
+void CRTFToUTF8Parser::SetFontPage(int iFont, const CCodePage* pPage)
+{
+    m_fonts[iFont] = pPage;
+    if (iFont >= 0 && iFont < cSmallFonts)
+        m_smallFontPages[iFont] = pPage;
 }
 
 void CRTFToUTF8Parser::SelectFont(int iFont)
@@ -844,7 +855,7 @@ bool CRTFToUTF8Parser::GetFontNum(const void*, int param)
         // A new entry, in the document's page until its \fcharset says otherwise.
         EndFontEntry();
         m_iFontEntry = param;
-        m_fonts[param] = nullptr;
+        SetFontPage(param, nullptr);
         m_fontName.clear();
         m_bFontNameDone = false;
         return true;
@@ -898,7 +909,7 @@ bool CRTFToUTF8Parser::FillFontCharset(const void*, int param)
         return true;
     // The ANSI set is Western whatever \ansicpg says (a Latin font in a
     // Japanese document is read in 1252), unless the caller named a page.
-    m_fonts[m_iFontEntry] = param == 0 ? m_pAnsiPage : PageOfCharset(param);
+    SetFontPage(m_iFontEntry, param == 0 ? m_pAnsiPage : PageOfCharset(param));
     return true;
 }
 
@@ -923,14 +934,14 @@ void CRTFToUTF8Parser::EndFontEntry()
     // A dingbat font shows its own characters whatever its \fcharset says.
     const int dingbats = CCodePage::DingbatPageOfFontName(m_fontName.c_str());
     if (dingbats)
-        m_fonts[m_iFontEntry] = CCodePage::Get(dingbats);
+        SetFontPage(m_iFontEntry, CCodePage::Get(dingbats));
 }
 
 bool CRTFToUTF8Parser::SetFontCodePage(char32_t, int param)
 {
     if (m_rds == rdsFontTable && m_iFontEntry >= 0) {
         if (const CCodePage* pPage = CCodePage::Get(param))
-            m_fonts[m_iFontEntry] = pPage;
+            SetFontPage(m_iFontEntry, pPage);
     }
     return true;
 }

@@ -213,6 +213,8 @@ private:
     bool IsVisibleText() const { return !m_state.bHidden && IsTextDestination(); }
     const CCodePage& CurrentPage() const { return *(m_state.pPage ? m_state.pPage : m_pDocPage); }
     const CCodePage* PageOfFont(int iFont) const;
+    // Enters the page of font iFont; every change of m_fonts goes through here.
+    void SetFontPage(int iFont, const CCodePage* pPage);
     void SelectFont(int iFont);
     // The page of the font the current character class names.
     void UpdatePage();
@@ -310,6 +312,11 @@ private:
 
     GroupState m_state;
     std::unordered_map<int, const CCodePage*> m_fonts;  // \fN -> page; null: the document's
+    // The pages of fonts 0 to 63 as m_fonts has them (null where it has none):
+    // documents number their fonts from 0, and every \f and \plain asks for
+    // one, which here needs no hashing.
+    static constexpr int cSmallFonts = 64;
+    const CCodePage* m_smallFontPages[cSmallFonts] = {};
     int m_iFontEntry = -1;            // the font table entry being read
     int m_iDefaultFont = 0;           // \deffN
     const CCodePage* m_pDocPage = nullptr;
