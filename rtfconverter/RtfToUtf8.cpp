@@ -1,6 +1,7 @@
 #include "rtfconverter/RtfToUtf8.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <typeinfo>
@@ -142,26 +143,113 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::UnicodeKeywordRows(std
     return s_rows;
 }
 
+// Where a word's number is looked for first: one byte for each value of a
+// 12-bit hash of the word's key, naming the one word entered under it, or
+// none, or several (rare: then the index tells). Most control words of a
+// document are in neither table (borders, cell and paragraph properties): an
+// empty byte, or a word of another key, turns one away with a multiply and a
+// load or two, and a word that is in finds its number as quickly, where a
+// probe of the index follows slots and compares keys.
+class CRTFToUTF8Parser::CFirstLook {
+public:
+    static constexpr int askIndex = -2;
+
+    // Enters szKeyword as `number`, the index's number of it (-1: the index
+    // refused it, which then answers for the word). A word entered again
+    // keeps its number.
+    void Add(const char* szKeyword, int number)
+    {
+        const KeywordKey key = KeywordKey::FromText(szKeyword);
+        std::uint8_t& entry = m_entries[SlotOf(key)];
+        if (entry == 0 && number >= 0 && number < several - 1) {
+            entry = static_cast<std::uint8_t>(number + 1);
+            m_keys[number] = key;
+        } else if (entry == 0 || (entry != several && !IsKey(m_keys[entry - 1], key))) {
+            entry = several;  // a number out of range, or a second word here
+        }
+    }
+    // Sends the word to the index (and TranslateKeyword's rare cases) always.
+    void AskIndexFor(const char* szKeyword) { m_entries[SlotOf(KeywordKey::FromText(szKeyword))] = several; }
+    void AskIndexForAll() { std::fill(std::begin(m_entries), std::end(m_entries), several); }
+    // The number of the word of this key; -1 when it is in no table;
+    // askIndex when only the index can tell.
+    int Find(const KeywordKey& key) const
+    {
+        const unsigned entry = m_entries[SlotOf(key)];
+        if (entry == 0)
+            return -1;
+        if (entry == several)
+            return askIndex;
+        return IsKey(m_keys[entry - 1], key) ? static_cast<int>(entry) - 1 : -1;
+    }
+
+private:
+    static constexpr unsigned cSlots = 4096;  // some 150 words fill one slot in 27
+    static constexpr std::uint8_t several = 255;
+
+    // Multiplicative: the top bits of the product depend on every byte of the
+    // head, and the length tells apart words that share their first eight bytes.
+    static unsigned SlotOf(const KeywordKey& key)
+    {
+        return static_cast<unsigned>(((key.head + key.cch) * 0x9E3779B97F4A7C15ull) >> 52) & (cSlots - 1);
+    }
+    // The heads hold the first eight bytes; control words are short, so the
+    // rest is compared by a loop rather than a library call.
+    static bool IsKey(const KeywordKey& entered, const KeywordKey& key)
+    {
+        if (entered.head != key.head || entered.cch != key.cch)
+            return false;
+        for (std::size_t i = 8; i < key.cch; ++i)
+            if (entered.sz[i] != key.sz[i])
+                return false;
+        return true;
+    }
+
+    std::uint8_t m_entries[cSlots] = {};  // 0: no word; n: number n - 1
+    KeywordKey m_keys[several - 1] = {};  // by number
+};
+
 // Each keyword is looked up once, in one index over both tables: the
 // reader's own rows under their numbers, then the core's rows under theirs
-// plus the number of own rows (a word in both is the reader's own).
+// plus the number of own rows (a word in both is the reader's own). The
+// first look holds every word the index holds, under the same number.
+struct CRTFToUTF8Parser::CKeywordTables {
+    CKeywordIndex index;
+    CFirstLook firstLook;
+    // Until the document's first word, which TranslateRareKeyword notes.
+    CFirstLook beforeFirstWord;
+    std::size_t cOwnRows = 0;
+
+    CKeywordTables()
+    {
+        const UnicodeKeyword* rows = UnicodeKeywordRows(cOwnRows);
+        for (std::size_t row = 0; row < cOwnRows; ++row)
+            Add(rows[row].szKeyword, static_cast<int>(row));
+        for (int row = 0; row < cCmds; ++row)
+            Add(s_Cmds[row].szKeyword, static_cast<int>(cOwnRows) + row);
+        // \* is a destination's mark only at a group's start: a rare case.
+        firstLook.AskIndexFor("*");
+        beforeFirstWord.AskIndexForAll();
+    }
+    void Add(const char* szKeyword, int number)
+    {
+        index.Add(szKeyword, number);
+        // Under the number the index gives it, whatever the index made of
+        // the row: a word it refused goes to the index again.
+        firstLook.Add(szKeyword, index.Find(szKeyword));
+    }
+    static const CKeywordTables& Get()
+    {
+        static const CKeywordTables s_tables;
+        return s_tables;
+    }
+};
+
 const CKeywordIndex& CRTFToUTF8Parser::KeywordIndex(std::size_t& cOwnRows)
 {
-    struct Index {
-        CKeywordIndex index;
-        std::size_t cOwnRows = 0;
-        Index()
-        {
-            const UnicodeKeyword* rows = UnicodeKeywordRows(cOwnRows);
-            for (std::size_t row = 0; row < cOwnRows; ++row)
-                index.Add(rows[row].szKeyword, static_cast<int>(row));
-            for (int row = 0; row < cCmds; ++row)
-                index.Add(s_Cmds[row].szKeyword, static_cast<int>(cOwnRows) + row);
-        }
-    };
-    static const Index s_index;
-    cOwnRows = s_index.cOwnRows;
-    return s_index.index;
+    const CKeywordTables& tables = CKeywordTables::Get();
+    cOwnRows = tables.cOwnRows;
+    return tables.index;
 }
 
 const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(const char* szKeyword)
@@ -176,9 +264,10 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(con
 
 CRTFToUTF8Parser::CRTFToUTF8Parser()
 {
-    std::size_t cOwnRows = 0;
-    m_pKeywordIndex = &KeywordIndex(cOwnRows);
-    m_cOwnKeywords = static_cast<int>(cOwnRows);
+    const CKeywordTables& tables = CKeywordTables::Get();
+    m_pKeywordIndex = &tables.index;
+    m_pFirstLook = &tables.beforeFirstWord;
+    m_cOwnKeywords = static_cast<int>(tables.cOwnRows);
 }
 
 void CRTFToUTF8Parser::SetNewline(Newline newline)
@@ -211,6 +300,7 @@ void CRTFToUTF8Parser::Init()
     }
     m_state = GroupState();
     m_fonts.clear();
+    std::fill(std::begin(m_smallFontPages), std::end(m_smallFontPages), nullptr);
     m_iFontEntry = -1;
     m_iDefaultFont = 0;
     m_pDocPage = CCodePage::Get(m_forcedCodePage ? m_forcedCodePage : kWesternCodePage);
@@ -334,11 +424,17 @@ bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
 {
     const bool bAtGroupStart = m_bAtGroupStart;
     m_bAtGroupStart = false;
-    // One test for all that is rare, so that a common word goes straight to
-    // its lookup.
-    if (m_cchUnicodeSkip > 0 || !m_bFirstKeywordSeen || szKeyword[0] == '*')
+    if (m_cchUnicodeSkip > 0)
         return TranslateRareKeyword(szKeyword, param, bAtGroupStart);
-    return DispatchKeyword(szKeyword, param);
+    // The word's number from the first look, and its handler called from
+    // here: the common case saves no registers and makes no call but the
+    // handler's. The other rare cases, the document's first word and \*,
+    // are words the first look leaves to the index.
+    const KeywordKey* pKey = TokenWordKey(szKeyword);
+    const int number = pKey ? m_pFirstLook->Find(*pKey) : CFirstLook::askIndex;
+    if (number == CFirstLook::askIndex)
+        return TranslateRareKeyword(szKeyword, param, bAtGroupStart);
+    return DispatchNumber(number, szKeyword, param);
 }
 
 RTFCONV_OUT_OF_LINE bool CRTFToUTF8Parser::TranslateRareKeyword(const char* szKeyword, int param, bool bAtGroupStart)
@@ -350,6 +446,7 @@ RTFCONV_OUT_OF_LINE bool CRTFToUTF8Parser::TranslateRareKeyword(const char* szKe
         return true;
     if (!m_bFirstKeywordSeen) {
         m_bFirstKeywordSeen = true;
+        m_pFirstLook = &CKeywordTables::Get().firstLook;
         m_bRtfDocument = m_cGroup == 1 && std::strcmp(szKeyword, "rtf") == 0;
     }
     // A \u ends the fallback before it: some writers give a surrogate pair's
@@ -362,19 +459,24 @@ RTFCONV_OUT_OF_LINE bool CRTFToUTF8Parser::TranslateRareKeyword(const char* szKe
     return DispatchKeyword(szKeyword, param);
 }
 
-// One lookup in the index over both tables gives the word's row in either.
-inline bool CRTFToUTF8Parser::DispatchKeyword(const char* szKeyword, int param)
+// The index over both tables gives the word's row in either.
+// Out of line: TranslateKeyword's common case is a word the first look finds.
+RTFCONV_OUT_OF_LINE bool CRTFToUTF8Parser::DispatchKeyword(const char* szKeyword, int param)
 {
     const KeywordKey* pKey = TokenWordKey(szKeyword);
-    const int number = pKey ? m_pKeywordIndex->Find(*pKey) : m_pKeywordIndex->Find(szKeyword);
-    if (number < 0 || number >= m_cOwnKeywords) {
-        // A word in neither table (most words of a document) or in the
-        // core's: what CBaseRTFParser::TranslateKeyword does with it,
-        // without a second lookup.
-        if (m_rds == rdsSkip)
-            return true;
-        return DispatchRow(number < 0 ? -1 : number - m_cOwnKeywords, szKeyword, param);
-    }
+    return DispatchNumber(pKey ? m_pKeywordIndex->Find(*pKey) : m_pKeywordIndex->Find(szKeyword), szKeyword, param);
+}
+
+inline bool CRTFToUTF8Parser::DispatchNumber(int number, const char* szKeyword, int param)
+{
+    // A word in neither table (most words of a document) or in the core's:
+    // what CBaseRTFParser::TranslateKeyword does with it, without a second
+    // lookup. A word in neither does nothing unless \* is pending, which is
+    // rare, so that is asked first.
+    if (number < 0)
+        return !m_bOptionalDest || m_rds == rdsSkip || DispatchRow(-1, szKeyword, param);
+    if (number >= m_cOwnKeywords)
+        return m_rds == rdsSkip || DispatchRow(number - m_cOwnKeywords, szKeyword, param);
     std::size_t cRows = 0;
     const UnicodeKeyword& row = UnicodeKeywordRows(cRows)[number];
     if (m_rds == rdsSkip && !row.bInSkip)
@@ -455,13 +557,20 @@ std::size_t CRTFToUTF8Parser::CopyPrintableText(const char* p, std::size_t cb)
 
 bool CRTFToUTF8Parser::KeepsPrintableAscii(const CCodePage& page)
 {
-    if (&page != m_pAsciiCheckedPage) {
-        m_pAsciiCheckedPage = &page;
-        m_bPageKeepsAscii = true;
-        for (unsigned b = 0x20; b < 0x7F && m_bPageKeepsAscii; ++b)
-            m_bPageKeepsAscii = !page.IsLeadByte(static_cast<unsigned char>(b)) && page.Single(static_cast<unsigned char>(b)) == b;
+    if (m_asciiVerdicts[m_iAsciiVerdict].pPage == &page)
+        return m_asciiVerdicts[m_iAsciiVerdict].bKeeps;
+    for (std::size_t i = 0; i < cAsciiVerdicts; ++i) {
+        if (m_asciiVerdicts[i].pPage == &page) {
+            m_iAsciiVerdict = i;
+            return m_asciiVerdicts[i].bKeeps;
+        }
     }
-    return m_bPageKeepsAscii;
+    bool bKeeps = true;
+    for (unsigned b = 0x20; b < 0x7F && bKeeps; ++b)
+        bKeeps = !page.IsLeadByte(static_cast<unsigned char>(b)) && page.Single(static_cast<unsigned char>(b)) == b;
+    m_iAsciiVerdict = m_cAsciiJudged++ % cAsciiVerdicts;
+    m_asciiVerdicts[m_iAsciiVerdict] = {&page, bKeeps};
+    return bKeeps;
 }
 
 bool CRTFToUTF8Parser::ParseChar(char ch)
@@ -703,8 +812,18 @@ bool CRTFToUTF8Parser::PutBytes(const char* pch, int cch)
 
 const CCodePage* CRTFToUTF8Parser::PageOfFont(int iFont) const
 {
-    const auto it = m_fonts.find(iFont < 0 ? m_iDefaultFont : iFont);
+    const int iKey = iFont < 0 ? m_iDefaultFont : iFont;
+    if (iKey >= 0 && iKey < cSmallFonts)
+        return m_smallFontPages[iKey];
+    const auto it = m_fonts.find(iKey);
     return it != m_fonts.end() ? it->second : nullptr;
+}
+
+void CRTFToUTF8Parser::SetFontPage(int iFont, const CCodePage* pPage)
+{
+    m_fonts[iFont] = pPage;
+    if (iFont >= 0 && iFont < cSmallFonts)
+        m_smallFontPages[iFont] = pPage;
 }
 
 void CRTFToUTF8Parser::SelectFont(int iFont)
@@ -736,7 +855,7 @@ bool CRTFToUTF8Parser::GetFontNum(const void*, int param)
         // A new entry, in the document's page until its \fcharset says otherwise.
         EndFontEntry();
         m_iFontEntry = param;
-        m_fonts[param] = nullptr;
+        SetFontPage(param, nullptr);
         m_fontName.clear();
         m_bFontNameDone = false;
         return true;
@@ -790,7 +909,7 @@ bool CRTFToUTF8Parser::FillFontCharset(const void*, int param)
         return true;
     // The ANSI set is Western whatever \ansicpg says (a Latin font in a
     // Japanese document is read in 1252), unless the caller named a page.
-    m_fonts[m_iFontEntry] = param == 0 ? m_pAnsiPage : PageOfCharset(param);
+    SetFontPage(m_iFontEntry, param == 0 ? m_pAnsiPage : PageOfCharset(param));
     return true;
 }
 
@@ -815,14 +934,14 @@ void CRTFToUTF8Parser::EndFontEntry()
     // A dingbat font shows its own characters whatever its \fcharset says.
     const int dingbats = CCodePage::DingbatPageOfFontName(m_fontName.c_str());
     if (dingbats)
-        m_fonts[m_iFontEntry] = CCodePage::Get(dingbats);
+        SetFontPage(m_iFontEntry, CCodePage::Get(dingbats));
 }
 
 bool CRTFToUTF8Parser::SetFontCodePage(char32_t, int param)
 {
     if (m_rds == rdsFontTable && m_iFontEntry >= 0) {
         if (const CCodePage* pPage = CCodePage::Get(param))
-            m_fonts[m_iFontEntry] = pPage;
+            SetFontPage(m_iFontEntry, pPage);
     }
     return true;
 }

@@ -213,6 +213,8 @@ private:
     bool IsVisibleText() const { return !m_state.bHidden && IsTextDestination(); }
     const CCodePage& CurrentPage() const { return *(m_state.pPage ? m_state.pPage : m_pDocPage); }
     const CCodePage* PageOfFont(int iFont) const;
+    // Enters the page of font iFont; every change of m_fonts goes through here.
+    void SetFontPage(int iFont, const CCodePage* pPage);
     void SelectFont(int iFont);
     // The page of the font the current character class names.
     void UpdatePage();
@@ -261,18 +263,27 @@ private:
     // Writes the UTF-8 bytes of cp, all or nothing.
     bool PutCodePoint(char32_t cp);
     bool PutBytes(const char* pch, int cch);
-    // TranslateKeyword's rare cases: the document's first word, \*, and a
-    // word met while a \uN fallback is being skipped.
+    // TranslateKeyword's rare cases: the document's first word, \*, a word
+    // met while a \uN fallback is being skipped, and a word the first look
+    // leaves to the index.
     bool TranslateRareKeyword(const char* szKeyword, int param, bool bAtGroupStart);
-    // A word looked up in both tables and handed to its handler.
-    inline bool DispatchKeyword(const char* szKeyword, int param);
+    // A word looked up in the index over both tables and handed to its handler.
+    bool DispatchKeyword(const char* szKeyword, int param);
+    // A word whose number the lookup gave (-1: in neither table) handed to
+    // its handler, as the core would outside a skipped destination.
+    inline bool DispatchNumber(int number, const char* szKeyword, int param);
     // A keyword other than \u met while a \uN fallback is being skipped
     // counts as one fallback character; a \'hh escape's digits go with it.
     bool SkipFallbackKeyword(const char* szKeyword);
 
-    // KeywordIndex and its number of own rows, held here so that a keyword's
-    // lookup needs no test that the index has been built.
+    // The index over both tables, and the direct-mapped table a word's number
+    // is looked for in first (RtfToUtf8.cpp).
+    class CFirstLook;
+    struct CKeywordTables;
+    // KeywordIndex, its number of own rows and its first look, held here so
+    // that a keyword's lookup needs no test that they have been built.
     const CKeywordIndex* m_pKeywordIndex = nullptr;
+    const CFirstLook* m_pFirstLook = nullptr;
     int m_cOwnKeywords = 0;
 
     // The font table entry being read: its name, and whether it is done.
@@ -301,6 +312,11 @@ private:
 
     GroupState m_state;
     std::unordered_map<int, const CCodePage*> m_fonts;  // \fN -> page; null: the document's
+    // The pages of fonts 0 to 63 as m_fonts has them (null where it has none):
+    // documents number their fonts from 0, and every \f and \plain asks for
+    // one, which here needs no hashing.
+    static constexpr int cSmallFonts = 64;
+    const CCodePage* m_smallFontPages[cSmallFonts] = {};
     int m_iFontEntry = -1;            // the font table entry being read
     int m_iDefaultFont = 0;           // \deffN
     const CCodePage* m_pDocPage = nullptr;
@@ -314,8 +330,17 @@ private:
     RDS m_rdsBeforeUpr = rdsNorm;
     bool m_bParseEnded = false;
 
-    const CCodePage* m_pAsciiCheckedPage = nullptr;  // the page KeepsPrintableAscii last judged
-    bool m_bPageKeepsAscii = false;
+    // KeepsPrintableAscii's verdicts on the last pages it judged: a document
+    // goes back and forth among the pages of a few fonts, and judging one
+    // takes a pass over 95 bytes.
+    struct AsciiVerdict {
+        const CCodePage* pPage = nullptr;
+        bool bKeeps = false;
+    };
+    static constexpr std::size_t cAsciiVerdicts = 8;
+    AsciiVerdict m_asciiVerdicts[cAsciiVerdicts];
+    std::size_t m_iAsciiVerdict = 0;  // the one asked last
+    std::size_t m_cAsciiJudged = 0;   // the next judged replaces the oldest
 
     char m_szNewline[3] = "\n";
     int m_cchNewline = 1;

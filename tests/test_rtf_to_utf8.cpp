@@ -279,6 +279,12 @@ TEST(RtfToUtf8, CharacterSetsOfFonts)
         {"Mac Turkish", R"({\rtf1\ansi{\fonttbl{\f0\fcharset86 Times;}}\f0 \'da\'8e})", "Ğé"},
         {"no-break space of a Latin font in a 950 document", R"({\rtf1\ansi\ansicpg950{\fonttbl{\f3\fcharset0 Courier;}}{\f3\'a0}})", "\u00A0"},
         {"KOI8-R by number", R"({\rtf1\ansi\ansicpg20866 \'f0})", "П"},
+        // Fonts are looked up directly below 64, by hashing from there up.
+        {"fonts on both sides of 64, a default one of them",
+         R"({\rtf1\deff64{\fonttbl{\f63\fcharset204 A;}{\f64\fcharset161 B;}{\f-1\fcharset238 C;}}\'e1\f63\'e1\f64\'e1\f-1\'e1\plain\'e1})",
+         "αбααα"},
+        {"a font entered again starts in the document's page",
+         R"({\rtf1{\fonttbl{\f1\fcharset204 A;}{\f70\fcharset204 B;}{\f1 A;}{\f70 B;}}\f1\'e1\f70\'e1})", "áá"},
     });
 }
 
