@@ -1,6 +1,7 @@
 #include "rtfconverter/OldToRTF.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <climits>
 #include <cmath>
@@ -506,6 +507,15 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
             pRun = p + 1;
             break;
         case bcCmdStart: {
+            // A font command, the most frequent, adds nothing to the text position.
+            if (p[1] == CDocCmd::font) {
+                if (const char* pAfter = AddRememberedFontCmd(p, pEnd)) {
+                    m_pAfterCommand = pAfter;
+                    p = pAfter - 1;
+                    pRun = pAfter;
+                    break;
+                }
+            }
             const char* ptr = FindCommandEnd(p, pEnd);
             if (*ptr == '\0') return; // an unterminated command ends the text
             ++ptr;
@@ -865,6 +875,7 @@ void COldToRTF::CCommandCache<TMeaning>::Clear()
 
 void COldToRTF::ClearCommandCaches()
 {
+    m_rememberedFontCmds.reset();
     m_fontCmdCache.Clear();
     m_layoutCmdCache.Clear();
     m_numberCmdCache.Clear();
@@ -911,16 +922,81 @@ int COldToRTF::AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd)
         AddFontWords(WordsOfFontCmd(pFontCmd, nFontCmd));
         return 0;
     }
-    const std::size_t cb = static_cast<std::size_t>(nFontCmd);
+    AddFontWords(CachedFontWords(pFontCmd, static_cast<std::size_t>(nFontCmd)));
+    return 0;
+}
+
+// The words of a command at least iFntCmdLenMin bytes long, read once.
+const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, std::size_t cbFontCmd)
+{
     bool bHeld = false;
-    auto& slot = m_fontCmdCache.SlotOf(pFontCmd, cb, bHeld);
+    auto& slot = m_fontCmdCache.SlotOf(pFontCmd, cbFontCmd, bHeld);
     if (!bHeld) {
         slot.text.clear(); // a parse that throws leaves no half-made entry
-        slot.meaning = WordsOfFontCmd(pFontCmd, nFontCmd);
-        slot.text.assign(pFontCmd, cb);
+        slot.meaning = WordsOfFontCmd(pFontCmd, static_cast<int>(cbFontCmd));
+        slot.text.assign(pFontCmd, cbFontCmd);
     }
-    AddFontWords(slot.meaning);
-    return 0;
+    return slot.meaning;
+}
+
+// The font command at pCmd in the text, met there before nearly always:
+// its end is found in one look at the kcbFontCmdLook bytes from its start,
+// and the same bytes, cut at its 0x02, are its key, so that no second scan
+// hashes it. The key's words times odd numbers, summed, pick its slot (the
+// top bits of the sum depend on every byte, so commands that differ only in
+// the middle part); the whole key is compared. Returns what follows the
+// command, or null, with nothing written, for a command the look does not
+// take: one too near the end of the text to read the block, one longer than
+// the block, or one too short to be cached.
+const char* COldToRTF::AddRememberedFontCmd(const char* pCmd, const char* pTextEnd)
+{
+#if RTFCONV_SCAN_SSE2
+    // The text's NUL is at pTextEnd: the block from pCmd stays before it.
+    if (static_cast<std::size_t>(pTextEnd - pCmd) < kcbFontCmdLook) return nullptr;
+    constexpr std::size_t kBlocks = kcbFontCmdLook / 16;
+    static_assert(kcbFontCmdLook % 16 == 0 && kcbFontCmdLook < 64, "the look is whole blocks, its ends one word");
+    __m128i v[kBlocks];
+    std::uint64_t ends = 0;
+    for (std::size_t k = 0; k < kBlocks; ++k) {
+        v[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pCmd + 16 * k));
+        const __m128i isEnd = _mm_cmpeq_epi8(v[k], byte_scan::Splat(CDocCmd::chCmdEnd));
+        ends |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(isEnd))) << (16 * k);
+    }
+    if (ends == 0) return nullptr;
+    const std::size_t cb = static_cast<std::size_t>(__builtin_ctzll(ends)) + 1;
+    if (cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) return nullptr;
+    // kcbFontCmdLook bytes 0xFF then as many 0: from kcbFontCmdLook - cb on,
+    // the mask that keeps the first cb bytes.
+    static constexpr auto kKeepMask = [] {
+        std::array<unsigned char, 2 * kcbFontCmdLook> mask{};
+        for (std::size_t i = 0; i < kcbFontCmdLook; ++i) mask[i] = 0xFF;
+        return mask;
+    }();
+    std::uint64_t key[kFontCmdLookWords];
+    for (std::size_t k = 0; k < kBlocks; ++k) {
+        const __m128i keep = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeepMask.data() + kcbFontCmdLook - cb + 16 * k));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(key + 2 * k), _mm_and_si128(v[k], keep));
+    }
+    constexpr std::uint64_t kOdd[] = {0x9e3779b97f4a7c15ull, 0xff51afd7ed558ccdull, 0xc4ceb9fe1a85ec53ull,
+                                      0x87c37b91114253d5ull, 0x4cf5ad432745937full, 0xd6e8feb86659fd93ull};
+    static_assert(std::size(kOdd) == kFontCmdLookWords, "a number per word");
+    std::uint64_t h = 0;
+    for (std::size_t k = 0; k < kFontCmdLookWords; ++k) h += key[k] * kOdd[k];
+    if (!m_rememberedFontCmds) m_rememberedFontCmds.reset(new RememberedFontCmd[std::size_t(1) << kRememberedFontCmdBits]());
+    RememberedFontCmd& slot = m_rememberedFontCmds[static_cast<std::size_t>(h >> (64 - kRememberedFontCmdBits))];
+    std::uint64_t differ = 0;
+    for (std::size_t k = 0; k < kFontCmdLookWords; ++k) differ |= key[k] ^ slot.source[k];
+    if (differ != 0) {
+        slot.words = CachedFontWords(pCmd, cb);
+        std::memcpy(slot.source, key, sizeof key);
+    }
+    AddFontWords(slot.words);
+    return pCmd + cb;
+#else
+    (void)pCmd;
+    (void)pTextEnd;
+    return nullptr;
+#endif
 }
 
 // Reading a command is the rare path: kept out of line, so that a command

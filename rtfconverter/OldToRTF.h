@@ -241,6 +241,8 @@ private:
     FontCmdWords WordsOfMeaning(const FontCmdMeaning& meaning) const;
     FontCmdWords WordsOfFontCmd(const char* pFontCmd, int nFontCmd);
     int AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd);
+    const FontCmdWords& CachedFontWords(const char* pFontCmd, std::size_t cbFontCmd);
+    const char* AddRememberedFontCmd(const char* pCmd, const char* pTextEnd);
     void AddFontWords(const FontCmdWords& words);
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
     void ClearCommandCaches();
@@ -361,6 +363,19 @@ private:
     const char* m_pNoCellsBefore = nullptr;
 
     CCommandCache<FontCmdWords> m_fontCmdCache;
+    // The font commands of the text, known by their first kcbFontCmdLook
+    // bytes, in which the scan for their end also finds their key (see
+    // AddRememberedFontCmd).
+    static constexpr std::size_t kcbFontCmdLook = 48;
+    static constexpr std::size_t kFontCmdLookWords = kcbFontCmdLook / 8;
+    struct RememberedFontCmd {
+        // The command to its 0x02, the bytes after it zero; all zero in an
+        // empty slot, which no command is (each starts with 0x01).
+        std::uint64_t source[kFontCmdLookWords];
+        FontCmdWords words;
+    };
+    static constexpr unsigned kRememberedFontCmdBits = 8;
+    std::unique_ptr<RememberedFontCmd[]> m_rememberedFontCmds;
     CCommandCache<NumberMeaning> m_numberCmdCache;
     // A valid layout command's words, "\pard..." without the blank.
     CCommandCache<CString> m_layoutCmdCache;
