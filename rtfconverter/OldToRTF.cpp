@@ -939,12 +939,22 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
     return slot.meaning;
 }
 
+// A command met for the first time in its slot, kept there by its key: the
+// rare path, out of line so that the path of a command met again keeps few
+// registers to save.
+[[gnu::noinline]] void COldToRTF::RememberFontCmd(RememberedFontCmd& slot, const char* pCmd, std::size_t cb,
+                                                  const std::uint64_t (&source)[kFontCmdLookWords])
+{
+    slot.words = CachedFontWords(pCmd, cb);
+    std::memcpy(slot.source, source, sizeof source);
+}
+
 // The font command at pCmd in the text, met there before nearly always:
 // its end is found in one look at the kcbFontCmdLook bytes from its start,
 // and the same bytes, cut at its 0x02, are its key, so that no second scan
-// hashes it. The key's words times odd numbers, summed, pick its slot (the
-// top bits of the sum depend on every byte, so commands that differ only in
-// the middle part); the whole key is compared. Returns what follows the
+// hashes it. The key's blocks folded into one pick its slot (its top bits
+// depend on every byte, so commands that differ only in the middle mostly
+// part); the whole key is compared. Returns what follows the
 // command, or null, with nothing written, for a command the look does not
 // take: one too near the end of the text to read the block, one longer than
 // the block, or one too short to be cached.
@@ -972,23 +982,29 @@ const char* COldToRTF::AddRememberedFontCmd(const char* pCmd, const char* pTextE
         for (std::size_t i = 0; i < kcbFontCmdLook; ++i) mask[i] = 0xFF;
         return mask;
     }();
-    std::uint64_t key[kFontCmdLookWords];
+    __m128i key[kBlocks];
     for (std::size_t k = 0; k < kBlocks; ++k) {
         const __m128i keep = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeepMask.data() + kcbFontCmdLook - cb + 16 * k));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(key + 2 * k), _mm_and_si128(v[k], keep));
+        key[k] = _mm_and_si128(v[k], keep);
     }
-    constexpr std::uint64_t kOdd[] = {0x9e3779b97f4a7c15ull, 0xff51afd7ed558ccdull, 0xc4ceb9fe1a85ec53ull,
-                                      0x87c37b91114253d5ull, 0x4cf5ad432745937full, 0xd6e8feb86659fd93ull};
-    static_assert(std::size(kOdd) == kFontCmdLookWords, "a number per word");
-    std::uint64_t h = 0;
-    for (std::size_t k = 0; k < kFontCmdLookWords; ++k) h += key[k] * kOdd[k];
+    // The blocks folded into one, the second with its halves swapped, so
+    // that a byte of one block rarely cancels the same byte of another; each
+    // half of the fold times its own odd number.
+    static_assert(kBlocks == 3, "three blocks folded");
+    const __m128i fold = _mm_xor_si128(_mm_xor_si128(key[0], _mm_shuffle_epi32(key[1], 0x4E)), key[2]);
+    const std::uint64_t h = static_cast<std::uint64_t>(_mm_cvtsi128_si64(fold)) * 0x9e3779b97f4a7c15ull +
+                            static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(fold, fold))) * 0xff51afd7ed558ccdull;
     if (!m_rememberedFontCmds) m_rememberedFontCmds.reset(new RememberedFontCmd[std::size_t(1) << kRememberedFontCmdBits]());
     RememberedFontCmd& slot = m_rememberedFontCmds[static_cast<std::size_t>(h >> (64 - kRememberedFontCmdBits))];
-    std::uint64_t differ = 0;
-    for (std::size_t k = 0; k < kFontCmdLookWords; ++k) differ |= key[k] ^ slot.source[k];
-    if (differ != 0) {
-        slot.words = CachedFontWords(pCmd, cb);
-        std::memcpy(slot.source, key, sizeof key);
+    __m128i same = _mm_set1_epi8(-1);
+    for (std::size_t k = 0; k < kBlocks; ++k) {
+        const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(slot.source + 2 * k));
+        same = _mm_and_si128(same, _mm_cmpeq_epi8(held, key[k]));
+    }
+    if (_mm_movemask_epi8(same) != 0xFFFF) {
+        std::uint64_t source[kFontCmdLookWords];
+        for (std::size_t k = 0; k < kBlocks; ++k) _mm_storeu_si128(reinterpret_cast<__m128i*>(source + 2 * k), key[k]);
+        RememberFontCmd(slot, pCmd, cb, source);
     }
     AddFontWords(slot.words);
     return pCmd + cb;
@@ -1015,16 +1031,21 @@ void COldToRTF::AddFontWords(const FontCmdWords& w)
     static_assert(kAttributeWords[1].isOn == &CFontCmd::IsUnderline && kUnderlineBit == 1u << 1, "the underline's bit");
     const FontCmdMeaning& meaning = w.meaning;
     // Where the quick buffer has room for the most a command writes, the
-    // words are gathered where AddToBuffer would copy them.
+    // words are gathered where AddToBuffer would copy them. The place and
+    // the count are plain locals, not a CWordBuffer on the stack, so that
+    // they stay in registers across the block copies.
     const bool bInPlace = m_cbQuickBuffer - m_dwQuickBufferPosition > CWordBuffer::kcbWords;
-    CWordBuffer words(bInPlace ? m_body.End() + m_dwQuickBufferPosition : nullptr);
+    char spare[CWordBuffer::kcbWords];
+    char* const pWords = bInPlace ? m_body.End() + m_dwQuickBufferPosition : spare;
+    std::size_t cbWords = 0;
     // A part is at most 33 bytes and ends at most 75 bytes in: a block of 48
     // bytes from its start stays within w.bytes.
     constexpr std::size_t kcbPartBlock = 48;
     static_assert(13 + 15 + 14 + kcbPartBlock <= sizeof w.bytes, "a part's block stays within the words");
-    auto appendPart = [&words, &w](FontCmdWords::Part part) {
-        const int begin = part == FontCmdWords::partFont ? 0 : w.partEnd[part - 1];
-        words.AppendBlock<kcbPartBlock>(w.bytes + begin, w.partEnd[part] - begin);
+    auto appendPart = [pWords, &cbWords, &w](FontCmdWords::Part part) {
+        const unsigned begin = part == FontCmdWords::partFont ? 0u : w.partEnd[part - 1];
+        std::memcpy(pWords + cbWords, w.bytes + begin, kcbPartBlock);
+        cbWords += w.partEnd[part] - begin;
     };
     if (meaning.nFont != m_nCurrentFont) {
         m_nCurrentFont = meaning.nFont;
@@ -1043,16 +1064,21 @@ void COldToRTF::AddFontWords(const FontCmdWords& w)
         appendPart(FontCmdWords::partBackColor);
     }
     // The attributes that change, in the order of their words.
+    // Every part's words, every attribute's block and then one block more
+    // fit in the room the words are gathered in.
+    static_assert(13 + 15 + 14 + 33 + std::size(kAttributeWords) * sizeof(ShortWord::text) + kcbPartBlock <= CWordBuffer::kcbWords,
+                  "the blocks of every part and attribute fit in the words' room");
     for (unsigned changed = w.attributes ^ m_attributes; changed != 0; changed &= changed - 1) {
         const int k = __builtin_ctz(changed);
         const ShortWord& word = w.attributes >> k & 1u ? kAttributeWords[k].on : kAttributeWords[k].off;
-        words.AppendBlock<sizeof word.text>(word.text, word.n);
+        std::memcpy(pWords + cbWords, word.text, sizeof word.text);
+        cbWords += static_cast<std::size_t>(word.n);
     }
     m_attributes = w.attributes;
-    if (words.Size() > 0) {
-        words.Append(" ", 1);
-        if (bInPlace) m_dwQuickBufferPosition += static_cast<DWORD>(words.Size());
-        else AddToBuffer(words.Data(), words.Size());
+    if (cbWords > 0) {
+        pWords[cbWords++] = ' ';
+        if (bInPlace) m_dwQuickBufferPosition += static_cast<DWORD>(cbWords);
+        else AddToBuffer(spare, static_cast<int>(cbWords));
     }
 }
 

@@ -375,6 +375,8 @@ private:
         FontCmdWords words;
     };
     static constexpr unsigned kRememberedFontCmdBits = 8;
+    void RememberFontCmd(RememberedFontCmd& slot, const char* pCmd, std::size_t cb,
+                         const std::uint64_t (&source)[kFontCmdLookWords]);
     std::unique_ptr<RememberedFontCmd[]> m_rememberedFontCmds;
     CCommandCache<NumberMeaning> m_numberCmdCache;
     // A valid layout command's words, "\pard..." without the blank.
