@@ -435,7 +435,7 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
     auto flushRun = [&]() {
         int n = static_cast<int>(p - pRun);
         if (n > 0) {
-            if (m_bLossless) AddToBuffer(pRun, n);
+            if (m_bLossless) AddTextBytesToBuffer(pRun, n, pTextEnd);
             else AddTextRun(pRun, n);
             chLast = static_cast<unsigned char>(p[-1]);
             nTextPos += static_cast<unsigned>(n);
@@ -450,7 +450,7 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
     // run is read once, not scanned for its commands and again for its escapes.
     auto flushRunAndEscapes = [&]() {
         const CCodePage* pPage = PageOfCurrentFont();
-        if (p > pRun) AddToBuffer(pRun, static_cast<int>(p - pRun));
+        if (p > pRun) AddTextBytesToBuffer(pRun, static_cast<int>(p - pRun), pTextEnd);
         char escapes[256];
         std::size_t nEscapes = 0;
         while (IsEscapedInRun(*p)) {

@@ -285,6 +285,21 @@ private:
         }
     }
     void AddToBufferDirect(const char* p, int n);
+    // The bytes from p in the text that ends at pTextEnd. Those between two
+    // commands are mostly a few: they are copied as one block of
+    // kcbShortRun bytes, not in a call, where the text and the quick buffer
+    // both have that room.
+    static constexpr std::size_t kcbShortRun = 16;
+    void AddTextBytesToBuffer(const char* p, int n, const char* pTextEnd)
+    {
+        if (n >= 0 && static_cast<std::size_t>(n) <= kcbShortRun && static_cast<std::size_t>(pTextEnd - p) >= kcbShortRun &&
+            m_cbQuickBuffer - m_dwQuickBufferPosition > kcbShortRun) {
+            std::memcpy(m_body.End() + m_dwQuickBufferPosition, p, kcbShortRun);
+            m_dwQuickBufferPosition += static_cast<DWORD>(n);
+            return;
+        }
+        AddToBuffer(p, n);
+    }
     void ConvertText(const char* pszText, const char* pTextEnd);
     void ReserveBody(std::size_t cchText);
     [[noreturn]] static void RaiseBodyError(const char* pszWhat, HRESULT hr);
