@@ -653,7 +653,9 @@ long COldToRTF::FlushQuickBuffer()
     return S_OK;
 }
 
-void COldToRTF::AddToBufferDirect(const char* p, int n)
+// The rare path of AddToBuffer: kept out of line wherever AddToBuffer is
+// compiled in, so that the quick path stays small.
+[[gnu::noinline]] void COldToRTF::AddToBufferDirect(const char* p, int n)
 {
     // Negative counts come from no caller; they would read before p.
     if (n < 0) {
@@ -958,7 +960,9 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 // command, or null, with nothing written, for a command the look does not
 // take: one too near the end of the text to read the block, one longer than
 // the block, or one too short to be cached.
-const char* COldToRTF::AddRememberedFontCmd(const char* pCmd, const char* pTextEnd)
+// Compiled with the writing of its words in it: every font command of a text
+// met again passes here.
+[[gnu::flatten]] const char* COldToRTF::AddRememberedFontCmd(const char* pCmd, const char* pTextEnd)
 {
 #if RTFCONV_SCAN_SSE2
     // The text's NUL is at pTextEnd: the block from pCmd stays before it.
