@@ -954,14 +954,13 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 // The font command at pCmd in the text, met there before nearly always:
 // its end is found in one look at the kcbFontCmdLook bytes from its start,
 // and the same bytes, cut at its 0x02, are its key, so that no second scan
-// hashes it. The key's blocks folded into one pick its slot (its top bits
-// depend on every byte, so commands that differ only in the middle mostly
-// part); the whole key is compared. Returns what follows the
-// command, or null, with nothing written, for a command the look does not
-// take: one too near the end of the text to read the block, one longer than
-// the block, or one too short to be cached.
-// Compiled with the writing of its words in it: every font command of a text
-// met again passes here.
+// hashes it. The key's blocks, folded into one, pick its slot: every byte
+// counts, so commands that differ only in the middle mostly take different
+// slots; the whole key is compared. Every font command of a text met again
+// passes here: the writing of its words is compiled in. Returns what
+// follows the command, or null, with nothing written, for a command the
+// look does not take: one too near the end of the text to read the block,
+// one longer than the block, or one too short to be cached.
 [[gnu::flatten]] const char* COldToRTF::AddRememberedFontCmd(const char* pCmd, const char* pTextEnd)
 {
 #if RTFCONV_SCAN_SSE2
