@@ -430,17 +430,22 @@ private:
     {
         return end < m_in.size() && end + 1 - m_pos <= kMaxMemoCommand && m_in.size() - m_pos >= kMaxMemoCommand;
     }
-    // Each word times its own odd number, summed: the products are
-    // independent of one another, and the top bits of the sum, which pick
-    // the slot, depend on every bit of every word.
+    // The words folded into two, each times its own odd number, summed: the
+    // top bits of the sum, which pick the slot, depend on every bit of every
+    // word. The words are folded as the look's blocks of two words are (the
+    // second block with its halves swapped), so that the look hashes its
+    // blocks without taking them apart.
+    static_assert(kFontMemoWords == 5, "the fold takes five words");
+    std::size_t FontMemoIndexOfFold(std::uint64_t lo, std::uint64_t hi) const
+    {
+        const std::uint64_t h = lo * 0x9e3779b97f4a7c15ull + hi * 0xff51afd7ed558ccdull;
+        return static_cast<std::size_t>(h >> m_fontMemoShift);
+    }
     FontCommandEncoding& FontMemoSlotOf(const char* p, std::size_t cb) const
     {
-        constexpr std::uint64_t kOdd[] = {0x9e3779b97f4a7c15ull, 0xff51afd7ed558ccdull, 0xc4ceb9fe1a85ec53ull, 0x87c37b91114253d5ull,
-                                          0x4cf5ad432745937full, 0xd6e8feb86659fd93ull, 0xa0761d6478bd642full, 0xe7037ed1a0b428dbull};
-        static_assert(sizeof kOdd / sizeof kOdd[0] >= kFontMemoWords, "a number per word");
-        std::uint64_t h = 0;
-        for (std::size_t k = 0; k < kFontMemoWords; ++k) h += MemoWordAt(p, cb, k) * kOdd[k];
-        return m_fontMemo[static_cast<std::size_t>(h >> m_fontMemoShift)];
+        const std::uint64_t lo = MemoWordAt(p, cb, 0) ^ MemoWordAt(p, cb, 3) ^ MemoWordAt(p, cb, 4);
+        const std::uint64_t hi = MemoWordAt(p, cb, 1) ^ MemoWordAt(p, cb, 2);
+        return m_fontMemo[FontMemoIndexOfFold(lo, hi)];
     }
     static bool Holds(const FontCommandEncoding& memo, const char* p, std::size_t cb)
     {
@@ -456,6 +461,13 @@ private:
     // look, which EncodeCommand then writes.
     static constexpr std::size_t kcbFontLook = 48;
     static_assert(kcbFontLook >= kMaxMemoCommand && kcbFontLook % 16 == 0, "the look covers a memo command in blocks");
+    // kcbFontLook bytes 0xFF then as many 0: from kcbFontLook - cb on, the
+    // mask that keeps a look's first cb bytes.
+    static constexpr std::array<unsigned char, 2 * kcbFontLook> kKeepMask = [] {
+        std::array<unsigned char, 2 * kcbFontLook> mask{};
+        for (std::size_t i = 0; i < kcbFontLook; ++i) mask[i] = 0xFF;
+        return mask;
+    }();
     bool EncodeRememberedFontCommand()
     {
 #if RTFCONV_SCAN_SSE2
@@ -470,8 +482,27 @@ private:
         ends &= (std::uint64_t(1) << kMaxMemoCommand) - 1;
         if (ends == 0) return false;
         const std::size_t cb = static_cast<std::size_t>(__builtin_ctzll(ends)) + 1;
-        const FontCommandEncoding& memo = FontMemoSlotOf(p, cb);
-        if (!Holds(memo, p, cb)) return false;
+        // The blocks cut after the 0x02, as the memo keeps them: the words
+        // past kMaxMemoCommand are zero too, as cb is no more.
+        constexpr std::size_t kBlocks = kcbFontLook / 16;
+        static_assert(kBlocks == 3 && kMaxMemoCommand > 32, "the memo's words in three blocks, the last half used");
+        __m128i key[kBlocks];
+        for (std::size_t k = 0; k < kBlocks; ++k) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
+            const __m128i keep = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeepMask.data() + kcbFontLook - cb + 16 * k));
+            key[k] = _mm_and_si128(v, keep);
+        }
+        const __m128i fold = _mm_xor_si128(_mm_xor_si128(key[0], _mm_shuffle_epi32(key[1], 0x4E)), key[2]);
+        const FontCommandEncoding& memo = m_fontMemo[FontMemoIndexOfFold(
+            static_cast<std::uint64_t>(_mm_cvtsi128_si64(fold)),
+            static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(fold, fold))))];
+        const __m128i lastWord = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(memo.source.data() + 4));
+        __m128i same = _mm_cmpeq_epi8(key[2], lastWord);
+        for (std::size_t k = 0; k < 2; ++k) {
+            const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(memo.source.data() + 2 * k));
+            same = _mm_and_si128(same, _mm_cmpeq_epi8(key[k], held));
+        }
+        if (_mm_movemask_epi8(same) != 0xFFFF) return false;
         SetFontInForce(m_out.Size(), memo.cbBytes - 1);
         m_out.AppendBlock<kMaxMemoCommand>(reinterpret_cast<const char*>(memo.bytes.data()), memo.cbBytes);
         m_pPage = memo.pPage;

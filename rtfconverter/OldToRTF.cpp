@@ -1,6 +1,7 @@
 #include "rtfconverter/OldToRTF.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <climits>
 #include <cmath>
@@ -434,7 +435,7 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
     auto flushRun = [&]() {
         int n = static_cast<int>(p - pRun);
         if (n > 0) {
-            if (m_bLossless) AddToBuffer(pRun, n);
+            if (m_bLossless) AddTextBytesToBuffer(pRun, n, pTextEnd);
             else AddTextRun(pRun, n);
             chLast = static_cast<unsigned char>(p[-1]);
             nTextPos += static_cast<unsigned>(n);
@@ -449,7 +450,7 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
     // run is read once, not scanned for its commands and again for its escapes.
     auto flushRunAndEscapes = [&]() {
         const CCodePage* pPage = PageOfCurrentFont();
-        if (p > pRun) AddToBuffer(pRun, static_cast<int>(p - pRun));
+        if (p > pRun) AddTextBytesToBuffer(pRun, static_cast<int>(p - pRun), pTextEnd);
         char escapes[256];
         std::size_t nEscapes = 0;
         while (IsEscapedInRun(*p)) {
@@ -506,6 +507,15 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
             pRun = p + 1;
             break;
         case bcCmdStart: {
+            // A font command, the most frequent, adds nothing to the text position.
+            if (p[1] == CDocCmd::font) {
+                if (const char* pAfter = AddRememberedFontCmd(p, pEnd)) {
+                    m_pAfterCommand = pAfter;
+                    p = pAfter - 1;
+                    pRun = pAfter;
+                    break;
+                }
+            }
             const char* ptr = FindCommandEnd(p, pEnd);
             if (*ptr == '\0') return; // an unterminated command ends the text
             ++ptr;
@@ -643,7 +653,9 @@ long COldToRTF::FlushQuickBuffer()
     return S_OK;
 }
 
-void COldToRTF::AddToBufferDirect(const char* p, int n)
+// The rare path of AddToBuffer: kept out of line wherever AddToBuffer is
+// compiled in, so that the quick path stays small.
+[[gnu::noinline]] void COldToRTF::AddToBufferDirect(const char* p, int n)
 {
     // Negative counts come from no caller; they would read before p.
     if (n < 0) {
@@ -865,6 +877,7 @@ void COldToRTF::CCommandCache<TMeaning>::Clear()
 
 void COldToRTF::ClearCommandCaches()
 {
+    m_rememberedFontCmds.reset();
     m_fontCmdCache.Clear();
     m_layoutCmdCache.Clear();
     m_numberCmdCache.Clear();
@@ -911,16 +924,98 @@ int COldToRTF::AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd)
         AddFontWords(WordsOfFontCmd(pFontCmd, nFontCmd));
         return 0;
     }
-    const std::size_t cb = static_cast<std::size_t>(nFontCmd);
+    AddFontWords(CachedFontWords(pFontCmd, static_cast<std::size_t>(nFontCmd)));
+    return 0;
+}
+
+// The words of a command at least iFntCmdLenMin bytes long, read once.
+const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, std::size_t cbFontCmd)
+{
     bool bHeld = false;
-    auto& slot = m_fontCmdCache.SlotOf(pFontCmd, cb, bHeld);
+    auto& slot = m_fontCmdCache.SlotOf(pFontCmd, cbFontCmd, bHeld);
     if (!bHeld) {
         slot.text.clear(); // a parse that throws leaves no half-made entry
-        slot.meaning = WordsOfFontCmd(pFontCmd, nFontCmd);
-        slot.text.assign(pFontCmd, cb);
+        slot.meaning = WordsOfFontCmd(pFontCmd, static_cast<int>(cbFontCmd));
+        slot.text.assign(pFontCmd, cbFontCmd);
     }
-    AddFontWords(slot.meaning);
-    return 0;
+    return slot.meaning;
+}
+
+// A command met for the first time in its slot, kept there by its key: the
+// rare path, out of line so that the path of a command met again keeps few
+// registers to save.
+[[gnu::noinline]] void COldToRTF::RememberFontCmd(RememberedFontCmd& slot, const char* pCmd, std::size_t cb,
+                                                  const std::uint64_t (&source)[kFontCmdLookWords])
+{
+    slot.words = CachedFontWords(pCmd, cb);
+    std::memcpy(slot.source, source, sizeof source);
+}
+
+// The font command at pCmd in the text, met there before nearly always:
+// its end is found in one look at the kcbFontCmdLook bytes from its start,
+// and the same bytes, cut at its 0x02, are its key, so that no second scan
+// hashes it. The key's blocks, folded into one, pick its slot: every byte
+// counts, so commands that differ only in the middle mostly take different
+// slots; the whole key is compared. Every font command of a text met again
+// passes here: the writing of its words is compiled in. Returns what
+// follows the command, or null, with nothing written, for a command the
+// look does not take: one too near the end of the text to read the block,
+// one longer than the block, or one too short to be cached.
+[[gnu::flatten]] const char* COldToRTF::AddRememberedFontCmd(const char* pCmd, const char* pTextEnd)
+{
+#if RTFCONV_SCAN_SSE2
+    // The text's NUL is at pTextEnd: the block from pCmd stays before it.
+    if (static_cast<std::size_t>(pTextEnd - pCmd) < kcbFontCmdLook) return nullptr;
+    constexpr std::size_t kBlocks = kcbFontCmdLook / 16;
+    static_assert(kcbFontCmdLook % 16 == 0 && kcbFontCmdLook < 64, "the look is whole blocks, its ends one word");
+    __m128i v[kBlocks];
+    std::uint64_t ends = 0;
+    for (std::size_t k = 0; k < kBlocks; ++k) {
+        v[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pCmd + 16 * k));
+        const __m128i isEnd = _mm_cmpeq_epi8(v[k], byte_scan::Splat(CDocCmd::chCmdEnd));
+        ends |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(isEnd))) << (16 * k);
+    }
+    if (ends == 0) return nullptr;
+    const std::size_t cb = static_cast<std::size_t>(__builtin_ctzll(ends)) + 1;
+    if (cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) return nullptr;
+    // kcbFontCmdLook bytes 0xFF then as many 0: from kcbFontCmdLook - cb on,
+    // the mask that keeps the first cb bytes.
+    static constexpr auto kKeepMask = [] {
+        std::array<unsigned char, 2 * kcbFontCmdLook> mask{};
+        for (std::size_t i = 0; i < kcbFontCmdLook; ++i) mask[i] = 0xFF;
+        return mask;
+    }();
+    __m128i key[kBlocks];
+    for (std::size_t k = 0; k < kBlocks; ++k) {
+        const __m128i keep = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeepMask.data() + kcbFontCmdLook - cb + 16 * k));
+        key[k] = _mm_and_si128(v[k], keep);
+    }
+    // The blocks folded into one, the second with its halves swapped, so
+    // that a byte of one block rarely cancels the same byte of another; each
+    // half of the fold times its own odd number.
+    static_assert(kBlocks == 3, "three blocks folded");
+    const __m128i fold = _mm_xor_si128(_mm_xor_si128(key[0], _mm_shuffle_epi32(key[1], 0x4E)), key[2]);
+    const std::uint64_t h = static_cast<std::uint64_t>(_mm_cvtsi128_si64(fold)) * 0x9e3779b97f4a7c15ull +
+                            static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(fold, fold))) * 0xff51afd7ed558ccdull;
+    if (!m_rememberedFontCmds) m_rememberedFontCmds.reset(new RememberedFontCmd[std::size_t(1) << kRememberedFontCmdBits]());
+    RememberedFontCmd& slot = m_rememberedFontCmds[static_cast<std::size_t>(h >> (64 - kRememberedFontCmdBits))];
+    __m128i same = _mm_set1_epi8(-1);
+    for (std::size_t k = 0; k < kBlocks; ++k) {
+        const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(slot.source + 2 * k));
+        same = _mm_and_si128(same, _mm_cmpeq_epi8(held, key[k]));
+    }
+    if (_mm_movemask_epi8(same) != 0xFFFF) {
+        std::uint64_t source[kFontCmdLookWords];
+        for (std::size_t k = 0; k < kBlocks; ++k) _mm_storeu_si128(reinterpret_cast<__m128i*>(source + 2 * k), key[k]);
+        RememberFontCmd(slot, pCmd, cb, source);
+    }
+    AddFontWords(slot.words);
+    return pCmd + cb;
+#else
+    (void)pCmd;
+    (void)pTextEnd;
+    return nullptr;
+#endif
 }
 
 // Reading a command is the rare path: kept out of line, so that a command
@@ -939,16 +1034,21 @@ void COldToRTF::AddFontWords(const FontCmdWords& w)
     static_assert(kAttributeWords[1].isOn == &CFontCmd::IsUnderline && kUnderlineBit == 1u << 1, "the underline's bit");
     const FontCmdMeaning& meaning = w.meaning;
     // Where the quick buffer has room for the most a command writes, the
-    // words are gathered where AddToBuffer would copy them.
+    // words are gathered where AddToBuffer would copy them. The place and
+    // the count are plain locals, not a CWordBuffer on the stack, so that
+    // they stay in registers across the block copies.
     const bool bInPlace = m_cbQuickBuffer - m_dwQuickBufferPosition > CWordBuffer::kcbWords;
-    CWordBuffer words(bInPlace ? m_body.End() + m_dwQuickBufferPosition : nullptr);
+    char spare[CWordBuffer::kcbWords];
+    char* const pWords = bInPlace ? m_body.End() + m_dwQuickBufferPosition : spare;
+    std::size_t cbWords = 0;
     // A part is at most 33 bytes and ends at most 75 bytes in: a block of 48
     // bytes from its start stays within w.bytes.
     constexpr std::size_t kcbPartBlock = 48;
     static_assert(13 + 15 + 14 + kcbPartBlock <= sizeof w.bytes, "a part's block stays within the words");
-    auto appendPart = [&words, &w](FontCmdWords::Part part) {
-        const int begin = part == FontCmdWords::partFont ? 0 : w.partEnd[part - 1];
-        words.AppendBlock<kcbPartBlock>(w.bytes + begin, w.partEnd[part] - begin);
+    auto appendPart = [pWords, &cbWords, &w](FontCmdWords::Part part) {
+        const unsigned begin = part == FontCmdWords::partFont ? 0u : w.partEnd[part - 1];
+        std::memcpy(pWords + cbWords, w.bytes + begin, kcbPartBlock);
+        cbWords += w.partEnd[part] - begin;
     };
     if (meaning.nFont != m_nCurrentFont) {
         m_nCurrentFont = meaning.nFont;
@@ -967,16 +1067,21 @@ void COldToRTF::AddFontWords(const FontCmdWords& w)
         appendPart(FontCmdWords::partBackColor);
     }
     // The attributes that change, in the order of their words.
+    // Every part's words, every attribute's block and then one block more
+    // fit in the room the words are gathered in.
+    static_assert(13 + 15 + 14 + 33 + std::size(kAttributeWords) * sizeof(ShortWord::text) + kcbPartBlock <= CWordBuffer::kcbWords,
+                  "the blocks of every part and attribute fit in the words' room");
     for (unsigned changed = w.attributes ^ m_attributes; changed != 0; changed &= changed - 1) {
         const int k = __builtin_ctz(changed);
         const ShortWord& word = w.attributes >> k & 1u ? kAttributeWords[k].on : kAttributeWords[k].off;
-        words.AppendBlock<sizeof word.text>(word.text, word.n);
+        std::memcpy(pWords + cbWords, word.text, sizeof word.text);
+        cbWords += static_cast<std::size_t>(word.n);
     }
     m_attributes = w.attributes;
-    if (words.Size() > 0) {
-        words.Append(" ", 1);
-        if (bInPlace) m_dwQuickBufferPosition += static_cast<DWORD>(words.Size());
-        else AddToBuffer(words.Data(), words.Size());
+    if (cbWords > 0) {
+        pWords[cbWords++] = ' ';
+        if (bInPlace) m_dwQuickBufferPosition += static_cast<DWORD>(cbWords);
+        else AddToBuffer(spare, static_cast<int>(cbWords));
     }
 }
 

@@ -241,6 +241,8 @@ private:
     FontCmdWords WordsOfMeaning(const FontCmdMeaning& meaning) const;
     FontCmdWords WordsOfFontCmd(const char* pFontCmd, int nFontCmd);
     int AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd);
+    const FontCmdWords& CachedFontWords(const char* pFontCmd, std::size_t cbFontCmd);
+    const char* AddRememberedFontCmd(const char* pCmd, const char* pTextEnd);
     void AddFontWords(const FontCmdWords& words);
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
     void ClearCommandCaches();
@@ -283,6 +285,21 @@ private:
         }
     }
     void AddToBufferDirect(const char* p, int n);
+    // The bytes from p in the text that ends at pTextEnd. Those between two
+    // commands are mostly a few: they are copied as one block of
+    // kcbShortRun bytes, not in a call, where the text and the quick buffer
+    // both have that room.
+    static constexpr std::size_t kcbShortRun = 16;
+    void AddTextBytesToBuffer(const char* p, int n, const char* pTextEnd)
+    {
+        if (n >= 0 && static_cast<std::size_t>(n) <= kcbShortRun && static_cast<std::size_t>(pTextEnd - p) >= kcbShortRun &&
+            m_cbQuickBuffer - m_dwQuickBufferPosition > kcbShortRun) {
+            std::memcpy(m_body.End() + m_dwQuickBufferPosition, p, kcbShortRun);
+            m_dwQuickBufferPosition += static_cast<DWORD>(n);
+            return;
+        }
+        AddToBuffer(p, n);
+    }
     void ConvertText(const char* pszText, const char* pTextEnd);
     void ReserveBody(std::size_t cchText);
     [[noreturn]] static void RaiseBodyError(const char* pszWhat, HRESULT hr);
@@ -361,6 +378,21 @@ private:
     const char* m_pNoCellsBefore = nullptr;
 
     CCommandCache<FontCmdWords> m_fontCmdCache;
+    // The font commands of the text, known by their first kcbFontCmdLook
+    // bytes, in which the scan for their end also finds their key (see
+    // AddRememberedFontCmd).
+    static constexpr std::size_t kcbFontCmdLook = 48;
+    static constexpr std::size_t kFontCmdLookWords = kcbFontCmdLook / 8;
+    struct RememberedFontCmd {
+        // The command to its 0x02, the bytes after it zero; all zero in an
+        // empty slot, which no command is (each starts with 0x01).
+        std::uint64_t source[kFontCmdLookWords];
+        FontCmdWords words;
+    };
+    static constexpr unsigned kRememberedFontCmdBits = 8;
+    void RememberFontCmd(RememberedFontCmd& slot, const char* pCmd, std::size_t cb,
+                         const std::uint64_t (&source)[kFontCmdLookWords]);
+    std::unique_ptr<RememberedFontCmd[]> m_rememberedFontCmds;
     CCommandCache<NumberMeaning> m_numberCmdCache;
     // A valid layout command's words, "\pard..." without the blank.
     CCommandCache<CString> m_layoutCmdCache;

@@ -467,6 +467,32 @@ TEST(OldToRTF, ManyDistinctFontCommandsRepeated)
     EXPECT_NE(body.find("{\\f7\\fcharset0\\fswiss Face6;}"), std::string::npos);
 }
 
+// A font command met again is known by its bytes up to its 0x02, found in
+// one look at the bytes from its start: two commands of every length around
+// that look's, differing only in a letter in the middle of their faces, met
+// again far from the end of the text and near it, each switch to their own
+// font, in both modes.
+TEST(OldToRTF, FontCommandsDifferingInTheMiddleMetAgain)
+{
+    // Faces of up to 32 letters are read; attribute letters said again
+    // lengthen the head past the look.
+    for (const std::string attributes : {"", "BUIBUIBUIBUIBUIBUI"}) {
+        for (std::size_t cbFace = 1; cbFace <= 32; ++cbFace) {
+            std::string face(cbFace, 'f');
+            face[cbFace / 2] = 'a';
+            const std::string a = Cmd("F---" + attributes + ":" + face);
+            face[cbFace / 2] = 'b';
+            const std::string b = Cmd("F---" + attributes + ":" + face);
+            const std::string pad(60, 'p');
+            for (bool bLossless : {false, true}) {
+                SCOPED_TRACE(attributes + " " + std::to_string(cbFace) + (bLossless ? ", lossless" : ""));
+                const std::string doc = OldToRtfInMode(a + "x" + b + "y" + pad + a + "x" + b + "y" + a + "z", bLossless);
+                EXPECT_NE(doc.find(" x\\f2 y" + pad + "\\f1 x\\f2 y\\f1 z\\par }"), std::string::npos) << doc;
+            }
+        }
+    }
+}
+
 // What one conversion learnt of its font commands is not carried into the
 // next, whose tables start afresh.
 TEST(OldToRTF, SecondConvertForgetsTheFirstsFontCommands)
