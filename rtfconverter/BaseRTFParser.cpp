@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "hostlibs/VQLogger.h"
 #include "platform/WinTypes.h"
@@ -555,12 +556,22 @@ bool CBaseRTFParser::ApplyCRCommand(const void*, int)
     return true;
 }
 
+// A text within the limit and without a NUL would come back from the cut
+// and the C-string setter as it is: it is left alone, uncopied.
 void CBaseRTFParser::ApplyParagraphNumbering()
 {
-    m_pnInfo.SetTextBefore(CutNumberingText(m_pnInfo.GetTextBefore()));
-    m_pnInfo.SetTextAfter(CutNumberingText(m_pnInfo.GetTextAfter()));
-    m_numbering.SetCurrentInfo(m_pnInfo);
+    if (!StaysAsCut(m_pnInfo.TextBefore()))
+        m_pnInfo.SetTextBefore(CutNumberingText(m_pnInfo.GetTextBefore()));
+    if (!StaysAsCut(m_pnInfo.TextAfter()))
+        m_pnInfo.SetTextAfter(CutNumberingText(m_pnInfo.GetTextAfter()));
+    m_numbering.SetCurrentInfo(std::move(m_pnInfo));
     m_pnInfo.Clear();
+}
+
+bool CBaseRTFParser::StaysAsCut(const CString& text) const
+{
+    const std::size_t cch = static_cast<std::size_t>(text.GetLength());
+    return cch <= static_cast<std::size_t>(m_limits.maxNumberingText) && std::strlen(text.GetString()) == cch;
 }
 
 // The text at the numbering text limit, not cutting a markup command (0x01 up

@@ -190,6 +190,9 @@ protected:
     }
 
 private:
+    // True when SetTextBefore(CutNumberingText(text)) would leave the text
+    // as it is: within the limit, with no NUL inside.
+    bool StaysAsCut(const CString& text) const;
     // TranslateKeyword for a text that is not the tokenizer's word.
     bool TranslateKeywordText(const char* szKeyword, int param);
     static void AddRefSave(CBaseRTFParserSave* pSave);

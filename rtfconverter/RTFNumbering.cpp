@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "hostlibs/MFCKVUtils.h"
 #include "hostlibs/VQLogger.h"
@@ -77,20 +78,26 @@ void CNumberingInfo::Clear()
 bool IsNumberingChanged(const CNumberingInfo& a, const CNumberingInfo& b)
 {
     return a.GetStartNum() != b.GetStartNum() || a.GetNumberingType() != b.GetNumberingType()
-        || a.GetTextBefore().CompareNoCase(b.GetTextBefore()) != 0
-        || a.GetTextAfter().CompareNoCase(b.GetTextAfter()) != 0;
+        || a.TextBefore().CompareNoCase(b.TextBefore()) != 0
+        || a.TextAfter().CompareNoCase(b.TextAfter()) != 0;
 }
 
 void CNumberingState::SetCurrentInfo(const CNumberingInfo& info)
 {
-    if (IsNumberingChanged(m_previous, info))
-        m_number = info.GetStartNum();
-    m_current = info;
+    SetCurrentInfo(CNumberingInfo(info));
 }
 
+void CNumberingState::SetCurrentInfo(CNumberingInfo&& info)
+{
+    if (IsNumberingChanged(m_previous, info))
+        m_number = info.GetStartNum();
+    m_current = std::move(info);
+}
+
+// Moved: the current numbering is cleared anyway.
 void CNumberingState::ResetParagraph()
 {
-    m_previous = m_current;
+    m_previous = std::move(m_current);
     m_current.Clear();
 }
 

@@ -25,6 +25,10 @@ public:
     CNumberingInfo() = default;
     CNumberingInfo(const CNumberingInfo&) = default;
     CNumberingInfo& operator=(const CNumberingInfo&) = default;
+    // Moved, not copied, where a reader hands its numbering on (a \pn group's
+    // end, every \pard): the texts then change hands without a copy.
+    CNumberingInfo(CNumberingInfo&&) noexcept = default;
+    CNumberingInfo& operator=(CNumberingInfo&&) noexcept = default;
     ~CNumberingInfo() = default;
 
     void Clear();
@@ -39,6 +43,9 @@ public:
 
     CString GetTextBefore() const { return m_textBefore; }
     CString GetTextAfter() const { return m_textAfter; }
+    // The texts themselves, for a reader that only looks at them.
+    const CString& TextBefore() const { return m_textBefore; }
+    const CString& TextAfter() const { return m_textAfter; }
     void SetTextBefore(const char* psz) { m_textBefore = psz; }
     void SetTextAfter(const char* psz) { m_textAfter = psz; }
     void AppendTextBefore(const char* psz) { m_textBefore += psz; }
@@ -67,6 +74,7 @@ public:
     // only when the numbering differs from the one in force before the last
     // \pard, so a list goes on counting while each paragraph repeats it.
     void SetCurrentInfo(const CNumberingInfo& info);
+    void SetCurrentInfo(CNumberingInfo&& info);
 
     // At \pard: the current numbering becomes the previous one and the
     // paragraph starts without numbering. The counter is kept.

@@ -227,6 +227,9 @@ public:
         const std::size_t cbLeft = static_cast<std::size_t>(End() - reinterpret_cast<const char*>(m_cursor.m_pRead));
         m_cursor.m_pRead += cb < cbLeft ? cb : cbLeft;
     }
+    // cb bytes of the offer Ahead last made, with no handler run since: all
+    // of them are there, so the end needs no second look.
+    void SkipOffered(std::size_t cb) { m_cursor.m_pRead += cb; }
     void MarkHere() { m_cursor.m_pMark = m_cursor.m_pRead; }
     // The stock reader's Get only steps over the byte it gives, so the loop
     // reads the first byte of a run of text itself too.
@@ -258,6 +261,7 @@ public:
         return p;
     }
     void Skip(std::size_t cb) { m_parser.SkipAhead(cb); }
+    void SkipOffered(std::size_t cb) { Skip(cb); }
     void MarkHere() { m_parser.MarkBacktrack(0); }
     // A run's first byte goes through Get, as a derived reader overriding it
     // expects.
@@ -370,16 +374,16 @@ CRTFParser::Step CRTFParser::ParseStructureAhead(TSource source)
             if (m_cGroup >= 1)
                 while (cbBreaks < cb && IsLineBreak(p[cbBreaks]))
                     ++cbBreaks;
-            source.Skip(cbBreaks);
+            source.SkipOffered(cbBreaks);
             break;
         }
         case '{':
-            source.Skip(1);
+            source.SkipOffered(1);
             m_bSkipNextChar = false;
             OpenGroup();
             break;
         case '}':
-            source.Skip(1);
+            source.SkipOffered(1);
             m_bSkipNextChar = false;
             CloseGroup();
             if (m_cGroup < 1)
@@ -400,7 +404,7 @@ CRTFParser::Step CRTFParser::ParseStructureAhead(TSource source)
             // the outermost group, which the stock source is in here).
             if (!TSource::bReadsText)
                 return Step::other;
-            source.Skip(1);
+            source.SkipOffered(1);
             if (!ParseChar(p[0]) || !ParseOrdinaryRun())
                 return Step::refused;
             break;
@@ -559,7 +563,7 @@ inline bool CRTFParser::ParseKeywordAhead(TSource source, const char* p, std::si
     const std::size_t cbTaken = ScanWordAhead(p, cb, cch, szKeyword, kw);
     if (cbTaken == 0)
         return ParseKeywordThroughGet(cbBefore);
-    source.Skip(cbBefore + cbTaken);
+    source.SkipOffered(cbBefore + cbTaken);  // within the offer p came from
     const KeywordKey key{szKeyword, kw.cch, kw.head};
     return TranslateTokenWord(key, kw.param);
 }
