@@ -477,12 +477,13 @@ bool CFontCmd::EditAttributesInOnePass(Pred isRemoved, char appended)
     const std::string& text = m_cmd.str();
     const std::size_t len = text.size();
     if (len < static_cast<std::size_t>(iFntCmdLenMin) || std::strlen(text.c_str()) != len) return false;
+    // The attributes are counted in the pass that finds the separator
+    // ending them: most edits find they change nothing, and stop here.
     std::size_t colon = posAttributes;
-    while (colon < len && text[colon] != chFaceSeparator) ++colon;
-    if (colon == len) return true; // no attribute field to edit
     std::size_t count = 0;
-    for (std::size_t i = posAttributes; i < colon; ++i)
-        if (isRemoved(text[i])) ++count;
+    for (; colon < len && text[colon] != chFaceSeparator; ++colon)
+        if (isRemoved(text[colon])) ++count;
+    if (colon == len) return true; // no attribute field to edit
     if (appended == '\0' ? count == 0 : isRemoved(appended) && count == 1 && text[colon - 1] == appended) return true;
     if (appended != '\0' && len - count < static_cast<std::size_t>(iFntCmdLenMin)) return false;
     char* p = m_cmd.GetBuffer();
