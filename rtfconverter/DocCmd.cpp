@@ -402,13 +402,20 @@ static bool HasNulByte(const char* p)
     return ((w - 0x0101010101010101u) & ~w & 0x8080808080808080u) != 0;
 }
 
-int CFontCmd::FindFaceSeparator() const
+// Reports a command too short to be one, as every look for its separator does.
+void CFontCmd::CheckMinimumLength() const
 {
     const char* pFontCmd = m_cmd.GetString();
     VQASSERT(pFontCmd);
-    const int len = GetLength();
-    if (len < iFntCmdLenMin || HasNulByte(pFontCmd))
+    if (GetLength() < iFntCmdLenMin || HasNulByte(pFontCmd))
         VQASSERT(lstrlen(pFontCmd) >= iFntCmdLenMin);
+}
+
+int CFontCmd::FindFaceSeparator() const
+{
+    CheckMinimumLength();
+    const char* pFontCmd = m_cmd.GetString();
+    const int len = GetLength();
     for (int i = posAttributes; i < len; ++i)
         if (pFontCmd[i] == chFaceSeparator) return i;
     return -1;
@@ -470,12 +477,13 @@ bool CFontCmd::EditAttributesInOnePass(Pred isRemoved, char appended)
     const std::string& text = m_cmd.str();
     const std::size_t len = text.size();
     if (len < static_cast<std::size_t>(iFntCmdLenMin) || std::strlen(text.c_str()) != len) return false;
+    // The attributes are counted in the pass that finds the separator
+    // ending them: most edits find they change nothing, and stop here.
     std::size_t colon = posAttributes;
-    while (colon < len && text[colon] != chFaceSeparator) ++colon;
-    if (colon == len) return true; // no attribute field to edit
     std::size_t count = 0;
-    for (std::size_t i = posAttributes; i < colon; ++i)
-        if (isRemoved(text[i])) ++count;
+    for (; colon < len && text[colon] != chFaceSeparator; ++colon)
+        if (isRemoved(text[colon])) ++count;
+    if (colon == len) return true; // no attribute field to edit
     if (appended == '\0' ? count == 0 : isRemoved(appended) && count == 1 && text[colon - 1] == appended) return true;
     if (appended != '\0' && len - count < static_cast<std::size_t>(iFntCmdLenMin)) return false;
     char* p = m_cmd.GetBuffer();
@@ -532,12 +540,15 @@ bool CFontCmd::IsStrikeout() const { return HasAttribute(kStrikeout); }
 bool CFontCmd::IsSuperscript() const { return HasAttribute(kSuperscript); }
 bool CFontCmd::IsSubscript() const { return HasAttribute(kSubscript); }
 
+// Asked at nearly every change of formatting: the attributes are read in the
+// same pass that looks for the separator ending them (a charset code is
+// never the separator), not after it.
 int CFontCmd::GetCharset() const
 {
-    const int colon = FindFaceSeparator();
-    const int end = colon < 0 ? GetLength() : colon;
-    const char* p = m_cmd.GetString();  // every index below end lies in the text
-    for (int i = posAttributes; i < end; ++i)
+    CheckMinimumLength();
+    const char* p = m_cmd.GetString();  // every index below the length lies in the text
+    const int len = GetLength();
+    for (int i = posAttributes; i < len && p[i] != chFaceSeparator; ++i)
         if (IsCharsetCode(p[i])) return kCharsetCodes[static_cast<unsigned char>(p[i]) - kFirstCharsetCode].charset;
     return DEFAULT_CHARSET;
 }

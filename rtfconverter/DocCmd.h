@@ -183,6 +183,7 @@ public:
 
 private:
     int FindFaceSeparator() const;
+    void CheckMinimumLength() const;
     bool HasAttribute(char letter) const;
     void SetFlag(char letter, int bOn);
     template <class Pred>

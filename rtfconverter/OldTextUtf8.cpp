@@ -70,13 +70,6 @@ int CharsetOfFontHead(std::string_view head)
     return DEFAULT_CHARSET;
 }
 
-// The end of a run of ASCII bytes from `i`, stopping at `stop` too: the
-// bytes the codec copies as they are in both directions.
-std::size_t AsciiRunEnd(std::string_view s, std::size_t i, char stop)
-{
-    return i >= s.size() ? i : i + byte_scan::AsciiLengthBefore(s.data() + i, s.size() - i, stop);
-}
-
 // No byte is of this class: a scan for its stops alone.
 struct NoBytes {
     static bool Holds(char) { return false; }
@@ -697,46 +690,56 @@ char COldTextUtf8Decoder::RegionEnd() const
     return m_region == Region::text ? CDocCmd::chCmdStart : CDocCmd::chCmdEnd;
 }
 
-void COldTextUtf8Decoder::AppendHighByte(unsigned char b, std::string& out)
+// Every byte of old-format text gives at most this many bytes of UTF-8 (a
+// character of a page's, a byte's U+F0xx, a pair's character all lie below
+// U+10000, but a character of four bytes would fit too); the decoder writes
+// through a cursor into room for that many per byte, made once per piece.
+constexpr std::size_t kcbUtf8PerByte = 4;
+
+char* COldTextUtf8Decoder::PutHighByte(unsigned char b, char* out)
 {
     HighByte& high = m_high[b - 0x80];
     if (high.n == 0) {
         const char32_t cp = m_pPage->IsLeadByte(b) ? kReplacement : m_pPage->Single(b);
         high.n = static_cast<unsigned char>(EncodeUtf8(EncodesBackTo(*m_pPage, cp, b, 1) ? cp : kByteEscapeFirst + b, high.utf8));
     }
-    out.append(high.utf8, high.n);
+    // A block of four, of which the first n count: the room behind the
+    // cursor takes it.
+    std::memcpy(out, high.utf8, sizeof high.utf8);
+    return out + high.n;
 }
 
 // A lead byte with the byte after it in the same region (-1 when the region
 // ends there): the pair when it encodes back to both bytes, else the lead
 // byte alone. Returns the number of bytes after the lead byte it took.
-std::size_t COldTextUtf8Decoder::DecodeLead(unsigned char lead, int next, std::string& out)
+std::size_t COldTextUtf8Decoder::DecodeLead(unsigned char lead, int next, char*& out)
 {
     if (next >= 0) {
         const unsigned char trail = static_cast<unsigned char>(next);
         const char32_t cp = m_pPage->Pair(lead, trail);
         if (EncodesBackTo(*m_pPage, cp, lead, 2, trail)) {
-            AppendUtf8(out, cp);
+            out += EncodeUtf8(cp, out);
             return 1;
         }
     }
-    AppendHighByte(lead, out);
+    out = PutHighByte(lead, out);
     return 0;
 }
 
 // Text in the page in force from piece[i] up to the terminator (or the end
 // of the piece, a lead byte there waiting for the next piece); returns where
 // it stopped.
-std::size_t COldTextUtf8Decoder::DecodeTextUntil(std::string_view piece, std::size_t i, char terminator, std::string& out)
+std::size_t COldTextUtf8Decoder::DecodeTextUntil(std::string_view piece, std::size_t i, char terminator, char*& out)
 {
     while (i < piece.size()) {
-        const std::size_t runEnd = AsciiRunEnd(piece, i, terminator);
-        out.append(piece, i, runEnd - i);
-        i = runEnd;
+        // The ASCII is copied in the scan that finds its end.
+        const std::size_t cbAscii = byte_scan::CopyInRangeBefore(out, piece.data() + i, piece.size() - i, '\0', '\x7F', terminator);
+        out += cbAscii;
+        i += cbAscii;
         if (i == piece.size() || piece[i] == terminator) break;
         const unsigned char b = static_cast<unsigned char>(piece[i]);
         if (!m_pPage->IsLeadByte(b)) {
-            AppendHighByte(b, out);
+            out = PutHighByte(b, out);
             ++i;
         } else if (i + 1 == piece.size()) {
             m_pendingLead = b;
@@ -750,43 +753,36 @@ std::size_t COldTextUtf8Decoder::DecodeTextUntil(std::string_view piece, std::si
 }
 
 // Bytes that are not text, up to the command's end: each one its own character.
-std::size_t COldTextUtf8Decoder::DecodeBytes(std::string_view piece, std::size_t i, std::string& out)
+std::size_t COldTextUtf8Decoder::DecodeBytes(std::string_view piece, std::size_t i, char*& out)
 {
     while (i < piece.size()) {
-        const std::size_t runEnd = AsciiRunEnd(piece, i, CDocCmd::chCmdEnd);
-        out.append(piece, i, runEnd - i);
-        i = runEnd;
+        const std::size_t cbAscii = byte_scan::CopyInRangeBefore(out, piece.data() + i, piece.size() - i, '\0', '\x7F', CDocCmd::chCmdEnd);
+        out += cbAscii;
+        i += cbAscii;
         if (i == piece.size() || piece[i] == CDocCmd::chCmdEnd) break;
-        AppendUtf8(out, static_cast<unsigned char>(piece[i++]));
+        out += EncodeUtf8(static_cast<unsigned char>(piece[i++]), out);
     }
     return i;
 }
 
 // A font command's bytes up to its face separator, each its own character;
 // the separator sets the page of the face name and of the text after.
-std::size_t COldTextUtf8Decoder::DecodeFontHead(std::string_view piece, std::size_t i, std::string& out)
+std::size_t COldTextUtf8Decoder::DecodeFontHead(std::string_view piece, std::size_t i, char*& out)
 {
-    // Every font command of the text passes here: its head is gathered in a
-    // small block and appended once, not a character at a time. A byte is at
-    // most two bytes of UTF-8, and the block is emptied before it could not
-    // take two more. ASCII is tested first: only a byte past it can be a
-    // character set code. The offset and the character set are worked on in
-    // locals and stored once, where the head or the piece ends.
-    char utf8[64];
-    std::size_t cb = 0;
+    // Every font command of the text passes here. ASCII is tested first:
+    // only a byte past it can be a character set code. The cursor, the
+    // offset and the character set are worked on in locals and stored once,
+    // where the head or the piece ends.
+    char* w = out;
     const char* const p = piece.data();
     std::size_t offset = m_cmdOffset;
     int headCharset = m_headCharset;
     bool bHeadEnded = false;
     for (; i < piece.size(); ++i, ++offset) {
-        if (cb + 2 > sizeof utf8) {
-            out.append(utf8, cb);
-            cb = 0;
-        }
         const unsigned char b = static_cast<unsigned char>(p[i]);
         if (b >= 0x80) {
-            utf8[cb++] = static_cast<char>(0xC0 | (b >> 6));
-            utf8[cb++] = static_cast<char>(0x80 | (b & 0x3F));
+            *w++ = static_cast<char>(0xC0 | (b >> 6));
+            *w++ = static_cast<char>(0x80 | (b & 0x3F));
             if (headCharset < 0 && IsCharsetCodeAt(offset, b)) headCharset = CharsetOfCode(b);
             continue;
         }
@@ -794,7 +790,7 @@ std::size_t COldTextUtf8Decoder::DecodeFontHead(std::string_view piece, std::siz
             bHeadEnded = true;
             break;
         }
-        utf8[cb++] = static_cast<char>(b);
+        *w++ = static_cast<char>(b);
         if (b == static_cast<unsigned char>(CFontCmd::chFaceSeparator) &&
             offset >= static_cast<std::size_t>(CFontCmd::posAttributes)) {
             bHeadEnded = true;
@@ -803,10 +799,10 @@ std::size_t COldTextUtf8Decoder::DecodeFontHead(std::string_view piece, std::siz
             break;
         }
     }
+    out = w;
     m_cmdOffset = offset;
     m_headCharset = headCharset;
     if (bHeadEnded) SetPageOfCharset(headCharset);
-    out.append(utf8, cb);
     return i;
 }
 
@@ -829,7 +825,7 @@ std::size_t COldTextUtf8Decoder::FontCommandSlot(const char* p)
 // same bytes give the same UTF-8 and leave the same state. Returns false,
 // with nothing done, when the command at piece[i] (its type letter) is not
 // remembered; on true, i is past the command's 0x02.
-bool COldTextUtf8Decoder::DecodeRememberedFontCommand(std::string_view piece, std::size_t& i, std::string& out)
+bool COldTextUtf8Decoder::DecodeRememberedFontCommand(std::string_view piece, std::size_t& i, char*& out)
 {
     if (piece.size() - i < cbFontCommandKey || m_fontMemo.empty()) return false;
     const char* const p = piece.data() + i;
@@ -837,7 +833,10 @@ bool COldTextUtf8Decoder::DecodeRememberedFontCommand(std::string_view piece, st
     // A remembered command holds one 0x02, its last byte: the same bytes here
     // are the whole command.
     if (memo.cb == 0 || memo.cb > piece.size() - i || std::memcmp(memo.bytes, p, memo.cb) != 0) return false;
-    out.append(memo.utf8, memo.cbUtf8);
+    // Copied as a whole block (a few moves, not a call), of which cbUtf8
+    // count: Feed's room holds a block more than the piece can give.
+    std::memcpy(out, memo.utf8, sizeof memo.utf8);
+    out += memo.cbUtf8;
     SetPageOfCharset(memo.headCharset);
     m_cmdOffset = memo.cmdOffset;
     m_headCharset = memo.headCharset;
@@ -865,33 +864,42 @@ void COldTextUtf8Decoder::RememberFontCommand(std::string_view piece, std::size_
 
 void COldTextUtf8Decoder::Feed(std::string_view piece, std::string& out)
 {
+    if (piece.empty()) return;
+    // Room for the most the piece can give, a lead byte left by the piece
+    // before, and a remembered command's UTF-8 copied as a block of fixed
+    // size. Written through a cursor, appended to out in one copy: the room
+    // is zeroed only when it grows, not for every piece as out's would be.
+    const std::size_t cbRoom = kcbUtf8PerByte * (piece.size() + 1) + sizeof FontCommandMemo::utf8;
+    if (m_room.size() < cbRoom) m_room.resize(cbRoom);
+    char* const begin = m_room.data();
+    char* w = begin;
     std::size_t i = 0;
-    if (m_pendingLead >= 0 && !piece.empty()) {
+    if (m_pendingLead >= 0) {
         const int next = piece[0] == RegionEnd() ? -1 : static_cast<unsigned char>(piece[0]);
         const unsigned char lead = static_cast<unsigned char>(m_pendingLead);
         m_pendingLead = -1;
-        i += DecodeLead(lead, next, out);
+        i += DecodeLead(lead, next, w);
     }
     // A font command begun in this piece: where its bytes and its UTF-8
     // begin, to be remembered when it ends in the piece too.
     constexpr std::size_t npos = std::string_view::npos;
     std::size_t fontStart = npos;
-    std::size_t fontOutStart = 0;
+    const char* fontOut = nullptr;
     while (i < piece.size()) {
         switch (m_region) {
         case Region::text:
-            i = DecodeTextUntil(piece, i, CDocCmd::chCmdStart, out);
+            i = DecodeTextUntil(piece, i, CDocCmd::chCmdStart, w);
             if (i < piece.size()) {
-                out += CDocCmd::chCmdStart;
+                *w++ = CDocCmd::chCmdStart;
                 ++i;
                 m_region = Region::commandType;
             }
             continue;
         case Region::commandType:
             if (piece[i] == CDocCmd::font) {
-                if (DecodeRememberedFontCommand(piece, i, out)) continue;
+                if (DecodeRememberedFontCommand(piece, i, w)) continue;
                 fontStart = i;
-                fontOutStart = out.size();
+                fontOut = w;
                 m_region = Region::fontHead;
                 m_cmdOffset = 1;
                 m_headCharset = -1;
@@ -900,33 +908,37 @@ void COldTextUtf8Decoder::Feed(std::string_view piece, std::string& out)
             m_region = piece[i] == CDocCmd::comment ? Region::comment : Region::bytes;
             continue;
         case Region::fontHead:
-            i = DecodeFontHead(piece, i, out);
+            i = DecodeFontHead(piece, i, w);
             if (m_region == Region::fontFace || i == piece.size()) continue;
             break;
         case Region::fontFace:
         case Region::comment:
-            i = DecodeTextUntil(piece, i, CDocCmd::chCmdEnd, out);
+            i = DecodeTextUntil(piece, i, CDocCmd::chCmdEnd, w);
             break;
         case Region::bytes:
-            i = DecodeBytes(piece, i, out);
+            i = DecodeBytes(piece, i, w);
             break;
         }
         // At the command's end, or at the end of the piece inside it.
         if (i < piece.size()) {
-            out += CDocCmd::chCmdEnd;
+            *w++ = CDocCmd::chCmdEnd;
             ++i;
             m_region = Region::text;
             if (fontStart != npos) {
-                RememberFontCommand(piece, fontStart, i, std::string_view(out).substr(fontOutStart));
+                RememberFontCommand(piece, fontStart, i, std::string_view(fontOut, static_cast<std::size_t>(w - fontOut)));
                 fontStart = npos;
             }
         }
     }
+    out.append(begin, static_cast<std::size_t>(w - begin));
 }
 
 void COldTextUtf8Decoder::Finish(std::string& out)
 {
-    if (m_pendingLead >= 0) AppendHighByte(static_cast<unsigned char>(m_pendingLead), out);
+    if (m_pendingLead >= 0) {
+        char utf8[kcbUtf8PerByte];
+        out.append(utf8, static_cast<std::size_t>(PutHighByte(static_cast<unsigned char>(m_pendingLead), utf8) - utf8));
+    }
     m_pendingLead = -1;
     m_region = Region::text;
     SetPage(*m_pDefaultPage);

@@ -65,11 +65,14 @@ private:
         char utf8[4];
     };
 
-    std::size_t DecodeTextUntil(std::string_view piece, std::size_t i, char terminator, std::string& out);
-    std::size_t DecodeFontHead(std::string_view piece, std::size_t i, std::string& out);
-    std::size_t DecodeBytes(std::string_view piece, std::size_t i, std::string& out);
-    std::size_t DecodeLead(unsigned char lead, int next, std::string& out);
-    void AppendHighByte(unsigned char b, std::string& out);
+    // The decoding steps write through a cursor into room Feed has made,
+    // and move it past what they wrote.
+    std::size_t DecodeTextUntil(std::string_view piece, std::size_t i, char terminator, char*& out);
+    std::size_t DecodeFontHead(std::string_view piece, std::size_t i, char*& out);
+    std::size_t DecodeBytes(std::string_view piece, std::size_t i, char*& out);
+    std::size_t DecodeLead(unsigned char lead, int next, char*& out);
+    // Writes a block of four bytes at out; returns past those that count.
+    char* PutHighByte(unsigned char b, char* out);
     void SetPage(const CCodePage& page);
     void SetPageOfCharset(int charset);
     char RegionEnd() const;
@@ -88,7 +91,7 @@ private:
     static constexpr std::size_t cFontCommandMemos = 128;
     static constexpr std::size_t cbFontCommandKey = 8;  // the bytes that choose the slot
     static std::size_t FontCommandSlot(const char* p);
-    bool DecodeRememberedFontCommand(std::string_view piece, std::size_t& i, std::string& out);
+    bool DecodeRememberedFontCommand(std::string_view piece, std::size_t& i, char*& out);
     void RememberFontCommand(std::string_view piece, std::size_t start, std::size_t end, std::string_view utf8);
 
     const CCodePage* m_pDefaultPage;
@@ -101,6 +104,9 @@ private:
     const CCodePage* m_pLastCharsetPage = nullptr;
     HighByte m_high[128] = {};
     std::vector<FontCommandMemo> m_fontMemo;  // cFontCommandMemos slots, or none yet
+    // What a piece gives is written here, then appended to the caller's
+    // string in one copy; it grows to the largest piece's need and stays.
+    std::vector<char> m_room;
 };
 
 struct OldTextFromUtf8Counts {
