@@ -236,5 +236,61 @@ std::size_t LengthBeforeLowOr(const char* p, std::size_t cb, unsigned char below
     });
 }
 
+#if RTFCONV_SCAN_SSE2
+// A short command known by its bytes: the first 48 bytes from its start taken
+// in one look, its end byte found among them, and the bytes past that end
+// zeroed, so that the look is the command's key; a command met again is found
+// by hashing and comparing the three blocks, without a scan for its end or a
+// hash of its bytes one at a time. The old-format encoder and the old-format
+// writer both keep the font commands of a text this way.
+struct CommandLook {
+    static constexpr std::size_t kcbLook = 48;
+    static constexpr std::size_t kBlocks = kcbLook / 16;
+    __m128i key[kBlocks];
+    std::size_t cb = 0;  // with its end byte; 0: no end byte among the first cbMax
+};
+
+// The look at the command at p, whose first CommandLook::kcbLook bytes must
+// be readable, ending at the first chEnd among its first cbMax bytes.
+inline CommandLook LookAtCommand(const char* p, char chEnd, std::size_t cbMax)
+{
+    constexpr std::size_t kcbLook = CommandLook::kcbLook;
+    static_assert(kcbLook < 64, "the ends of a look are one word");
+    CommandLook look;
+    __m128i v[CommandLook::kBlocks];
+    std::uint64_t ends = 0;
+    for (std::size_t k = 0; k < CommandLook::kBlocks; ++k) {
+        v[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
+        ends |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(Is(v[k], chEnd)))) << (16 * k);
+    }
+    ends &= (std::uint64_t(1) << cbMax) - 1;
+    if (ends == 0) return look;
+    look.cb = static_cast<std::size_t>(__builtin_ctzll(ends)) + 1;
+    // kcbLook bytes 0xFF then as many 0: from kcbLook - cb on, the mask that
+    // keeps the first cb bytes.
+    static constexpr struct KeepMask {
+        unsigned char bytes[2 * kcbLook];
+        constexpr KeepMask() : bytes() { for (std::size_t i = 0; i < kcbLook; ++i) bytes[i] = 0xFF; }
+    } kKeep{};
+    for (std::size_t k = 0; k < CommandLook::kBlocks; ++k) {
+        const __m128i keep = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeep.bytes + kcbLook - look.cb + 16 * k));
+        look.key[k] = _mm_and_si128(v[k], keep);
+    }
+    return look;
+}
+
+// The look's blocks folded into one, the second with its halves swapped, so
+// that a byte of one block rarely cancels the same byte of another; each half
+// of the fold times its own odd number, summed: the top bits depend on every
+// bit of the key.
+inline std::uint64_t HashOfLook(const CommandLook& look)
+{
+    static_assert(CommandLook::kBlocks == 3, "three blocks folded");
+    const __m128i fold = _mm_xor_si128(_mm_xor_si128(look.key[0], _mm_shuffle_epi32(look.key[1], 0x4E)), look.key[2]);
+    return static_cast<std::uint64_t>(_mm_cvtsi128_si64(fold)) * 0x9e3779b97f4a7c15ull +
+           static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(fold, fold))) * 0xff51afd7ed558ccdull;
+}
+#endif
+
 } // namespace byte_scan
 } // namespace rtf_converter

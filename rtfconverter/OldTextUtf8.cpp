@@ -425,9 +425,9 @@ private:
     }
     // The words folded into two, each times its own odd number, summed: the
     // top bits of the sum, which pick the slot, depend on every bit of every
-    // word. The words are folded as the look's blocks of two words are (the
-    // second block with its halves swapped), so that the look hashes its
-    // blocks without taking them apart.
+    // word. The words are folded and multiplied as byte_scan::HashOfLook
+    // folds a look's blocks of two words (the second block with its halves
+    // swapped), so that a command met in a look finds the slot it was kept in.
     static_assert(kFontMemoWords == 5, "the fold takes five words");
     std::size_t FontMemoIndexOfFold(std::uint64_t lo, std::uint64_t hi) const
     {
@@ -447,48 +447,24 @@ private:
         return differ == 0;
     }
     // A font command met before, most of a document's commands: its end is
-    // found among the first bytes from its start in one look, a block of
-    // kcbFontLook bytes, rather than by a scan (the memo keeps no longer
-    // command), and it is written from the memo. False, with nothing done,
-    // for any other command, or one too near the end of the text for the
-    // look, which EncodeCommand then writes.
-    static constexpr std::size_t kcbFontLook = 48;
-    static_assert(kcbFontLook >= kMaxMemoCommand && kcbFontLook % 16 == 0, "the look covers a memo command in blocks");
-    // kcbFontLook bytes 0xFF then as many 0: from kcbFontLook - cb on, the
-    // mask that keeps a look's first cb bytes.
-    static constexpr std::array<unsigned char, 2 * kcbFontLook> kKeepMask = [] {
-        std::array<unsigned char, 2 * kcbFontLook> mask{};
-        for (std::size_t i = 0; i < kcbFontLook; ++i) mask[i] = 0xFF;
-        return mask;
-    }();
+    // found among the first bytes from its start in one look (the memo keeps
+    // no longer command) rather than by a scan, and it is written from the
+    // memo. False, with nothing done, for any other command, or one too near
+    // the end of the text for the look, which EncodeCommand then writes.
     bool EncodeRememberedFontCommand()
     {
 #if RTFCONV_SCAN_SSE2
+        constexpr std::size_t kcbFontLook = byte_scan::CommandLook::kcbLook;
+        static_assert(kcbFontLook >= kMaxMemoCommand, "the look covers a memo command");
         if (m_in.size() - m_pos < kcbFontLook || m_in[m_pos + 1] != CDocCmd::font) return false;
-        const char* const p = m_in.data() + m_pos;
-        const __m128i end = _mm_set1_epi8(CDocCmd::chCmdEnd);
-        std::uint64_t ends = 0;
-        for (std::size_t k = 0; k < kcbFontLook; k += 16) {
-            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + k));
-            ends |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, end)))) << k;
-        }
-        ends &= (std::uint64_t(1) << kMaxMemoCommand) - 1;
-        if (ends == 0) return false;
-        const std::size_t cb = static_cast<std::size_t>(__builtin_ctzll(ends)) + 1;
-        // The blocks cut after the 0x02, as the memo keeps them: the words
-        // past kMaxMemoCommand are zero too, as cb is no more.
-        constexpr std::size_t kBlocks = kcbFontLook / 16;
-        static_assert(kBlocks == 3 && kMaxMemoCommand > 32, "the memo's words in three blocks, the last half used");
-        __m128i key[kBlocks];
-        for (std::size_t k = 0; k < kBlocks; ++k) {
-            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
-            const __m128i keep = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeepMask.data() + kcbFontLook - cb + 16 * k));
-            key[k] = _mm_and_si128(v, keep);
-        }
-        const __m128i fold = _mm_xor_si128(_mm_xor_si128(key[0], _mm_shuffle_epi32(key[1], 0x4E)), key[2]);
-        const FontCommandEncoding& memo = m_fontMemo[FontMemoIndexOfFold(
-            static_cast<std::uint64_t>(_mm_cvtsi128_si64(fold)),
-            static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(fold, fold))))];
+        // The words past kMaxMemoCommand are zero in the look too, as its
+        // command is no longer.
+        const byte_scan::CommandLook look = byte_scan::LookAtCommand(m_in.data() + m_pos, CDocCmd::chCmdEnd, kMaxMemoCommand);
+        if (look.cb == 0) return false;
+        const std::size_t cb = look.cb;
+        const __m128i* const key = look.key;
+        static_assert(byte_scan::CommandLook::kBlocks == 3 && kMaxMemoCommand > 32, "the memo's words in three blocks, the last half used");
+        const FontCommandEncoding& memo = m_fontMemo[static_cast<std::size_t>(byte_scan::HashOfLook(look) >> m_fontMemoShift)];
         const __m128i lastWord = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(memo.source.data() + 4));
         __m128i same = _mm_cmpeq_epi8(key[2], lastWord);
         for (std::size_t k = 0; k < 2; ++k) {

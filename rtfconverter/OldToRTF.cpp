@@ -966,37 +966,13 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 #if RTFCONV_SCAN_SSE2
     // The text's NUL is at pTextEnd: the block from pCmd stays before it.
     if (static_cast<std::size_t>(pTextEnd - pCmd) < kcbFontCmdLook) return nullptr;
-    constexpr std::size_t kBlocks = kcbFontCmdLook / 16;
-    static_assert(kcbFontCmdLook % 16 == 0 && kcbFontCmdLook < 64, "the look is whole blocks, its ends one word");
-    __m128i v[kBlocks];
-    std::uint64_t ends = 0;
-    for (std::size_t k = 0; k < kBlocks; ++k) {
-        v[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pCmd + 16 * k));
-        const __m128i isEnd = _mm_cmpeq_epi8(v[k], byte_scan::Splat(CDocCmd::chCmdEnd));
-        ends |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(isEnd))) << (16 * k);
-    }
-    if (ends == 0) return nullptr;
-    const std::size_t cb = static_cast<std::size_t>(__builtin_ctzll(ends)) + 1;
-    if (cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) return nullptr;
-    // kcbFontCmdLook bytes 0xFF then as many 0: from kcbFontCmdLook - cb on,
-    // the mask that keeps the first cb bytes.
-    static constexpr auto kKeepMask = [] {
-        std::array<unsigned char, 2 * kcbFontCmdLook> mask{};
-        for (std::size_t i = 0; i < kcbFontCmdLook; ++i) mask[i] = 0xFF;
-        return mask;
-    }();
-    __m128i key[kBlocks];
-    for (std::size_t k = 0; k < kBlocks; ++k) {
-        const __m128i keep = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeepMask.data() + kcbFontCmdLook - cb + 16 * k));
-        key[k] = _mm_and_si128(v[k], keep);
-    }
-    // The blocks folded into one, the second with its halves swapped, so
-    // that a byte of one block rarely cancels the same byte of another; each
-    // half of the fold times its own odd number.
-    static_assert(kBlocks == 3, "three blocks folded");
-    const __m128i fold = _mm_xor_si128(_mm_xor_si128(key[0], _mm_shuffle_epi32(key[1], 0x4E)), key[2]);
-    const std::uint64_t h = static_cast<std::uint64_t>(_mm_cvtsi128_si64(fold)) * 0x9e3779b97f4a7c15ull +
-                            static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(fold, fold))) * 0xff51afd7ed558ccdull;
+    static_assert(kcbFontCmdLook == byte_scan::CommandLook::kcbLook, "the remembered source is the look");
+    constexpr std::size_t kBlocks = byte_scan::CommandLook::kBlocks;
+    const byte_scan::CommandLook look = byte_scan::LookAtCommand(pCmd, CDocCmd::chCmdEnd, kcbFontCmdLook);
+    const std::size_t cb = look.cb;
+    if (cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) return nullptr;  // also no end in the look
+    const __m128i* const key = look.key;
+    const std::uint64_t h = byte_scan::HashOfLook(look);
     if (!m_rememberedFontCmds) m_rememberedFontCmds.reset(new RememberedFontCmd[std::size_t(1) << kRememberedFontCmdBits]());
     RememberedFontCmd& slot = m_rememberedFontCmds[static_cast<std::size_t>(h >> (64 - kRememberedFontCmdBits))];
     __m128i same = _mm_set1_epi8(-1);
