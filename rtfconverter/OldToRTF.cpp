@@ -961,7 +961,7 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 // follows the command, or null, with nothing written, for a command the
 // look does not take: one too near the end of the text to read the block,
 // one longer than the block, or one too short to be cached.
-[[gnu::flatten]] const char* COldToRTF::AddRememberedFontCmd(const char* pCmd, const char* pTextEnd)
+[[gnu::flatten, gnu::always_inline]] inline const char* COldToRTF::AddRememberedFontCmd(const char* pCmd, const char* pTextEnd)
 {
 #if RTFCONV_SCAN_SSE2
     // The text's NUL is at pTextEnd: the block from pCmd stays before it.
@@ -1004,7 +1004,7 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 
 // The words of what differs from the character state in force, which
 // becomes the command's.
-void COldToRTF::AddFontWords(const FontCmdWords& w)
+[[gnu::always_inline]] inline void COldToRTF::AddFontWords(const FontCmdWords& w)
 {
     static_assert(std::size(kAttributeWords) <= 8, "one bit of the attributes in force per attribute word");
     static_assert(kAttributeWords[1].isOn == &CFontCmd::IsUnderline && kUnderlineBit == 1u << 1, "the underline's bit");
