@@ -887,8 +887,15 @@ COldToRTF::FontCmdWords COldToRTF::WordsOfMeaning(const FontCmdMeaning& meaning)
 {
     FontCmdWords words;
     words.meaning = meaning;
-    for (std::size_t k = 0; k < std::size(kAttributeWords); ++k)
+    static_assert(std::size(kAttributeWords) == std::size(words.attributeWords) &&
+                      sizeof words.attributeWords[0] == sizeof(ShortWord::text),
+                  "a block for each attribute word");
+    for (std::size_t k = 0; k < std::size(kAttributeWords); ++k) {
         if (meaning.bAttributes[k]) words.attributes |= static_cast<unsigned char>(1u << k);
+        const ShortWord& word = meaning.bAttributes[k] ? kAttributeWords[k].on : kAttributeWords[k].off;
+        std::memcpy(words.attributeWords[k], word.text, sizeof word.text);
+        words.attributeWordLength[k] = word.n;
+    }
     CWordBuffer parts;
     AppendWord(parts, "\\f", m_fontTable[meaning.nFont].nFontNumber);
     words.partEnd[FontCmdWords::partFont] = static_cast<unsigned char>(parts.Size());
@@ -1049,9 +1056,8 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
                   "the blocks of every part and attribute fit in the words' room");
     for (unsigned changed = w.attributes ^ m_attributes; changed != 0; changed &= changed - 1) {
         const int k = __builtin_ctz(changed);
-        const ShortWord& word = w.attributes >> k & 1u ? kAttributeWords[k].on : kAttributeWords[k].off;
-        std::memcpy(pWords + cbWords, word.text, sizeof word.text);
-        cbWords += static_cast<std::size_t>(word.n);
+        std::memcpy(pWords + cbWords, w.attributeWords[k], sizeof w.attributeWords[k]);
+        cbWords += w.attributeWordLength[k];
     }
     m_attributes = w.attributes;
     if (cbWords > 0) {
