@@ -480,6 +480,16 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
             continue;
         }
         flushRun();
+        // A font command, the most frequent by far, adds nothing to the text
+        // position; one met before is written before the choice of the rest.
+        if (c == bcCmdStart && p[1] == CDocCmd::font) {
+            if (const char* pAfter = AddRememberedFontCmd(p, pEnd)) {
+                m_pAfterCommand = pAfter;
+                p = pAfter - 1;
+                pRun = pAfter;
+                continue;
+            }
+        }
         switch (c) {
         case bcEnd:
             CloseOpenTableRow();
@@ -507,15 +517,6 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
             pRun = p + 1;
             break;
         case bcCmdStart: {
-            // A font command, the most frequent, adds nothing to the text position.
-            if (p[1] == CDocCmd::font) {
-                if (const char* pAfter = AddRememberedFontCmd(p, pEnd)) {
-                    m_pAfterCommand = pAfter;
-                    p = pAfter - 1;
-                    pRun = pAfter;
-                    break;
-                }
-            }
             const char* ptr = FindCommandEnd(p, pEnd);
             if (*ptr == '\0') return; // an unterminated command ends the text
             ++ptr;
