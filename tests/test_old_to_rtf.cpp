@@ -138,9 +138,14 @@ TEST(OldToRTF, FontCommands)
         {"state runs across paragraphs", Cmd("F--JB:-") + "a\r" + Cmd("F--JB:-") + "b", "\\cf2\\b a\\par b\\par }", "",
          red},
     };
+    // Followed by text at least a look long, each command is also written
+    // the way one met again far from the end of the text is.
+    const std::string tail(48, 't');
     for (const Row& r : rows) {
         SCOPED_TRACE(r.name);
         EXPECT_EQ(BodyOf(Convert(r.text), r.fonts, r.colors), "\\pard\\f0\\fs20\\cf1 " + r.body);
+        const std::string bodyWithTail = r.body.substr(0, r.body.size() - 6) + tail + "\\par }";
+        EXPECT_EQ(BodyOf(Convert(r.text + tail), r.fonts, r.colors), "\\pard\\f0\\fs20\\cf1 " + bodyWithTail);
     }
 }
 
