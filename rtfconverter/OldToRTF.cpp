@@ -431,12 +431,12 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
 
     // Appends the pending run; its last byte becomes the last plain character.
     // The lossless writer's escapes are written as the scan meets them, so
-    // what is left of its run is written as it is.
+    // what is left of its run is written as it is, as the specified writer
+    // writes every run.
     auto flushRun = [&]() {
         int n = static_cast<int>(p - pRun);
         if (n > 0) {
-            if (m_bLossless) AddTextBytesToBuffer(pRun, n, pTextEnd);
-            else AddTextRun(pRun, n);
+            AddTextBytesToBuffer(pRun, n, pTextEnd);
             chLast = static_cast<unsigned char>(p[-1]);
             nTextPos += static_cast<unsigned>(n);
         }
