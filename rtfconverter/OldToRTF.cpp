@@ -1149,7 +1149,7 @@ int COldToRTF::AddCommentCmdToBuffer(const CString& scmd, int /*nTextPos*/)
     case ot_Hyperlink:
     case ot_Reference:
         if (m_bLossless) return AddHyperlinkKeepingDisplayFormatting(scmd.GetString(), scmd.GetLength());
-        return AddHyperlinkToBuffer(cmd);
+        return AddHyperlinkToBuffer(scmd.GetString(), scmd.GetLength());
     case ot_Table:
         if (m_bLossless) return AddTableTagKeepingTable(cmd, m_pAfterCommand);
         return AddDescriptionToBuffer(cmd);
@@ -1169,7 +1169,8 @@ int COldToRTF::AddCommentCmdToBuffer(const char* pCmd, int nCmd, int nTextPos)
     const bool bWellFormed = nCmd > CCommentCmd::idxText && pCmd[0] == CDocCmd::chCmdStart &&
                              pCmd[nCmd - 1] == CDocCmd::chCmdEnd && pCmd[CCommentCmd::idxSeparator] == CCommentCmd::chTextSeparator;
     const int type = bWellFormed ? static_cast<unsigned char>(pCmd[CCommentCmd::idxType]) : -1;
-    if (m_bLossless && (type == ot_Hyperlink || type == ot_Reference)) return AddHyperlinkKeepingDisplayFormatting(pCmd, nCmd);
+    if (type == ot_Hyperlink || type == ot_Reference)
+        return m_bLossless ? AddHyperlinkKeepingDisplayFormatting(pCmd, nCmd) : AddHyperlinkToBuffer(pCmd, nCmd);
     if (type == ot_Numbering) return AddNumberToBuffer(pCmd, nCmd);
     return AddCommentCmdToBuffer(CString(pCmd, nCmd), nTextPos);
 }
@@ -1184,21 +1185,77 @@ int COldToRTF::AddDescriptionToBuffer(const CCommentCmd& cmd)
 
 // The text position advances by the length of the escaped address, not of the
 // shown text: callers count hyperlinks that way.
-int COldToRTF::AddHyperlinkToBuffer(const CCommentCmd& cmd)
+namespace {
+
+// No byte is of this class: a scan for its stops alone.
+struct NoBytes {
+    static bool Holds(char) { return false; }
+#if RTFCONV_SCAN_SSE2
+    static __m128i Holds(__m128i) { return _mm_setzero_si128(); }
+#endif
+};
+
+// What ReplaceSpecSymbols makes of the text's length: the specials, which
+// few texts hold, are found a block at a time.
+std::size_t EscapedLength(std::string_view s)
 {
-    CString csData0 = cmd.GetData(0);
-    CString csData1 = cmd.GetData(1);
-    ReplaceSpecSymbols(csData0);
-    ReplaceSpecSymbols(csData1);
+    std::size_t n = s.size();
+    for (std::size_t i = 0;; ++i, ++n) {
+        i += byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + i, s.size() - i, '\\', '{', '}');
+        if (i == s.size()) return n;
+    }
+}
+
+// Field n of a comment command's bytes (its data fields start at idxText,
+// end at a 0x03, and the first 0x02 ends them all), as CCommentCmd::GetData
+// reads it: empty when the command has fewer fields.
+std::string_view CommentDataField(const char* pCmd, int nCmd, int n)
+{
+    const char* p = pCmd + std::min(nCmd, static_cast<int>(CCommentCmd::idxText));
+    const char* const pEnd = pCmd + nCmd;
+    auto fieldEnd = [pEnd](const char* q) {
+        while (q < pEnd && *q != CCommentCmd::chDataSeparator && *q != CDocCmd::chCmdEnd) ++q;
+        return q;
+    };
+    for (; n > 0; --n) {
+        p = fieldEnd(p);
+        if (p == pEnd || *p == CDocCmd::chCmdEnd) return {};
+        ++p; // over the separator
+    }
+    return std::string_view(p, static_cast<std::size_t>(fieldEnd(p) - p));
+}
+
+} // namespace
+
+// The text with ReplaceSpecSymbols's escapes, written without a copy of it.
+void COldToRTF::AddToBufferEscapingSpecials(std::string_view s)
+{
+    for (std::size_t i = 0; i < s.size();) {
+        const std::size_t n = byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + i, s.size() - i, '\\', '{', '}');
+        AddToBuffer(s.data() + i, static_cast<int>(n));
+        i += n;
+        if (i == s.size()) break;
+        const char escaped[2] = {'\\', s[i++]};
+        AddToBuffer(escaped, 2);
+    }
+}
+
+// A hyperlink or reference command's bytes (within the text or a string):
+// its display text (field 0) and target (field 1), escaped, in a field.
+int COldToRTF::AddHyperlinkToBuffer(const char* pCmd, int nCmd)
+{
+    const std::string_view display = CommentDataField(pCmd, nCmd, 0);
+    const std::string_view target = CommentDataField(pCmd, nCmd, 1);
     // The underline around the field is not part of the tracked character state.
-    CString csHyperlinkTeg("\\ul{\\field{\\*\\fldinst{HYPERLINK ");
-    csHyperlinkTeg += csData1;
-    csHyperlinkTeg += "}}{\\fldrslt ";
-    csHyperlinkTeg += csData0;
-    csHyperlinkTeg += "}}\\ul0 ";
-    VQASSERT(0 < csHyperlinkTeg.GetLength());
-    AddToBuffer(csHyperlinkTeg);
-    return csData1.GetLength();
+    static const char kOpening[] = "\\ul{\\field{\\*\\fldinst{HYPERLINK ";
+    static const char kAfterTarget[] = "}}{\\fldrslt ";
+    static const char kClosing[] = "}}\\ul0 ";
+    AddToBuffer(kOpening, static_cast<int>(sizeof kOpening - 1));
+    AddToBufferEscapingSpecials(target);
+    AddToBuffer(kAfterTarget, static_cast<int>(sizeof kAfterTarget - 1));
+    AddToBufferEscapingSpecials(display);
+    AddToBuffer(kClosing, static_cast<int>(sizeof kClosing - 1));
+    return static_cast<int>(EscapedLength(target));
 }
 
 // A numbering command's bullet font is added to the table the first time it
@@ -1563,25 +1620,6 @@ void SplitFirstTwoCommentFields(const char* pCmd, int nCmd, std::string_view& fi
         }
     }
     if (nField < 2) (nField == 0 ? first : second) = std::string_view(pField, static_cast<std::size_t>(pEnd - pField));
-}
-
-// No byte is of this class: a scan for its stops alone.
-struct NoBytes {
-    static bool Holds(char) { return false; }
-#if RTFCONV_SCAN_SSE2
-    static __m128i Holds(__m128i) { return _mm_setzero_si128(); }
-#endif
-};
-
-// What ReplaceSpecSymbols makes of the text's length: the specials, which
-// few texts hold, are found a block at a time.
-std::size_t EscapedLength(std::string_view s)
-{
-    std::size_t n = s.size();
-    for (std::size_t i = 0;; ++i, ++n) {
-        i += byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + i, s.size() - i, '\\', '{', '}');
-        if (i == s.size()) return n;
-    }
 }
 
 } // namespace

@@ -311,7 +311,8 @@ private:
     HRESULT WriteToOutStream(const CString& s);
     HRESULT NoteOutWrite(HRESULT hr);
     void InitBaseFont(const LOGFONT* pBaseFont);
-    int AddHyperlinkToBuffer(const CCommentCmd& cmd);
+    int AddHyperlinkToBuffer(const char* pCmd, int nCmd);
+    void AddToBufferEscapingSpecials(std::string_view s);
     int AddDescriptionToBuffer(const CCommentCmd& cmd);
     int AddNumberToBuffer(const CString& cmd);
     int AddNumberToBuffer(const char* pCmd, int nCmd);
