@@ -1214,8 +1214,8 @@ std::string_view CommentDataField(const char* pCmd, int nCmd, int n)
     const char* p = pCmd + std::min(nCmd, static_cast<int>(CCommentCmd::idxText));
     const char* const pEnd = pCmd + nCmd;
     auto fieldEnd = [pEnd](const char* q) {
-        while (q < pEnd && *q != CCommentCmd::chDataSeparator && *q != CDocCmd::chCmdEnd) ++q;
-        return q;
+        return q + byte_scan::LengthBeforeClassOr<NoBytes>(q, static_cast<std::size_t>(pEnd - q), CCommentCmd::chDataSeparator,
+                                                            CDocCmd::chCmdEnd);
     };
     for (; n > 0; --n) {
         p = fieldEnd(p);
@@ -1228,8 +1228,10 @@ std::string_view CommentDataField(const char* pCmd, int nCmd, int n)
 } // namespace
 
 // The text with ReplaceSpecSymbols's escapes, written without a copy of it.
-void COldToRTF::AddToBufferEscapingSpecials(std::string_view s)
+// Returns the length written.
+std::size_t COldToRTF::AddToBufferEscapingSpecials(std::string_view s)
 {
+    std::size_t cbEscapes = 0;
     for (std::size_t i = 0; i < s.size();) {
         const std::size_t n = byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + i, s.size() - i, '\\', '{', '}');
         AddToBuffer(s.data() + i, static_cast<int>(n));
@@ -1237,7 +1239,9 @@ void COldToRTF::AddToBufferEscapingSpecials(std::string_view s)
         if (i == s.size()) break;
         const char escaped[2] = {'\\', s[i++]};
         AddToBuffer(escaped, 2);
+        ++cbEscapes;
     }
+    return s.size() + cbEscapes;
 }
 
 // A hyperlink or reference command's bytes (within the text or a string):
@@ -1251,11 +1255,11 @@ int COldToRTF::AddHyperlinkToBuffer(const char* pCmd, int nCmd)
     static const char kAfterTarget[] = "}}{\\fldrslt ";
     static const char kClosing[] = "}}\\ul0 ";
     AddToBuffer(kOpening, static_cast<int>(sizeof kOpening - 1));
-    AddToBufferEscapingSpecials(target);
+    const std::size_t cbTarget = AddToBufferEscapingSpecials(target);
     AddToBuffer(kAfterTarget, static_cast<int>(sizeof kAfterTarget - 1));
     AddToBufferEscapingSpecials(display);
     AddToBuffer(kClosing, static_cast<int>(sizeof kClosing - 1));
-    return static_cast<int>(EscapedLength(target));
+    return static_cast<int>(cbTarget);
 }
 
 // A numbering command's bullet font is added to the table the first time it

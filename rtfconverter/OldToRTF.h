@@ -312,7 +312,7 @@ private:
     HRESULT NoteOutWrite(HRESULT hr);
     void InitBaseFont(const LOGFONT* pBaseFont);
     int AddHyperlinkToBuffer(const char* pCmd, int nCmd);
-    void AddToBufferEscapingSpecials(std::string_view s);
+    std::size_t AddToBufferEscapingSpecials(std::string_view s);
     int AddDescriptionToBuffer(const CCommentCmd& cmd);
     int AddNumberToBuffer(const CString& cmd);
     int AddNumberToBuffer(const char* pCmd, int nCmd);
