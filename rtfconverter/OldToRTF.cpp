@@ -431,7 +431,7 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
 
     // Appends the pending run; its last byte becomes the last plain character.
     // The lossless writer's escapes are written as the scan meets them, so
-    // what is left of its run is written as it is, as the specified writer
+    // what is left of its run is written as it is, as the default writer
     // writes every run.
     auto flushRun = [&]() {
         int n = static_cast<int>(p - pRun);
