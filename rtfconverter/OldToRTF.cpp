@@ -431,12 +431,12 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
 
     // Appends the pending run; its last byte becomes the last plain character.
     // The lossless writer's escapes are written as the scan meets them, so
-    // what is left of its run is written as it is.
+    // what is left of its run is written as it is, as the default writer
+    // writes every run.
     auto flushRun = [&]() {
         int n = static_cast<int>(p - pRun);
         if (n > 0) {
-            if (m_bLossless) AddTextBytesToBuffer(pRun, n, pTextEnd);
-            else AddTextRun(pRun, n);
+            AddTextBytesToBuffer(pRun, n, pTextEnd);
             chLast = static_cast<unsigned char>(p[-1]);
             nTextPos += static_cast<unsigned>(n);
         }
@@ -480,6 +480,16 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
             continue;
         }
         flushRun();
+        // A font command, the most frequent by far, adds nothing to the text
+        // position; one met before is written before the choice of the rest.
+        if (c == bcCmdStart && p[1] == CDocCmd::font) {
+            if (const char* pAfter = AddRememberedFontCmd(p, pEnd)) {
+                m_pAfterCommand = pAfter;
+                p = pAfter - 1;
+                pRun = pAfter;
+                continue;
+            }
+        }
         switch (c) {
         case bcEnd:
             CloseOpenTableRow();
@@ -507,15 +517,6 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
             pRun = p + 1;
             break;
         case bcCmdStart: {
-            // A font command, the most frequent, adds nothing to the text position.
-            if (p[1] == CDocCmd::font) {
-                if (const char* pAfter = AddRememberedFontCmd(p, pEnd)) {
-                    m_pAfterCommand = pAfter;
-                    p = pAfter - 1;
-                    pRun = pAfter;
-                    break;
-                }
-            }
             const char* ptr = FindCommandEnd(p, pEnd);
             if (*ptr == '\0') return; // an unterminated command ends the text
             ++ptr;
@@ -887,8 +888,15 @@ COldToRTF::FontCmdWords COldToRTF::WordsOfMeaning(const FontCmdMeaning& meaning)
 {
     FontCmdWords words;
     words.meaning = meaning;
-    for (std::size_t k = 0; k < std::size(kAttributeWords); ++k)
+    static_assert(std::size(kAttributeWords) == std::size(words.attributeWords) &&
+                      sizeof words.attributeWords[0] == sizeof(ShortWord::text),
+                  "a block for each attribute word");
+    for (std::size_t k = 0; k < std::size(kAttributeWords); ++k) {
         if (meaning.bAttributes[k]) words.attributes |= static_cast<unsigned char>(1u << k);
+        const ShortWord& word = meaning.bAttributes[k] ? kAttributeWords[k].on : kAttributeWords[k].off;
+        std::memcpy(words.attributeWords[k], word.text, sizeof word.text);
+        words.attributeWordLength[k] = word.n;
+    }
     CWordBuffer parts;
     AppendWord(parts, "\\f", m_fontTable[meaning.nFont].nFontNumber);
     words.partEnd[FontCmdWords::partFont] = static_cast<unsigned char>(parts.Size());
@@ -957,11 +965,13 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 // hashes it. The key's blocks, folded into one, pick its slot: every byte
 // counts, so commands that differ only in the middle mostly take different
 // slots; the whole key is compared. Every font command of a text met again
-// passes here: the writing of its words is compiled in. Returns what
+// passes here: it is compiled into the scan's loop, and the writing of its
+// words into it, so that such a command costs no call, no frame of its own
+// and no registers saved and restored. Returns what
 // follows the command, or null, with nothing written, for a command the
 // look does not take: one too near the end of the text to read the block,
 // one longer than the block, or one too short to be cached.
-[[gnu::flatten]] const char* COldToRTF::AddRememberedFontCmd(const char* pCmd, const char* pTextEnd)
+[[gnu::flatten, gnu::always_inline]] inline const char* COldToRTF::AddRememberedFontCmd(const char* pCmd, const char* pTextEnd)
 {
 #if RTFCONV_SCAN_SSE2
     // The text's NUL is at pTextEnd: the block from pCmd stays before it.
@@ -1003,8 +1013,9 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 }
 
 // The words of what differs from the character state in force, which
-// becomes the command's.
-void COldToRTF::AddFontWords(const FontCmdWords& w)
+// becomes the command's. Compiled into each of its few callers, the scan's
+// loop among them (see AddRememberedFontCmd).
+[[gnu::always_inline]] inline void COldToRTF::AddFontWords(const FontCmdWords& w)
 {
     static_assert(std::size(kAttributeWords) <= 8, "one bit of the attributes in force per attribute word");
     static_assert(kAttributeWords[1].isOn == &CFontCmd::IsUnderline && kUnderlineBit == 1u << 1, "the underline's bit");
@@ -1049,9 +1060,8 @@ void COldToRTF::AddFontWords(const FontCmdWords& w)
                   "the blocks of every part and attribute fit in the words' room");
     for (unsigned changed = w.attributes ^ m_attributes; changed != 0; changed &= changed - 1) {
         const int k = __builtin_ctz(changed);
-        const ShortWord& word = w.attributes >> k & 1u ? kAttributeWords[k].on : kAttributeWords[k].off;
-        std::memcpy(pWords + cbWords, word.text, sizeof word.text);
-        cbWords += static_cast<std::size_t>(word.n);
+        std::memcpy(pWords + cbWords, w.attributeWords[k], sizeof w.attributeWords[k]);
+        cbWords += w.attributeWordLength[k];
     }
     m_attributes = w.attributes;
     if (cbWords > 0) {
@@ -1139,7 +1149,7 @@ int COldToRTF::AddCommentCmdToBuffer(const CString& scmd, int /*nTextPos*/)
     case ot_Hyperlink:
     case ot_Reference:
         if (m_bLossless) return AddHyperlinkKeepingDisplayFormatting(scmd.GetString(), scmd.GetLength());
-        return AddHyperlinkToBuffer(cmd);
+        return AddHyperlinkToBuffer(scmd.GetString(), scmd.GetLength());
     case ot_Table:
         if (m_bLossless) return AddTableTagKeepingTable(cmd, m_pAfterCommand);
         return AddDescriptionToBuffer(cmd);
@@ -1159,7 +1169,8 @@ int COldToRTF::AddCommentCmdToBuffer(const char* pCmd, int nCmd, int nTextPos)
     const bool bWellFormed = nCmd > CCommentCmd::idxText && pCmd[0] == CDocCmd::chCmdStart &&
                              pCmd[nCmd - 1] == CDocCmd::chCmdEnd && pCmd[CCommentCmd::idxSeparator] == CCommentCmd::chTextSeparator;
     const int type = bWellFormed ? static_cast<unsigned char>(pCmd[CCommentCmd::idxType]) : -1;
-    if (m_bLossless && (type == ot_Hyperlink || type == ot_Reference)) return AddHyperlinkKeepingDisplayFormatting(pCmd, nCmd);
+    if (type == ot_Hyperlink || type == ot_Reference)
+        return m_bLossless ? AddHyperlinkKeepingDisplayFormatting(pCmd, nCmd) : AddHyperlinkToBuffer(pCmd, nCmd);
     if (type == ot_Numbering) return AddNumberToBuffer(pCmd, nCmd);
     return AddCommentCmdToBuffer(CString(pCmd, nCmd), nTextPos);
 }
@@ -1174,21 +1185,81 @@ int COldToRTF::AddDescriptionToBuffer(const CCommentCmd& cmd)
 
 // The text position advances by the length of the escaped address, not of the
 // shown text: callers count hyperlinks that way.
-int COldToRTF::AddHyperlinkToBuffer(const CCommentCmd& cmd)
+namespace {
+
+// No byte is of this class: a scan for its stops alone.
+struct NoBytes {
+    static bool Holds(char) { return false; }
+#if RTFCONV_SCAN_SSE2
+    static __m128i Holds(__m128i) { return _mm_setzero_si128(); }
+#endif
+};
+
+// What ReplaceSpecSymbols makes of the text's length: the specials, which
+// few texts hold, are found a block at a time.
+std::size_t EscapedLength(std::string_view s)
 {
-    CString csData0 = cmd.GetData(0);
-    CString csData1 = cmd.GetData(1);
-    ReplaceSpecSymbols(csData0);
-    ReplaceSpecSymbols(csData1);
+    std::size_t n = s.size();
+    for (std::size_t i = 0;; ++i, ++n) {
+        i += byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + i, s.size() - i, '\\', '{', '}');
+        if (i == s.size()) return n;
+    }
+}
+
+// Field n of a comment command's bytes (its data fields start at idxText,
+// end at a 0x03, and the first 0x02 ends them all), as CCommentCmd::GetData
+// reads it: empty when the command has fewer fields.
+std::string_view CommentDataField(const char* pCmd, int nCmd, int n)
+{
+    const char* p = pCmd + std::min(nCmd, static_cast<int>(CCommentCmd::idxText));
+    const char* const pEnd = pCmd + nCmd;
+    auto fieldEnd = [pEnd](const char* q) {
+        return q + byte_scan::LengthBeforeClassOr<NoBytes>(q, static_cast<std::size_t>(pEnd - q), CCommentCmd::chDataSeparator,
+                                                            CDocCmd::chCmdEnd);
+    };
+    for (; n > 0; --n) {
+        p = fieldEnd(p);
+        if (p == pEnd || *p == CDocCmd::chCmdEnd) return {};
+        ++p; // over the separator
+    }
+    return std::string_view(p, static_cast<std::size_t>(fieldEnd(p) - p));
+}
+
+} // namespace
+
+// The text with ReplaceSpecSymbols's escapes, written without a copy of it.
+// Returns the length written.
+std::size_t COldToRTF::AddToBufferEscapingSpecials(std::string_view s)
+{
+    std::size_t cbEscapes = 0;
+    for (std::size_t i = 0; i < s.size();) {
+        const std::size_t n = byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + i, s.size() - i, '\\', '{', '}');
+        AddToBuffer(s.data() + i, static_cast<int>(n));
+        i += n;
+        if (i == s.size()) break;
+        const char escaped[2] = {'\\', s[i++]};
+        AddToBuffer(escaped, 2);
+        ++cbEscapes;
+    }
+    return s.size() + cbEscapes;
+}
+
+// A hyperlink or reference command's bytes (within the text or a string):
+// its display text (field 0) and target (field 1), escaped, in a field.
+int COldToRTF::AddHyperlinkToBuffer(const char* pCmd, int nCmd)
+{
+    const std::string_view display = CommentDataField(pCmd, nCmd, 0);
+    const std::string_view target = CommentDataField(pCmd, nCmd, 1);
     // The underline around the field is not part of the tracked character state.
-    CString csHyperlinkTeg("\\ul{\\field{\\*\\fldinst{HYPERLINK ");
-    csHyperlinkTeg += csData1;
-    csHyperlinkTeg += "}}{\\fldrslt ";
-    csHyperlinkTeg += csData0;
-    csHyperlinkTeg += "}}\\ul0 ";
-    VQASSERT(0 < csHyperlinkTeg.GetLength());
-    AddToBuffer(csHyperlinkTeg);
-    return csData1.GetLength();
+    static const char kOpening[] = "\\ul{\\field{\\*\\fldinst{HYPERLINK ";
+    static const char kAfterTarget[] = "}}{\\fldrslt ";
+    static const char kClosing[] = "}}\\ul0 ";
+    AddToBuffer(kOpening, static_cast<int>(sizeof kOpening - 1));
+    const std::size_t cbTarget = AddToBufferEscapingSpecials(target);
+    AddToBuffer(kAfterTarget, static_cast<int>(sizeof kAfterTarget - 1));
+    AddToBufferEscapingSpecials(display);
+    AddToBuffer(kClosing, static_cast<int>(sizeof kClosing - 1));
+    return static_cast<int>(cbTarget);
 }
 
 // A numbering command's bullet font is added to the table the first time it
@@ -1553,25 +1624,6 @@ void SplitFirstTwoCommentFields(const char* pCmd, int nCmd, std::string_view& fi
         }
     }
     if (nField < 2) (nField == 0 ? first : second) = std::string_view(pField, static_cast<std::size_t>(pEnd - pField));
-}
-
-// No byte is of this class: a scan for its stops alone.
-struct NoBytes {
-    static bool Holds(char) { return false; }
-#if RTFCONV_SCAN_SSE2
-    static __m128i Holds(__m128i) { return _mm_setzero_si128(); }
-#endif
-};
-
-// What ReplaceSpecSymbols makes of the text's length: the specials, which
-// few texts hold, are found a block at a time.
-std::size_t EscapedLength(std::string_view s)
-{
-    std::size_t n = s.size();
-    for (std::size_t i = 0;; ++i, ++n) {
-        i += byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + i, s.size() - i, '\\', '{', '}');
-        if (i == s.size()) return n;
-    }
 }
 
 } // namespace

@@ -225,6 +225,11 @@ private:
         enum Part { partFont, partPoints, partColor, partBackColor, nParts };
         FontCmdMeaning meaning;
         unsigned char attributes = 0;  // bit k: attribute word k on
+        // Attribute word k as the command sets it, on or off, in a block of
+        // 16 bytes, and its length: the words of the attributes that change
+        // are copied without a choice between the two.
+        char attributeWords[6][16] = {};
+        unsigned char attributeWordLength[6] = {};
         unsigned char partEnd[nParts] = {};  // where each part's words end in bytes
         // "\fN", "\fsN", "\cfN" and "\cbN\chcbpatN" back to back: at most
         // 13 + 15 + 14 + 33 bytes, with room for a part to be copied as a block.
@@ -306,7 +311,8 @@ private:
     HRESULT WriteToOutStream(const CString& s);
     HRESULT NoteOutWrite(HRESULT hr);
     void InitBaseFont(const LOGFONT* pBaseFont);
-    int AddHyperlinkToBuffer(const CCommentCmd& cmd);
+    int AddHyperlinkToBuffer(const char* pCmd, int nCmd);
+    std::size_t AddToBufferEscapingSpecials(std::string_view s);
     int AddDescriptionToBuffer(const CCommentCmd& cmd);
     int AddNumberToBuffer(const CString& cmd);
     int AddNumberToBuffer(const char* pCmd, int nCmd);

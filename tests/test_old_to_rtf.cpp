@@ -138,9 +138,14 @@ TEST(OldToRTF, FontCommands)
         {"state runs across paragraphs", Cmd("F--JB:-") + "a\r" + Cmd("F--JB:-") + "b", "\\cf2\\b a\\par b\\par }", "",
          red},
     };
+    // Followed by text at least a look long, each command is also written
+    // the way one met again far from the end of the text is.
+    const std::string tail(48, 't');
     for (const Row& r : rows) {
         SCOPED_TRACE(r.name);
         EXPECT_EQ(BodyOf(Convert(r.text), r.fonts, r.colors), "\\pard\\f0\\fs20\\cf1 " + r.body);
+        const std::string bodyWithTail = r.body.substr(0, r.body.size() - 6) + tail + "\\par }";
+        EXPECT_EQ(BodyOf(Convert(r.text + tail), r.fonts, r.colors), "\\pard\\f0\\fs20\\cf1 " + bodyWithTail);
     }
 }
 
@@ -191,6 +196,9 @@ TEST(OldToRTF, CommentCommands)
         {"hyperlink", "CH:Home" + S + "xx://a/b", "\\ul{\\field{\\*\\fldinst{HYPERLINK xx://a/b}}{\\fldrslt Home}}\\ul0 ", ""},
         {"reference", "CR:Intro" + S + "doc:Intro", "\\ul{\\field{\\*\\fldinst{HYPERLINK doc:Intro}}{\\fldrslt Intro}}\\ul0 ", ""},
         {"escaped texts", "CH:a{b}" + S + "c:\\d", "\\ul{\\field{\\*\\fldinst{HYPERLINK c:\\\\d}}{\\fldrslt a\\{b\\}}}\\ul0 ", ""},
+        {"specials alone", "CH:\\" + S + "{}", "\\ul{\\field{\\*\\fldinst{HYPERLINK \\{\\}}}{\\fldrslt \\\\}}\\ul0 ", ""},
+        {"no target", "CH:shown", "\\ul{\\field{\\*\\fldinst{HYPERLINK }}{\\fldrslt shown}}\\ul0 ", ""},
+        {"fields after the target", "CH:a" + S + "t" + S + "u", "\\ul{\\field{\\*\\fldinst{HYPERLINK t}}{\\fldrslt a}}\\ul0 ", ""},
         {"number", "CN:1." + S + S + "A" + S + S, "1. ", ""},
         {"number with wider tab", "CN:(ii)" + S + S + "I" + S + "050", "(ii)  ", ""},
         {"bullet", "CN:\xB7" + S + S + "q" + S + S + "Symbol", "\\f1 \xB7 \\f0 ", "{\\f1\\fcharset2\\fnil Symbol;}"},
