@@ -212,6 +212,14 @@ public:
         if (m_s.size() == m_n) Grow(1);
         m_s[m_n++] = ch;
     }
+    // Room for cb bytes at the cursor, for a loop that writes through a
+    // cursor of its own and gives back where it stopped.
+    char* Room(std::size_t cb)
+    {
+        if (m_s.size() - m_n < cb) Grow(cb);
+        return &m_s[m_n];
+    }
+    void Commit(const char* cursor) { m_n = static_cast<std::size_t>(cursor - m_s.data()); }
     // Copies the ASCII bytes of [p, p + cb) before `stop` in the same scan
     // that finds where they end; returns how many there were. The scan
     // stores whole blocks, so it goes through the room there is, a window
@@ -325,8 +333,10 @@ public:
     {
         if (m_in.substr(0, 3) == "\xEF\xBB\xBF") m_pos = 3; // a byte-order mark is not text
         while (m_pos < m_in.size()) {
+            EncodeKnownSteps();
+            if (m_pos == m_in.size()) break;
             if (m_in[m_pos] != CDocCmd::chCmdStart) EncodeTextOutsideCommands();
-            else if (!EncodeRememberedFontCommand()) EncodeCommand();
+            else EncodeCommand();
         }
         return m_counts;
     }
@@ -446,22 +456,19 @@ private:
         for (std::size_t k = 0; k < kFontMemoWords; ++k) differ |= MemoWordAt(p, cb, k) ^ memo.source[k];
         return differ == 0;
     }
-    // A font command met before, most of a document's commands: its end is
-    // found among the first bytes from its start in one look (the memo keeps
-    // no longer command) rather than by a scan, and it is written from the
-    // memo. False, with nothing done, for any other command, or one too near
-    // the end of the text for the look, which EncodeCommand then writes.
-    bool EncodeRememberedFontCommand()
-    {
 #if RTFCONV_SCAN_SSE2
-        constexpr std::size_t kcbFontLook = byte_scan::CommandLook::kcbLook;
-        static_assert(kcbFontLook >= kMaxMemoCommand, "the look covers a memo command");
-        if (m_in.size() - m_pos < kcbFontLook || m_in[m_pos + 1] != CDocCmd::font) return false;
+    // The memo's encoding of the font command at p, a command met before,
+    // most of a document's commands, with the length of its UTF-8 in cbSource;
+    // null for any other. Its end is found among the first bytes from its
+    // start in one look (the memo keeps no longer command) rather than by a
+    // scan; the CommandLook::kcbLook bytes from p must be readable.
+    const FontCommandEncoding* RememberedFontCommandAt(const char* p, std::size_t& cbSource) const
+    {
+        static_assert(byte_scan::CommandLook::kcbLook >= kMaxMemoCommand, "the look covers a memo command");
         // The words past kMaxMemoCommand are zero in the look too, as its
         // command is no longer.
-        const byte_scan::CommandLook look = byte_scan::LookAtCommand(m_in.data() + m_pos, CDocCmd::chCmdEnd, kMaxMemoCommand);
-        if (look.cb == 0) return false;
-        const std::size_t cb = look.cb;
+        const byte_scan::CommandLook look = byte_scan::LookAtCommand(p, CDocCmd::chCmdEnd, kMaxMemoCommand);
+        if (look.cb == 0) return nullptr;
         const __m128i* const key = look.key;
         static_assert(byte_scan::CommandLook::kBlocks == 3 && kMaxMemoCommand > 32, "the memo's words in three blocks, the last half used");
         const FontCommandEncoding& memo = m_fontMemo[static_cast<std::size_t>(byte_scan::HashOfLook(look) >> m_fontMemoShift)];
@@ -471,16 +478,121 @@ private:
             const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(memo.source.data() + 2 * k));
             same = _mm_and_si128(same, _mm_cmpeq_epi8(key[k], held));
         }
-        if (_mm_movemask_epi8(same) != 0xFFFF) return false;
-        SetFontInForce(m_out.Size(), memo.cbBytes - 1);
-        m_out.AppendBlock<kMaxMemoCommand>(reinterpret_cast<const char*>(memo.bytes.data()), memo.cbBytes);
-        m_pPage = memo.pPage;
-        m_pos += cb;
-        return true;
-#else
-        return false;
-#endif
+        if (_mm_movemask_epi8(same) != 0xFFFF) return nullptr;
+        cbSource = look.cb;
+        return &memo;
     }
+
+    // A character of two or three bytes that the page holds, written as its
+    // bytes (one or two: never more than its UTF-8); false, with nothing
+    // done, for any other, which EncodeRange takes. The three bytes from p
+    // must be readable.
+    bool EncodeHeldCharacter(const char*& p, char*& w, const CCodePage& page)
+    {
+        const unsigned char b0 = static_cast<unsigned char>(p[0]);
+        const unsigned char b1 = static_cast<unsigned char>(p[1]);
+        if ((b1 & 0xC0) != 0x80) return false;
+        char32_t cp;
+        std::size_t cb;
+        if (b0 >= 0xC2 && b0 <= 0xDF) {
+            cp = static_cast<char32_t>((b0 & 0x1F) << 6 | (b1 & 0x3F));
+            cb = 2;
+        } else if (b0 >= 0xE0 && b0 <= 0xEF && (static_cast<unsigned char>(p[2]) & 0xC0) == 0x80) {
+            cp = static_cast<char32_t>((b0 & 0x0F) << 12 | (b1 & 0x3F) << 6 | (static_cast<unsigned char>(p[2]) & 0x3F));
+            cb = 3;
+            // Overlong, or a surrogate: not UTF-8, which Next counts.
+            if (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+        } else {
+            return false;
+        }
+        unsigned char bytes[2];
+        const int n = m_encodingMemo.Encode(page, cp, bytes);
+        if (n <= 0) return false;
+        w[0] = static_cast<char>(bytes[0]);
+        w[1] = static_cast<char>(bytes[1]);
+        w += n;
+        p += cb;
+        return true;
+    }
+
+    // Nearly all of a document is a few letters of text, mostly ASCII,
+    // between two font commands met before. One loop takes those through
+    // cursors of its own: the state it changes (the page in force, the font
+    // command in force) is kept in locals, which its stores through a char
+    // cursor would otherwise make the compiler reload at every step, and the
+    // output's room is made once per chunk of input rather than at each
+    // step. It stops, on a character or command boundary, at anything else
+    // (a character the page in force does not hold as it is or that is not
+    // UTF-8, another command, a font command not in the memo, the last
+    // bytes of the text, which a look would read past), for the steps below.
+    //
+    // No step writes more bytes than it reads (a remembered command's bytes
+    // are never more than its UTF-8, the memo keeps no other), though its
+    // block stores reach up to kcbStepStore bytes past its cursor: room for
+    // the chunk and that many more holds every step of the chunk.
+    static constexpr std::size_t kcbChunk = 4096;
+    static constexpr std::size_t kcbStepStore = 64;
+    void EncodeKnownSteps()
+    {
+        constexpr std::size_t kcbLook = byte_scan::CommandLook::kcbLook;
+        static_assert(kcbLook >= 16 && kcbStepStore >= kMaxMemoCommand && kcbStepStore >= 16, "every read and store of a step fits");
+        if (m_in.size() - m_pos <= kcbLook) return;
+        const char* const begin = m_in.data();
+        const char* const last = begin + (m_in.size() - kcbLook);  // a look at or past it reads past the text
+        const char* p = begin + m_pos;
+        const CCodePage* pPage = m_pPage;
+        std::size_t fontAt = 0;
+        std::size_t cbFont = 0;
+        bool bFont = false;
+        const __m128i commandStarts = byte_scan::Splat(CDocCmd::chCmdStart);
+        bool bStopped = false;
+        while (!bStopped && p < last) {
+            const char* const limit = static_cast<std::size_t>(last - p) > kcbChunk ? p + kcbChunk : last;
+            const std::size_t at = m_out.Size();
+            char* const w0 = m_out.Room(static_cast<std::size_t>(limit - p) + kcbStepStore);
+            char* w = w0;
+            while (p < limit) {
+                if (*p != CDocCmd::chCmdStart) {
+                    // Text: ASCII copied 16 bytes a step up to a byte past
+                    // ASCII (its top bit, the mask bit) or a command.
+                    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(w), v);
+                    const unsigned stops = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, commandStarts))));
+                    if (stops == 0) {
+                        p += 16;
+                        w += 16;
+                        continue;
+                    }
+                    const unsigned n = static_cast<unsigned>(__builtin_ctz(stops));
+                    p += n;
+                    w += n;
+                    if (*p == CDocCmd::chCmdStart || EncodeHeldCharacter(p, w, *pPage)) continue;
+                    bStopped = true;
+                    break;
+                }
+                std::size_t cbSource = 0;
+                const FontCommandEncoding* const pMemo = p[1] == CDocCmd::font ? RememberedFontCommandAt(p, cbSource) : nullptr;
+                if (!pMemo) {
+                    bStopped = true;
+                    break;
+                }
+                fontAt = at + static_cast<std::size_t>(w - w0);
+                cbFont = pMemo->cbBytes - 1;
+                bFont = true;
+                std::memcpy(w, pMemo->bytes.data(), kMaxMemoCommand);
+                w += pMemo->cbBytes;
+                pPage = pMemo->pPage;
+                p += cbSource;
+            }
+            m_out.Commit(w);
+        }
+        m_pos = static_cast<std::size_t>(p - begin);
+        m_pPage = pPage;
+        if (bFont) SetFontInForce(fontAt, cbFont);
+    }
+#else
+    void EncodeKnownSteps() {}
+#endif
 
     // The font command from m_pos to its 0x02 at `end` (or the end of the
     // text), with its 0x02.
@@ -507,7 +619,9 @@ private:
         m_pos = end + 1;
         const std::string_view bytes = m_out.View(headStart);
         const bool bCounted = m_counts.nInvalid != countsBefore.nInvalid || m_counts.nUnencodable != countsBefore.nUnencodable;
-        if (!pMemo || bCounted || bytes.size() > kMaxMemoCommand) return;
+        // A command's bytes are never more than its UTF-8: EncodeKnownSteps
+        // counts on it for the room it makes.
+        if (!pMemo || bCounted || bytes.size() > kMaxMemoCommand || bytes.size() > cbSource) return;
         for (std::size_t k = 0; k < kFontMemoWords; ++k) pMemo->source[k] = MemoWordAt(pSource, cbSource, k);
         pMemo->bytes = MemoWords{};
         std::memcpy(pMemo->bytes.data(), bytes.data(), bytes.size());
