@@ -758,9 +758,7 @@ COldTextUtf8Decoder::COldTextUtf8Decoder(int defaultCodePage)
 
 void COldTextUtf8Decoder::SetPage(const CCodePage& page)
 {
-    if (&page == m_pPage) return;
     m_pPage = &page;
-    for (HighByte& high : m_high) high.n = 0;
 }
 
 // Every font command sets the page of its character set, nearly always the
@@ -789,9 +787,10 @@ constexpr std::size_t kcbUtf8PerByte = 4;
 char* COldTextUtf8Decoder::PutHighByte(unsigned char b, char* out)
 {
     HighByte& high = m_high[b - 0x80];
-    if (high.n == 0) {
+    if (high.pPage != m_pPage) {
         const char32_t cp = m_pPage->IsLeadByte(b) ? kReplacement : m_pPage->Single(b);
         high.n = static_cast<unsigned char>(EncodeUtf8(EncodesBackTo(*m_pPage, cp, b, 1) ? cp : kByteEscapeFirst + b, high.utf8));
+        high.pPage = m_pPage;
     }
     // A block of four, of which the first n count: the room behind the
     // cursor takes it.
@@ -909,6 +908,49 @@ std::size_t COldTextUtf8Decoder::FontCommandSlot(const char* p)
     return static_cast<std::size_t>((w * 0x9E3779B97F4A7C15u) >> 57);
 }
 
+// The memo of the font command whose type letter is at p, with cbLeft bytes
+// of the piece from p on; null when it is not remembered. A remembered
+// command holds one 0x02, its last byte: the same bytes here are the whole
+// command.
+const COldTextUtf8Decoder::FontCommandMemo* COldTextUtf8Decoder::RememberedFontCommandAt(const char* p, std::size_t cbLeft) const
+{
+    if (cbLeft < cbFontCommandKey || m_fontMemo.empty()) return nullptr;
+    const FontCommandMemo& memo = m_fontMemo[FontCommandSlot(p)];
+    if (memo.cb == 0 || memo.cb > cbLeft) return nullptr;
+#if RTFCONV_SCAN_SSE2
+    // With the whole of the memo's bytes readable, the first cb of them are
+    // compared two blocks at a time rather than in a call.
+    static_assert(FontCommandMemo::cbMax == 32, "two blocks hold a remembered command");
+    if (cbLeft >= FontCommandMemo::cbMax) {
+        std::uint64_t same = 0;
+        for (std::size_t k = 0; k < 2; ++k) {
+            const __m128i here = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
+            const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(memo.bytes + 16 * k));
+            same |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(here, held)))) << (16 * k);
+        }
+        const std::uint64_t first = (std::uint64_t(1) << memo.cb) - 1;
+        return (same & first) == first ? &memo : nullptr;
+    }
+#endif
+    return std::memcmp(memo.bytes, p, memo.cb) == 0 ? &memo : nullptr;
+}
+
+// The UTF-8 of a remembered command, and the state it leaves.
+void COldTextUtf8Decoder::PutRememberedFontCommand(const FontCommandMemo& memo, char*& out)
+{
+    // Copied as a whole block (a few moves, not a call), of which cbUtf8
+    // count: Feed's room holds a block more than the piece can give. Most
+    // commands give a short block's worth.
+    constexpr std::size_t cbShortBlock = 32;
+    if (memo.cbUtf8 <= cbShortBlock) std::memcpy(out, memo.utf8, cbShortBlock);
+    else std::memcpy(out, memo.utf8, sizeof memo.utf8);
+    out += memo.cbUtf8;
+    // The offset and the head's character set matter only inside a font
+    // command, and the next one sets them at its start.
+    SetPage(*memo.pPage);
+    m_region = Region::text;
+}
+
 // Every font command of the text passes here: nearly all of them are a few
 // commands met again and again. A command is decoded whole from its bytes
 // alone (its head from offset 1, its face in the page its head sets), so the
@@ -917,22 +959,67 @@ std::size_t COldTextUtf8Decoder::FontCommandSlot(const char* p)
 // remembered; on true, i is past the command's 0x02.
 bool COldTextUtf8Decoder::DecodeRememberedFontCommand(std::string_view piece, std::size_t& i, char*& out)
 {
-    if (piece.size() - i < cbFontCommandKey || m_fontMemo.empty()) return false;
-    const char* const p = piece.data() + i;
-    const FontCommandMemo& memo = m_fontMemo[FontCommandSlot(p)];
-    // A remembered command holds one 0x02, its last byte: the same bytes here
-    // are the whole command.
-    if (memo.cb == 0 || memo.cb > piece.size() - i || std::memcmp(memo.bytes, p, memo.cb) != 0) return false;
-    // Copied as a whole block (a few moves, not a call), of which cbUtf8
-    // count: Feed's room holds a block more than the piece can give.
-    std::memcpy(out, memo.utf8, sizeof memo.utf8);
-    out += memo.cbUtf8;
-    SetPageOfCharset(memo.headCharset);
-    m_cmdOffset = memo.cmdOffset;
-    m_headCharset = memo.headCharset;
-    m_region = Region::text;
-    i += memo.cb;
+    const FontCommandMemo* const pMemo = RememberedFontCommandAt(piece.data() + i, piece.size() - i);
+    if (!pMemo) return false;
+    PutRememberedFontCommand(*pMemo, out);
+    i += pMemo->cb;
     return true;
+}
+
+// Nearly all of a text is a few letters between two font commands met
+// before: from piece[i], in the text region, one loop takes text up to a
+// lead byte of the page in force and the commands the memo holds, without
+// going through the regions a step at a time; it stops at anything else (a
+// lead byte, another command, the last bytes of the piece, which its block
+// reads would pass), where Feed's steps go on. Each step writes at most
+// kcbUtf8PerByte bytes for each it reads, and a block past that, which
+// Feed's room holds.
+std::size_t COldTextUtf8Decoder::DecodeKnownSteps(std::string_view piece, std::size_t i, char*& out)
+{
+#if RTFCONV_SCAN_SSE2
+    // A command's first byte, its type letter and the memo's two blocks.
+    constexpr std::size_t kcbStepRead = 2 + FontCommandMemo::cbMax;
+    if (piece.size() - i < kcbStepRead) return i;
+    const char* const begin = piece.data();
+    const char* const last = begin + (piece.size() - kcbStepRead);
+    const char* p = begin + i;
+    char* w = out;
+    const __m128i commandStarts = byte_scan::Splat(CDocCmd::chCmdStart);
+    while (p < last) {
+        if (*p != CDocCmd::chCmdStart) {
+            // ASCII copied 16 bytes a step up to a byte past it (its top
+            // bit, the mask bit) or a command.
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(w), v);
+            const unsigned stops = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, commandStarts))));
+            if (stops == 0) {
+                p += 16;
+                w += 16;
+                continue;
+            }
+            const unsigned n = static_cast<unsigned>(__builtin_ctz(stops));
+            p += n;
+            w += n;
+            if (*p == CDocCmd::chCmdStart) continue;
+            const unsigned char b = static_cast<unsigned char>(*p);
+            if (m_pPage->IsLeadByte(b)) break;
+            w = PutHighByte(b, w);
+            ++p;
+            continue;
+        }
+        const FontCommandMemo* const pMemo = p[1] == CDocCmd::font ? RememberedFontCommandAt(p + 1, FontCommandMemo::cbMax) : nullptr;
+        if (!pMemo) break;
+        *w++ = CDocCmd::chCmdStart;
+        PutRememberedFontCommand(*pMemo, w);
+        p += 1 + pMemo->cb;
+    }
+    out = w;
+    return static_cast<std::size_t>(p - begin);
+#else
+    (void)piece;
+    (void)out;
+    return i;
+#endif
 }
 
 // piece[start, end) is a font command just decoded whole, utf8 what it gave.
@@ -946,8 +1033,7 @@ void COldTextUtf8Decoder::RememberFontCommand(std::string_view piece, std::size_
     FontCommandMemo& memo = m_fontMemo[FontCommandSlot(piece.data() + start)];
     memo.cb = static_cast<unsigned char>(cb);
     memo.cbUtf8 = static_cast<unsigned char>(utf8.size());
-    memo.cmdOffset = m_cmdOffset;
-    memo.headCharset = m_headCharset;
+    memo.pPage = m_pPage;
     std::memcpy(memo.bytes, piece.data() + start, cb);
     std::memcpy(memo.utf8, utf8.data(), utf8.size());
 }
@@ -978,6 +1064,7 @@ void COldTextUtf8Decoder::Feed(std::string_view piece, std::string& out)
     while (i < piece.size()) {
         switch (m_region) {
         case Region::text:
+            i = DecodeKnownSteps(piece, i, w);
             i = DecodeTextUntil(piece, i, CDocCmd::chCmdStart, w);
             if (i < piece.size()) {
                 *w++ = CDocCmd::chCmdStart;
