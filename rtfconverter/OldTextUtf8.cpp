@@ -393,11 +393,19 @@ private:
     static constexpr std::size_t kMaxMemoCommand = kFontMemoWords * 8;
     using MemoWords = std::array<std::uint64_t, kFontMemoWords>;
     struct FontCommandEncoding {
-        MemoWords source{};  // all zero in an empty slot, which no command is (they start with 0x01)
+        MemoWords source{};
         MemoWords bytes{};
         const CCodePage* pPage = nullptr;
-        std::size_t cbBytes = 0;  // with the 0x02
+        std::size_t cbBytes = 0;   // with the 0x02
+        std::size_t cbSource = 0;  // with the 0x02
+        std::uint64_t pad[2] = {};  // to 128 bytes: a slot is found by a shift
+        // A bit for each byte of the source, which a command met again must
+        // have the same: it then ends at the same 0x02, the source's only
+        // one. An empty slot asks for a first byte 0, which no command has
+        // (they start with 0x01).
+        std::uint64_t sourceBits = 1;
     };
+    static_assert(sizeof(FontCommandEncoding) == 128, "a slot is found by a shift");
     static unsigned Log2(std::size_t powerOfTwo)
     {
         unsigned n = 0;
@@ -433,22 +441,20 @@ private:
     {
         return end < m_in.size() && end + 1 - m_pos <= kMaxMemoCommand && m_in.size() - m_pos >= kMaxMemoCommand;
     }
-    // The words folded into two, each times its own odd number, summed: the
-    // top bits of the sum, which pick the slot, depend on every bit of every
-    // word. The words are folded and multiplied as byte_scan::HashOfLook
-    // folds a look's blocks of two words (the second block with its halves
-    // swapped), so that a command met in a look finds the slot it was kept in.
-    static_assert(kFontMemoWords == 5, "the fold takes five words");
-    std::size_t FontMemoIndexOfFold(std::uint64_t lo, std::uint64_t hi) const
+    // The slot of a command is chosen by its first 16 bytes up to its 0x02
+    // (size, colour, attributes and the face's first letters, which tell
+    // the commands of a text apart nearly always), so that a command met
+    // again is found before its end is: its two words, each times its own
+    // odd number, summed; the top bits of the sum, which pick the slot,
+    // depend on every bit of both.
+    std::size_t FontMemoIndexOfFirstWords(std::uint64_t lo, std::uint64_t hi) const
     {
         const std::uint64_t h = lo * 0x9e3779b97f4a7c15ull + hi * 0xff51afd7ed558ccdull;
         return static_cast<std::size_t>(h >> m_fontMemoShift);
     }
     FontCommandEncoding& FontMemoSlotOf(const char* p, std::size_t cb) const
     {
-        const std::uint64_t lo = MemoWordAt(p, cb, 0) ^ MemoWordAt(p, cb, 3) ^ MemoWordAt(p, cb, 4);
-        const std::uint64_t hi = MemoWordAt(p, cb, 1) ^ MemoWordAt(p, cb, 2);
-        return m_fontMemo[FontMemoIndexOfFold(lo, hi)];
+        return m_fontMemo[FontMemoIndexOfFirstWords(MemoWordAt(p, cb, 0), MemoWordAt(p, cb, 1))];
     }
     static bool Holds(const FontCommandEncoding& memo, const char* p, std::size_t cb)
     {
@@ -458,29 +464,33 @@ private:
     }
 #if RTFCONV_SCAN_SSE2
     // The memo's encoding of the font command at p, a command met before,
-    // most of a document's commands, with the length of its UTF-8 in cbSource;
-    // null for any other. Its end is found among the first bytes from its
-    // start in one look (the memo keeps no longer command) rather than by a
-    // scan; the CommandLook::kcbLook bytes from p must be readable.
-    const FontCommandEncoding* RememberedFontCommandAt(const char* p, std::size_t& cbSource) const
+    // most of a document's commands; null for any other. Its bytes are
+    // compared with the memo's as far as the memo's 0x02 (the memo keeps no
+    // longer command), without a scan for its own end first; the
+    // kMaxMemoCommand bytes from p must be readable.
+    const FontCommandEncoding* RememberedFontCommandAt(const char* p) const
     {
-        static_assert(byte_scan::CommandLook::kcbLook >= kMaxMemoCommand, "the look covers a memo command");
-        // The words past kMaxMemoCommand are zero in the look too, as its
-        // command is no longer.
-        const byte_scan::CommandLook look = byte_scan::LookAtCommand(p, CDocCmd::chCmdEnd, kMaxMemoCommand);
-        if (look.cb == 0) return nullptr;
-        const __m128i* const key = look.key;
-        static_assert(byte_scan::CommandLook::kBlocks == 3 && kMaxMemoCommand > 32, "the memo's words in three blocks, the last half used");
-        const FontCommandEncoding& memo = m_fontMemo[static_cast<std::size_t>(byte_scan::HashOfLook(look) >> m_fontMemoShift)];
-        const __m128i lastWord = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(memo.source.data() + 4));
-        __m128i same = _mm_cmpeq_epi8(key[2], lastWord);
-        for (std::size_t k = 0; k < 2; ++k) {
-            const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(memo.source.data() + 2 * k));
-            same = _mm_and_si128(same, _mm_cmpeq_epi8(key[k], held));
-        }
-        if (_mm_movemask_epi8(same) != 0xFFFF) return nullptr;
-        cbSource = look.cb;
-        return &memo;
+        static_assert(kMaxMemoCommand == 40, "the memo's words in two blocks and a half");
+        const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        // The first block up to its first 0x02 (the whole block when the
+        // 0x02 is at its last byte or past it): the slot's key.
+        const unsigned ends = static_cast<unsigned>(_mm_movemask_epi8(byte_scan::Is(first, CDocCmd::chCmdEnd))) | 0x8000u;
+        const std::size_t cbFirst = static_cast<std::size_t>(__builtin_ctz(ends)) + 1;
+        static constexpr struct KeepFirst {
+            unsigned char bytes[32];
+            constexpr KeepFirst() : bytes() { for (std::size_t i = 0; i < 16; ++i) bytes[i] = 0xFF; }
+        } kKeep{};
+        const __m128i key = _mm_and_si128(first, _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeep.bytes + 16 - cbFirst)));
+        const FontCommandEncoding& memo = m_fontMemo[FontMemoIndexOfFirstWords(
+            static_cast<std::uint64_t>(_mm_cvtsi128_si64(key)), static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(key, key))))];
+        const __m128i* const held = reinterpret_cast<const __m128i*>(memo.source.data());
+        const auto sameBits = [](__m128i a, __m128i b) {
+            return static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, b))));
+        };
+        const std::uint64_t same = sameBits(first, _mm_loadu_si128(held)) |
+                                   sameBits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), _mm_loadu_si128(held + 1)) << 16 |
+                                   sameBits(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 32)), _mm_loadl_epi64(held + 2)) << 32;
+        return (memo.sourceBits & ~same) == 0 ? &memo : nullptr;
     }
 
     // A character of two or three bytes that the page holds, written as its
@@ -534,8 +544,11 @@ private:
     static constexpr std::size_t kcbStepStore = 64;
     void EncodeKnownSteps()
     {
-        constexpr std::size_t kcbLook = byte_scan::CommandLook::kcbLook;
-        static_assert(kcbLook >= 16 && kcbStepStore >= kMaxMemoCommand && kcbStepStore >= 16, "every read and store of a step fits");
+        // The most a step reads: a block of text, and the bytes of the
+        // remembered command it ends at, which is taken without going round
+        // the loop again.
+        constexpr std::size_t kcbLook = 16 + kMaxMemoCommand;
+        static_assert(kcbStepStore >= kMaxMemoCommand && kcbStepStore >= 16, "every store of a step fits");
         if (m_in.size() - m_pos <= kcbLook) return;
         const char* const begin = m_in.data();
         const char* const last = begin + (m_in.size() - kcbLook);  // a look at or past it reads past the text
@@ -544,6 +557,10 @@ private:
         std::size_t fontAt = 0;
         std::size_t cbFont = 0;
         bool bFont = false;
+        // The last remembered command of a chunk and where it went: the
+        // font command in force, worked out once the chunk is done.
+        const FontCommandEncoding* pFontMemo = nullptr;
+        char* fontOut = nullptr;
         const __m128i commandStarts = byte_scan::Splat(CDocCmd::chCmdStart);
         bool bStopped = false;
         while (!bStopped && p < last) {
@@ -566,23 +583,29 @@ private:
                     const unsigned n = static_cast<unsigned>(__builtin_ctz(stops));
                     p += n;
                     w += n;
-                    if (*p == CDocCmd::chCmdStart || EncodeHeldCharacter(p, w, *pPage)) continue;
-                    bStopped = true;
-                    break;
+                    if (*p != CDocCmd::chCmdStart) {
+                        if (EncodeHeldCharacter(p, w, *pPage)) continue;
+                        bStopped = true;
+                        break;
+                    }
                 }
-                std::size_t cbSource = 0;
-                const FontCommandEncoding* const pMemo = p[1] == CDocCmd::font ? RememberedFontCommandAt(p, cbSource) : nullptr;
+                const FontCommandEncoding* const pMemo = p[1] == CDocCmd::font ? RememberedFontCommandAt(p) : nullptr;
                 if (!pMemo) {
                     bStopped = true;
                     break;
                 }
-                fontAt = at + static_cast<std::size_t>(w - w0);
-                cbFont = pMemo->cbBytes - 1;
-                bFont = true;
+                pFontMemo = pMemo;
+                fontOut = w;
                 std::memcpy(w, pMemo->bytes.data(), kMaxMemoCommand);
                 w += pMemo->cbBytes;
                 pPage = pMemo->pPage;
-                p += cbSource;
+                p += pMemo->cbSource;
+            }
+            if (fontOut) {
+                fontAt = at + static_cast<std::size_t>(fontOut - w0);
+                cbFont = pFontMemo->cbBytes - 1;
+                bFont = true;
+                fontOut = nullptr;
             }
             m_out.Commit(w);
         }
@@ -626,6 +649,8 @@ private:
         pMemo->bytes = MemoWords{};
         std::memcpy(pMemo->bytes.data(), bytes.data(), bytes.size());
         pMemo->cbBytes = bytes.size();
+        pMemo->cbSource = cbSource;
+        pMemo->sourceBits = (std::uint64_t(1) << cbSource) - 1;
         pMemo->pPage = m_pPage;
     }
 
