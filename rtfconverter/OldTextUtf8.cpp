@@ -525,6 +525,29 @@ private:
         return true;
     }
 
+    // Another command than a font command, all ASCII up to its 0x02 (a
+    // layout command, a hyperlink), is its own bytes: copied 16 bytes a step
+    // as its end is looked for. False, with nothing done but stores past the
+    // cursor, when a byte past ASCII comes first (its bytes, or a comment's
+    // text, are then worked out) or its end is not found in the blocks from
+    // before `limit` on: the caller's room holds those blocks.
+    static bool CopyAsciiCommand(const char*& p, char*& w, const char* limit)
+    {
+        const __m128i commandEnds = byte_scan::Splat(CDocCmd::chCmdEnd);
+        for (std::size_t n = 0; p + n < limit; n += 16) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + n));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(w + n), v);
+            const unsigned stops = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, commandEnds))));
+            if (stops == 0) continue;
+            const std::size_t cb = n + static_cast<std::size_t>(__builtin_ctz(stops)) + 1;
+            if (p[cb - 1] != CDocCmd::chCmdEnd) return false;
+            p += cb;
+            w += cb;
+            return true;
+        }
+        return false;
+    }
+
     // Nearly all of a document is a few letters of text, mostly ASCII,
     // between two font commands met before. One loop takes those through
     // cursors of its own: the state it changes (the page in force, the font
@@ -589,7 +612,12 @@ private:
                         break;
                     }
                 }
-                const FontCommandEncoding* const pMemo = p[1] == CDocCmd::font ? RememberedFontCommandAt(p) : nullptr;
+                if (p[1] != CDocCmd::font) {
+                    if (CopyAsciiCommand(p, w, limit)) continue;
+                    bStopped = true;
+                    break;
+                }
+                const FontCommandEncoding* const pMemo = RememberedFontCommandAt(p);
                 if (!pMemo) {
                     bStopped = true;
                     break;
