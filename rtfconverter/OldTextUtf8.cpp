@@ -474,13 +474,13 @@ private:
         const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
         // The first block up to its first 0x02 (the whole block when the
         // 0x02 is at its last byte or past it): the slot's key.
-        const unsigned ends = static_cast<unsigned>(_mm_movemask_epi8(byte_scan::Is(first, CDocCmd::chCmdEnd))) | 0x8000u;
-        const std::size_t cbFirst = static_cast<std::size_t>(__builtin_ctz(ends)) + 1;
+        const std::uint64_t ends = static_cast<unsigned>(_mm_movemask_epi8(byte_scan::Is(first, CDocCmd::chCmdEnd))) | 0x8000u;
+        const std::size_t lastOfFirst = static_cast<std::size_t>(__builtin_ctzll(ends));
         static constexpr struct KeepFirst {
             unsigned char bytes[32];
             constexpr KeepFirst() : bytes() { for (std::size_t i = 0; i < 16; ++i) bytes[i] = 0xFF; }
         } kKeep{};
-        const __m128i key = _mm_and_si128(first, _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeep.bytes + 16 - cbFirst)));
+        const __m128i key = _mm_and_si128(first, _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeep.bytes + 15 - lastOfFirst)));
         const FontCommandEncoding& memo = m_fontMemo[FontMemoIndexOfFirstWords(
             static_cast<std::uint64_t>(_mm_cvtsi128_si64(key)), static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(key, key))))];
         const __m128i* const held = reinterpret_cast<const __m128i*>(memo.source.data());
@@ -597,13 +597,13 @@ private:
                     // ASCII (its top bit, the mask bit) or a command.
                     const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
                     _mm_storeu_si128(reinterpret_cast<__m128i*>(w), v);
-                    const unsigned stops = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, commandStarts))));
+                    const std::uint64_t stops = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, commandStarts))));
                     if (stops == 0) {
                         p += 16;
                         w += 16;
                         continue;
                     }
-                    const unsigned n = static_cast<unsigned>(__builtin_ctz(stops));
+                    const std::size_t n = static_cast<std::size_t>(__builtin_ctzll(stops));
                     p += n;
                     w += n;
                     if (*p != CDocCmd::chCmdStart) {
@@ -1044,13 +1044,13 @@ std::size_t COldTextUtf8Decoder::DecodeKnownSteps(std::string_view piece, std::s
             // bit, the mask bit) or a command.
             const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
             _mm_storeu_si128(reinterpret_cast<__m128i*>(w), v);
-            const unsigned stops = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, commandStarts))));
+            const std::uint64_t stops = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, commandStarts))));
             if (stops == 0) {
                 p += 16;
                 w += 16;
                 continue;
             }
-            const unsigned n = static_cast<unsigned>(__builtin_ctz(stops));
+            const std::size_t n = static_cast<std::size_t>(__builtin_ctzll(stops));
             p += n;
             w += n;
             if (*p == CDocCmd::chCmdStart) continue;
