@@ -86,6 +86,46 @@ std::size_t FindOrEnd(std::string_view s, char ch, std::size_t from)
     return from >= s.size() ? s.size() : from + byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + from, s.size() - from, ch);
 }
 
+#if RTFCONV_SCAN_SSE2
+// The loops of both ways that take the common steps of a text (ASCII text,
+// font commands met before) write through a cursor into room made ahead,
+// 16 bytes a step.
+
+// The block at p copied to w; returns the mask (bit i for byte i) of its
+// bytes past ASCII (its top bit is its mask bit) and those equal to
+// `stops`'s byte, the first of which ends the ASCII copied; 0 when there are
+// none.
+inline std::uint64_t CopyBlockAsciiStops(const char* p, char* w, __m128i stops)
+{
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(w), v);
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, stops))));
+}
+
+inline std::size_t FirstStop(std::uint64_t stops) { return static_cast<std::size_t>(__builtin_ctzll(stops)); }
+
+// A command at p other than a font command, all ASCII up to its 0x02 (a
+// layout command, a hyperlink), is the same bytes both ways: copied 16 bytes
+// a step as its end is looked for. False, with nothing done but stores past
+// the cursor, when a byte past ASCII comes first (the command's bytes, or a
+// comment's text, are then worked out) or its end is not found in the blocks
+// from before `limit` on, which must be readable and the room at w hold.
+bool CopyAsciiCommand(const char*& p, char*& w, const char* limit)
+{
+    const __m128i commandEnds = byte_scan::Splat(CDocCmd::chCmdEnd);
+    for (std::size_t n = 0; p + n < limit; n += 16) {
+        const std::uint64_t stops = CopyBlockAsciiStops(p + n, w + n, commandEnds);
+        if (stops == 0) continue;
+        const std::size_t k = FirstStop(stops);
+        if (p[n + k] != CDocCmd::chCmdEnd) return false;
+        p += n + k + 1;
+        w += n + k + 1;
+        return true;
+    }
+    return false;
+}
+#endif
+
 // --- UTF-8
 
 // One character of UTF-8 at s[i], advancing i; a byte that does not begin a
@@ -525,29 +565,6 @@ private:
         return true;
     }
 
-    // Another command than a font command, all ASCII up to its 0x02 (a
-    // layout command, a hyperlink), is its own bytes: copied 16 bytes a step
-    // as its end is looked for. False, with nothing done but stores past the
-    // cursor, when a byte past ASCII comes first (its bytes, or a comment's
-    // text, are then worked out) or its end is not found in the blocks from
-    // before `limit` on: the caller's room holds those blocks.
-    static bool CopyAsciiCommand(const char*& p, char*& w, const char* limit)
-    {
-        const __m128i commandEnds = byte_scan::Splat(CDocCmd::chCmdEnd);
-        for (std::size_t n = 0; p + n < limit; n += 16) {
-            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + n));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(w + n), v);
-            const unsigned stops = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, commandEnds))));
-            if (stops == 0) continue;
-            const std::size_t cb = n + static_cast<std::size_t>(__builtin_ctz(stops)) + 1;
-            if (p[cb - 1] != CDocCmd::chCmdEnd) return false;
-            p += cb;
-            w += cb;
-            return true;
-        }
-        return false;
-    }
-
     // Nearly all of a document is a few letters of text, mostly ASCII,
     // between two font commands met before. One loop takes those through
     // cursors of its own: the state it changes (the page in force, the font
@@ -593,19 +610,15 @@ private:
             char* w = w0;
             while (p < limit) {
                 if (*p != CDocCmd::chCmdStart) {
-                    // Text: ASCII copied 16 bytes a step up to a byte past
-                    // ASCII (its top bit, the mask bit) or a command.
-                    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-                    _mm_storeu_si128(reinterpret_cast<__m128i*>(w), v);
-                    const std::uint64_t stops = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, commandStarts))));
+                    // Text up to a byte past ASCII or a command.
+                    const std::uint64_t stops = CopyBlockAsciiStops(p, w, commandStarts);
                     if (stops == 0) {
                         p += 16;
                         w += 16;
                         continue;
                     }
-                    const std::size_t n = static_cast<std::size_t>(__builtin_ctzll(stops));
-                    p += n;
-                    w += n;
+                    p += FirstStop(stops);
+                    w += FirstStop(stops);
                     if (*p != CDocCmd::chCmdStart) {
                         if (EncodeHeldCharacter(p, w, *pPage)) continue;
                         bStopped = true;
@@ -1021,7 +1034,8 @@ bool COldTextUtf8Decoder::DecodeRememberedFontCommand(std::string_view piece, st
 
 // Nearly all of a text is a few letters between two font commands met
 // before: from piece[i], in the text region, one loop takes text up to a
-// lead byte of the page in force and the commands the memo holds, without
+// lead byte of the page in force, the commands the memo holds and the other
+// commands that are all ASCII, without
 // going through the regions a step at a time; it stops at anything else (a
 // lead byte, another command, the last bytes of the piece, which its block
 // reads would pass), where Feed's steps go on. Each step writes at most
@@ -1040,19 +1054,15 @@ std::size_t COldTextUtf8Decoder::DecodeKnownSteps(std::string_view piece, std::s
     const __m128i commandStarts = byte_scan::Splat(CDocCmd::chCmdStart);
     while (p < last) {
         if (*p != CDocCmd::chCmdStart) {
-            // ASCII copied 16 bytes a step up to a byte past it (its top
-            // bit, the mask bit) or a command.
-            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(w), v);
-            const std::uint64_t stops = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, commandStarts))));
+            // Text up to a byte past ASCII or a command.
+            const std::uint64_t stops = CopyBlockAsciiStops(p, w, commandStarts);
             if (stops == 0) {
                 p += 16;
                 w += 16;
                 continue;
             }
-            const std::size_t n = static_cast<std::size_t>(__builtin_ctzll(stops));
-            p += n;
-            w += n;
+            p += FirstStop(stops);
+            w += FirstStop(stops);
             if (*p == CDocCmd::chCmdStart) continue;
             const unsigned char b = static_cast<unsigned char>(*p);
             if (m_pPage->IsLeadByte(b)) break;
@@ -1060,7 +1070,11 @@ std::size_t COldTextUtf8Decoder::DecodeKnownSteps(std::string_view piece, std::s
             ++p;
             continue;
         }
-        const FontCommandMemo* const pMemo = p[1] == CDocCmd::font ? RememberedFontCommandAt(p + 1, FontCommandMemo::cbMax) : nullptr;
+        if (p[1] != CDocCmd::font) {
+            if (CopyAsciiCommand(p, w, last)) continue;
+            break;
+        }
+        const FontCommandMemo* const pMemo = RememberedFontCommandAt(p + 1, FontCommandMemo::cbMax);
         if (!pMemo) break;
         *w++ = CDocCmd::chCmdStart;
         PutRememberedFontCommand(*pMemo, w);
