@@ -571,10 +571,11 @@ private:
     // command in force) is kept in locals, which its stores through a char
     // cursor would otherwise make the compiler reload at every step, and the
     // output's room is made once per chunk of input rather than at each
-    // step. It stops, on a character or command boundary, at anything else
-    // (a character the page in force does not hold as it is or that is not
-    // UTF-8, another command, a font command not in the memo, the last
-    // bytes of the text, which a look would read past), for the steps below.
+    // step; a command that is all ASCII is copied as it is. It stops, on a
+    // character or command boundary, at anything else (a character the page
+    // in force does not hold as it is or that is not UTF-8, another command
+    // with bytes past ASCII, a font command not in the memo, the last bytes
+    // of the text, which its block reads would pass), for the steps below.
     //
     // No step writes more bytes than it reads (a remembered command's bytes
     // are never more than its UTF-8, the memo keeps no other), though its
