@@ -580,8 +580,10 @@ private:
     // No step writes more bytes than it reads (a remembered command's bytes
     // are never more than its UTF-8, the memo keeps no other), though its
     // block stores reach up to kcbStepStore bytes past its cursor: room for
-    // the chunk and that many more holds every step of the chunk.
-    static constexpr std::size_t kcbChunk = 4096;
+    // the chunk and that many more holds every step of the chunk. The room
+    // is zeroed as the string grows: a chunk no larger than the string's
+    // own step keeps that a small block in the cache, not a long fill.
+    static constexpr std::size_t kcbChunk = 1024;
     static constexpr std::size_t kcbStepStore = 64;
     void EncodeKnownSteps()
     {
@@ -611,13 +613,15 @@ private:
             char* w = w0;
             while (p < limit) {
                 if (*p != CDocCmd::chCmdStart) {
-                    // Text up to a byte past ASCII or a command.
-                    const std::uint64_t stops = CopyBlockAsciiStops(p, w, commandStarts);
-                    if (stops == 0) {
+                    // Text up to a byte past ASCII or a command; a long run
+                    // in a loop of its own.
+                    std::uint64_t stops;
+                    while ((stops = CopyBlockAsciiStops(p, w, commandStarts)) == 0) {
                         p += 16;
                         w += 16;
-                        continue;
+                        if (p >= limit) break;
                     }
+                    if (stops == 0) continue;
                     p += FirstStop(stops);
                     w += FirstStop(stops);
                     if (*p != CDocCmd::chCmdStart) {
