@@ -104,6 +104,21 @@ inline std::uint64_t CopyBlockAsciiStops(const char* p, char* w, __m128i stops)
 
 inline std::size_t FirstStop(std::uint64_t stops) { return static_cast<std::size_t>(__builtin_ctzll(stops)); }
 
+// The whole blocks of ASCII from p on copied to w, both moved past them,
+// while p is before `limit`: a run of text longer than a block in a loop of
+// its own. Returns the stops of the block that ends the run, 0 when it
+// reached `limit`. The block at p is read when p is before `limit`.
+inline std::uint64_t CopyAsciiBlocks(const char*& p, char*& w, const char* limit, __m128i stops)
+{
+    std::uint64_t stopped;
+    while ((stopped = CopyBlockAsciiStops(p, w, stops)) == 0) {
+        p += 16;
+        w += 16;
+        if (p >= limit) break;
+    }
+    return stopped;
+}
+
 // A command at p other than a font command, all ASCII up to its 0x02 (a
 // layout command, a hyperlink), is the same bytes both ways: copied 16 bytes
 // a step as its end is looked for. False, with nothing done but stores past
@@ -613,14 +628,8 @@ private:
             char* w = w0;
             while (p < limit) {
                 if (*p != CDocCmd::chCmdStart) {
-                    // Text up to a byte past ASCII or a command; a long run
-                    // in a loop of its own.
-                    std::uint64_t stops;
-                    while ((stops = CopyBlockAsciiStops(p, w, commandStarts)) == 0) {
-                        p += 16;
-                        w += 16;
-                        if (p >= limit) break;
-                    }
+                    // Text up to a byte past ASCII or a command.
+                    const std::uint64_t stops = CopyAsciiBlocks(p, w, limit, commandStarts);
                     if (stops == 0) continue;
                     p += FirstStop(stops);
                     w += FirstStop(stops);
@@ -1060,12 +1069,8 @@ std::size_t COldTextUtf8Decoder::DecodeKnownSteps(std::string_view piece, std::s
     while (p < last) {
         if (*p != CDocCmd::chCmdStart) {
             // Text up to a byte past ASCII or a command.
-            const std::uint64_t stops = CopyBlockAsciiStops(p, w, commandStarts);
-            if (stops == 0) {
-                p += 16;
-                w += 16;
-                continue;
-            }
+            const std::uint64_t stops = CopyAsciiBlocks(p, w, last, commandStarts);
+            if (stops == 0) break;
             p += FirstStop(stops);
             w += FirstStop(stops);
             if (*p == CDocCmd::chCmdStart) continue;
