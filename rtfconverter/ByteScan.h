@@ -241,8 +241,8 @@ std::size_t LengthBeforeLowOr(const char* p, std::size_t cb, unsigned char below
 // in one look, its end byte found among them, and the bytes past that end
 // zeroed, so that the look is the command's key; a command met again is found
 // by hashing and comparing the three blocks, without a scan for its end or a
-// hash of its bytes one at a time. The old-format encoder and the old-format
-// writer both keep the font commands of a text this way.
+// hash of its bytes one at a time. The old-format writer keeps the font
+// commands of a text this way.
 struct CommandLook {
     static constexpr std::size_t kcbLook = 48;
     static constexpr std::size_t kBlocks = kcbLook / 16;

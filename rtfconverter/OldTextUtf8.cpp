@@ -86,6 +86,61 @@ std::size_t FindOrEnd(std::string_view s, char ch, std::size_t from)
     return from >= s.size() ? s.size() : from + byte_scan::LengthBeforeClassOr<NoBytes>(s.data() + from, s.size() - from, ch);
 }
 
+#if RTFCONV_SCAN_SSE2
+// The loops of both ways that take the common steps of a text (ASCII text,
+// font commands met before) write through a cursor into room made ahead,
+// 16 bytes a step.
+
+// The block at p copied to w; returns the mask (bit i for byte i) of its
+// bytes past ASCII (its top bit is its mask bit) and those equal to
+// `stops`'s byte, the first of which ends the ASCII copied; 0 when there are
+// none.
+inline std::uint64_t CopyBlockAsciiStops(const char* p, char* w, __m128i stops)
+{
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(w), v);
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, stops))));
+}
+
+inline std::size_t FirstStop(std::uint64_t stops) { return static_cast<std::size_t>(__builtin_ctzll(stops)); }
+
+// The whole blocks of ASCII from p on copied to w, both moved past them,
+// while p is before `limit`: a run of text longer than a block in a loop of
+// its own. Returns the stops of the block that ends the run, 0 when it
+// reached `limit`. The block at p is read when p is before `limit`.
+inline std::uint64_t CopyAsciiBlocks(const char*& p, char*& w, const char* limit, __m128i stops)
+{
+    std::uint64_t stopped;
+    while ((stopped = CopyBlockAsciiStops(p, w, stops)) == 0) {
+        p += 16;
+        w += 16;
+        if (p >= limit) break;
+    }
+    return stopped;
+}
+
+// A command at p other than a font command, all ASCII up to its 0x02 (a
+// layout command, a hyperlink), is the same bytes both ways: copied 16 bytes
+// a step as its end is looked for. False, with nothing done but stores past
+// the cursor, when a byte past ASCII comes first (the command's bytes, or a
+// comment's text, are then worked out) or its end is not found in the blocks
+// from before `limit` on, which must be readable and the room at w hold.
+bool CopyAsciiCommand(const char*& p, char*& w, const char* limit)
+{
+    const __m128i commandEnds = byte_scan::Splat(CDocCmd::chCmdEnd);
+    for (std::size_t n = 0; p + n < limit; n += 16) {
+        const std::uint64_t stops = CopyBlockAsciiStops(p + n, w + n, commandEnds);
+        if (stops == 0) continue;
+        const std::size_t k = FirstStop(stops);
+        if (p[n + k] != CDocCmd::chCmdEnd) return false;
+        p += n + k + 1;
+        w += n + k + 1;
+        return true;
+    }
+    return false;
+}
+#endif
+
 // --- UTF-8
 
 // One character of UTF-8 at s[i], advancing i; a byte that does not begin a
@@ -212,6 +267,14 @@ public:
         if (m_s.size() == m_n) Grow(1);
         m_s[m_n++] = ch;
     }
+    // Room for cb bytes at the cursor, for a loop that writes through a
+    // cursor of its own and gives back where it stopped.
+    char* Room(std::size_t cb)
+    {
+        if (m_s.size() - m_n < cb) Grow(cb);
+        return &m_s[m_n];
+    }
+    void Commit(const char* cursor) { m_n = static_cast<std::size_t>(cursor - m_s.data()); }
     // Copies the ASCII bytes of [p, p + cb) before `stop` in the same scan
     // that finds where they end; returns how many there were. The scan
     // stores whole blocks, so it goes through the room there is, a window
@@ -325,8 +388,10 @@ public:
     {
         if (m_in.substr(0, 3) == "\xEF\xBB\xBF") m_pos = 3; // a byte-order mark is not text
         while (m_pos < m_in.size()) {
+            EncodeKnownSteps();
+            if (m_pos == m_in.size()) break;
             if (m_in[m_pos] != CDocCmd::chCmdStart) EncodeTextOutsideCommands();
-            else if (!EncodeRememberedFontCommand()) EncodeCommand();
+            else EncodeCommand();
         }
         return m_counts;
     }
@@ -383,11 +448,19 @@ private:
     static constexpr std::size_t kMaxMemoCommand = kFontMemoWords * 8;
     using MemoWords = std::array<std::uint64_t, kFontMemoWords>;
     struct FontCommandEncoding {
-        MemoWords source{};  // all zero in an empty slot, which no command is (they start with 0x01)
+        MemoWords source{};
         MemoWords bytes{};
         const CCodePage* pPage = nullptr;
-        std::size_t cbBytes = 0;  // with the 0x02
+        std::size_t cbBytes = 0;   // with the 0x02
+        std::size_t cbSource = 0;  // with the 0x02
+        std::uint64_t pad[2] = {};  // to 128 bytes: a slot is found by a shift
+        // A bit for each byte of the source, which a command met again must
+        // have the same: it then ends at the same 0x02, the source's only
+        // one. An empty slot asks for a first byte 0, which no command has
+        // (they start with 0x01).
+        std::uint64_t sourceBits = 1;
     };
+    static_assert(sizeof(FontCommandEncoding) == 128, "a slot is found by a shift");
     static unsigned Log2(std::size_t powerOfTwo)
     {
         unsigned n = 0;
@@ -423,22 +496,20 @@ private:
     {
         return end < m_in.size() && end + 1 - m_pos <= kMaxMemoCommand && m_in.size() - m_pos >= kMaxMemoCommand;
     }
-    // The words folded into two, each times its own odd number, summed: the
-    // top bits of the sum, which pick the slot, depend on every bit of every
-    // word. The words are folded and multiplied as byte_scan::HashOfLook
-    // folds a look's blocks of two words (the second block with its halves
-    // swapped), so that a command met in a look finds the slot it was kept in.
-    static_assert(kFontMemoWords == 5, "the fold takes five words");
-    std::size_t FontMemoIndexOfFold(std::uint64_t lo, std::uint64_t hi) const
+    // The slot of a command is chosen by its first 16 bytes up to its 0x02
+    // (size, colour, attributes and the face's first letters, which tell
+    // the commands of a text apart nearly always), so that a command met
+    // again is found before its end is: its two words, each times its own
+    // odd number, summed; the top bits of the sum, which pick the slot,
+    // depend on every bit of both.
+    std::size_t FontMemoIndexOfFirstWords(std::uint64_t lo, std::uint64_t hi) const
     {
         const std::uint64_t h = lo * 0x9e3779b97f4a7c15ull + hi * 0xff51afd7ed558ccdull;
         return static_cast<std::size_t>(h >> m_fontMemoShift);
     }
     FontCommandEncoding& FontMemoSlotOf(const char* p, std::size_t cb) const
     {
-        const std::uint64_t lo = MemoWordAt(p, cb, 0) ^ MemoWordAt(p, cb, 3) ^ MemoWordAt(p, cb, 4);
-        const std::uint64_t hi = MemoWordAt(p, cb, 1) ^ MemoWordAt(p, cb, 2);
-        return m_fontMemo[FontMemoIndexOfFold(lo, hi)];
+        return m_fontMemo[FontMemoIndexOfFirstWords(MemoWordAt(p, cb, 0), MemoWordAt(p, cb, 1))];
     }
     static bool Holds(const FontCommandEncoding& memo, const char* p, std::size_t cb)
     {
@@ -446,41 +517,160 @@ private:
         for (std::size_t k = 0; k < kFontMemoWords; ++k) differ |= MemoWordAt(p, cb, k) ^ memo.source[k];
         return differ == 0;
     }
-    // A font command met before, most of a document's commands: its end is
-    // found among the first bytes from its start in one look (the memo keeps
-    // no longer command) rather than by a scan, and it is written from the
-    // memo. False, with nothing done, for any other command, or one too near
-    // the end of the text for the look, which EncodeCommand then writes.
-    bool EncodeRememberedFontCommand()
-    {
 #if RTFCONV_SCAN_SSE2
-        constexpr std::size_t kcbFontLook = byte_scan::CommandLook::kcbLook;
-        static_assert(kcbFontLook >= kMaxMemoCommand, "the look covers a memo command");
-        if (m_in.size() - m_pos < kcbFontLook || m_in[m_pos + 1] != CDocCmd::font) return false;
-        // The words past kMaxMemoCommand are zero in the look too, as its
-        // command is no longer.
-        const byte_scan::CommandLook look = byte_scan::LookAtCommand(m_in.data() + m_pos, CDocCmd::chCmdEnd, kMaxMemoCommand);
-        if (look.cb == 0) return false;
-        const std::size_t cb = look.cb;
-        const __m128i* const key = look.key;
-        static_assert(byte_scan::CommandLook::kBlocks == 3 && kMaxMemoCommand > 32, "the memo's words in three blocks, the last half used");
-        const FontCommandEncoding& memo = m_fontMemo[static_cast<std::size_t>(byte_scan::HashOfLook(look) >> m_fontMemoShift)];
-        const __m128i lastWord = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(memo.source.data() + 4));
-        __m128i same = _mm_cmpeq_epi8(key[2], lastWord);
-        for (std::size_t k = 0; k < 2; ++k) {
-            const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(memo.source.data() + 2 * k));
-            same = _mm_and_si128(same, _mm_cmpeq_epi8(key[k], held));
-        }
-        if (_mm_movemask_epi8(same) != 0xFFFF) return false;
-        SetFontInForce(m_out.Size(), memo.cbBytes - 1);
-        m_out.AppendBlock<kMaxMemoCommand>(reinterpret_cast<const char*>(memo.bytes.data()), memo.cbBytes);
-        m_pPage = memo.pPage;
-        m_pos += cb;
-        return true;
-#else
-        return false;
-#endif
+    // The memo's encoding of the font command at p, a command met before,
+    // most of a document's commands; null for any other. Its bytes are
+    // compared with the memo's as far as the memo's 0x02 (the memo keeps no
+    // longer command), without a scan for its own end first; the
+    // kMaxMemoCommand bytes from p must be readable.
+    const FontCommandEncoding* RememberedFontCommandAt(const char* p) const
+    {
+        static_assert(kMaxMemoCommand == 40, "the memo's words in two blocks and a half");
+        const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        // The first block up to its first 0x02 (the whole block when the
+        // 0x02 is at its last byte or past it): the slot's key.
+        const std::uint64_t ends = static_cast<unsigned>(_mm_movemask_epi8(byte_scan::Is(first, CDocCmd::chCmdEnd))) | 0x8000u;
+        const std::size_t lastOfFirst = static_cast<std::size_t>(__builtin_ctzll(ends));
+        static constexpr struct KeepFirst {
+            unsigned char bytes[32];
+            constexpr KeepFirst() : bytes() { for (std::size_t i = 0; i < 16; ++i) bytes[i] = 0xFF; }
+        } kKeep{};
+        const __m128i key = _mm_and_si128(first, _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeep.bytes + 15 - lastOfFirst)));
+        const FontCommandEncoding& memo = m_fontMemo[FontMemoIndexOfFirstWords(
+            static_cast<std::uint64_t>(_mm_cvtsi128_si64(key)), static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(key, key))))];
+        const __m128i* const held = reinterpret_cast<const __m128i*>(memo.source.data());
+        const auto sameBits = [](__m128i a, __m128i b) {
+            return static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, b))));
+        };
+        const std::uint64_t same = sameBits(first, _mm_loadu_si128(held)) |
+                                   sameBits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), _mm_loadu_si128(held + 1)) << 16 |
+                                   sameBits(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 32)), _mm_loadl_epi64(held + 2)) << 32;
+        return (memo.sourceBits & ~same) == 0 ? &memo : nullptr;
     }
+
+    // A character of two or three bytes that the page holds, written as its
+    // bytes (one or two: never more than its UTF-8); false, with nothing
+    // done, for any other, which EncodeRange takes. The three bytes from p
+    // must be readable.
+    bool EncodeHeldCharacter(const char*& p, char*& w, const CCodePage& page)
+    {
+        const unsigned char b0 = static_cast<unsigned char>(p[0]);
+        const unsigned char b1 = static_cast<unsigned char>(p[1]);
+        if ((b1 & 0xC0) != 0x80) return false;
+        char32_t cp;
+        std::size_t cb;
+        if (b0 >= 0xC2 && b0 <= 0xDF) {
+            cp = static_cast<char32_t>((b0 & 0x1F) << 6 | (b1 & 0x3F));
+            cb = 2;
+        } else if (b0 >= 0xE0 && b0 <= 0xEF && (static_cast<unsigned char>(p[2]) & 0xC0) == 0x80) {
+            cp = static_cast<char32_t>((b0 & 0x0F) << 12 | (b1 & 0x3F) << 6 | (static_cast<unsigned char>(p[2]) & 0x3F));
+            cb = 3;
+            // Overlong, or a surrogate: not UTF-8, which Next counts.
+            if (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+        } else {
+            return false;
+        }
+        unsigned char bytes[2];
+        const int n = m_encodingMemo.Encode(page, cp, bytes);
+        if (n <= 0) return false;
+        w[0] = static_cast<char>(bytes[0]);
+        w[1] = static_cast<char>(bytes[1]);
+        w += n;
+        p += cb;
+        return true;
+    }
+
+    // Nearly all of a document is a few letters of text, mostly ASCII,
+    // between two font commands met before. One loop takes those through
+    // cursors of its own: the state it changes (the page in force, the font
+    // command in force) is kept in locals, which its stores through a char
+    // cursor would otherwise make the compiler reload at every step, and the
+    // output's room is made once per chunk of input rather than at each
+    // step; a command that is all ASCII is copied as it is. It stops, on a
+    // character or command boundary, at anything else (a character the page
+    // in force does not hold as it is or that is not UTF-8, another command
+    // with bytes past ASCII, a font command not in the memo, the last bytes
+    // of the text, which its block reads would pass), for the steps below.
+    //
+    // No step writes more bytes than it reads (a remembered command's bytes
+    // are never more than its UTF-8, the memo keeps no other), though its
+    // block stores reach up to kcbStepStore bytes past its cursor: room for
+    // the chunk and that many more holds every step of the chunk. The room
+    // is zeroed as the string grows: a chunk no larger than the string's
+    // own step keeps that a small block in the cache, not a long fill.
+    static constexpr std::size_t kcbChunk = 1024;
+    static constexpr std::size_t kcbStepStore = 64;
+    void EncodeKnownSteps()
+    {
+        // The most a step reads: a block of text, and the bytes of the
+        // remembered command it ends at, which is taken without going round
+        // the loop again.
+        constexpr std::size_t kcbLook = 16 + kMaxMemoCommand;
+        static_assert(kcbStepStore >= kMaxMemoCommand && kcbStepStore >= 16, "every store of a step fits");
+        if (m_in.size() - m_pos <= kcbLook) return;
+        const char* const begin = m_in.data();
+        const char* const last = begin + (m_in.size() - kcbLook);  // a look at or past it reads past the text
+        const char* p = begin + m_pos;
+        const CCodePage* pPage = m_pPage;
+        std::size_t fontAt = 0;
+        std::size_t cbFont = 0;
+        bool bFont = false;
+        // The last remembered command of a chunk and where it went: the
+        // font command in force, worked out once the chunk is done.
+        const FontCommandEncoding* pFontMemo = nullptr;
+        char* fontOut = nullptr;
+        const __m128i commandStarts = byte_scan::Splat(CDocCmd::chCmdStart);
+        bool bStopped = false;
+        while (!bStopped && p < last) {
+            const char* const limit = static_cast<std::size_t>(last - p) > kcbChunk ? p + kcbChunk : last;
+            const std::size_t at = m_out.Size();
+            char* const w0 = m_out.Room(static_cast<std::size_t>(limit - p) + kcbStepStore);
+            char* w = w0;
+            while (p < limit) {
+                if (*p != CDocCmd::chCmdStart) {
+                    // Text up to a byte past ASCII or a command.
+                    const std::uint64_t stops = CopyAsciiBlocks(p, w, limit, commandStarts);
+                    if (stops == 0) continue;
+                    p += FirstStop(stops);
+                    w += FirstStop(stops);
+                    if (*p != CDocCmd::chCmdStart) {
+                        if (EncodeHeldCharacter(p, w, *pPage)) continue;
+                        bStopped = true;
+                        break;
+                    }
+                }
+                if (p[1] != CDocCmd::font) {
+                    if (CopyAsciiCommand(p, w, limit)) continue;
+                    bStopped = true;
+                    break;
+                }
+                const FontCommandEncoding* const pMemo = RememberedFontCommandAt(p);
+                if (!pMemo) {
+                    bStopped = true;
+                    break;
+                }
+                pFontMemo = pMemo;
+                fontOut = w;
+                std::memcpy(w, pMemo->bytes.data(), kMaxMemoCommand);
+                w += pMemo->cbBytes;
+                pPage = pMemo->pPage;
+                p += pMemo->cbSource;
+            }
+            if (fontOut) {
+                fontAt = at + static_cast<std::size_t>(fontOut - w0);
+                cbFont = pFontMemo->cbBytes - 1;
+                bFont = true;
+                fontOut = nullptr;
+            }
+            m_out.Commit(w);
+        }
+        m_pos = static_cast<std::size_t>(p - begin);
+        m_pPage = pPage;
+        if (bFont) SetFontInForce(fontAt, cbFont);
+    }
+#else
+    void EncodeKnownSteps() {}
+#endif
 
     // The font command from m_pos to its 0x02 at `end` (or the end of the
     // text), with its 0x02.
@@ -507,11 +697,15 @@ private:
         m_pos = end + 1;
         const std::string_view bytes = m_out.View(headStart);
         const bool bCounted = m_counts.nInvalid != countsBefore.nInvalid || m_counts.nUnencodable != countsBefore.nUnencodable;
-        if (!pMemo || bCounted || bytes.size() > kMaxMemoCommand) return;
+        // A command's bytes are never more than its UTF-8: EncodeKnownSteps
+        // counts on it for the room it makes.
+        if (!pMemo || bCounted || bytes.size() > kMaxMemoCommand || bytes.size() > cbSource) return;
         for (std::size_t k = 0; k < kFontMemoWords; ++k) pMemo->source[k] = MemoWordAt(pSource, cbSource, k);
         pMemo->bytes = MemoWords{};
         std::memcpy(pMemo->bytes.data(), bytes.data(), bytes.size());
         pMemo->cbBytes = bytes.size();
+        pMemo->cbSource = cbSource;
+        pMemo->sourceBits = (std::uint64_t(1) << cbSource) - 1;
         pMemo->pPage = m_pPage;
     }
 
@@ -644,9 +838,7 @@ COldTextUtf8Decoder::COldTextUtf8Decoder(int defaultCodePage)
 
 void COldTextUtf8Decoder::SetPage(const CCodePage& page)
 {
-    if (&page == m_pPage) return;
     m_pPage = &page;
-    for (HighByte& high : m_high) high.n = 0;
 }
 
 // Every font command sets the page of its character set, nearly always the
@@ -675,9 +867,10 @@ constexpr std::size_t kcbUtf8PerByte = 4;
 char* COldTextUtf8Decoder::PutHighByte(unsigned char b, char* out)
 {
     HighByte& high = m_high[b - 0x80];
-    if (high.n == 0) {
+    if (high.pPage != m_pPage) {
         const char32_t cp = m_pPage->IsLeadByte(b) ? kReplacement : m_pPage->Single(b);
         high.n = static_cast<unsigned char>(EncodeUtf8(EncodesBackTo(*m_pPage, cp, b, 1) ? cp : kByteEscapeFirst + b, high.utf8));
+        high.pPage = m_pPage;
     }
     // A block of four, of which the first n count: the room behind the
     // cursor takes it.
@@ -795,6 +988,49 @@ std::size_t COldTextUtf8Decoder::FontCommandSlot(const char* p)
     return static_cast<std::size_t>((w * 0x9E3779B97F4A7C15u) >> 57);
 }
 
+// The memo of the font command whose type letter is at p, with cbLeft bytes
+// of the piece from p on; null when it is not remembered. A remembered
+// command holds one 0x02, its last byte: the same bytes here are the whole
+// command.
+const COldTextUtf8Decoder::FontCommandMemo* COldTextUtf8Decoder::RememberedFontCommandAt(const char* p, std::size_t cbLeft) const
+{
+    if (cbLeft < cbFontCommandKey || m_fontMemo.empty()) return nullptr;
+    const FontCommandMemo& memo = m_fontMemo[FontCommandSlot(p)];
+    if (memo.cb == 0 || memo.cb > cbLeft) return nullptr;
+#if RTFCONV_SCAN_SSE2
+    // With the whole of the memo's bytes readable, the first cb of them are
+    // compared two blocks at a time rather than in a call.
+    static_assert(FontCommandMemo::cbMax == 32, "two blocks hold a remembered command");
+    if (cbLeft >= FontCommandMemo::cbMax) {
+        std::uint64_t same = 0;
+        for (std::size_t k = 0; k < 2; ++k) {
+            const __m128i here = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
+            const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(memo.bytes + 16 * k));
+            same |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(here, held)))) << (16 * k);
+        }
+        const std::uint64_t first = (std::uint64_t(1) << memo.cb) - 1;
+        return (same & first) == first ? &memo : nullptr;
+    }
+#endif
+    return std::memcmp(memo.bytes, p, memo.cb) == 0 ? &memo : nullptr;
+}
+
+// The UTF-8 of a remembered command, and the state it leaves.
+void COldTextUtf8Decoder::PutRememberedFontCommand(const FontCommandMemo& memo, char*& out)
+{
+    // Copied as a whole block (a few moves, not a call), of which cbUtf8
+    // count: Feed's room holds a block more than the piece can give. Most
+    // commands give a short block's worth.
+    constexpr std::size_t cbShortBlock = 32;
+    if (memo.cbUtf8 <= cbShortBlock) std::memcpy(out, memo.utf8, cbShortBlock);
+    else std::memcpy(out, memo.utf8, sizeof memo.utf8);
+    out += memo.cbUtf8;
+    // The offset and the head's character set matter only inside a font
+    // command, and the next one sets them at its start.
+    SetPage(*memo.pPage);
+    m_region = Region::text;
+}
+
 // Every font command of the text passes here: nearly all of them are a few
 // commands met again and again. A command is decoded whole from its bytes
 // alone (its head from offset 1, its face in the page its head sets), so the
@@ -803,22 +1039,64 @@ std::size_t COldTextUtf8Decoder::FontCommandSlot(const char* p)
 // remembered; on true, i is past the command's 0x02.
 bool COldTextUtf8Decoder::DecodeRememberedFontCommand(std::string_view piece, std::size_t& i, char*& out)
 {
-    if (piece.size() - i < cbFontCommandKey || m_fontMemo.empty()) return false;
-    const char* const p = piece.data() + i;
-    const FontCommandMemo& memo = m_fontMemo[FontCommandSlot(p)];
-    // A remembered command holds one 0x02, its last byte: the same bytes here
-    // are the whole command.
-    if (memo.cb == 0 || memo.cb > piece.size() - i || std::memcmp(memo.bytes, p, memo.cb) != 0) return false;
-    // Copied as a whole block (a few moves, not a call), of which cbUtf8
-    // count: Feed's room holds a block more than the piece can give.
-    std::memcpy(out, memo.utf8, sizeof memo.utf8);
-    out += memo.cbUtf8;
-    SetPageOfCharset(memo.headCharset);
-    m_cmdOffset = memo.cmdOffset;
-    m_headCharset = memo.headCharset;
-    m_region = Region::text;
-    i += memo.cb;
+    const FontCommandMemo* const pMemo = RememberedFontCommandAt(piece.data() + i, piece.size() - i);
+    if (!pMemo) return false;
+    PutRememberedFontCommand(*pMemo, out);
+    i += pMemo->cb;
     return true;
+}
+
+// Nearly all of a text is a few letters between two font commands met
+// before: from piece[i], in the text region, one loop takes text up to a
+// lead byte of the page in force, the commands the memo holds and the other
+// commands that are all ASCII, without
+// going through the regions a step at a time; it stops at anything else (a
+// lead byte, another command, the last bytes of the piece, which its block
+// reads would pass), where Feed's steps go on. Each step writes at most
+// kcbUtf8PerByte bytes for each it reads, and a block past that, which
+// Feed's room holds.
+std::size_t COldTextUtf8Decoder::DecodeKnownSteps(std::string_view piece, std::size_t i, char*& out)
+{
+#if RTFCONV_SCAN_SSE2
+    // A command's first byte, its type letter and the memo's two blocks.
+    constexpr std::size_t kcbStepRead = 2 + FontCommandMemo::cbMax;
+    if (piece.size() - i < kcbStepRead) return i;
+    const char* const begin = piece.data();
+    const char* const last = begin + (piece.size() - kcbStepRead);
+    const char* p = begin + i;
+    char* w = out;
+    const __m128i commandStarts = byte_scan::Splat(CDocCmd::chCmdStart);
+    while (p < last) {
+        if (*p != CDocCmd::chCmdStart) {
+            // Text up to a byte past ASCII or a command.
+            const std::uint64_t stops = CopyAsciiBlocks(p, w, last, commandStarts);
+            if (stops == 0) break;
+            p += FirstStop(stops);
+            w += FirstStop(stops);
+            if (*p == CDocCmd::chCmdStart) continue;
+            const unsigned char b = static_cast<unsigned char>(*p);
+            if (m_pPage->IsLeadByte(b)) break;
+            w = PutHighByte(b, w);
+            ++p;
+            continue;
+        }
+        if (p[1] != CDocCmd::font) {
+            if (CopyAsciiCommand(p, w, last)) continue;
+            break;
+        }
+        const FontCommandMemo* const pMemo = RememberedFontCommandAt(p + 1, FontCommandMemo::cbMax);
+        if (!pMemo) break;
+        *w++ = CDocCmd::chCmdStart;
+        PutRememberedFontCommand(*pMemo, w);
+        p += 1 + pMemo->cb;
+    }
+    out = w;
+    return static_cast<std::size_t>(p - begin);
+#else
+    (void)piece;
+    (void)out;
+    return i;
+#endif
 }
 
 // piece[start, end) is a font command just decoded whole, utf8 what it gave.
@@ -832,8 +1110,7 @@ void COldTextUtf8Decoder::RememberFontCommand(std::string_view piece, std::size_
     FontCommandMemo& memo = m_fontMemo[FontCommandSlot(piece.data() + start)];
     memo.cb = static_cast<unsigned char>(cb);
     memo.cbUtf8 = static_cast<unsigned char>(utf8.size());
-    memo.cmdOffset = m_cmdOffset;
-    memo.headCharset = m_headCharset;
+    memo.pPage = m_pPage;
     std::memcpy(memo.bytes, piece.data() + start, cb);
     std::memcpy(memo.utf8, utf8.data(), utf8.size());
 }
@@ -864,6 +1141,7 @@ void COldTextUtf8Decoder::Feed(std::string_view piece, std::string& out)
     while (i < piece.size()) {
         switch (m_region) {
         case Region::text:
+            i = DecodeKnownSteps(piece, i, w);
             i = DecodeTextUntil(piece, i, CDocCmd::chCmdStart, w);
             if (i < piece.size()) {
                 *w++ = CDocCmd::chCmdStart;

@@ -59,9 +59,11 @@ public:
 private:
     // Where in the text the next byte falls.
     enum class Region : unsigned char { text, commandType, fontHead, fontFace, comment, bytes };
-    // The UTF-8 of a byte of text >= 0x80 alone in the page in force.
+    // The UTF-8 of a byte of text >= 0x80 alone in a page, the last one it
+    // was worked out for: text often goes back and forth between two pages.
     struct HighByte {
-        unsigned char n;  // 0: not worked out yet
+        const CCodePage* pPage;  // null: not worked out yet
+        unsigned char n;
         char utf8[4];
     };
 
@@ -83,15 +85,17 @@ private:
         static constexpr std::size_t cbMax = 32;
         unsigned char cb = 0;  // 0: empty
         unsigned char cbUtf8 = 0;
-        std::size_t cmdOffset = 0;
-        int headCharset = -1;
+        const CCodePage* pPage = nullptr;  // the page of the command's character set, in force after it
         char bytes[cbMax];
         char utf8[3 * cbMax];  // a byte gives at most three bytes of UTF-8
     };
     static constexpr std::size_t cFontCommandMemos = 128;
     static constexpr std::size_t cbFontCommandKey = 8;  // the bytes that choose the slot
     static std::size_t FontCommandSlot(const char* p);
+    const FontCommandMemo* RememberedFontCommandAt(const char* p, std::size_t cbLeft) const;
     bool DecodeRememberedFontCommand(std::string_view piece, std::size_t& i, char*& out);
+    void PutRememberedFontCommand(const FontCommandMemo& memo, char*& out);
+    std::size_t DecodeKnownSteps(std::string_view piece, std::size_t i, char*& out);
     void RememberFontCommand(std::string_view piece, std::size_t start, std::size_t end, std::string_view utf8);
 
     const CCodePage* m_pDefaultPage;

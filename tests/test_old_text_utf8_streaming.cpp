@@ -170,8 +170,20 @@ TEST(OldTextUtf8Streaming, LongTextsMatchTheReference)
     for (int round = 0; round < 3; ++round)
         for (int k = 0; k < 300; ++k)
             manyFonts += "\x01" "F" + std::to_string(10 + k % 50) + "-\xC3\x8A:Face" + std::to_string(k) + "\x02\xD0\x96 ";
+    // Font commands met again, in two pages, with characters of two and
+    // three bytes between them that the page in force holds and does not,
+    // bytes that only look like such characters (overlong, a surrogate,
+    // cut short), and other commands in ASCII and not.
+    std::string knownSteps;
+    const std::string kBetween[] = {"ab", "\xC3\xA9", "\xE2\x82\xAC", "\xD0\x96", "\xE0\x81\x81", "\xED\xA0\x80",
+                                    "\xC3", "\xE2\x82", "\xC0\xAF", "\xEF\x82\x81", "\xF0\x9F\x98\x80", std::string(20, 'c'),
+                                    "\x01" "L1\x02", "\x01" "CH:" + std::string(40, 'h') + "\x03" "http://x\x02", "\x01" "CH:\xC3\xA9\x02", "\x01" "L\xC3\xA9\x02"};
+    for (const char* charset : {"\xC3\x80", "\xC3\x8A"})
+        for (int round = 0; round < 3; ++round)
+            for (const std::string& between : kBetween) knownSteps += "\x01" "F11-" + std::string(charset) + ":Calibri\x02" + between + "x";
     const std::string texts[] = {
         randomRuns,
+        knownSteps,
         std::string(5000, 'a') + "\xE2\x82\xAC" + std::string(3000, 'b') + "\x01" "CH:" + std::string(2500, 'c') + "\x02",
         foreignRuns,
         manyFonts,
