@@ -927,17 +927,20 @@ bool CRTFImport::ApplyParCommand(const void* pKeyword, int param)
         if (!m_bStockReader || m_fontCmd.GetBackColor() != '\0')
             m_fontCmd.SetDefault(fcmBackColor);
     } else if (KeywordIs(pKeyword, "ql")) {
-        m_layoutCmd.Left();
+        if (!LayoutEditLeavesText(CLayoutCmd::posJustify, "L"))
+            m_layoutCmd.Left();
     } else if (KeywordIs(pKeyword, "qc")) {
         m_layoutCmd.Center();
     } else if (KeywordIs(pKeyword, "qr")) {
         m_layoutCmd.Right();
     } else if (KeywordIs(pKeyword, "li")) {
-        m_layoutCmd.SetLeftMargin(TwipsToInches(param));
+        if (param != 0 || !LayoutEditLeavesText(CLayoutCmd::posLeftMargin, "000"))
+            m_layoutCmd.SetLeftMargin(TwipsToInches(param));
     } else if (KeywordIs(pKeyword, "fi")) {
         m_layoutCmd.SetFirstLineIndent(TwipsToInches(param));
     } else if (KeywordIs(pKeyword, "ri")) {
-        m_layoutCmd.SetRightMargin(TwipsToInches(param));
+        if (param != 0 || !LayoutEditLeavesText(CLayoutCmd::posRightMargin, "000"))
+            m_layoutCmd.SetRightMargin(TwipsToInches(param));
     } else if (m_rds != rdsPNCommand) {
         for (const TabLeaderKeyword& k : kTabLeaderKeywords) {
             if (KeywordIs(pKeyword, k.szKeyword)) {
@@ -953,6 +956,21 @@ bool CRTFImport::ApplyParCommand(const void* pKeyword, int param)
             m_chTabLeader = ' ';
         }
     }
+    return true;
+}
+
+// Most paragraphs set a left justification and margins of zero over the
+// same of \pard. A stock reader's layout command is valid, so the check each
+// edit makes reports nothing, and an edit that would write the bytes already
+// there is left out. (The compare stops at the text's NUL at the latest.)
+bool CRTFImport::LayoutEditLeavesText(int pos, const char* pszField) const
+{
+    if (!m_bStockReader)
+        return false;
+    const char* pCmd = m_layoutCmd.GetCmd().GetString() + pos;
+    for (; *pszField; ++pszField, ++pCmd)
+        if (*pCmd != *pszField)
+            return false;
     return true;
 }
 

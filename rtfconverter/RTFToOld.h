@@ -379,6 +379,7 @@ private:
     void EndAttachment(RDS rdsOld);
     void EndField();
     void InsertTabStop(int param);
+    bool LayoutEditLeavesText(int pos, const char* pszField) const;
     int FindFontEntry(int fontNum) const;
     bool AddAutomaticColorEntry();
     void ReleaseAttachmentStream();
