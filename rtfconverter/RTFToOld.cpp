@@ -1097,9 +1097,11 @@ void CRTFImport::EndField()
 void CRTFImport::StripMarkup(CString& s)
 {
     const int len = s.GetLength();
-    if (len == 0)
-        return;
     const char* p = s.GetString();
+    // Most texts (link targets, display texts) hold no byte below a space,
+    // and nothing here changes them.
+    if (byte_scan::LengthBeforeLowOr(p, static_cast<std::size_t>(len), 0x20, false) == static_cast<std::size_t>(len))
+        return;
     const bool bTrailing17 = p[len - 1] == '\x17';
     // Written into a block of the input's length, which the output never
     // exceeds, and measured once at the end.
