@@ -645,14 +645,19 @@ bool CRTFImport::ApplyCharCommand(const void* pKeyword, int param)
 
 bool CRTFImport::ApplyPlainCommand(const void*, int)
 {
-    m_fontCmd.SetDefault(fcmAll);
-    if (m_nDefaultFont >= 0) {
-        const int i = FindFontEntry(m_nDefaultFont);
-        if (i >= 0)
-            ApplyFontEntry(i);
-    }
-    m_bFontChanged = true;
+    ApplyPlainFont();
     return true;
+}
+
+// Returns the default font's entry, -1 when there is none.
+int CRTFImport::ApplyPlainFont()
+{
+    m_fontCmd.SetDefault(fcmAll);
+    const int i = m_nDefaultFont >= 0 ? FindFontEntry(m_nDefaultFont) : -1;
+    if (i >= 0)
+        ApplyFontEntry(i);
+    m_bFontChanged = true;
+    return i;
 }
 
 // A slot for the entry and the command's first eight bytes (size, colour,
@@ -789,17 +794,23 @@ bool CRTFImport::GetFontNum(const void*, int param)
     }
     if (m_rds == rdsPNText)
         return true;
+    ApplyFontNumber(param);
+    return true;
+}
 
-    const int FontNumber = param;
+// \f outside the font table and the numbering text. Returns the entry,
+// -1 when there is none.
+int CRTFImport::ApplyFontNumber(int FontNumber)
+{
     const int i = FindFontEntry(FontNumber);
     if (i < 0) {
         VQTRACE("GetFontNum: wrong font number!(rds=%d)\n", static_cast<int>(m_rds));
-        return true;
+        return -1;
     }
     VQASSERT(m_FontTable[i].FontNum == FontNumber);
     ApplyFontEntry(i);
     m_bFontChanged = true;
-    return true;
+    return i;
 }
 
 bool CRTFImport::FillFontFamily(const void* pKeyword, int)

@@ -518,24 +518,36 @@ bool CRTFImport::SetUnicodeSkip(const void*, int param)
     return true;
 }
 
+// A stock reader's handlers are this library's own: the entry they applied
+// is the one looked up again otherwise.
 bool CRTFImport::GetFontNumKeepingCharset(const void* pKeyword, int param)
 {
-    if (!GetFontNum(pKeyword, param))
-        return false;
-    if (m_rds != rdsFontTable && m_rds != rdsPNText) {
-        const int i = FindFontEntry(param);
-        if (i >= 0) {
-            m_nFontCharset = m_FontTable[i].FontCharset;
-            m_nPlacedCharset = -1;
-        }
+    int i = -1;
+    if (m_bStockReader && m_rds != rdsFontTable && m_rds != rdsPNText) {
+        i = ApplyFontNumber(param);
+    } else {
+        if (!GetFontNum(pKeyword, param))
+            return false;
+        if (m_rds == rdsFontTable || m_rds == rdsPNText)
+            return true;
+        i = FindFontEntry(param);
+    }
+    if (i >= 0) {
+        m_nFontCharset = m_FontTable[i].FontCharset;
+        m_nPlacedCharset = -1;
     }
     return true;
 }
 
 bool CRTFImport::ApplyPlainKeepingCharset(const void* pKeyword, int param)
 {
-    ApplyPlainCommand(pKeyword, param);
-    const int i = m_nDefaultFont >= 0 ? FindFontEntry(m_nDefaultFont) : -1;
+    int i = -1;
+    if (m_bStockReader) {
+        i = ApplyPlainFont();
+    } else {
+        ApplyPlainCommand(pKeyword, param);
+        i = m_nDefaultFont >= 0 ? FindFontEntry(m_nDefaultFont) : -1;
+    }
     m_nFontCharset = i >= 0 ? m_FontTable[i].FontCharset : kDefaultCharset;
     m_nPlacedCharset = -1;
     return true;
