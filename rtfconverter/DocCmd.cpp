@@ -232,6 +232,10 @@ int FindNearestColor(int red, int green, int blue)
         if (distance < best) {
             best = distance;
             nearest = i;
+            // Nothing after an exact match is nearer, and a tie keeps it:
+            // documents mostly name the palette's own colours.
+            if (distance == 0)
+                break;
         }
     }
     return nearest;
