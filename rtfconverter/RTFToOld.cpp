@@ -1765,11 +1765,14 @@ const char* CRTFStreamImport::RunAhead(std::size_t& cb) const
     return pCur;
 }
 
+// Taken after every run of text: a live cursor spans the read buffer as
+// GiveToCursor left it, so the skip moves its read position alone.
 void CRTFStreamImport::SkipAhead(std::size_t cb)
 {
-    TakeFromCursor();
-    m_pCur += cb;
-    GiveToCursor();
+    if (m_bCursorLive)
+        m_pRead += cb;
+    else
+        m_pCur += cb;
 }
 
 } // namespace rtf_converter
