@@ -868,7 +868,7 @@ void CRTFImport::EndGroupKeepingFieldsAndFonts(RDS rdsOld, RDS rdsNew)
 void CRTFImport::EndFieldsClosedHere()
 {
     while (!m_openFields.empty() && m_openFields.back().depth >= m_cGroup) {
-        const OpenField field = m_openFields.back();
+        const OpenField field = std::move(m_openFields.back());
         m_openFields.pop_back();
         EndFieldKeepingItsText(field);
     }
@@ -876,12 +876,13 @@ void CRTFImport::EndFieldsClosedHere()
 
 void CRTFImport::EndFieldKeepingItsText(const OpenField& field)
 {
-    const CString inst = m_strFieldInst;
+    // The texts move out of the reader: they are not needed there again.
+    const CString inst = std::move(m_strFieldInst);
     m_strFieldInst = field.outerInst;
     if (field.bOuterCollects)
         return;  // its text stays in the enclosing hyperlink's display text
     m_pRedirect = nullptr;
-    const CString text = m_strFieldResult;
+    const CString text = std::move(m_strFieldResult);
     m_strFieldResult.Empty();
     if (inst.Left(9) != "HYPERLINK" || text.IsEmpty())
         return;  // an ordinary field's result went out as text
