@@ -232,6 +232,10 @@ int FindNearestColor(int red, int green, int blue)
         if (distance < best) {
             best = distance;
             nearest = i;
+            // Nothing after an exact match is nearer, and a tie keeps it:
+            // documents mostly name the palette's own colours.
+            if (distance == 0)
+                break;
         }
     }
     return nearest;
@@ -464,6 +468,17 @@ void CFontCmd::AppendAttribute(char letter)
     if (colon >= 0) m_cmd.Insert(colon, letter);
 }
 
+// The text grows by its last byte, and the bytes from `at` on move up one
+// over it: a general insertion's bookkeeping is paid at every flag set.
+void CFontCmd::InsertAttributeAt(std::size_t at, char letter)
+{
+    const std::size_t len = static_cast<std::size_t>(GetLength());
+    m_cmd += m_cmd.GetString()[len - 1];
+    char* p = m_cmd.GetBuffer();
+    std::memmove(p + at + 1, p + at, len - 1 - at);
+    p[at] = letter;
+}
+
 // Removes the attributes isRemoved holds for and appends `appended` (nothing
 // when 0) in one pass over the text, with the separator looked for once: the
 // readers edit the command at every formatting change. It leaves the text to
@@ -492,7 +507,7 @@ bool CFontCmd::EditAttributesInOnePass(Pred isRemoved, char appended)
         if (!isRemoved(p[i])) p[kept++] = p[i];
     if (appended != '\0') {
         if (kept == colon) {
-            m_cmd.Insert(static_cast<int>(colon), appended);
+            InsertAttributeAt(colon, appended);
             return true;
         }
         p[kept++] = appended;

@@ -17,6 +17,8 @@
 #pragma once
 #include "rtfconverter/Export.h"
 
+#include <cstddef>
+
 #include "hostlibs/VQLogger.h"
 #include "platform/AfxColl.h"
 #include "platform/AfxObject.h"
@@ -193,6 +195,8 @@ private:
     void AppendAttribute(char letter);
     template <class Pred>
     bool EditAttributesInOnePass(Pred isRemoved, char appended);
+    // Inserts letter at index at, below the length (the separator's index).
+    void InsertAttributeAt(std::size_t at, char letter);
 };
 
 // The COLORREF of a text colour letter ('A'..'P', 'Y', 'Z'; '-' and others give 0).

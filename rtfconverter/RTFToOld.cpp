@@ -645,14 +645,19 @@ bool CRTFImport::ApplyCharCommand(const void* pKeyword, int param)
 
 bool CRTFImport::ApplyPlainCommand(const void*, int)
 {
-    m_fontCmd.SetDefault(fcmAll);
-    if (m_nDefaultFont >= 0) {
-        const int i = FindFontEntry(m_nDefaultFont);
-        if (i >= 0)
-            ApplyFontEntry(i);
-    }
-    m_bFontChanged = true;
+    ApplyPlainFont();
     return true;
+}
+
+// Returns the default font's entry, -1 when there is none.
+int CRTFImport::ApplyPlainFont()
+{
+    m_fontCmd.SetDefault(fcmAll);
+    const int i = m_nDefaultFont >= 0 ? FindFontEntry(m_nDefaultFont) : -1;
+    if (i >= 0)
+        ApplyFontEntry(i);
+    m_bFontChanged = true;
+    return i;
 }
 
 // A slot for the entry and the command's first eight bytes (size, colour,
@@ -789,17 +794,23 @@ bool CRTFImport::GetFontNum(const void*, int param)
     }
     if (m_rds == rdsPNText)
         return true;
+    ApplyFontNumber(param);
+    return true;
+}
 
-    const int FontNumber = param;
+// \f outside the font table and the numbering text. Returns the entry,
+// -1 when there is none.
+int CRTFImport::ApplyFontNumber(int FontNumber)
+{
     const int i = FindFontEntry(FontNumber);
     if (i < 0) {
         VQTRACE("GetFontNum: wrong font number!(rds=%d)\n", static_cast<int>(m_rds));
-        return true;
+        return -1;
     }
     VQASSERT(m_FontTable[i].FontNum == FontNumber);
     ApplyFontEntry(i);
     m_bFontChanged = true;
-    return true;
+    return i;
 }
 
 bool CRTFImport::FillFontFamily(const void* pKeyword, int)
@@ -927,17 +938,20 @@ bool CRTFImport::ApplyParCommand(const void* pKeyword, int param)
         if (!m_bStockReader || m_fontCmd.GetBackColor() != '\0')
             m_fontCmd.SetDefault(fcmBackColor);
     } else if (KeywordIs(pKeyword, "ql")) {
-        m_layoutCmd.Left();
+        if (!LayoutEditLeavesText(CLayoutCmd::posJustify, "L"))
+            m_layoutCmd.Left();
     } else if (KeywordIs(pKeyword, "qc")) {
         m_layoutCmd.Center();
     } else if (KeywordIs(pKeyword, "qr")) {
         m_layoutCmd.Right();
     } else if (KeywordIs(pKeyword, "li")) {
-        m_layoutCmd.SetLeftMargin(TwipsToInches(param));
+        if (param != 0 || !LayoutEditLeavesText(CLayoutCmd::posLeftMargin, "000"))
+            m_layoutCmd.SetLeftMargin(TwipsToInches(param));
     } else if (KeywordIs(pKeyword, "fi")) {
         m_layoutCmd.SetFirstLineIndent(TwipsToInches(param));
     } else if (KeywordIs(pKeyword, "ri")) {
-        m_layoutCmd.SetRightMargin(TwipsToInches(param));
+        if (param != 0 || !LayoutEditLeavesText(CLayoutCmd::posRightMargin, "000"))
+            m_layoutCmd.SetRightMargin(TwipsToInches(param));
     } else if (m_rds != rdsPNCommand) {
         for (const TabLeaderKeyword& k : kTabLeaderKeywords) {
             if (KeywordIs(pKeyword, k.szKeyword)) {
@@ -953,6 +967,21 @@ bool CRTFImport::ApplyParCommand(const void* pKeyword, int param)
             m_chTabLeader = ' ';
         }
     }
+    return true;
+}
+
+// Most paragraphs set a left justification and margins of zero over the
+// same of \pard. A stock reader's layout command is valid, so the check each
+// edit makes reports nothing, and an edit that would write the bytes already
+// there is left out. (The compare stops at the text's NUL at the latest.)
+bool CRTFImport::LayoutEditLeavesText(int pos, const char* pszField) const
+{
+    if (!m_bStockReader)
+        return false;
+    const char* pCmd = m_layoutCmd.GetCmd().GetString() + pos;
+    for (; *pszField; ++pszField, ++pCmd)
+        if (*pCmd != *pszField)
+            return false;
     return true;
 }
 
@@ -1079,9 +1108,11 @@ void CRTFImport::EndField()
 void CRTFImport::StripMarkup(CString& s)
 {
     const int len = s.GetLength();
-    if (len == 0)
-        return;
     const char* p = s.GetString();
+    // Most texts (link targets, display texts) hold no byte below a space,
+    // and nothing here changes them.
+    if (byte_scan::LengthBeforeLowOr(p, static_cast<std::size_t>(len), 0x20, false) == static_cast<std::size_t>(len))
+        return;
     const bool bTrailing17 = p[len - 1] == '\x17';
     // Written into a block of the input's length, which the output never
     // exceeds, and measured once at the end.
@@ -1734,11 +1765,14 @@ const char* CRTFStreamImport::RunAhead(std::size_t& cb) const
     return pCur;
 }
 
+// Taken after every run of text: a live cursor spans the read buffer as
+// GiveToCursor left it, so the skip moves its read position alone.
 void CRTFStreamImport::SkipAhead(std::size_t cb)
 {
-    TakeFromCursor();
-    m_pCur += cb;
-    GiveToCursor();
+    if (m_bCursorLive)
+        m_pRead += cb;
+    else
+        m_pCur += cb;
 }
 
 } // namespace rtf_converter

@@ -379,6 +379,7 @@ private:
     void EndAttachment(RDS rdsOld);
     void EndField();
     void InsertTabStop(int param);
+    bool LayoutEditLeavesText(int pos, const char* pszField) const;
     int FindFontEntry(int fontNum) const;
     bool AddAutomaticColorEntry();
     void ReleaseAttachmentStream();
@@ -395,6 +396,11 @@ private:
     void RestoreCommands(const CRTFImportSave& save);
     void CopyFontCmd(CFontCmd& to, const CFontCmd& from);
     void ApplyFontEntry(int i);
+    // The work of \plain and of \f outside the tables; each returns the font
+    // table entry it applied (-1: none), which the lossless reading takes
+    // the character set from.
+    int ApplyPlainFont();
+    int ApplyFontNumber(int FontNumber);
     // What ApplyFontEntry last made of a font command with an entry, for the
     // entries and commands of each slot.
     struct FontEntryMemo {

@@ -174,6 +174,14 @@ public:
     // For the word the tokenizer has just read, whose key it made: the word is
     // not measured again.
     const Row* FindInIndex(const KeywordKey& key) const { return RowAt(m_index.Find(key)); }
+    // The words of the rows, in their order.
+    std::vector<const char*> Words() const
+    {
+        std::vector<const char*> words;
+        for (const Row& row : m_rows)
+            words.push_back(row.szKeyword);
+        return words;
+    }
 
 private:
     const Row* RowAt(int i) const { return i < 0 ? nullptr : &m_rows[static_cast<std::size_t>(i)]; }
@@ -205,10 +213,35 @@ struct CRTFImport::LosslessKeyword {
     // handlers.
     static const CLosslessKeywordTable<LosslessKeyword>& Table() { return s_table; }
 
+    // What takes a word of the lossless reading: its lossless row, which
+    // goes first, and the core's row (-1: none).
+    struct Word {
+        int coreRow;
+        const LosslessKeyword* pLossless;
+    };
+    // For a word the tokenizer read, one probe for both tables; null when
+    // neither holds the word.
+    static const Word* FindTokenWord(const KeywordKey& key)
+    {
+        const int i = s_words.index.FindTokenWord(key);
+        return i < 0 ? nullptr : &s_words.words[static_cast<std::size_t>(i)];
+    }
+
 private:
     // Built when the library loads, so that no word has to ask whether it is
     // built yet.
     static const CLosslessKeywordTable<LosslessKeyword> s_table;
+
+    // The words of both tables under one index: each word once, with the
+    // first row of each table that names it, as each table's own lookup
+    // gives it.
+    struct Words {
+        CKeywordIndex index;
+        std::vector<Word> words;
+        void Add(const char* szKeyword, int coreRow, const LosslessKeyword* pLossless);
+    };
+    static Words BuildWords();
+    static const Words s_words;
 };
 
 using LK = CRTFImport;
@@ -252,6 +285,37 @@ const CLosslessKeywordTable<CRTFImport::LosslessKeyword> CRTFImport::LosslessKey
     return CLosslessKeywordTable<LosslessKeyword>(std::move(rows));
 }();
 
+// Defined after s_table, which it points into; the core's index is built by
+// the compiler.
+const CRTFImport::LosslessKeyword::Words CRTFImport::LosslessKeyword::s_words = BuildWords();
+
+CRTFImport::LosslessKeyword::Words CRTFImport::LosslessKeyword::BuildWords()
+{
+    Words words;
+    for (int row = 0; row < cCmds; ++row)
+        words.Add(s_Cmds[row].szKeyword, row, nullptr);
+    for (const char* szKeyword : s_table.Words())
+        words.Add(szKeyword, -1, s_table.FindInIndex(szKeyword));
+    return words;
+}
+
+// The first row of each table for a word wins, as in each table's own index.
+// Both tables together hold fewer words than the index numbers.
+void CRTFImport::LosslessKeyword::Words::Add(const char* szKeyword, int coreRow, const LosslessKeyword* pLossless)
+{
+    const int i = index.Find(szKeyword);
+    if (i < 0) {
+        index.Add(szKeyword, static_cast<int>(words.size()));
+        words.push_back({coreRow, pLossless});
+        return;
+    }
+    Word& word = words[static_cast<std::size_t>(i)];
+    if (word.coreRow < 0)
+        word.coreRow = coreRow;
+    if (!word.pLossless)
+        word.pLossless = pLossless;
+}
+
 // The core stops where the outermost group closes: a document ends there, a
 // fragment goes on with its next group. Each Parse call reads at least one
 // byte, so this ends with the input.
@@ -277,8 +341,7 @@ bool CRTFImport::KeepsStateBetweenGroups()
 }
 
 // Every control word passes here, and most are in no lossless row: the
-// bookkeeping and the turning away are inline and end in a jump to the
-// core's lookup, with nothing kept in registers across a call.
+// bookkeeping is inline, and one lookup finds the word's row in either table.
 bool CRTFImport::TranslateKeyword(const char* szKeyword, int param)
 {
     if (m_bLossless) {
@@ -286,8 +349,18 @@ bool CRTFImport::TranslateKeyword(const char* szKeyword, int param)
             return TranslateFirstKeyword(szKeyword, param);
         if (!NoteLosslessWord(szKeyword))
             return true;
-        if (LosslessKeyword::Table().MayHold(szKeyword))
+        // The word the tokenizer hands on (nearly every call) is found in
+        // both tables by one probe; what the core's lookup would then do
+        // with its row follows.
+        const KeywordKey* pKey = TokenWordKey(szKeyword);
+        if (!pKey)
             return TranslateLosslessCandidate(szKeyword, param);
+        const LosslessKeyword::Word* pWord = LosslessKeyword::FindTokenWord(*pKey);
+        if (pWord && pWord->pLossless && (m_rds != rdsSkip || pWord->pLossless->bInSkipped))
+            return RunLosslessKeyword(*pWord->pLossless, szKeyword, param);
+        if (m_rds == rdsSkip)
+            return true;
+        return DispatchRow(pWord ? pWord->coreRow : -1, szKeyword, param);
     }
     return CBaseRTFParser::TranslateKeyword(szKeyword, param);
 }
@@ -338,7 +411,8 @@ const CRTFImport::LosslessKeyword* CRTFImport::LosslessRowFor(const char* szKeyw
     return pRow && (m_rds != rdsSkip || pRow->bInSkipped) ? pRow : nullptr;
 }
 
-// Out of line, for the reason TranslateKeyword gives.
+// Out of line, for the reason TranslateKeyword gives: a text that is not
+// the tokenizer's word.
 RTFCONV_OUT_OF_LINE bool CRTFImport::TranslateLosslessCandidate(const char* szKeyword, int param)
 {
     const LosslessKeyword* pRow = LosslessRowFor(szKeyword);
@@ -444,24 +518,36 @@ bool CRTFImport::SetUnicodeSkip(const void*, int param)
     return true;
 }
 
+// A stock reader's handlers are this library's own: the entry they applied
+// is the one looked up again otherwise.
 bool CRTFImport::GetFontNumKeepingCharset(const void* pKeyword, int param)
 {
-    if (!GetFontNum(pKeyword, param))
-        return false;
-    if (m_rds != rdsFontTable && m_rds != rdsPNText) {
-        const int i = FindFontEntry(param);
-        if (i >= 0) {
-            m_nFontCharset = m_FontTable[i].FontCharset;
-            m_nPlacedCharset = -1;
-        }
+    int i = -1;
+    if (m_bStockReader && m_rds != rdsFontTable && m_rds != rdsPNText) {
+        i = ApplyFontNumber(param);
+    } else {
+        if (!GetFontNum(pKeyword, param))
+            return false;
+        if (m_rds == rdsFontTable || m_rds == rdsPNText)
+            return true;
+        i = FindFontEntry(param);
+    }
+    if (i >= 0) {
+        m_nFontCharset = m_FontTable[i].FontCharset;
+        m_nPlacedCharset = -1;
     }
     return true;
 }
 
 bool CRTFImport::ApplyPlainKeepingCharset(const void* pKeyword, int param)
 {
-    ApplyPlainCommand(pKeyword, param);
-    const int i = m_nDefaultFont >= 0 ? FindFontEntry(m_nDefaultFont) : -1;
+    int i = -1;
+    if (m_bStockReader) {
+        i = ApplyPlainFont();
+    } else {
+        ApplyPlainCommand(pKeyword, param);
+        i = m_nDefaultFont >= 0 ? FindFontEntry(m_nDefaultFont) : -1;
+    }
     m_nFontCharset = i >= 0 ? m_FontTable[i].FontCharset : kDefaultCharset;
     m_nPlacedCharset = -1;
     return true;
@@ -782,7 +868,7 @@ void CRTFImport::EndGroupKeepingFieldsAndFonts(RDS rdsOld, RDS rdsNew)
 void CRTFImport::EndFieldsClosedHere()
 {
     while (!m_openFields.empty() && m_openFields.back().depth >= m_cGroup) {
-        const OpenField field = m_openFields.back();
+        const OpenField field = std::move(m_openFields.back());
         m_openFields.pop_back();
         EndFieldKeepingItsText(field);
     }
@@ -790,12 +876,13 @@ void CRTFImport::EndFieldsClosedHere()
 
 void CRTFImport::EndFieldKeepingItsText(const OpenField& field)
 {
-    const CString inst = m_strFieldInst;
+    // The texts move out of the reader: they are not needed there again.
+    const CString inst = std::move(m_strFieldInst);
     m_strFieldInst = field.outerInst;
     if (field.bOuterCollects)
         return;  // its text stays in the enclosing hyperlink's display text
     m_pRedirect = nullptr;
-    const CString text = m_strFieldResult;
+    const CString text = std::move(m_strFieldResult);
     m_strFieldResult.Empty();
     if (inst.Left(9) != "HYPERLINK" || text.IsEmpty())
         return;  // an ordinary field's result went out as text

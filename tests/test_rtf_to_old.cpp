@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "rtfconverter/RTFToOld.h"
@@ -175,6 +176,33 @@ TEST(RtfToOld, HyperlinksAndFields)
         link.SetData(row.old.c_str(), 0);
         link.SetData("a.b", 1);
         EXPECT_EQ(OldText(row.rtf), std::string(link.GetCmd()) + " after") << row.what;
+    }
+}
+
+// What a hyperlink's target and text lose: commands and control bytes, a
+// trailing 0x17; text without a byte below a space comes back as it was.
+struct CMarkupStripper : CRTFImport {
+    using CRTFImport::StripMarkup;
+};
+
+TEST(RtfToOld, StripMarkupDropsCommandsAndControlBytesOnly)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"", ""},
+        {"www.example.com", "www.example.com"},
+        {"a\tb", "a\tb"},
+        {"x\x01" "F12\x02y", "xy"},
+        {"ctl\x05z\x1f", "ctl z "},
+        {"end\x17", "end"},
+        {"\x17", ""},
+        {"\x17x", " x"},
+        {"a\x01" "bc", "a"},
+        {"a\x01" "b\x02\x17", "a"},
+    };
+    for (const auto& c : cases) {
+        CString s(c.first);
+        CMarkupStripper::StripMarkup(s);
+        EXPECT_EQ(std::string(s.GetString()), c.second) << c.first;
     }
 }
 

@@ -239,6 +239,7 @@ TEST(RtfToOldLossless, WordsReadAsWordProcessorsReadThem)
     const ModesRow rows[] = {
         {"\\bin inside a skipped group", "{\\rtf1 a{\\*\\foo\\bin3 }}}} b}", "a", "a b"},
         {"\\bin without a count holds no bytes", "{\\rtf1 a{\\*\\foo\\bin}b\\bin c}", "ab", "abc"},
+        {"no other word runs inside a skipped group", "{\\rtf1 a{\\*\\foo\\u233\\nestcell\\par\\b\\row x}b}", "ab", "ab"},
         {"nested cells and rows", "{\\rtf1 Deep A\\nestcell Deep B\\nestcell{\\nonesttables FALLBACK}\\nestrow}",
          "Deep ADeep BFALLBACK", "Deep A\tDeep B\t\r"},
         {"\\sub ends \\super, \\nosupersub both", "{\\rtf1 \\super a\\sub b\\nosupersub c}",
