@@ -111,15 +111,20 @@ constexpr CBaseRTFParser::tagCMDASSN CBaseRTFParser::s_Cmds[CBaseRTFParser::cCmd
 
 // Built by the compiler: a lookup, made for every control word, needs no
 // test that the index has been built.
+const CKeywordLookup& CBaseRTFParser::KeywordLookup()
+{
+    static constexpr CKeywordLookup s_lookup = [] {
+        CKeywordLookup lookup;
+        for (int row = 0; row < cCmds; ++row)
+            lookup.Add(s_Cmds[row].szKeyword, row);
+        return lookup;
+    }();
+    return s_lookup;
+}
+
 const CKeywordIndex& CBaseRTFParser::KeywordIndex()
 {
-    static constexpr CKeywordIndex s_index = [] {
-        CKeywordIndex index;
-        for (int row = 0; row < cCmds; ++row)
-            index.Add(s_Cmds[row].szKeyword, row);
-        return index;
-    }();
-    return s_index;
+    return KeywordLookup().index;
 }
 
 int CBaseRTFParser::FindKeyword(const char* szKeyword)
@@ -393,7 +398,7 @@ bool CBaseRTFParser::TranslateKeyword(const char* szKeyword, int param)
     const KeywordKey* pKey = TokenWordKey(szKeyword);
     if (!pKey)
         return TranslateKeywordText(szKeyword, param);
-    return DispatchRow(KeywordIndex().FindTokenWord(*pKey), szKeyword, param);
+    return DispatchRow(KeywordLookup().FindTokenWord(*pKey), szKeyword, param);
 }
 
 RTFCONV_OUT_OF_LINE bool CBaseRTFParser::TranslateKeywordText(const char* szKeyword, int param)

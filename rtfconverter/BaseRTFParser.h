@@ -20,6 +20,8 @@
 namespace rtf_converter {
 
 class CKeywordIndex;
+class CKeywordFirstLook;
+struct CKeywordLookup;
 
 // Destination states. Handlers compare them by value.
 enum RDS {
@@ -193,6 +195,9 @@ private:
     // True when SetTextBefore(CutNumberingText(text)) would leave the text
     // as it is: within the limit, with no NUL inside.
     bool StaysAsCut(const CString& text) const;
+    // The index KeywordIndex returns, with the table a word is looked for in
+    // first.
+    static const CKeywordLookup& KeywordLookup();
     // TranslateKeyword for a text that is not the tokenizer's word.
     bool TranslateKeywordText(const char* szKeyword, int param);
     static void AddRefSave(CBaseRTFParserSave* pSave);
