@@ -234,6 +234,7 @@ public:
     // The stock reader's Get only steps over the byte it gives, so the loop
     // reads the first byte of a run of text itself too.
     static constexpr bool bReadsText = true;
+    bool TakesWholeRuns() const { return m_cursor.m_bTakesWholeRuns; }
     // A stock reader's handlers never open or close a group: its group
     // count changes only at the braces the loop reads.
     static constexpr bool bGroupsAtBracesOnly = true;
@@ -266,6 +267,7 @@ public:
     // A run's first byte goes through Get, as a derived reader overriding it
     // expects.
     static constexpr bool bReadsText = false;
+    static constexpr bool TakesWholeRuns() { return false; }
     // A derived reader's handler may do anything to the group count.
     static constexpr bool bGroupsAtBracesOnly = false;
 
@@ -404,14 +406,27 @@ CRTFParser::Step CRTFParser::ParseStructureAhead(TSource source)
             // the outermost group, which the stock source is in here).
             if (!TSource::bReadsText)
                 return Step::other;
-            source.SkipOffered(1);
-            if (!ParseChar(p[0]) || !ParseOrdinaryRun())
+            if (!ParseTextAhead(source, p, cb))
                 return Step::refused;
             break;
         }
         if (!TSource::bGroupsAtBracesOnly && m_cGroup < 1)
             return Step::ended;
     }
+}
+
+// A reader whose ParseRun takes a run from its first byte gets the whole
+// run, up to the next byte the loop treats itself (the loop passes over the
+// line breaks then, and hands it the next run): ParseRun takes the run as
+// its ParseChar would take each byte. Any other reader's ParseChar takes the
+// first byte, and ParseRun the rest.
+template <class TSource>
+inline bool CRTFParser::ParseTextAhead(TSource source, const char* p, std::size_t cb)
+{
+    if (source.TakesWholeRuns())
+        return ParseRun(p, OrdinaryRunLength(p, cb));
+    source.SkipOffered(1);
+    return ParseChar(p[0]) && ParseOrdinaryRun();
 }
 
 const char* CRTFParser::RunAhead(std::size_t& cb) const

@@ -153,6 +153,11 @@ private:
     enum class Step { other, refused, ended };
     template <class TSource>
     Step ParseStructureAhead(TSource source);
+    // A run of text at p, first byte and all, from the offer [p, p + cb)
+    // (text is read there only from a stock reader's cursor); false when the
+    // output refused a byte of it.
+    template <class TSource>
+    bool ParseTextAhead(TSource source, const char* p, std::size_t cb);
     // The parse loop's work for one byte read through Get; false when the
     // output refused it.
     bool ParseByte(char ch);

@@ -283,6 +283,7 @@ unsigned long CRTFToPlainTextPtrParser::GetCBWritten() const { return static_cas
 CBytePtrRTFToPlainTextPtrParser::CBytePtrRTFToPlainTextPtrParser(const unsigned char* pData, const unsigned long& cbData)
     : CByteCursor(pData, cbData)
 {
+    m_bTakesWholeRuns = true;  // ParseRun puts, drops or refuses from the first byte
 }
 
 long CBytePtrRTFToPlainTextPtrParser::Get(char& ch) { return ReadByte(ch); }

@@ -1156,6 +1156,7 @@ bool CRTFToUTF8Parser::ObjectData(const void*, int) { return true; }
 CBytePtrRTFToUTF8PtrParser::CBytePtrRTFToUTF8PtrParser(const unsigned char* pData, const unsigned long& cbData)
     : CByteCursor(pData, cbData)
 {
+    m_bTakesWholeRuns = true;  // ParseRun writes, drops or refuses from the first byte
     static const unsigned char s_bom[] = {0xEF, 0xBB, 0xBF};
     if (m_cbData >= sizeof s_bom && std::memcmp(m_pData, s_bom, sizeof s_bom) == 0)
         m_pRead += sizeof s_bom;

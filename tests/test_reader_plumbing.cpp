@@ -243,9 +243,14 @@ TEST(KeywordFastPath, RunsOfEveryKindGiveTheTextOfTheByteByBytePath)
         "{\\rtf1\\ansi\\ansicpg932 " + filler + "\x82\xa0" + filler + "\x82}",
         // Skipped destinations and hex data in lines.
         "{\\rtf1 a{\\*\\unknown " + filler + "\r\n" + filler + "}{\\pict\\pngblip 0102\r\n0304\n\r0506}b\\par}",
+        // Runs of one byte between words, after a \uN fallback and a
+        // paragraph number, and in numbering texts: a stock reader's loop
+        // hands each run whole, first byte and all, to ParseRun.
+        "{\\rtf1\\pard{\\*\\pn\\pnlvl2\\pnstart3\\pndec{\\pntxtb [}{\\pntxta ]}}a\\b b\\b0 c\\u233 de\\'41f\r\ng"
+        "{\\pntext h}i\\par\\pard j}",
     };
     for (const std::string& rtf : rows)
-        for (std::size_t cbBuffer = 4; cbBuffer <= rtf.size() + 4; cbBuffer += 3) {
+        for (std::size_t cbBuffer = 1; cbBuffer <= rtf.size() + 4; cbBuffer += 3) {
             ExpectSameTextWithoutRuns<CBytePtrRTFToPlainTextPtrParser>(rtf, cbBuffer);
             ExpectSameTextWithoutRuns<CBytePtrRTFToUTF8PtrParser>(rtf, cbBuffer);
         }
@@ -618,7 +623,7 @@ namespace {
 
 // A host's reader derived from a stock one that watches the source handlers
 // the parse loop may take over for the stock class itself, Get among them
-// (a stock reader's loop reads the first byte of a run of text itself).
+// (a stock reader's loop reads a run of text itself).
 template <class TReader>
 class CWatchedSource : public TReader {
 public:
