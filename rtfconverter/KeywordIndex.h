@@ -254,7 +254,7 @@ struct CKeywordLookup {
 
 inline const KeywordKey* CRTFParser::TokenWordKey(const char* szKeyword) const
 {
-    return m_tokenWord.pKey && m_tokenWord.pKey->sz == szKeyword ? m_tokenWord.pKey : nullptr;
+    return m_tokenWord.pKey->sz == szKeyword ? m_tokenWord.pKey : nullptr;
 }
 
 } // namespace rtf_converter

@@ -187,6 +187,13 @@ inline std::size_t ScanWordAhead(const char* p, std::size_t cb, std::size_t cch,
 
 } // namespace
 
+namespace {
+// An object of its own, so that its address is no literal's.
+const char s_szNoTokenWord[1] = {};
+} // namespace
+
+const KeywordKey CRTFParser::s_noTokenWord{s_szNoTokenWord, 0, 0};
+
 void CRTFParser::Init()
 {
     m_bStarted = true;
@@ -574,7 +581,7 @@ inline bool CRTFParser::ParseKeywordAhead(TSource source, const char* p, std::si
     KeywordAhead kw;
     const std::size_t cch = CopyLettersAhead(p, cb, szKeyword, kw.head);
     if (cch == 0)
-        return p[0] == '\0' ? ParseKeywordThroughGet(cbBefore) : ParseSymbolAhead(p[0], cbBefore);
+        return p[0] == '\0' ? ParseKeywordThroughGet(cbBefore) : ParseSymbolAhead(source, p[0], cbBefore);
     const std::size_t cbTaken = ScanWordAhead(p, cb, cch, szKeyword, kw);
     if (cbTaken == 0)
         return ParseKeywordThroughGet(cbBefore);
@@ -590,9 +597,12 @@ bool CRTFParser::ParseKeywordThroughGet(std::size_t cbBefore)
     return ParseRtfKeyword();
 }
 
-bool CRTFParser::ParseSymbolAhead(char ch, std::size_t cbBefore)
+// Out of line: few words are symbols, and the common path keeps fewer
+// registers without it.
+template <class TSource>
+RTFCONV_OUT_OF_LINE bool CRTFParser::ParseSymbolAhead(TSource source, char ch, std::size_t cbBefore)
 {
-    SourceSkip(cbBefore + 1);
+    source.SkipOffered(cbBefore + 1);  // the symbol is in the offer
     if (ch == '\\' || ch == '{' || ch == '}')
         return ParseChar(ch);
     const char szSymbol[2] = {ch, '\0'};
@@ -607,7 +617,7 @@ inline bool CRTFParser::TranslateTokenWord(const KeywordKey& key, int param)
 {
     m_tokenWord.pKey = &key;
     const bool bOk = TranslateKeyword(key.sz, param);
-    m_tokenWord.pKey = nullptr;
+    m_tokenWord.pKey = &s_noTokenWord;
     return bOk;
 }
 

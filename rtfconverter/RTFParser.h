@@ -169,7 +169,8 @@ private:
     // The word ParseKeywordAhead leaves to ParseRtfKeyword, and the control
     // symbol (or \\, \{, \}) it found: the parts kept off its common path.
     bool ParseKeywordThroughGet(std::size_t cbBefore);
-    bool ParseSymbolAhead(char ch, std::size_t cbBefore);
+    template <class TSource>
+    bool ParseSymbolAhead(TSource source, char ch, std::size_t cbBefore);
     // TranslateKeyword for a word the tokenizer read, with its key.
     inline bool TranslateTokenWord(const KeywordKey& key, int param);
     // '{' and '}': past the depth limit a group is only counted.
@@ -177,10 +178,13 @@ private:
     void CloseGroup();
 
     // The key of the word the tokenizer hands to TranslateKeyword (the key
-    // names the word's text), while the call lasts. A copy of a reader starts without one: the key lives
-    // in the tokenizer's frame.
+    // names the word's text), while the call lasts; s_noTokenWord, which
+    // names a text no caller has, the rest of the time, so that a lookup
+    // needs no test that there is a key. A copy of a reader starts without
+    // one: the key lives in the tokenizer's frame.
+    static const KeywordKey s_noTokenWord;
     struct CTokenWord {
-        const KeywordKey* pKey = nullptr;
+        const KeywordKey* pKey = &s_noTokenWord;
         CTokenWord() = default;
         CTokenWord(const CTokenWord&) noexcept {}
         CTokenWord& operator=(const CTokenWord&) noexcept { return *this; }
