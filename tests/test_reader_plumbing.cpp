@@ -585,6 +585,14 @@ namespace {
 class CTestTable : public CBaseRTFParser {
 public:
     static const CKeywordIndex& Index() { return KeywordIndex(); }
+    // The core's lookup, first look and all, filled as the core fills it.
+    static CKeywordLookup Lookup()
+    {
+        CKeywordLookup lookup;
+        for (int row = 0; row < cCmds; ++row)
+            lookup.Add(s_Cmds[row].szKeyword, row);
+        return lookup;
+    }
     static int FindLinear(const char* szKeyword)
     {
         for (int row = 0; row < cCmds; ++row)
@@ -605,6 +613,7 @@ TEST(KeywordLookup, KeysMadeFromScannedBytesFindWhatTheTextFinds)
                                  "stylesheet", "stylesheex", "stylesheets", "colortbl", "colortb", "COLORTBL",
                                  "'", "*", ";", "x", "abcdefghijklmnopqrstuvwxyzabcd"};
     const CKeywordIndex& index = CTestTable::Index();
+    const CKeywordLookup lookup = CTestTable::Lookup();
     for (const char* word : words) {
         const std::size_t cch = std::strlen(word);
         // The scanner's buffer: the word, its NUL, then bytes of the input.
@@ -616,7 +625,34 @@ TEST(KeywordLookup, KeysMadeFromScannedBytesFindWhatTheTextFinds)
         const KeywordKey key{padded, cch, KeywordKey::HeadOf(first8, cch)};
         EXPECT_EQ(index.Find(key), index.Find(word)) << word;
         EXPECT_EQ(index.Find(key), CTestTable::FindLinear(word)) << word;
+        EXPECT_EQ(lookup.FindTokenWord(key), CTestTable::FindLinear(word)) << word;
     }
+}
+
+TEST(KeywordLookup, WordsSharingAFirstLookSlotAreFoundThroughTheIndex)
+{
+    // Three words whose keys fall on one slot of the first look: two in the
+    // table and one not, found by a search that stops at the first slot
+    // three words share.
+    std::vector<std::string> names;
+    std::vector<std::vector<std::size_t>> bySlot(4096);
+    std::vector<std::size_t> same;
+    for (std::size_t i = 0; same.empty() && i < 100000; ++i) {
+        names.push_back("w" + std::to_string(i));
+        std::vector<std::size_t>& slot = bySlot[KeywordKey::HashBits(KeywordKey::FromText(names.back().c_str()), 12)];
+        slot.push_back(i);
+        if (slot.size() == 3)
+            same = slot;
+    }
+    ASSERT_EQ(same.size(), 3u);
+    CKeywordLookup lookup;
+    lookup.Add(names[same[0]].c_str(), 7);
+    lookup.Add(names[same[1]].c_str(), 9);
+    lookup.Add(names[same[0]].c_str(), 8);  // entered again: keeps 7
+    EXPECT_EQ(lookup.FindTokenWord(KeywordKey::FromText(names[same[0]].c_str())), 7);
+    EXPECT_EQ(lookup.FindTokenWord(KeywordKey::FromText(names[same[1]].c_str())), 9);
+    EXPECT_EQ(lookup.FindTokenWord(KeywordKey::FromText(names[same[2]].c_str())), -1);
+    EXPECT_EQ(lookup.firstLook.Find(KeywordKey::FromText(names[same[2]].c_str())), CKeywordFirstLook::askIndex);
 }
 
 namespace {
