@@ -109,22 +109,18 @@ constexpr CBaseRTFParser::tagCMDASSN CBaseRTFParser::s_Cmds[CBaseRTFParser::cCmd
 
 #undef RTF_CMD
 
-// Built by the compiler: a lookup, made for every control word, needs no
-// test that the index has been built.
-const CKeywordLookup& CBaseRTFParser::KeywordLookup()
-{
-    static constexpr CKeywordLookup s_lookup = [] {
-        CKeywordLookup lookup;
-        for (int row = 0; row < cCmds; ++row)
-            lookup.Add(s_Cmds[row].szKeyword, row);
-        return lookup;
-    }();
-    return s_lookup;
-}
+// Built by the compiler (a constant initializer): a lookup, made for every
+// control word, needs no test that the index has been built.
+const CKeywordLookup CBaseRTFParser::s_keywordLookup = [] {
+    CKeywordLookup lookup;
+    for (int row = 0; row < cCmds; ++row)
+        lookup.Add(s_Cmds[row].szKeyword, row);
+    return lookup;
+}();
 
 const CKeywordIndex& CBaseRTFParser::KeywordIndex()
 {
-    return KeywordLookup().index;
+    return s_keywordLookup.index;
 }
 
 int CBaseRTFParser::FindKeyword(const char* szKeyword)
@@ -387,22 +383,20 @@ bool CBaseRTFParser::PopRtfState()
 
 bool CBaseRTFParser::TranslateKeyword(const char* szKeyword, int param)
 {
-    // Inside a skipped destination nothing is looked up: neither \' escapes
-    // nor \bin counts are honoured there, and \* is not marked.
-    if (m_rds == rdsSkip)
-        return true;
-
     // The word the tokenizer is handing on (nearly every call) is looked up
     // by the key it made; any other text is measured first, out of line, so
     // that this path keeps no registers of its own across the handler call.
     const KeywordKey* pKey = TokenWordKey(szKeyword);
     if (!pKey)
         return TranslateKeywordText(szKeyword, param);
-    return DispatchRow(KeywordLookup().FindTokenWord(*pKey), szKeyword, param);
+    return TranslateTokenWordKey(*pKey, param);
 }
 
 RTFCONV_OUT_OF_LINE bool CBaseRTFParser::TranslateKeywordText(const char* szKeyword, int param)
 {
+    // As in a skipped destination TranslateTokenWordKey does nothing.
+    if (m_rds == rdsSkip)
+        return true;
     return DispatchRow(FindKeyword(szKeyword), szKeyword, param);
 }
 

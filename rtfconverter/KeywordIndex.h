@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "rtfconverter/BaseRTFParser.h"
 #include "rtfconverter/RTFParser.h"
 
 // For the readers' keyword dispatch: a rare case kept out of line, where
@@ -255,6 +256,15 @@ struct CKeywordLookup {
 inline const KeywordKey* CRTFParser::TokenWordKey(const char* szKeyword) const
 {
     return m_tokenWord.pKey->sz == szKeyword ? m_tokenWord.pKey : nullptr;
+}
+
+inline bool CBaseRTFParser::TranslateTokenWordKey(const KeywordKey& key, int param)
+{
+    // Inside a skipped destination nothing is looked up: neither \' escapes
+    // nor \bin counts are honoured there, and \* is not marked.
+    if (m_rds == rdsSkip)
+        return true;
+    return DispatchRow(s_keywordLookup.FindTokenWord(key), key.sz, param);
 }
 
 } // namespace rtf_converter

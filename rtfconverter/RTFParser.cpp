@@ -242,6 +242,7 @@ public:
     // reads the first byte of a run of text itself too.
     static constexpr bool bReadsText = true;
     bool TakesWholeRuns() const { return m_cursor.m_bTakesWholeRuns; }
+    static constexpr bool KeepsBaseKeywords() { return false; }
     // A stock reader's handlers never open or close a group: its group
     // count changes only at the braces the loop reads.
     static constexpr bool bGroupsAtBracesOnly = true;
@@ -253,6 +254,15 @@ private:
     const char* End() const { return reinterpret_cast<const char*>(m_cursor.m_pData) + m_cursor.m_cbData; }
 
     CByteCursor& m_cursor;
+};
+
+// The stock cursor of a reader that keeps CBaseRTFParser's TranslateKeyword
+// (CByteCursor::m_bKeepsBaseKeywords): a loop of its own, with that work for
+// the words it reads inlined, keeps the other readers' loop as it was.
+class CRTFParser::CBaseKeywordsSource : public CCursorSource {
+public:
+    using CCursorSource::CCursorSource;
+    static constexpr bool KeepsBaseKeywords() { return true; }
 };
 
 // Any other source, through its virtual handlers.
@@ -275,6 +285,7 @@ public:
     // expects.
     static constexpr bool bReadsText = false;
     static constexpr bool TakesWholeRuns() { return false; }
+    static constexpr bool KeepsBaseKeywords() { return false; }
     // A derived reader's handler may do anything to the group count.
     static constexpr bool bGroupsAtBracesOnly = false;
 
@@ -308,8 +319,9 @@ void CRTFParser::Parse(bool& bMore)
     MarkBacktrack(0);
 
     for (;;) {
-        const Step step = m_cursor.p ? ParseStructureAhead(CCursorSource(*m_cursor.p))
-                                     : ParseStructureAhead(CHandlerSource(*this));
+        const Step step = !m_cursor.p                          ? ParseStructureAhead(CHandlerSource(*this))
+                          : m_cursor.p->m_bKeepsBaseKeywords ? ParseStructureAhead(CBaseKeywordsSource(*m_cursor.p))
+                                                             : ParseStructureAhead(CCursorSource(*m_cursor.p));
         if (step == Step::refused) {
             bMore = true;
             return;
@@ -587,7 +599,7 @@ inline bool CRTFParser::ParseKeywordAhead(TSource source, const char* p, std::si
         return ParseKeywordThroughGet(cbBefore);
     source.SkipOffered(cbBefore + cbTaken);  // within the offer p came from
     const KeywordKey key{szKeyword, kw.cch, kw.head};
-    return TranslateTokenWord(key, kw.param);
+    return TranslateTokenWord(source, key, kw.param);
 }
 
 bool CRTFParser::ParseKeywordThroughGet(std::size_t cbBefore)
@@ -607,16 +619,19 @@ RTFCONV_OUT_OF_LINE bool CRTFParser::ParseSymbolAhead(TSource source, char ch, s
         return ParseChar(ch);
     const char szSymbol[2] = {ch, '\0'};
     const KeywordKey key{szSymbol, 1, KeywordKey::HeadOfByte(ch)};
-    return TranslateTokenWord(key, 0);
+    return TranslateTokenWord(source, key, 0);
 }
 
 // The key lasts as long as the call. A handler that reads another word
 // meanwhile leaves no key behind, so that the outer word is then looked up
 // by its text (no reader looks a word up after its handler has run).
-inline bool CRTFParser::TranslateTokenWord(const KeywordKey& key, int param)
+template <class TSource>
+inline bool CRTFParser::TranslateTokenWord(TSource source, const KeywordKey& key, int param)
 {
     m_tokenWord.pKey = &key;
-    const bool bOk = TranslateKeyword(key.sz, param);
+    const bool bOk = source.KeepsBaseKeywords()
+                         ? static_cast<CBaseRTFParser*>(this)->TranslateTokenWordKey(key, param)
+                         : TranslateKeyword(key.sz, param);
     m_tokenWord.pKey = &s_noTokenWord;
     return bOk;
 }

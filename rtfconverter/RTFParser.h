@@ -171,8 +171,10 @@ private:
     bool ParseKeywordThroughGet(std::size_t cbBefore);
     template <class TSource>
     bool ParseSymbolAhead(TSource source, char ch, std::size_t cbBefore);
-    // TranslateKeyword for a word the tokenizer read, with its key.
-    inline bool TranslateTokenWord(const KeywordKey& key, int param);
+    // TranslateKeyword for a word the tokenizer read, with its key; the
+    // source tells whether the reader keeps the base reader's.
+    template <class TSource>
+    bool TranslateTokenWord(TSource source, const KeywordKey& key, int param);
     // '{' and '}': past the depth limit a group is only counted.
     void OpenGroup();
     void CloseGroup();
@@ -197,6 +199,7 @@ private:
     // one in use as a template argument, so that the stock cursor's is
     // inlined there; the rest ask which one per call.
     class CCursorSource;
+    class CBaseKeywordsSource;
     class CHandlerSource;
     inline const char* SourceAhead(std::size_t& cb);
     inline void SourceSkip(std::size_t cb);

@@ -124,6 +124,10 @@ protected:
     // would have to hand on again. (The old-format reader leaves a lone hex
     // digit at a run's end for the loop, so it does not set it.)
     bool m_bTakesWholeRuns = false;
+    // Set by a stock reader that keeps CBaseRTFParser's TranslateKeyword:
+    // the parse loop then does its work for the words it reads without the
+    // virtual call.
+    bool m_bKeepsBaseKeywords = false;
 
 private:
     std::size_t CbLeft() const { return static_cast<std::size_t>(m_pData + m_cbData - m_pRead); }
