@@ -203,7 +203,10 @@ private:
     // first.
     static const CKeywordLookup s_keywordLookup;
     // TranslateKeyword for the word the tokenizer is handing on, whose key
-    // TokenWordKey gives (KeywordIndex.h).
+    // TokenWordKey gives (KeywordIndex.h): the row DispatchRow takes, or
+    // passOver when TranslateKeyword would do nothing at all.
+    static constexpr int passOver = -2;
+    inline int TokenWordRow(const KeywordKey& key) const;
     inline bool TranslateTokenWordKey(const KeywordKey& key, int param);
     // TranslateKeyword for a text that is not the tokenizer's word.
     bool TranslateKeywordText(const char* szKeyword, int param);

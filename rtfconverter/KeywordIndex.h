@@ -258,13 +258,21 @@ inline const KeywordKey* CRTFParser::TokenWordKey(const char* szKeyword) const
     return m_tokenWord.pKey->sz == szKeyword ? m_tokenWord.pKey : nullptr;
 }
 
-inline bool CBaseRTFParser::TranslateTokenWordKey(const KeywordKey& key, int param)
+inline int CBaseRTFParser::TokenWordRow(const KeywordKey& key) const
 {
     // Inside a skipped destination nothing is looked up: neither \' escapes
     // nor \bin counts are honoured there, and \* is not marked.
     if (m_rds == rdsSkip)
-        return true;
-    return DispatchRow(s_keywordLookup.FindTokenWord(key), key.sz, param);
+        return passOver;
+    // A word in no row (most words of a document) only ends a pending \*.
+    const int row = s_keywordLookup.FindTokenWord(key);
+    return row < 0 && !m_bOptionalDest ? passOver : row;
+}
+
+inline bool CBaseRTFParser::TranslateTokenWordKey(const KeywordKey& key, int param)
+{
+    const int row = TokenWordRow(key);
+    return row == passOver || DispatchRow(row, key.sz, param);
 }
 
 } // namespace rtf_converter

@@ -625,13 +625,19 @@ RTFCONV_OUT_OF_LINE bool CRTFParser::ParseSymbolAhead(TSource source, char ch, s
 // The key lasts as long as the call. A handler that reads another word
 // meanwhile leaves no key behind, so that the outer word is then looked up
 // by its text (no reader looks a word up after its handler has run).
+// A reader that keeps the base reader's TranslateKeyword (a CBaseRTFParser,
+// then) has its work done here, the key set only for a call of a handler:
+// most words call none.
 template <class TSource>
 inline bool CRTFParser::TranslateTokenWord(TSource source, const KeywordKey& key, int param)
 {
+    int row = CBaseRTFParser::passOver;
+    if (source.KeepsBaseKeywords() &&
+        (row = static_cast<CBaseRTFParser*>(this)->TokenWordRow(key)) == CBaseRTFParser::passOver)
+        return true;
     m_tokenWord.pKey = &key;
-    const bool bOk = source.KeepsBaseKeywords()
-                         ? static_cast<CBaseRTFParser*>(this)->TranslateTokenWordKey(key, param)
-                         : TranslateKeyword(key.sz, param);
+    const bool bOk = source.KeepsBaseKeywords() ? static_cast<CBaseRTFParser*>(this)->DispatchRow(row, key.sz, param)
+                                                : TranslateKeyword(key.sz, param);
     m_tokenWord.pKey = &s_noTokenWord;
     return bOk;
 }

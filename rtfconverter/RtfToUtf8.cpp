@@ -423,8 +423,16 @@ bool CRTFToUTF8Parser::SkipFallbackKeyword(const char* szKeyword)
 
 bool CRTFToUTF8Parser::ParseRun(const char* p, std::size_t cb)
 {
-    if (m_cchUnicodeSkip > 0)
-        return CBaseRTFParser::ParseRun(p, cb);
+    // The bytes of a \uN fallback being skipped, and one a pending skip
+    // drops, lead the run (the parse loop hands a run whole, first byte and
+    // all): they go as ParseChar takes them, the rest of the run as any run.
+    while (m_cchUnicodeSkip > 0 || (m_bSkipNextChar && IsTextDestination() && m_cGroup > 0)) {
+        if (!CBaseRTFParser::ParseRun(p, 1))
+            return false;
+        ++p;
+        if (--cb == 0)
+            return true;
+    }
     m_bAtGroupStart = false;
     if (!IsTextDestination()) {
         // The destinations that collect their bytes take them one by one.
