@@ -248,6 +248,9 @@ TEST(KeywordFastPath, RunsOfEveryKindGiveTheTextOfTheByteByBytePath)
         // hands each run whole, first byte and all, to ParseRun.
         "{\\rtf1\\pard{\\*\\pn\\pnlvl2\\pnstart3\\pndec{\\pntxtb [}{\\pntxta ]}}a\\b b\\b0 c\\u233 de\\'41f\r\ng"
         "{\\pntext h}i\\par\\pard j}",
+        // A \* left pending by a group's end hides the rest of the group
+        // of the next word in no table; one a known word follows does not.
+        "{\\rtf1 a{\\*}{b\\zzz c}d{\\*\\b e}f{\\*\\yyy g}h\\par}",
     };
     for (const std::string& rtf : rows)
         for (std::size_t cbBuffer = 1; cbBuffer <= rtf.size() + 4; cbBuffer += 3) {
@@ -257,6 +260,8 @@ TEST(KeywordFastPath, RunsOfEveryKindGiveTheTextOfTheByteByBytePath)
 
     CBytePtrRTFToPlainTextPtrParser text(Bytes(rows[0]), static_cast<unsigned long>(rows[0].size()));
     EXPECT_EQ(ReadText(text, 64), " " + filler + " " + filler.substr(0, 14) + "  " + filler + " ");
+    CBytePtrRTFToPlainTextPtrParser optional(Bytes(rows[5]), static_cast<unsigned long>(rows[5].size()));
+    EXPECT_EQ(ReadText(optional, 64), "abdefh\r");
     CBytePtrRTFToUTF8PtrParser utf8(Bytes(rows[1]), static_cast<unsigned long>(rows[1].size()));
     // In the symbol font x is a xi, a b c are alpha beta chi.
     std::string xis;
