@@ -109,9 +109,10 @@ constexpr CBaseRTFParser::tagCMDASSN CBaseRTFParser::s_Cmds[CBaseRTFParser::cCmd
 
 #undef RTF_CMD
 
-// Built by the compiler (a constant initializer): a lookup, made for every
-// control word, needs no test that the index has been built.
-const CKeywordLookup CBaseRTFParser::s_keywordLookup = [] {
+// Built by the compiler (constexpr: no reader can run before it is there),
+// so that a lookup, made for every control word, needs no test that the
+// index has been built.
+constexpr CKeywordLookup CBaseRTFParser::s_keywordLookup = [] {
     CKeywordLookup lookup;
     for (int row = 0; row < cCmds; ++row)
         lookup.Add(s_Cmds[row].szKeyword, row);
