@@ -109,17 +109,19 @@ constexpr CBaseRTFParser::tagCMDASSN CBaseRTFParser::s_Cmds[CBaseRTFParser::cCmd
 
 #undef RTF_CMD
 
-// Built by the compiler: a lookup, made for every control word, needs no
-// test that the index has been built.
+// Built by the compiler (constexpr: no reader can run before it is there),
+// so that a lookup, made for every control word, needs no test that the
+// index has been built.
+constexpr CKeywordLookup CBaseRTFParser::s_keywordLookup = [] {
+    CKeywordLookup lookup;
+    for (int row = 0; row < cCmds; ++row)
+        lookup.Add(s_Cmds[row].szKeyword, row);
+    return lookup;
+}();
+
 const CKeywordIndex& CBaseRTFParser::KeywordIndex()
 {
-    static constexpr CKeywordIndex s_index = [] {
-        CKeywordIndex index;
-        for (int row = 0; row < cCmds; ++row)
-            index.Add(s_Cmds[row].szKeyword, row);
-        return index;
-    }();
-    return s_index;
+    return s_keywordLookup.index;
 }
 
 int CBaseRTFParser::FindKeyword(const char* szKeyword)
@@ -382,22 +384,20 @@ bool CBaseRTFParser::PopRtfState()
 
 bool CBaseRTFParser::TranslateKeyword(const char* szKeyword, int param)
 {
-    // Inside a skipped destination nothing is looked up: neither \' escapes
-    // nor \bin counts are honoured there, and \* is not marked.
-    if (m_rds == rdsSkip)
-        return true;
-
     // The word the tokenizer is handing on (nearly every call) is looked up
     // by the key it made; any other text is measured first, out of line, so
     // that this path keeps no registers of its own across the handler call.
     const KeywordKey* pKey = TokenWordKey(szKeyword);
     if (!pKey)
         return TranslateKeywordText(szKeyword, param);
-    return DispatchRow(KeywordIndex().FindTokenWord(*pKey), szKeyword, param);
+    return TranslateTokenWordKey(*pKey, param);
 }
 
 RTFCONV_OUT_OF_LINE bool CBaseRTFParser::TranslateKeywordText(const char* szKeyword, int param)
 {
+    // As in a skipped destination TranslateTokenWordKey does nothing.
+    if (m_rds == rdsSkip)
+        return true;
     return DispatchRow(FindKeyword(szKeyword), szKeyword, param);
 }
 

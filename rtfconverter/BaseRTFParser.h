@@ -20,6 +20,9 @@
 namespace rtf_converter {
 
 class CKeywordIndex;
+struct KeywordKey;
+class CKeywordFirstLook;
+struct CKeywordLookup;
 
 // Destination states. Handlers compare them by value.
 enum RDS {
@@ -193,6 +196,18 @@ private:
     // True when SetTextBefore(CutNumberingText(text)) would leave the text
     // as it is: within the limit, with no NUL inside.
     bool StaysAsCut(const CString& text) const;
+    // The parse loop of a stock reader that keeps this class's
+    // TranslateKeyword calls its work for the tokenizer's word directly.
+    friend class CRTFParser;
+    // The index KeywordIndex returns, with the table a word is looked for in
+    // first.
+    static const CKeywordLookup s_keywordLookup;
+    // TranslateKeyword for the word the tokenizer is handing on, whose key
+    // TokenWordKey gives (KeywordIndex.h): the row DispatchRow takes, or
+    // passOver when TranslateKeyword would do nothing at all.
+    static constexpr int passOver = -2;
+    inline int TokenWordRow(const KeywordKey& key) const;
+    inline bool TranslateTokenWordKey(const KeywordKey& key, int param);
     // TranslateKeyword for a text that is not the tokenizer's word.
     bool TranslateKeywordText(const char* szKeyword, int param);
     static void AddRefSave(CBaseRTFParserSave* pSave);

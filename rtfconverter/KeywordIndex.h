@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "rtfconverter/BaseRTFParser.h"
 #include "rtfconverter/RTFParser.h"
 
 // For the readers' keyword dispatch: a rare case kept out of line, where
@@ -69,6 +70,24 @@ struct KeywordKey {
         return key;
     }
 
+    // Whether the bytes past the eighth, which the heads leave out, are the
+    // same in two words of len bytes; control words are short, so a loop
+    // beats a library call.
+    static constexpr bool SameTail(const char* a, const char* b, std::size_t len)
+    {
+        for (std::size_t i = 8; i < len; ++i)
+            if (a[i] != b[i])
+                return false;
+        return true;
+    }
+    // The top cBits bits of a multiplicative hash of the head and the
+    // length: they depend on every byte of the head, and the length tells
+    // apart words that share their first eight bytes.
+    static constexpr unsigned HashBits(const KeywordKey& key, unsigned cBits)
+    {
+        return static_cast<unsigned>(((key.head + key.cch) * 0x9E3779B97F4A7C15ull) >> (64 - cBits));
+    }
+
 private:
     // Byte i of 8 where memcpy puts it within a number.
     static constexpr std::uint64_t ByteAt(char ch, std::size_t i)
@@ -128,7 +147,7 @@ public:
         // An empty slot has length 0, which no word has: it ends the probe
         // after a compare that fails.
         for (const Slot* s = &m_slots[Hash(key)];; ++s) {
-            if (s->head == key.head && s->len == key.cch && SameTail(s->szKeyword, key.sz, key.cch))
+            if (s->head == key.head && s->len == key.cch && KeywordKey::SameTail(s->szKeyword, key.sz, key.cch))
                 return s->number;
             if (!s->szKeyword)
                 return -1;
@@ -136,7 +155,8 @@ public:
     }
 
 private:
-    static constexpr unsigned cSlots = 512;  // a power of two, well above the rows of any table
+    static constexpr unsigned cHashBits = 9;
+    static constexpr unsigned cSlots = 1u << cHashBits;  // well above the rows of any table
     // A probe runs on from its slot up to an empty one, never back to the
     // first: past the last slot a hash gives there is room for every word
     // the index can hold and one empty slot more.
@@ -149,29 +169,110 @@ private:
         std::uint8_t len = 0;
     };
 
-    // The bytes past the eighth, which the heads did not compare; control
-    // words are short, so a loop beats a library call.
-    static constexpr bool SameTail(const char* a, const char* b, std::size_t len)
-    {
-        for (std::size_t i = 8; i < len; ++i)
-            if (a[i] != b[i])
-                return false;
-        return true;
-    }
-    // Multiplicative: the top bits of the product depend on every byte of
-    // the head.
-    static constexpr unsigned Hash(const KeywordKey& key)
-    {
-        const std::uint64_t h = (key.head + key.cch) * 0x9E3779B97F4A7C15ull;
-        return static_cast<unsigned>(h >> 55) & (cSlots - 1);
-    }
+    static constexpr unsigned Hash(const KeywordKey& key) { return KeywordKey::HashBits(key, cHashBits); }
 
     Slot m_slots[cSlots + cSlotsPastHashes] = {};
 };
 
+// Where a word's number is looked for first: one byte for each value of a
+// 12-bit hash of the word's key, naming the one word entered under it, or
+// none, or several (rare: then the index tells). Most control words of a
+// document are in no table (borders, cell and paragraph properties): an
+// empty byte, or a word of another key, turns one away with a multiply and a
+// load or two, and a word that is in finds its number as quickly, where a
+// probe of the index follows slots and compares keys.
+class CKeywordFirstLook {
+public:
+    static constexpr int askIndex = -2;
+
+    // Enters szKeyword as `number`, the index's number of it (-1: the index
+    // refused it, which then answers for the word). A word entered again
+    // keeps its number.
+    constexpr void Add(const char* szKeyword, int number)
+    {
+        const KeywordKey key = KeywordKey::FromText(szKeyword);
+        std::uint8_t& entry = m_entries[SlotOf(key)];
+        if (entry == 0 && number >= 0 && number < several - 1) {
+            entry = static_cast<std::uint8_t>(number + 1);
+            m_keys[number] = key;
+        } else if (entry == 0 || (entry != several && !IsKey(m_keys[entry - 1], key))) {
+            entry = several;  // a number out of range, or a second word here
+        }
+    }
+    // Sends the word to the index (and a reader's rare cases) always.
+    constexpr void AskIndexFor(const char* szKeyword) { m_entries[SlotOf(KeywordKey::FromText(szKeyword))] = several; }
+    constexpr void AskIndexForAll()
+    {
+        for (std::uint8_t& entry : m_entries)
+            entry = several;
+    }
+    // The number of the word of this key; -1 when it is in no table;
+    // askIndex when only the index can tell.
+    constexpr int Find(const KeywordKey& key) const
+    {
+        const unsigned entry = m_entries[SlotOf(key)];
+        if (entry == 0)
+            return -1;
+        if (entry == several)
+            return askIndex;
+        return IsKey(m_keys[entry - 1], key) ? static_cast<int>(entry) - 1 : -1;
+    }
+
+private:
+    static constexpr unsigned cHashBits = 12;  // some 150 words fill one slot in 27
+    static constexpr std::uint8_t several = 255;
+
+    static constexpr unsigned SlotOf(const KeywordKey& key) { return KeywordKey::HashBits(key, cHashBits); }
+    static constexpr bool IsKey(const KeywordKey& entered, const KeywordKey& key)
+    {
+        return entered.head == key.head && entered.cch == key.cch && KeywordKey::SameTail(entered.sz, key.sz, key.cch);
+    }
+
+    std::uint8_t m_entries[1u << cHashBits] = {};  // 0: no word; n: number n - 1
+    KeywordKey m_keys[several - 1] = {};           // by number
+};
+
+// A keyword table's index and its first look, filled together: the first
+// look holds every word the index holds, under the same number.
+struct CKeywordLookup {
+    CKeywordIndex index;
+    CKeywordFirstLook firstLook;
+
+    constexpr void Add(const char* szKeyword, int number)
+    {
+        index.Add(szKeyword, number);
+        // Under the number the index gives it, whatever the index made of
+        // the row: a word it refused goes to the index again.
+        firstLook.Add(szKeyword, index.Find(szKeyword));
+    }
+    // CKeywordIndex::FindTokenWord, the first look asked first.
+    constexpr int FindTokenWord(const KeywordKey& key) const
+    {
+        const int number = firstLook.Find(key);
+        return number != CKeywordFirstLook::askIndex ? number : index.FindTokenWord(key);
+    }
+};
+
 inline const KeywordKey* CRTFParser::TokenWordKey(const char* szKeyword) const
 {
-    return m_tokenWord.pKey && m_tokenWord.pKey->sz == szKeyword ? m_tokenWord.pKey : nullptr;
+    return m_tokenWord.pKey->sz == szKeyword ? m_tokenWord.pKey : nullptr;
+}
+
+inline int CBaseRTFParser::TokenWordRow(const KeywordKey& key) const
+{
+    // Inside a skipped destination nothing is looked up: neither \' escapes
+    // nor \bin counts are honoured there, and \* is not marked.
+    if (m_rds == rdsSkip)
+        return passOver;
+    // A word in no row (most words of a document) only ends a pending \*.
+    const int row = s_keywordLookup.FindTokenWord(key);
+    return row < 0 && !m_bOptionalDest ? passOver : row;
+}
+
+inline bool CBaseRTFParser::TranslateTokenWordKey(const KeywordKey& key, int param)
+{
+    const int row = TokenWordRow(key);
+    return row == passOver || DispatchRow(row, key.sz, param);
 }
 
 } // namespace rtf_converter

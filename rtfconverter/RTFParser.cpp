@@ -187,6 +187,13 @@ inline std::size_t ScanWordAhead(const char* p, std::size_t cb, std::size_t cch,
 
 } // namespace
 
+namespace {
+// An object of its own, so that its address is no literal's.
+const char s_szNoTokenWord[1] = {};
+} // namespace
+
+const KeywordKey CRTFParser::s_noTokenWord{s_szNoTokenWord, 0, 0};
+
 void CRTFParser::Init()
 {
     m_bStarted = true;
@@ -234,6 +241,8 @@ public:
     // The stock reader's Get only steps over the byte it gives, so the loop
     // reads the first byte of a run of text itself too.
     static constexpr bool bReadsText = true;
+    bool TakesWholeRuns() const { return m_cursor.m_bTakesWholeRuns; }
+    static constexpr bool KeepsBaseKeywords() { return false; }
     // A stock reader's handlers never open or close a group: its group
     // count changes only at the braces the loop reads.
     static constexpr bool bGroupsAtBracesOnly = true;
@@ -245,6 +254,15 @@ private:
     const char* End() const { return reinterpret_cast<const char*>(m_cursor.m_pData) + m_cursor.m_cbData; }
 
     CByteCursor& m_cursor;
+};
+
+// The stock cursor of a reader that keeps CBaseRTFParser's TranslateKeyword
+// (CByteCursor::m_bKeepsBaseKeywords): a loop of its own, with that work for
+// the words it reads inlined, keeps the other readers' loop as it was.
+class CRTFParser::CBaseKeywordsSource : public CCursorSource {
+public:
+    using CCursorSource::CCursorSource;
+    static constexpr bool KeepsBaseKeywords() { return true; }
 };
 
 // Any other source, through its virtual handlers.
@@ -266,6 +284,8 @@ public:
     // A run's first byte goes through Get, as a derived reader overriding it
     // expects.
     static constexpr bool bReadsText = false;
+    static constexpr bool TakesWholeRuns() { return false; }
+    static constexpr bool KeepsBaseKeywords() { return false; }
     // A derived reader's handler may do anything to the group count.
     static constexpr bool bGroupsAtBracesOnly = false;
 
@@ -299,8 +319,9 @@ void CRTFParser::Parse(bool& bMore)
     MarkBacktrack(0);
 
     for (;;) {
-        const Step step = m_cursor.p ? ParseStructureAhead(CCursorSource(*m_cursor.p))
-                                     : ParseStructureAhead(CHandlerSource(*this));
+        const Step step = !m_cursor.p                          ? ParseStructureAhead(CHandlerSource(*this))
+                          : m_cursor.p->m_bKeepsBaseKeywords ? ParseStructureAhead(CBaseKeywordsSource(*m_cursor.p))
+                                                             : ParseStructureAhead(CCursorSource(*m_cursor.p));
         if (step == Step::refused) {
             bMore = true;
             return;
@@ -404,14 +425,27 @@ CRTFParser::Step CRTFParser::ParseStructureAhead(TSource source)
             // the outermost group, which the stock source is in here).
             if (!TSource::bReadsText)
                 return Step::other;
-            source.SkipOffered(1);
-            if (!ParseChar(p[0]) || !ParseOrdinaryRun())
+            if (!ParseTextAhead(source, p, cb))
                 return Step::refused;
             break;
         }
         if (!TSource::bGroupsAtBracesOnly && m_cGroup < 1)
             return Step::ended;
     }
+}
+
+// A reader whose ParseRun takes a run from its first byte gets the whole
+// run, up to the next byte the loop treats itself (the loop passes over the
+// line breaks then, and hands it the next run): ParseRun takes the run as
+// its ParseChar would take each byte. Any other reader's ParseChar takes the
+// first byte, and ParseRun the rest.
+template <class TSource>
+inline bool CRTFParser::ParseTextAhead(TSource source, const char* p, std::size_t cb)
+{
+    if (source.TakesWholeRuns())
+        return ParseRun(p, OrdinaryRunLength(p, cb));
+    source.SkipOffered(1);
+    return ParseChar(p[0]) && ParseOrdinaryRun();
 }
 
 const char* CRTFParser::RunAhead(std::size_t& cb) const
@@ -559,13 +593,13 @@ inline bool CRTFParser::ParseKeywordAhead(TSource source, const char* p, std::si
     KeywordAhead kw;
     const std::size_t cch = CopyLettersAhead(p, cb, szKeyword, kw.head);
     if (cch == 0)
-        return p[0] == '\0' ? ParseKeywordThroughGet(cbBefore) : ParseSymbolAhead(p[0], cbBefore);
+        return p[0] == '\0' ? ParseKeywordThroughGet(cbBefore) : ParseSymbolAhead(source, p[0], cbBefore);
     const std::size_t cbTaken = ScanWordAhead(p, cb, cch, szKeyword, kw);
     if (cbTaken == 0)
         return ParseKeywordThroughGet(cbBefore);
     source.SkipOffered(cbBefore + cbTaken);  // within the offer p came from
     const KeywordKey key{szKeyword, kw.cch, kw.head};
-    return TranslateTokenWord(key, kw.param);
+    return TranslateTokenWord(source, key, kw.param);
 }
 
 bool CRTFParser::ParseKeywordThroughGet(std::size_t cbBefore)
@@ -575,24 +609,36 @@ bool CRTFParser::ParseKeywordThroughGet(std::size_t cbBefore)
     return ParseRtfKeyword();
 }
 
-bool CRTFParser::ParseSymbolAhead(char ch, std::size_t cbBefore)
+// Out of line: few words are symbols, and the common path keeps fewer
+// registers without it.
+template <class TSource>
+RTFCONV_OUT_OF_LINE bool CRTFParser::ParseSymbolAhead(TSource source, char ch, std::size_t cbBefore)
 {
-    SourceSkip(cbBefore + 1);
+    source.SkipOffered(cbBefore + 1);  // the symbol is in the offer
     if (ch == '\\' || ch == '{' || ch == '}')
         return ParseChar(ch);
     const char szSymbol[2] = {ch, '\0'};
     const KeywordKey key{szSymbol, 1, KeywordKey::HeadOfByte(ch)};
-    return TranslateTokenWord(key, 0);
+    return TranslateTokenWord(source, key, 0);
 }
 
 // The key lasts as long as the call. A handler that reads another word
 // meanwhile leaves no key behind, so that the outer word is then looked up
 // by its text (no reader looks a word up after its handler has run).
-inline bool CRTFParser::TranslateTokenWord(const KeywordKey& key, int param)
+// A reader that keeps the base reader's TranslateKeyword (a CBaseRTFParser,
+// then) has its work done here, the key set only for a call of a handler:
+// most words call none.
+template <class TSource>
+inline bool CRTFParser::TranslateTokenWord(TSource source, const KeywordKey& key, int param)
 {
+    int row = CBaseRTFParser::passOver;
+    if (source.KeepsBaseKeywords() &&
+        (row = static_cast<CBaseRTFParser*>(this)->TokenWordRow(key)) == CBaseRTFParser::passOver)
+        return true;
     m_tokenWord.pKey = &key;
-    const bool bOk = TranslateKeyword(key.sz, param);
-    m_tokenWord.pKey = nullptr;
+    const bool bOk = source.KeepsBaseKeywords() ? static_cast<CBaseRTFParser*>(this)->DispatchRow(row, key.sz, param)
+                                                : TranslateKeyword(key.sz, param);
+    m_tokenWord.pKey = &s_noTokenWord;
     return bOk;
 }
 

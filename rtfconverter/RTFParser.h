@@ -153,6 +153,11 @@ private:
     enum class Step { other, refused, ended };
     template <class TSource>
     Step ParseStructureAhead(TSource source);
+    // A run of text at p, first byte and all, from the offer [p, p + cb)
+    // (text is read there only from a stock reader's cursor); false when the
+    // output refused a byte of it.
+    template <class TSource>
+    bool ParseTextAhead(TSource source, const char* p, std::size_t cb);
     // The parse loop's work for one byte read through Get; false when the
     // output refused it.
     bool ParseByte(char ch);
@@ -164,18 +169,24 @@ private:
     // The word ParseKeywordAhead leaves to ParseRtfKeyword, and the control
     // symbol (or \\, \{, \}) it found: the parts kept off its common path.
     bool ParseKeywordThroughGet(std::size_t cbBefore);
-    bool ParseSymbolAhead(char ch, std::size_t cbBefore);
-    // TranslateKeyword for a word the tokenizer read, with its key.
-    inline bool TranslateTokenWord(const KeywordKey& key, int param);
+    template <class TSource>
+    bool ParseSymbolAhead(TSource source, char ch, std::size_t cbBefore);
+    // TranslateKeyword for a word the tokenizer read, with its key; the
+    // source tells whether the reader keeps the base reader's.
+    template <class TSource>
+    bool TranslateTokenWord(TSource source, const KeywordKey& key, int param);
     // '{' and '}': past the depth limit a group is only counted.
     void OpenGroup();
     void CloseGroup();
 
     // The key of the word the tokenizer hands to TranslateKeyword (the key
-    // names the word's text), while the call lasts. A copy of a reader starts without one: the key lives
-    // in the tokenizer's frame.
+    // names the word's text), while the call lasts; s_noTokenWord, which
+    // names a text no caller has, the rest of the time, so that a lookup
+    // needs no test that there is a key. A copy of a reader starts without
+    // one: the key lives in the tokenizer's frame.
+    static const KeywordKey s_noTokenWord;
     struct CTokenWord {
-        const KeywordKey* pKey = nullptr;
+        const KeywordKey* pKey = &s_noTokenWord;
         CTokenWord() = default;
         CTokenWord(const CTokenWord&) noexcept {}
         CTokenWord& operator=(const CTokenWord&) noexcept { return *this; }
@@ -188,6 +199,7 @@ private:
     // one in use as a template argument, so that the stock cursor's is
     // inlined there; the rest ask which one per call.
     class CCursorSource;
+    class CBaseKeywordsSource;
     class CHandlerSource;
     inline const char* SourceAhead(std::size_t& cb);
     inline void SourceSkip(std::size_t cb);

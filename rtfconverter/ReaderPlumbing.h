@@ -118,6 +118,16 @@ protected:
     unsigned long m_cbData;
     const unsigned char* m_pRead;
     const unsigned char* m_pMark;
+    // Set by a stock reader whose ParseRun takes at least the first byte of
+    // any run it is handed, or refuses it: the parse loop then hands it a
+    // run's first byte too, instead of to ParseChar, and never meets a run it
+    // would have to hand on again. (The old-format reader leaves a lone hex
+    // digit at a run's end for the loop, so it does not set it.)
+    bool m_bTakesWholeRuns = false;
+    // Set by a stock reader that keeps CBaseRTFParser's TranslateKeyword:
+    // the parse loop then does its work for the words it reads without the
+    // virtual call.
+    bool m_bKeepsBaseKeywords = false;
 
 private:
     std::size_t CbLeft() const { return static_cast<std::size_t>(m_pData + m_cbData - m_pRead); }

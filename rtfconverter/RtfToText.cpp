@@ -75,9 +75,18 @@ bool CRTFToPlainTextParser::ParseRun(const char* p, std::size_t cb)
     case rdsNorm:
     case rdsField:
     case rdsHyperlink:
-        // A pending skip or a paragraph number still due: byte by byte.
-        if (m_bSkipNextChar || m_bParagraphStart)
-            break;
+        // A pending skip or a paragraph number still due: the first byte
+        // goes as ParseChar takes it, which settles them (the parse loop
+        // hands a run whole, first byte and all); byte by byte if it has not.
+        if (m_bSkipNextChar || m_bParagraphStart) {
+            if (!CBaseRTFParser::ParseRun(p, 1))
+                return false;
+            ++p;
+            if (--cb == 0)
+                return true;
+            if (m_bSkipNextChar || m_bParagraphStart)
+                break;
+        }
         {
             const std::size_t cbTaken = PutText(p, cb);
             SkipAhead(cbTaken);
@@ -283,6 +292,8 @@ unsigned long CRTFToPlainTextPtrParser::GetCBWritten() const { return static_cas
 CBytePtrRTFToPlainTextPtrParser::CBytePtrRTFToPlainTextPtrParser(const unsigned char* pData, const unsigned long& cbData)
     : CByteCursor(pData, cbData)
 {
+    m_bTakesWholeRuns = true;  // ParseRun puts, drops or refuses from the first byte
+    m_bKeepsBaseKeywords = true;
 }
 
 long CBytePtrRTFToPlainTextPtrParser::Get(char& ch) { return ReadByte(ch); }

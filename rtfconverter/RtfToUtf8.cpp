@@ -143,100 +143,26 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::UnicodeKeywordRows(std
     return s_rows;
 }
 
-// Where a word's number is looked for first: one byte for each value of a
-// 12-bit hash of the word's key, naming the one word entered under it, or
-// none, or several (rare: then the index tells). Most control words of a
-// document are in neither table (borders, cell and paragraph properties): an
-// empty byte, or a word of another key, turns one away with a multiply and a
-// load or two, and a word that is in finds its number as quickly, where a
-// probe of the index follows slots and compares keys.
-class CRTFToUTF8Parser::CFirstLook {
-public:
-    static constexpr int askIndex = -2;
-
-    // Enters szKeyword as `number`, the index's number of it (-1: the index
-    // refused it, which then answers for the word). A word entered again
-    // keeps its number.
-    void Add(const char* szKeyword, int number)
-    {
-        const KeywordKey key = KeywordKey::FromText(szKeyword);
-        std::uint8_t& entry = m_entries[SlotOf(key)];
-        if (entry == 0 && number >= 0 && number < several - 1) {
-            entry = static_cast<std::uint8_t>(number + 1);
-            m_keys[number] = key;
-        } else if (entry == 0 || (entry != several && !IsKey(m_keys[entry - 1], key))) {
-            entry = several;  // a number out of range, or a second word here
-        }
-    }
-    // Sends the word to the index (and TranslateKeyword's rare cases) always.
-    void AskIndexFor(const char* szKeyword) { m_entries[SlotOf(KeywordKey::FromText(szKeyword))] = several; }
-    void AskIndexForAll() { std::fill(std::begin(m_entries), std::end(m_entries), several); }
-    // The number of the word of this key; -1 when it is in no table;
-    // askIndex when only the index can tell.
-    int Find(const KeywordKey& key) const
-    {
-        const unsigned entry = m_entries[SlotOf(key)];
-        if (entry == 0)
-            return -1;
-        if (entry == several)
-            return askIndex;
-        return IsKey(m_keys[entry - 1], key) ? static_cast<int>(entry) - 1 : -1;
-    }
-
-private:
-    static constexpr unsigned cSlots = 4096;  // some 150 words fill one slot in 27
-    static constexpr std::uint8_t several = 255;
-
-    // Multiplicative: the top bits of the product depend on every byte of the
-    // head, and the length tells apart words that share their first eight bytes.
-    static unsigned SlotOf(const KeywordKey& key)
-    {
-        return static_cast<unsigned>(((key.head + key.cch) * 0x9E3779B97F4A7C15ull) >> 52) & (cSlots - 1);
-    }
-    // The heads hold the first eight bytes; control words are short, so the
-    // rest is compared by a loop rather than a library call.
-    static bool IsKey(const KeywordKey& entered, const KeywordKey& key)
-    {
-        if (entered.head != key.head || entered.cch != key.cch)
-            return false;
-        for (std::size_t i = 8; i < key.cch; ++i)
-            if (entered.sz[i] != key.sz[i])
-                return false;
-        return true;
-    }
-
-    std::uint8_t m_entries[cSlots] = {};  // 0: no word; n: number n - 1
-    KeywordKey m_keys[several - 1] = {};  // by number
-};
-
 // Each keyword is looked up once, in one index over both tables: the
 // reader's own rows under their numbers, then the core's rows under theirs
 // plus the number of own rows (a word in both is the reader's own). The
 // first look holds every word the index holds, under the same number.
 struct CRTFToUTF8Parser::CKeywordTables {
-    CKeywordIndex index;
-    CFirstLook firstLook;
+    CKeywordLookup lookup;
     // Until the document's first word, which TranslateRareKeyword notes.
-    CFirstLook beforeFirstWord;
+    CKeywordFirstLook beforeFirstWord;
     std::size_t cOwnRows = 0;
 
     CKeywordTables()
     {
         const UnicodeKeyword* rows = UnicodeKeywordRows(cOwnRows);
         for (std::size_t row = 0; row < cOwnRows; ++row)
-            Add(rows[row].szKeyword, static_cast<int>(row));
+            lookup.Add(rows[row].szKeyword, static_cast<int>(row));
         for (int row = 0; row < cCmds; ++row)
-            Add(s_Cmds[row].szKeyword, static_cast<int>(cOwnRows) + row);
+            lookup.Add(s_Cmds[row].szKeyword, static_cast<int>(cOwnRows) + row);
         // \* is a destination's mark only at a group's start: a rare case.
-        firstLook.AskIndexFor("*");
+        lookup.firstLook.AskIndexFor("*");
         beforeFirstWord.AskIndexForAll();
-    }
-    void Add(const char* szKeyword, int number)
-    {
-        index.Add(szKeyword, number);
-        // Under the number the index gives it, whatever the index made of
-        // the row: a word it refused goes to the index again.
-        firstLook.Add(szKeyword, index.Find(szKeyword));
     }
     static const CKeywordTables& Get()
     {
@@ -249,7 +175,7 @@ const CKeywordIndex& CRTFToUTF8Parser::KeywordIndex(std::size_t& cOwnRows)
 {
     const CKeywordTables& tables = CKeywordTables::Get();
     cOwnRows = tables.cOwnRows;
-    return tables.index;
+    return tables.lookup.index;
 }
 
 const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(const char* szKeyword)
@@ -265,7 +191,7 @@ const CRTFToUTF8Parser::UnicodeKeyword* CRTFToUTF8Parser::FindUnicodeKeyword(con
 CRTFToUTF8Parser::CRTFToUTF8Parser()
 {
     const CKeywordTables& tables = CKeywordTables::Get();
-    m_pKeywordIndex = &tables.index;
+    m_pKeywordIndex = &tables.lookup.index;
     m_pFirstLook = &tables.beforeFirstWord;
     m_cOwnKeywords = static_cast<int>(tables.cOwnRows);
 }
@@ -431,8 +357,8 @@ bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
     // handler's. The other rare cases, the document's first word and \*,
     // are words the first look leaves to the index.
     const KeywordKey* pKey = TokenWordKey(szKeyword);
-    const int number = pKey ? m_pFirstLook->Find(*pKey) : CFirstLook::askIndex;
-    if (number == CFirstLook::askIndex)
+    const int number = pKey ? m_pFirstLook->Find(*pKey) : CKeywordFirstLook::askIndex;
+    if (number == CKeywordFirstLook::askIndex)
         return TranslateRareKeyword(szKeyword, param, bAtGroupStart);
     return DispatchNumber(number, szKeyword, param);
 }
@@ -446,7 +372,7 @@ RTFCONV_OUT_OF_LINE bool CRTFToUTF8Parser::TranslateRareKeyword(const char* szKe
         return true;
     if (!m_bFirstKeywordSeen) {
         m_bFirstKeywordSeen = true;
-        m_pFirstLook = &CKeywordTables::Get().firstLook;
+        m_pFirstLook = &CKeywordTables::Get().lookup.firstLook;
         m_bRtfDocument = m_cGroup == 1 && std::strcmp(szKeyword, "rtf") == 0;
     }
     // A \u ends the fallback before it: some writers give a surrogate pair's
@@ -497,8 +423,16 @@ bool CRTFToUTF8Parser::SkipFallbackKeyword(const char* szKeyword)
 
 bool CRTFToUTF8Parser::ParseRun(const char* p, std::size_t cb)
 {
-    if (m_cchUnicodeSkip > 0)
-        return CBaseRTFParser::ParseRun(p, cb);
+    // The bytes of a \uN fallback being skipped, and one a pending skip
+    // drops, lead the run (the parse loop hands a run whole, first byte and
+    // all): they go as ParseChar takes them, the rest of the run as any run.
+    while (m_cchUnicodeSkip > 0 || (m_bSkipNextChar && IsTextDestination() && m_cGroup > 0)) {
+        if (!CBaseRTFParser::ParseRun(p, 1))
+            return false;
+        ++p;
+        if (--cb == 0)
+            return true;
+    }
     m_bAtGroupStart = false;
     if (!IsTextDestination()) {
         // The destinations that collect their bytes take them one by one.
@@ -1230,6 +1164,7 @@ bool CRTFToUTF8Parser::ObjectData(const void*, int) { return true; }
 CBytePtrRTFToUTF8PtrParser::CBytePtrRTFToUTF8PtrParser(const unsigned char* pData, const unsigned long& cbData)
     : CByteCursor(pData, cbData)
 {
+    m_bTakesWholeRuns = true;  // ParseRun writes, drops or refuses from the first byte
     static const unsigned char s_bom[] = {0xEF, 0xBB, 0xBF};
     if (m_cbData >= sizeof s_bom && std::memcmp(m_pData, s_bom, sizeof s_bom) == 0)
         m_pRead += sizeof s_bom;

@@ -278,12 +278,11 @@ private:
 
     // The index over both tables, and the direct-mapped table a word's number
     // is looked for in first (RtfToUtf8.cpp).
-    class CFirstLook;
     struct CKeywordTables;
     // KeywordIndex, its number of own rows and its first look, held here so
     // that a keyword's lookup needs no test that they have been built.
     const CKeywordIndex* m_pKeywordIndex = nullptr;
-    const CFirstLook* m_pFirstLook = nullptr;
+    const CKeywordFirstLook* m_pFirstLook = nullptr;
     int m_cOwnKeywords = 0;
 
     // The font table entry being read: its name, and whether it is done.

@@ -243,15 +243,25 @@ TEST(KeywordFastPath, RunsOfEveryKindGiveTheTextOfTheByteByBytePath)
         "{\\rtf1\\ansi\\ansicpg932 " + filler + "\x82\xa0" + filler + "\x82}",
         // Skipped destinations and hex data in lines.
         "{\\rtf1 a{\\*\\unknown " + filler + "\r\n" + filler + "}{\\pict\\pngblip 0102\r\n0304\n\r0506}b\\par}",
+        // Runs of one byte between words, after a \uN fallback and a
+        // paragraph number, and in numbering texts: a stock reader's loop
+        // hands each run whole, first byte and all, to ParseRun.
+        "{\\rtf1\\pard{\\*\\pn\\pnlvl2\\pnstart3\\pndec{\\pntxtb [}{\\pntxta ]}}a\\b b\\b0 c\\u233 de\\'41f\r\ng"
+        "{\\pntext h}i\\par\\pard j}",
+        // A \* left pending by a group's end hides the rest of the group
+        // of the next word in no table; one a known word follows does not.
+        "{\\rtf1 a{\\*}{b\\zzz c}d{\\*\\b e}f{\\*\\yyy g}h\\par}",
     };
     for (const std::string& rtf : rows)
-        for (std::size_t cbBuffer = 4; cbBuffer <= rtf.size() + 4; cbBuffer += 3) {
+        for (std::size_t cbBuffer = 1; cbBuffer <= rtf.size() + 4; cbBuffer += 3) {
             ExpectSameTextWithoutRuns<CBytePtrRTFToPlainTextPtrParser>(rtf, cbBuffer);
             ExpectSameTextWithoutRuns<CBytePtrRTFToUTF8PtrParser>(rtf, cbBuffer);
         }
 
     CBytePtrRTFToPlainTextPtrParser text(Bytes(rows[0]), static_cast<unsigned long>(rows[0].size()));
     EXPECT_EQ(ReadText(text, 64), " " + filler + " " + filler.substr(0, 14) + "  " + filler + " ");
+    CBytePtrRTFToPlainTextPtrParser optional(Bytes(rows[5]), static_cast<unsigned long>(rows[5].size()));
+    EXPECT_EQ(ReadText(optional, 64), "abdefh\r");
     CBytePtrRTFToUTF8PtrParser utf8(Bytes(rows[1]), static_cast<unsigned long>(rows[1].size()));
     // In the symbol font x is a xi, a b c are alpha beta chi.
     std::string xis;
@@ -580,6 +590,14 @@ namespace {
 class CTestTable : public CBaseRTFParser {
 public:
     static const CKeywordIndex& Index() { return KeywordIndex(); }
+    // The core's lookup, first look and all, filled as the core fills it.
+    static CKeywordLookup Lookup()
+    {
+        CKeywordLookup lookup;
+        for (int row = 0; row < cCmds; ++row)
+            lookup.Add(s_Cmds[row].szKeyword, row);
+        return lookup;
+    }
     static int FindLinear(const char* szKeyword)
     {
         for (int row = 0; row < cCmds; ++row)
@@ -600,6 +618,7 @@ TEST(KeywordLookup, KeysMadeFromScannedBytesFindWhatTheTextFinds)
                                  "stylesheet", "stylesheex", "stylesheets", "colortbl", "colortb", "COLORTBL",
                                  "'", "*", ";", "x", "abcdefghijklmnopqrstuvwxyzabcd"};
     const CKeywordIndex& index = CTestTable::Index();
+    const CKeywordLookup lookup = CTestTable::Lookup();
     for (const char* word : words) {
         const std::size_t cch = std::strlen(word);
         // The scanner's buffer: the word, its NUL, then bytes of the input.
@@ -611,14 +630,41 @@ TEST(KeywordLookup, KeysMadeFromScannedBytesFindWhatTheTextFinds)
         const KeywordKey key{padded, cch, KeywordKey::HeadOf(first8, cch)};
         EXPECT_EQ(index.Find(key), index.Find(word)) << word;
         EXPECT_EQ(index.Find(key), CTestTable::FindLinear(word)) << word;
+        EXPECT_EQ(lookup.FindTokenWord(key), CTestTable::FindLinear(word)) << word;
     }
+}
+
+TEST(KeywordLookup, WordsSharingAFirstLookSlotAreFoundThroughTheIndex)
+{
+    // Three words whose keys fall on one slot of the first look: two in the
+    // table and one not, found by a search that stops at the first slot
+    // three words share.
+    std::vector<std::string> names;
+    std::vector<std::vector<std::size_t>> bySlot(4096);
+    std::vector<std::size_t> same;
+    for (std::size_t i = 0; same.empty() && i < 100000; ++i) {
+        names.push_back("w" + std::to_string(i));
+        std::vector<std::size_t>& slot = bySlot[KeywordKey::HashBits(KeywordKey::FromText(names.back().c_str()), 12)];
+        slot.push_back(i);
+        if (slot.size() == 3)
+            same = slot;
+    }
+    ASSERT_EQ(same.size(), 3u);
+    CKeywordLookup lookup;
+    lookup.Add(names[same[0]].c_str(), 7);
+    lookup.Add(names[same[1]].c_str(), 9);
+    lookup.Add(names[same[0]].c_str(), 8);  // entered again: keeps 7
+    EXPECT_EQ(lookup.FindTokenWord(KeywordKey::FromText(names[same[0]].c_str())), 7);
+    EXPECT_EQ(lookup.FindTokenWord(KeywordKey::FromText(names[same[1]].c_str())), 9);
+    EXPECT_EQ(lookup.FindTokenWord(KeywordKey::FromText(names[same[2]].c_str())), -1);
+    EXPECT_EQ(lookup.firstLook.Find(KeywordKey::FromText(names[same[2]].c_str())), CKeywordFirstLook::askIndex);
 }
 
 namespace {
 
 // A host's reader derived from a stock one that watches the source handlers
 // the parse loop may take over for the stock class itself, Get among them
-// (a stock reader's loop reads the first byte of a run of text itself).
+// (a stock reader's loop reads a run of text itself).
 template <class TReader>
 class CWatchedSource : public TReader {
 public:
