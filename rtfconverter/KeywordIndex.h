@@ -8,6 +8,7 @@
 
 #include "rtfconverter/BaseRTFParser.h"
 #include "rtfconverter/RTFParser.h"
+#include "rtfconverter/RtfToUtf8.h"
 
 // For the readers' keyword dispatch: a rare case kept out of line, where
 // inlined it would cost every call of the caller its saved registers.
@@ -273,6 +274,22 @@ inline bool CBaseRTFParser::TranslateTokenWordKey(const KeywordKey& key, int par
 {
     const int row = TokenWordRow(key);
     return row == passOver || DispatchRow(row, key.sz, param);
+}
+
+inline int CRTFToUTF8Parser::TokenWordNumber(const KeywordKey& key)
+{
+    // A word met while a \uN fallback is being skipped counts as a
+    // fallback character: a rare case.
+    if (m_cchUnicodeSkip > 0)
+        return CKeywordFirstLook::askIndex;
+    const int number = m_pFirstLook->Find(key);
+    // A word in neither table (most words of a document) only ends a
+    // pending \*.
+    if (number == -1 && !m_bOptionalDest) {
+        m_bAtGroupStart = false;
+        return passOver;
+    }
+    return number;
 }
 
 } // namespace rtf_converter

@@ -7,6 +7,7 @@
 #include "rtfconverter/ByteScan.h"
 #include "rtfconverter/KeywordIndex.h"
 #include "rtfconverter/ReaderPlumbing.h"
+#include "rtfconverter/RtfToUtf8.h"
 
 namespace rtf_converter {
 
@@ -242,7 +243,7 @@ public:
     // reads the first byte of a run of text itself too.
     static constexpr bool bReadsText = true;
     bool TakesWholeRuns() const { return m_cursor.m_bTakesWholeRuns; }
-    static constexpr bool KeepsBaseKeywords() { return false; }
+    static constexpr CByteCursor::KeywordWork keywordWork = CByteCursor::KeywordWork::reader;
     // A stock reader's handlers never open or close a group: its group
     // count changes only at the braces the loop reads.
     static constexpr bool bGroupsAtBracesOnly = true;
@@ -256,13 +257,19 @@ private:
     CByteCursor& m_cursor;
 };
 
-// The stock cursor of a reader that keeps CBaseRTFParser's TranslateKeyword
-// (CByteCursor::m_bKeepsBaseKeywords): a loop of its own, with that work for
-// the words it reads inlined, keeps the other readers' loop as it was.
+// The stock cursor of a reader whose TranslateKeyword the loop knows
+// (CByteCursor::m_keywordWork): a loop of its own for each, with that work
+// for the words it reads inlined, keeps the other readers' loop as it was.
 class CRTFParser::CBaseKeywordsSource : public CCursorSource {
 public:
     using CCursorSource::CCursorSource;
-    static constexpr bool KeepsBaseKeywords() { return true; }
+    static constexpr CByteCursor::KeywordWork keywordWork = CByteCursor::KeywordWork::baseReader;
+};
+
+class CRTFParser::CUtf8KeywordsSource : public CCursorSource {
+public:
+    using CCursorSource::CCursorSource;
+    static constexpr CByteCursor::KeywordWork keywordWork = CByteCursor::KeywordWork::utf8Reader;
 };
 
 // Any other source, through its virtual handlers.
@@ -285,7 +292,7 @@ public:
     // expects.
     static constexpr bool bReadsText = false;
     static constexpr bool TakesWholeRuns() { return false; }
-    static constexpr bool KeepsBaseKeywords() { return false; }
+    static constexpr CByteCursor::KeywordWork keywordWork = CByteCursor::KeywordWork::reader;
     // A derived reader's handler may do anything to the group count.
     static constexpr bool bGroupsAtBracesOnly = false;
 
@@ -319,9 +326,7 @@ void CRTFParser::Parse(bool& bMore)
     MarkBacktrack(0);
 
     for (;;) {
-        const Step step = !m_cursor.p                          ? ParseStructureAhead(CHandlerSource(*this))
-                          : m_cursor.p->m_bKeepsBaseKeywords ? ParseStructureAhead(CBaseKeywordsSource(*m_cursor.p))
-                                                             : ParseStructureAhead(CCursorSource(*m_cursor.p));
+        const Step step = ParseStructure();
         if (step == Step::refused) {
             bMore = true;
             return;
@@ -338,6 +343,22 @@ void CRTFParser::Parse(bool& bMore)
         if (m_cGroup < 1 || bMore)
             return;
     }
+}
+
+CRTFParser::Step CRTFParser::ParseStructure()
+{
+    using Work = CByteCursor::KeywordWork;
+    if (!m_cursor.p)
+        return ParseStructureAhead(CHandlerSource(*this));
+    switch (m_cursor.p->m_keywordWork) {
+    case Work::baseReader:
+        return ParseStructureAhead(CBaseKeywordsSource(*m_cursor.p));
+    case Work::utf8Reader:
+        return ParseStructureAhead(CUtf8KeywordsSource(*m_cursor.p));
+    case Work::reader:
+        break;
+    }
+    return ParseStructureAhead(CCursorSource(*m_cursor.p));
 }
 
 bool CRTFParser::ParseByte(char ch)
@@ -625,19 +646,31 @@ RTFCONV_OUT_OF_LINE bool CRTFParser::ParseSymbolAhead(TSource source, char ch, s
 // The key lasts as long as the call. A handler that reads another word
 // meanwhile leaves no key behind, so that the outer word is then looked up
 // by its text (no reader looks a word up after its handler has run).
-// A reader that keeps the base reader's TranslateKeyword (a CBaseRTFParser,
-// then) has its work done here, the key set only for a call of a handler:
-// most words call none.
+// A stock reader whose TranslateKeyword the loop knows (a CBaseRTFParser or
+// a CRTFToUTF8Parser, then, as the source says) has that work done here, the
+// key set only for a call of a handler: most words call none.
 template <class TSource>
-inline bool CRTFParser::TranslateTokenWord(TSource source, const KeywordKey& key, int param)
+inline bool CRTFParser::TranslateTokenWord(TSource, const KeywordKey& key, int param)
 {
-    int row = CBaseRTFParser::passOver;
-    if (source.KeepsBaseKeywords() &&
-        (row = static_cast<CBaseRTFParser*>(this)->TokenWordRow(key)) == CBaseRTFParser::passOver)
-        return true;
+    using Work = CByteCursor::KeywordWork;
+    int number = 0;
+    if constexpr (TSource::keywordWork == Work::baseReader) {
+        number = static_cast<CBaseRTFParser*>(this)->TokenWordRow(key);
+        if (number == CBaseRTFParser::passOver)
+            return true;
+    } else if constexpr (TSource::keywordWork == Work::utf8Reader) {
+        number = static_cast<CRTFToUTF8Parser*>(this)->TokenWordNumber(key);
+        if (number == CRTFToUTF8Parser::passOver)
+            return true;
+    }
     m_tokenWord.pKey = &key;
-    const bool bOk = source.KeepsBaseKeywords() ? static_cast<CBaseRTFParser*>(this)->DispatchRow(row, key.sz, param)
-                                                : TranslateKeyword(key.sz, param);
+    bool bOk = true;
+    if constexpr (TSource::keywordWork == Work::baseReader)
+        bOk = static_cast<CBaseRTFParser*>(this)->DispatchRow(number, key.sz, param);
+    else if constexpr (TSource::keywordWork == Work::utf8Reader)
+        bOk = static_cast<CRTFToUTF8Parser*>(this)->TranslateNumberedKeyword(number, key.sz, param);
+    else
+        bOk = TranslateKeyword(key.sz, param);
     m_tokenWord.pKey = &s_noTokenWord;
     return bOk;
 }

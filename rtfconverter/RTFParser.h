@@ -153,6 +153,8 @@ private:
     enum class Step { other, refused, ended };
     template <class TSource>
     Step ParseStructureAhead(TSource source);
+    // ParseStructureAhead from the source in use for this Parse.
+    Step ParseStructure();
     // A run of text at p, first byte and all, from the offer [p, p + cb)
     // (text is read there only from a stock reader's cursor); false when the
     // output refused a byte of it.
@@ -200,6 +202,7 @@ private:
     // inlined there; the rest ask which one per call.
     class CCursorSource;
     class CBaseKeywordsSource;
+    class CUtf8KeywordsSource;
     class CHandlerSource;
     inline const char* SourceAhead(std::size_t& cb);
     inline void SourceSkip(std::size_t cb);

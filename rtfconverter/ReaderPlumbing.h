@@ -124,10 +124,15 @@ protected:
     // would have to hand on again. (The old-format reader leaves a lone hex
     // digit at a run's end for the loop, so it does not set it.)
     bool m_bTakesWholeRuns = false;
-    // Set by a stock reader that keeps CBaseRTFParser's TranslateKeyword:
-    // the parse loop then does its work for the words it reads without the
-    // virtual call.
-    bool m_bKeepsBaseKeywords = false;
+    // Whose TranslateKeyword a stock reader keeps, when the parse loop knows
+    // it: the loop then does its work for the words it reads without the
+    // virtual call, and passes over the words it would do nothing for.
+    enum class KeywordWork : unsigned char {
+        reader,      // the reader's own, called for every word
+        baseReader,  // CBaseRTFParser's
+        utf8Reader,  // CRTFToUTF8Parser's
+    };
+    KeywordWork m_keywordWork = KeywordWork::reader;
 
 private:
     std::size_t CbLeft() const { return static_cast<std::size_t>(m_pData + m_cbData - m_pRead); }

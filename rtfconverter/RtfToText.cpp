@@ -293,7 +293,7 @@ CBytePtrRTFToPlainTextPtrParser::CBytePtrRTFToPlainTextPtrParser(const unsigned 
     : CByteCursor(pData, cbData)
 {
     m_bTakesWholeRuns = true;  // ParseRun puts, drops or refuses from the first byte
-    m_bKeepsBaseKeywords = true;
+    m_keywordWork = KeywordWork::baseReader;
 }
 
 long CBytePtrRTFToPlainTextPtrParser::Get(char& ch) { return ReadByte(ch); }

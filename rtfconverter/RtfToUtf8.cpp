@@ -348,16 +348,19 @@ bool CRTFToUTF8Parser::PopRtfState()
 
 bool CRTFToUTF8Parser::TranslateKeyword(const char* szKeyword, int param)
 {
+    // A word met while a \uN fallback is being skipped is a rare case.
+    const KeywordKey* pKey = m_cchUnicodeSkip > 0 ? nullptr : TokenWordKey(szKeyword);
+    return TranslateNumberedKeyword(pKey ? m_pFirstLook->Find(*pKey) : CKeywordFirstLook::askIndex, szKeyword, param);
+}
+
+// The word's handler called from here: the common case saves no registers
+// and makes no call but the handler's. The rare cases other than a \uN
+// fallback, the document's first word and \*, are words the first look
+// leaves to the index.
+bool CRTFToUTF8Parser::TranslateNumberedKeyword(int number, const char* szKeyword, int param)
+{
     const bool bAtGroupStart = m_bAtGroupStart;
     m_bAtGroupStart = false;
-    if (m_cchUnicodeSkip > 0)
-        return TranslateRareKeyword(szKeyword, param, bAtGroupStart);
-    // The word's number from the first look, and its handler called from
-    // here: the common case saves no registers and makes no call but the
-    // handler's. The other rare cases, the document's first word and \*,
-    // are words the first look leaves to the index.
-    const KeywordKey* pKey = TokenWordKey(szKeyword);
-    const int number = pKey ? m_pFirstLook->Find(*pKey) : CKeywordFirstLook::askIndex;
     if (number == CKeywordFirstLook::askIndex)
         return TranslateRareKeyword(szKeyword, param, bAtGroupStart);
     return DispatchNumber(number, szKeyword, param);
@@ -1165,6 +1168,7 @@ CBytePtrRTFToUTF8PtrParser::CBytePtrRTFToUTF8PtrParser(const unsigned char* pDat
     : CByteCursor(pData, cbData)
 {
     m_bTakesWholeRuns = true;  // ParseRun writes, drops or refuses from the first byte
+    m_keywordWork = KeywordWork::utf8Reader;
     static const unsigned char s_bom[] = {0xEF, 0xBB, 0xBF};
     if (m_cbData >= sizeof s_bom && std::memcmp(m_pData, s_bom, sizeof s_bom) == 0)
         m_pRead += sizeof s_bom;

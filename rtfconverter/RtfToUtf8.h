@@ -263,6 +263,19 @@ private:
     // Writes the UTF-8 bytes of cp, all or nothing.
     bool PutCodePoint(char32_t cp);
     bool PutBytes(const char* pch, int cch);
+    // The parse loop of the stock reader (CByteCursor::KeywordWork) does
+    // TranslateKeyword's work for the words it reads itself: it asks
+    // TokenWordNumber for the word's number, and passes over a word that
+    // gives passOver (in neither table, nothing pending: TranslateKeyword
+    // would only note that the group's start is past, which TokenWordNumber
+    // has done); any other number goes to TranslateNumberedKeyword.
+    // (TokenWordNumber is defined with the key, in KeywordIndex.h.)
+    friend class CRTFParser;
+    static constexpr int passOver = -3;
+    inline int TokenWordNumber(const KeywordKey& key);
+    // TranslateKeyword once the first look has given the word's number
+    // (CKeywordFirstLook::askIndex: the rare cases decide).
+    bool TranslateNumberedKeyword(int number, const char* szKeyword, int param);
     // TranslateKeyword's rare cases: the document's first word, \*, a word
     // met while a \uN fallback is being skipped, and a word the first look
     // leaves to the index.
