@@ -284,8 +284,11 @@ inline int CRTFToUTF8Parser::TokenWordNumber(const KeywordKey& key)
         return CKeywordFirstLook::askIndex;
     const int number = m_pFirstLook->Find(key);
     // A word in neither table (most words of a document) only ends a
-    // pending \*.
-    if (number == -1 && !m_bOptionalDest) {
+    // pending \*; so do the words whose handlers do nothing here (\b, \fs,
+    // \cf, ...), and inside a skipped destination nearly every word.
+    if (m_bOptionalDest || number == CKeywordFirstLook::askIndex)
+        return number;
+    if (number == -1 || (m_pNoEffect[number] & (m_rds == rdsSkip ? noEffectInSkip : noEffectOutsideSkip))) {
         m_bAtGroupStart = false;
         return passOver;
     }

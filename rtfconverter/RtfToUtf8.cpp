@@ -152,14 +152,20 @@ struct CRTFToUTF8Parser::CKeywordTables {
     // Until the document's first word, which TranslateRareKeyword notes.
     CKeywordFirstLook beforeFirstWord;
     std::size_t cOwnRows = 0;
+    // By number: m_pNoEffect.
+    unsigned char noEffect[CKeywordIndex::maxNumber + 1] = {};
 
     CKeywordTables()
     {
         const UnicodeKeyword* rows = UnicodeKeywordRows(cOwnRows);
-        for (std::size_t row = 0; row < cOwnRows; ++row)
+        for (std::size_t row = 0; row < cOwnRows; ++row) {
             lookup.Add(rows[row].szKeyword, static_cast<int>(row));
-        for (int row = 0; row < cCmds; ++row)
+            noEffect[row] = NoEffectOfOwnRow(rows[row]);
+        }
+        for (int row = 0; row < cCmds; ++row) {
             lookup.Add(s_Cmds[row].szKeyword, static_cast<int>(cOwnRows) + row);
+            noEffect[cOwnRows + static_cast<std::size_t>(row)] = NoEffectOfCoreRow(s_Cmds[row]);
+        }
         // \* is a destination's mark only at a group's start: a rare case.
         lookup.firstLook.AskIndexFor("*");
         beforeFirstWord.AskIndexForAll();
@@ -168,6 +174,40 @@ struct CRTFToUTF8Parser::CKeywordTables {
     {
         static const CKeywordTables s_tables;
         return s_tables;
+    }
+
+    // As DispatchNumber has it: inside a skipped destination only the rows
+    // marked for it are honoured, and a typographic keyword of no character
+    // writes nothing.
+    static unsigned char NoEffectOfOwnRow(const UnicodeKeyword& row)
+    {
+        const bool bNoEffect = row.pfnHandler == &CRTFToUTF8Parser::InsertCharacter && row.cp == 0;
+        return static_cast<unsigned char>((bNoEffect ? noEffectOutsideSkip : 0) | (row.bInSkip ? 0 : noEffectInSkip));
+    }
+    // Inside a skipped destination no row of the core's table is honoured;
+    // outside, the rows of the handlers this reader overrides to do nothing
+    // (see "keywords that have no effect on the text" below, which must stay
+    // in step with this list; \lquote, \rquote and \bin are the reader's
+    // own words, whose core rows are never reached).
+    static unsigned char NoEffectOfCoreRow(const tagCMDASSN& row)
+    {
+        static constexpr const char* s_wordsWithoutEffect[] = {
+            "b", "ul", "i", "strike", "super", "sub", "cchs",                           // ApplyCharCommand
+            "fnil", "froman", "fswiss", "fmodern", "fscript", "fdecor", "ftech", "fbidi",  // FillFontFamily
+            "fs",                                                                      // ApplyFontSize
+            "red", "green", "blue",                                                    // FillColorTable
+            "cf",                                                                      // ApplyColorCommand
+            "cb", "chcfpat", "cfpat",                                                  // ApplyBKColorCommand
+            ";",                                                                       // ProcessSpecial
+            "pngblip", "jpegblip", "emfblip", "wmetafile", "dibitmap", "objemb", "objlink",  // SetPictureType
+            "objdata",                                                                 // ObjectData
+            "trowd",                                                                   // ApplyStartRowCommand
+            "lastrow",                                                                 // ApplyLastRowCommand
+            "field",                                                                   // FieldInit
+        };
+        const bool bNoEffect = std::any_of(std::begin(s_wordsWithoutEffect), std::end(s_wordsWithoutEffect),
+                                           [&](const char* sz) { return std::strcmp(sz, row.szKeyword) == 0; });
+        return static_cast<unsigned char>((bNoEffect ? noEffectOutsideSkip : 0) | noEffectInSkip);
     }
 };
 
@@ -194,6 +234,7 @@ CRTFToUTF8Parser::CRTFToUTF8Parser()
     m_pKeywordIndex = &tables.lookup.index;
     m_pFirstLook = &tables.beforeFirstWord;
     m_cOwnKeywords = static_cast<int>(tables.cOwnRows);
+    m_pNoEffect = tables.noEffect;
 }
 
 void CRTFToUTF8Parser::SetNewline(Newline newline)
@@ -1141,6 +1182,8 @@ bool CRTFToUTF8Parser::ObjectResult(const void*, int)
 }
 
 // --- keywords that have no effect on the text
+// (The stock reader's loop passes over the words of these handlers without
+// calling them: CKeywordTables::NoEffectOfCoreRow lists them.)
 
 bool CRTFToUTF8Parser::AttachmentHandler() { return true; }
 bool CRTFToUTF8Parser::FieldInit(const void*, int) { return true; }

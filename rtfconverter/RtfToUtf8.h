@@ -266,9 +266,10 @@ private:
     // The parse loop of the stock reader (CByteCursor::KeywordWork) does
     // TranslateKeyword's work for the words it reads itself: it asks
     // TokenWordNumber for the word's number, and passes over a word that
-    // gives passOver (in neither table, nothing pending: TranslateKeyword
-    // would only note that the group's start is past, which TokenWordNumber
-    // has done); any other number goes to TranslateNumberedKeyword.
+    // gives passOver (with nothing pending, a word in neither table, or one
+    // whose work has no effect here: TranslateKeyword would only note that
+    // the group's start is past, which TokenWordNumber has done); any other
+    // number goes to TranslateNumberedKeyword.
     // (TokenWordNumber is defined with the key, in KeywordIndex.h.)
     friend class CRTFParser;
     static constexpr int passOver = -3;
@@ -297,6 +298,11 @@ private:
     const CKeywordIndex* m_pKeywordIndex = nullptr;
     const CKeywordFirstLook* m_pFirstLook = nullptr;
     int m_cOwnKeywords = 0;
+    // By the index's number, where the stock reader's work for the word,
+    // with no \* pending, has no effect but to note that the group's start
+    // is past (TokenWordNumber): outside a skipped destination, inside one.
+    enum : unsigned char { noEffectOutsideSkip = 1, noEffectInSkip = 2 };
+    const unsigned char* m_pNoEffect = nullptr;
 
     // The font table entry being read: its name, and whether it is done.
     std::string m_fontName;

@@ -140,7 +140,7 @@ TEST(RtfToUtf8, UnicodeAndItsFallback)
         {"\\uc2 double-byte", R"({\rtf1\ansicpg932\uc2\u12354\'82\'a0x})", "あx"},
         {"\\uc2 plain", R"({\rtf1\uc2\u945 abx})", "αx"},
         {"keyword counts as one", R"({\rtf1\uc1\u8220\ldblquote x})", "“x"},
-        {"words in no table count as one each", R"({\rtf1\uc2\u233\brdrs\unknown ab})", "éab"},
+        {"words of no effect count as one each", R"({\rtf1\uc2\u233\brdrs\fs20 ab})", "éab"},
         {"\\uc ends with its group", R"({\rtf1\uc2{\uc0\u8212 a}\u8212 ab c})", "—a— c"},
         {"a brace ends the skipping", R"({\rtf1\uc3\u8212{x}})", "—x"},
         {"negative", R"({\rtf1\u-191?})", "ａ"},
@@ -173,7 +173,7 @@ TEST(RtfToUtf8, KeywordsAndDestinations)
         {"\\* then a word of the core's", R"({\rtf1 a{\*\fs20 x}b})", "axb"},
         {"\\* then a word of the reader's", R"({\rtf1 a{\*\emdash x}b})", "a—xb"},
         {"\\* inside a group means nothing", R"({\rtf1 a\*\unknown b{\*\unknown\*\fs20 z}c})", "abc"},
-        {"\\* after a word in no table", R"({\rtf1 a{\brdrs\*\unknown x}b})", "axb"},
+        {"\\* after a word in no table or of no effect", R"({\rtf1 a{\brdrs\*\unknown x}{\b\*\unknown y}b})", "axyb"},
         {"words in a skipped destination", R"({\rtf1 a{\*\unknown{\*\other y}\fs20\emdash z}b})", "ab"},
     });
 }
