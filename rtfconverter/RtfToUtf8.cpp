@@ -188,10 +188,12 @@ struct CRTFToUTF8Parser::CKeywordTables {
     // outside, the rows of the handlers this reader overrides to do nothing
     // (see "keywords that have no effect on the text" below, which must stay
     // in step with this list; \lquote, \rquote and \bin are the reader's
-    // own words, whose core rows are never reached).
+    // own words, whose core rows are never reached), and of the paragraph
+    // properties, for which only \pard does something (ApplyParCommand).
     static unsigned char NoEffectOfCoreRow(const tagCMDASSN& row)
     {
         static constexpr const char* s_wordsWithoutEffect[] = {
+            "qr", "qc", "ql", "li", "fi", "ri", "tx", "tb", "tldot", "tlhyph", "tlul", "tleq",  // ApplyParCommand, all but \pard
             "b", "ul", "i", "strike", "super", "sub", "cchs",                           // ApplyCharCommand
             "fnil", "froman", "fswiss", "fmodern", "fscript", "fdecor", "ftech", "fbidi",  // FillFontFamily
             "fs",                                                                      // ApplyFontSize
@@ -1075,6 +1077,8 @@ bool CRTFToUTF8Parser::SetInTable(char32_t, int)
     return true;
 }
 
+// Only \pard does something here: the stock reader's loop passes over the
+// other words of this handler (CKeywordTables::NoEffectOfCoreRow).
 bool CRTFToUTF8Parser::ApplyParCommand(const void* pKeyword, int param)
 {
     if (IsKeyword(pKeyword, "pard"))

@@ -173,7 +173,7 @@ TEST(RtfToUtf8, KeywordsAndDestinations)
         {"\\* then a word of the core's", R"({\rtf1 a{\*\fs20 x}b})", "axb"},
         {"\\* then a word of the reader's", R"({\rtf1 a{\*\emdash x}b})", "a—xb"},
         {"\\* inside a group means nothing", R"({\rtf1 a\*\unknown b{\*\unknown\*\fs20 z}c})", "abc"},
-        {"\\* after a word in no table or of no effect", R"({\rtf1 a{\brdrs\*\unknown x}{\b\*\unknown y}b})", "axyb"},
+        {"\\* after a word in no table or of no effect", R"({\rtf1 a{\brdrs\*\unknown x}{\b\*\unknown y}{\ql\*\unknown z}{\*\qc w}b})", "axyzwb"},
         {"words in a skipped destination", R"({\rtf1 a{\*\unknown{\*\other y}\fs20\emdash z}b})", "ab"},
     });
 }
