@@ -162,10 +162,9 @@ struct CRTFToUTF8Parser::CKeywordTables {
             lookup.Add(rows[row].szKeyword, static_cast<int>(row));
             noEffect[row] = NoEffectOfOwnRow(rows[row]);
         }
-        for (int row = 0; row < cCmds; ++row) {
+        for (int row = 0; row < cCmds; ++row)
             lookup.Add(s_Cmds[row].szKeyword, static_cast<int>(cOwnRows) + row);
-            noEffect[cOwnRows + static_cast<std::size_t>(row)] = NoEffectOfCoreRow(s_Cmds[row]);
-        }
+        MarkCoreWordsWithoutEffect();
         // \* is a destination's mark only at a group's start: a rare case.
         lookup.firstLook.AskIndexFor("*");
         beforeFirstWord.AskIndexForAll();
@@ -184,13 +183,14 @@ struct CRTFToUTF8Parser::CKeywordTables {
         const bool bNoEffect = row.pfnHandler == &CRTFToUTF8Parser::InsertCharacter && row.cp == 0;
         return static_cast<unsigned char>((bNoEffect ? noEffectOutsideSkip : 0) | (row.bInSkip ? 0 : noEffectInSkip));
     }
-    // Inside a skipped destination no row of the core's table is honoured;
-    // outside, the rows of the handlers this reader overrides to do nothing
-    // (see "keywords that have no effect on the text" below, which must stay
-    // in step with this list; \lquote, \rquote and \bin are the reader's
-    // own words, whose core rows are never reached), and of the paragraph
-    // properties, for which only \pard does something (ApplyParCommand).
-    static unsigned char NoEffectOfCoreRow(const tagCMDASSN& row)
+    // Outside a skipped destination, the words of the core's table whose
+    // handlers this reader overrides to do nothing (see "keywords that have
+    // no effect on the text" below, which must stay in step with this list;
+    // \lquote, \rquote and \bin are the reader's own words, whose core rows
+    // are never reached), and the paragraph properties, for which only \pard
+    // does something (ApplyParCommand). Inside one, no row of the core's
+    // table is honoured.
+    void MarkCoreWordsWithoutEffect()
     {
         static constexpr const char* s_wordsWithoutEffect[] = {
             "qr", "qc", "ql", "li", "fi", "ri", "tx", "tb", "tldot", "tlhyph", "tlul", "tleq",  // ApplyParCommand, all but \pard
@@ -207,9 +207,15 @@ struct CRTFToUTF8Parser::CKeywordTables {
             "lastrow",                                                                 // ApplyLastRowCommand
             "field",                                                                   // FieldInit
         };
-        const bool bNoEffect = std::any_of(std::begin(s_wordsWithoutEffect), std::end(s_wordsWithoutEffect),
-                                           [&](const char* sz) { return std::strcmp(sz, row.szKeyword) == 0; });
-        return static_cast<unsigned char>((bNoEffect ? noEffectOutsideSkip : 0) | noEffectInSkip);
+        for (std::size_t number = cOwnRows; number < cOwnRows + cCmds; ++number)
+            noEffect[number] = noEffectInSkip;
+        // Looked up, not compared with every row; a word of the reader's own
+        // would keep its own row's verdict.
+        for (const char* szKeyword : s_wordsWithoutEffect) {
+            const int number = lookup.index.Find(szKeyword);
+            if (number >= static_cast<int>(cOwnRows))
+                noEffect[number] |= noEffectOutsideSkip;
+        }
     }
 };
 
@@ -1078,7 +1084,7 @@ bool CRTFToUTF8Parser::SetInTable(char32_t, int)
 }
 
 // Only \pard does something here: the stock reader's loop passes over the
-// other words of this handler (CKeywordTables::NoEffectOfCoreRow).
+// other words of this handler (CKeywordTables::MarkCoreWordsWithoutEffect).
 bool CRTFToUTF8Parser::ApplyParCommand(const void* pKeyword, int param)
 {
     if (IsKeyword(pKeyword, "pard"))
@@ -1187,7 +1193,7 @@ bool CRTFToUTF8Parser::ObjectResult(const void*, int)
 
 // --- keywords that have no effect on the text
 // (The stock reader's loop passes over the words of these handlers without
-// calling them: CKeywordTables::NoEffectOfCoreRow lists them.)
+// calling them: CKeywordTables::MarkCoreWordsWithoutEffect lists them.)
 
 bool CRTFToUTF8Parser::AttachmentHandler() { return true; }
 bool CRTFToUTF8Parser::FieldInit(const void*, int) { return true; }
