@@ -484,6 +484,7 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
         // position; one met before is written before the choice of the rest.
         if (c == bcCmdStart && p[1] == CDocCmd::font) {
             if (const char* pAfter = AddRememberedFontCmd(p, pEnd)) {
+                pAfter = AddRunsAndRememberedFontCmds(pAfter, pEnd, chLast, nTextPos);
                 m_pAfterCommand = pAfter;
                 p = pAfter - 1;
                 pRun = pAfter;
@@ -977,31 +978,97 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
     // The text's NUL is at pTextEnd: the block from pCmd stays before it.
     if (static_cast<std::size_t>(pTextEnd - pCmd) < kcbFontCmdLook) return nullptr;
     static_assert(kcbFontCmdLook == byte_scan::CommandLook::kcbLook, "the remembered source is the look");
-    constexpr std::size_t kBlocks = byte_scan::CommandLook::kBlocks;
     const byte_scan::CommandLook look = byte_scan::LookAtCommand(pCmd, CDocCmd::chCmdEnd, kcbFontCmdLook);
     const std::size_t cb = look.cb;
     if (cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) return nullptr;  // also no end in the look
-    const __m128i* const key = look.key;
-    const std::uint64_t h = byte_scan::HashOfLook(look);
     if (!m_rememberedFontCmds) m_rememberedFontCmds.reset(new RememberedFontCmd[std::size_t(1) << kRememberedFontCmdBits]());
-    RememberedFontCmd& slot = m_rememberedFontCmds[static_cast<std::size_t>(h >> (64 - kRememberedFontCmdBits))];
-    __m128i same = _mm_set1_epi8(-1);
-    for (std::size_t k = 0; k < kBlocks; ++k) {
-        const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(slot.source + 2 * k));
-        same = _mm_and_si128(same, _mm_cmpeq_epi8(held, key[k]));
-    }
-    if (_mm_movemask_epi8(same) != 0xFFFF) {
-        std::uint64_t source[kFontCmdLookWords];
-        for (std::size_t k = 0; k < kBlocks; ++k) _mm_storeu_si128(reinterpret_cast<__m128i*>(source + 2 * k), key[k]);
-        RememberFontCmd(slot, pCmd, cb, source);
-    }
-    AddFontWords(slot.words);
+    AddFontWords(RememberedFontCmdOf(pCmd, look).words);
     return pCmd + cb;
 #else
     (void)pCmd;
     (void)pTextEnd;
     return nullptr;
 #endif
+}
+
+#if RTFCONV_SCAN_SSE2
+// The slot of the font command at pCmd, a look with its end, holding the
+// command once this returns: its key's blocks, folded into one, pick it.
+[[gnu::always_inline]] inline COldToRTF::RememberedFontCmd& COldToRTF::RememberedFontCmdOf(const char* pCmd,
+                                                                                        const byte_scan::CommandLook& look)
+{
+    constexpr std::size_t kBlocks = byte_scan::CommandLook::kBlocks;
+    const std::uint64_t h = byte_scan::HashOfLook(look);
+    RememberedFontCmd& slot = m_rememberedFontCmds[static_cast<std::size_t>(h >> (64 - kRememberedFontCmdBits))];
+    __m128i same = _mm_set1_epi8(-1);
+    for (std::size_t k = 0; k < kBlocks; ++k) {
+        const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(slot.source + 2 * k));
+        same = _mm_and_si128(same, _mm_cmpeq_epi8(held, look.key[k]));
+    }
+    if (_mm_movemask_epi8(same) != 0xFFFF) {
+        std::uint64_t source[kFontCmdLookWords];
+        for (std::size_t k = 0; k < kBlocks; ++k) _mm_storeu_si128(reinterpret_cast<__m128i*>(source + 2 * k), look.key[k]);
+        RememberFontCmd(slot, pCmd, look.cb, source);
+    }
+    return slot;
+}
+#endif
+
+// After a font command met before, at p: the text of a document in many
+// fonts is mostly a run of a few plain bytes, then another such command.
+// Each such step is written here in a loop of its own, which keeps the
+// place it writes at in a register and checks the room once a step for the
+// most a step writes: the run is found and copied as one block of
+// kcbShortRun bytes, the command taken in one look (see
+// AddRememberedFontCmd) and its words written behind the run. Returns where
+// the first step it does not take starts, the end of the last command
+// written: a longer run, one with a byte the scan acts on, another command,
+// too little text left for the blocks or too little room in the quick
+// buffer are left to the scan. The run's last byte and its length go to
+// chLast and nTextPos, as the scan counts them.
+[[gnu::always_inline]] inline const char* COldToRTF::AddRunsAndRememberedFontCmds(const char* p, const char* pTextEnd,
+                                                                                 unsigned char& chLast, unsigned& nTextPos)
+{
+#if RTFCONV_SCAN_SSE2
+    // The most a step writes: a run's block, then a command's words.
+    constexpr std::size_t kcbStep = kcbShortRun + CWordBuffer::kcbWords;
+    static_assert(kcbShortRun == 16, "a run is one block");
+    // The bytes a run stops at: the control bytes, the RTF specials, and for
+    // the lossless writer, which escapes them, the bytes from 0x80 up. As
+    // signed bytes, control and high bytes are those below 0x20; the default
+    // writer lets the high ones pass.
+    const __m128i highPasses = _mm_set1_epi8(m_bLossless ? 0 : static_cast<char>(0x80));
+    const __m128i controlOrHigh = _mm_set1_epi8(0x20);
+    // The text's NUL is at pTextEnd: a run's block and the look from a
+    // command within it stay before it.
+    while (static_cast<std::size_t>(pTextEnd - p) >= kcbShortRun + kcbFontCmdLook &&
+           m_cbQuickBuffer - m_dwQuickBufferPosition > kcbStep) {
+        const __m128i run = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        __m128i stops = _mm_andnot_si128(_mm_and_si128(run, highPasses), _mm_cmplt_epi8(run, controlOrHigh));
+        stops = _mm_or_si128(stops, _mm_or_si128(byte_scan::Is(run, '\\'), _mm_or_si128(byte_scan::Is(run, '{'), byte_scan::Is(run, '}'))));
+        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(stops));
+        if (mask == 0) break;
+        const std::size_t cbRun = static_cast<std::size_t>(__builtin_ctz(mask));
+        const char* const pCmd = p + cbRun;
+        if (pCmd[0] != CDocCmd::chCmdStart || pCmd[1] != CDocCmd::font) break;
+        const byte_scan::CommandLook look = byte_scan::LookAtCommand(pCmd, CDocCmd::chCmdEnd, kcbFontCmdLook);
+        if (look.cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) break;  // also no end in the look
+        const FontCmdWords& words = RememberedFontCmdOf(pCmd, look).words;
+        char* const pOut = m_body.End() + m_dwQuickBufferPosition;
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut), run);
+        if (cbRun > 0) {
+            chLast = static_cast<unsigned char>(pCmd[-1]);
+            nTextPos += static_cast<unsigned>(cbRun);
+        }
+        m_dwQuickBufferPosition += static_cast<DWORD>(cbRun + WriteFontWords(words, pOut + cbRun));
+        p = pCmd + look.cb;
+    }
+#else
+    (void)pTextEnd;
+    (void)chLast;
+    (void)nTextPos;
+#endif
+    return p;
 }
 
 // Reading a command is the rare path: kept out of line, so that a command
@@ -1017,16 +1084,24 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 // loop among them (see AddRememberedFontCmd).
 [[gnu::always_inline]] inline void COldToRTF::AddFontWords(const FontCmdWords& w)
 {
+    // Where the quick buffer has room for the most a command writes, the
+    // words are gathered where AddToBuffer would copy them.
+    const bool bInPlace = m_cbQuickBuffer - m_dwQuickBufferPosition > CWordBuffer::kcbWords;
+    char spare[CWordBuffer::kcbWords];
+    const std::size_t cbWords = WriteFontWords(w, bInPlace ? m_body.End() + m_dwQuickBufferPosition : spare);
+    if (bInPlace) m_dwQuickBufferPosition += static_cast<DWORD>(cbWords);
+    else if (cbWords > 0) AddToBuffer(spare, static_cast<int>(cbWords));
+}
+
+// The same words, with their blank, written in the CWordBuffer::kcbWords
+// bytes at pWords, which may take blocks past the count; their count, 0 when
+// nothing changes. The place and the count are plain locals, not a
+// CWordBuffer, so that they stay in registers across the block copies.
+[[gnu::always_inline]] inline std::size_t COldToRTF::WriteFontWords(const FontCmdWords& w, char* pWords)
+{
     static_assert(std::size(kAttributeWords) <= 8, "one bit of the attributes in force per attribute word");
     static_assert(kAttributeWords[1].isOn == &CFontCmd::IsUnderline && kUnderlineBit == 1u << 1, "the underline's bit");
     const FontCmdMeaning& meaning = w.meaning;
-    // Where the quick buffer has room for the most a command writes, the
-    // words are gathered where AddToBuffer would copy them. The place and
-    // the count are plain locals, not a CWordBuffer on the stack, so that
-    // they stay in registers across the block copies.
-    const bool bInPlace = m_cbQuickBuffer - m_dwQuickBufferPosition > CWordBuffer::kcbWords;
-    char spare[CWordBuffer::kcbWords];
-    char* const pWords = bInPlace ? m_body.End() + m_dwQuickBufferPosition : spare;
     std::size_t cbWords = 0;
     // A part is at most 33 bytes and ends at most 75 bytes in: a block of 48
     // bytes from its start stays within w.bytes.
@@ -1064,11 +1139,8 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
         cbWords += w.attributeWordLength[k];
     }
     m_attributes = w.attributes;
-    if (cbWords > 0) {
-        pWords[cbWords++] = ' ';
-        if (bInPlace) m_dwQuickBufferPosition += static_cast<DWORD>(cbWords);
-        else AddToBuffer(spare, static_cast<int>(cbWords));
-    }
+    if (cbWords > 0) pWords[cbWords++] = ' ';
+    return cbWords;
 }
 
 // =================================================================================

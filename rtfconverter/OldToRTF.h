@@ -43,6 +43,9 @@ class CDIBitmap;
 namespace rtf_converter {
 
 class CCodePage;
+namespace byte_scan {
+struct CommandLook;
+}
 class CCommentCmd;
 class CFontCmd;
 class CLayoutCmd;
@@ -248,7 +251,9 @@ private:
     int AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd);
     const FontCmdWords& CachedFontWords(const char* pFontCmd, std::size_t cbFontCmd);
     const char* AddRememberedFontCmd(const char* pCmd, const char* pTextEnd);
+    const char* AddRunsAndRememberedFontCmds(const char* p, const char* pTextEnd, unsigned char& chLast, unsigned& nTextPos);
     void AddFontWords(const FontCmdWords& words);
+    std::size_t WriteFontWords(const FontCmdWords& words, char* pWords);
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
     void ClearCommandCaches();
     int AddLayoutCmdToBuffer(const char* pLayoutCmd, int nLayoutCmd);
@@ -396,6 +401,7 @@ private:
         FontCmdWords words;
     };
     static constexpr unsigned kRememberedFontCmdBits = 8;
+    RememberedFontCmd& RememberedFontCmdOf(const char* pCmd, const byte_scan::CommandLook& look);
     void RememberFontCmd(RememberedFontCmd& slot, const char* pCmd, std::size_t cb,
                          const std::uint64_t (&source)[kFontCmdLookWords]);
     std::unique_ptr<RememberedFontCmd[]> m_rememberedFontCmds;
