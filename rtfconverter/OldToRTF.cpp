@@ -110,19 +110,15 @@ bool IsEscapedInRun(char ch)
     return static_cast<unsigned char>(ch) > 0x7F || ch == '\\' || ch == '{' || ch == '}';
 }
 
-// The control word (with its blank) for a plain-text control byte.
+// The control word (with its blank) for a plain-text control byte, in a
+// block of 8 bytes that can be copied whole.
 struct ControlWord {
-    const char* psz;
+    char text[8];
     int n;
 };
-ControlWord ControlWordOf(ByteClass c)
-{
-    switch (c) {
-    case bcTab: return {"\\tab ", 5};
-    case bcLineFeed: return {"\\line ", 6};
-    default: return {"\\par ", 5};
-    }
-}
+constexpr ControlWord kControlWords[] = {{"\\tab ", 5}, {"\\line ", 6}, {"\\par ", 5}};
+static_assert(bcLineFeed == bcTab + 1 && bcReturn == bcTab + 2, "the words by byte class");
+const ControlWord& ControlWordOf(ByteClass c) { return kControlWords[c - bcTab]; }
 
 // --- layout ----------------------------------------------------------------------
 
@@ -484,10 +480,11 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
         // position; one met before is written before the choice of the rest.
         if (c == bcCmdStart && p[1] == CDocCmd::font) {
             if (const char* pAfter = AddRememberedFontCmd(p, pEnd)) {
-                pAfter = AddRunsAndRememberedFontCmds(pAfter, pEnd, chLast, nTextPos);
-                m_pAfterCommand = pAfter;
-                p = pAfter - 1;
                 pRun = pAfter;
+                p = AddRunsAndRememberedFontCmds(pRun, pEnd, chLast, nTextPos) - 1;
+                // Every command sets it again before it is read: the end of
+                // the last one here or of a line mark after it serve alike.
+                m_pAfterCommand = pRun;
                 continue;
             }
         }
@@ -499,8 +496,8 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
         case bcTab:
         case bcLineFeed:
         case bcReturn: {
-            const ControlWord word = ControlWordOf(c);
-            AddToBuffer(word.psz, word.n);
+            const ControlWord& word = ControlWordOf(c);
+            AddToBuffer(word.text, word.n);
             chLast = static_cast<unsigned char>(*p);
             ++nTextPos;
             pRun = p + 1;
@@ -1014,29 +1011,31 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 }
 #endif
 
-// After a font command met before, at p: the text of a document in many
-// fonts is mostly a run of a few plain bytes, then another such command.
-// Each such step is written here in a loop of its own, which keeps the
-// place it writes at in a register and checks the room once a step for the
-// most a step writes: the run is found and copied as one block of
-// kcbShortRun bytes, the command taken in one look (see
-// AddRememberedFontCmd) and its words written behind the run. Returns where
-// the first step it does not take starts, the end of the last command
-// written: a longer run, one with a byte the scan acts on, another command,
-// too little text left for the blocks or too little room in the quick
-// buffer are left to the scan. The run's last byte and its length go to
-// chLast and nTextPos, as the scan counts them.
-[[gnu::always_inline]] inline const char* COldToRTF::AddRunsAndRememberedFontCmds(const char* p, const char* pTextEnd,
+// After a font command met before, ending at pRun: the text of a document
+// in many fonts is mostly a run of a few plain bytes, then another such
+// command or a tab or paragraph mark. Each such step is written here in a
+// loop of its own, which keeps the place it writes at in a register and
+// checks the room once a step for the most a step writes: the run is found
+// and copied as one block of kcbShortRun bytes, a command taken in one look
+// (see AddRememberedFontCmd) and its words written behind the run. A step it
+// does not take is left to the scan: a longer run, one with a byte the scan
+// acts on, another command, too little text left for the blocks or too
+// little room in the quick buffer. Returns where the scan goes on, with
+// pRun the start of the run pending there: the bytes between are plain, so
+// that the block looked at is not scanned again. The runs' last byte and
+// their lengths go to chLast and nTextPos, as the scan counts them.
+[[gnu::always_inline]] inline const char* COldToRTF::AddRunsAndRememberedFontCmds(const char*& pRun, const char* pTextEnd,
                                                                                  unsigned char& chLast, unsigned& nTextPos)
 {
+    const char* p = pRun;
 #if RTFCONV_SCAN_SSE2
     // The most a step writes: a run's block, then a command's words.
     constexpr std::size_t kcbStep = kcbShortRun + CWordBuffer::kcbWords;
     static_assert(kcbShortRun == 16, "a run is one block");
-    // The bytes a run stops at: the control bytes, the RTF specials, and for
-    // the lossless writer, which escapes them, the bytes from 0x80 up. As
-    // signed bytes, control and high bytes are those below 0x20; the default
-    // writer lets the high ones pass.
+    // The bytes a run stops at, as SkipPlainBytes finds them: the control
+    // bytes, the RTF specials, and for the lossless writer, which escapes
+    // them, the bytes from 0x80 up. As signed bytes, control and high bytes
+    // are those below 0x20; the default writer lets the high ones pass.
     const __m128i highPasses = _mm_set1_epi8(m_bLossless ? 0 : static_cast<char>(0x80));
     const __m128i controlOrHigh = _mm_set1_epi8(0x20);
     // The text's NUL is at pTextEnd: a run's block and the look from a
@@ -1047,21 +1046,36 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
         __m128i stops = _mm_andnot_si128(_mm_and_si128(run, highPasses), _mm_cmplt_epi8(run, controlOrHigh));
         stops = _mm_or_si128(stops, _mm_or_si128(byte_scan::Is(run, '\\'), _mm_or_si128(byte_scan::Is(run, '{'), byte_scan::Is(run, '}'))));
         const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(stops));
-        if (mask == 0) break;
+        if (mask == 0) return p + kcbShortRun;
         const std::size_t cbRun = static_cast<std::size_t>(__builtin_ctz(mask));
-        const char* const pCmd = p + cbRun;
-        if (pCmd[0] != CDocCmd::chCmdStart || pCmd[1] != CDocCmd::font) break;
-        const byte_scan::CommandLook look = byte_scan::LookAtCommand(pCmd, CDocCmd::chCmdEnd, kcbFontCmdLook);
-        if (look.cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) break;  // also no end in the look
-        const FontCmdWords& words = RememberedFontCmdOf(pCmd, look).words;
-        char* const pOut = m_body.End() + m_dwQuickBufferPosition;
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut), run);
-        if (cbRun > 0) {
-            chLast = static_cast<unsigned char>(pCmd[-1]);
-            nTextPos += static_cast<unsigned>(cbRun);
+        const char* const pStop = p + cbRun;
+        // The run, then what follows it, at the quick buffer's end.
+        auto writeRun = [&]() {
+            char* const pOut = m_body.End() + m_dwQuickBufferPosition;
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut), run);
+            if (cbRun > 0) {
+                chLast = static_cast<unsigned char>(pStop[-1]);
+                nTextPos += static_cast<unsigned>(cbRun);
+            }
+            return pOut + cbRun;
+        };
+        const ByteClass c = kByteClass.cls[static_cast<unsigned char>(*pStop)];
+        if (c == bcTab || c == bcLineFeed || c == bcReturn) {
+            const ControlWord& word = ControlWordOf(c);
+            std::memcpy(writeRun(), word.text, sizeof word.text);
+            m_dwQuickBufferPosition += static_cast<DWORD>(cbRun + static_cast<std::size_t>(word.n));
+            chLast = static_cast<unsigned char>(*pStop);
+            ++nTextPos;
+            p = pRun = pStop + 1;
+            continue;
         }
-        m_dwQuickBufferPosition += static_cast<DWORD>(cbRun + WriteFontWords(words, pOut + cbRun));
-        p = pCmd + look.cb;
+        if (c != bcCmdStart || pStop[1] != CDocCmd::font) return pStop;
+        const byte_scan::CommandLook look = byte_scan::LookAtCommand(pStop, CDocCmd::chCmdEnd, kcbFontCmdLook);
+        if (look.cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) return pStop;  // also no end in the look
+        const FontCmdWords& words = RememberedFontCmdOf(pStop, look).words;
+        char* const pWords = writeRun();
+        m_dwQuickBufferPosition += static_cast<DWORD>(cbRun + WriteFontWords(words, pWords));
+        p = pRun = pStop + look.cb;
     }
 #else
     (void)pTextEnd;

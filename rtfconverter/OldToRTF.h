@@ -251,7 +251,7 @@ private:
     int AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd);
     const FontCmdWords& CachedFontWords(const char* pFontCmd, std::size_t cbFontCmd);
     const char* AddRememberedFontCmd(const char* pCmd, const char* pTextEnd);
-    const char* AddRunsAndRememberedFontCmds(const char* p, const char* pTextEnd, unsigned char& chLast, unsigned& nTextPos);
+    const char* AddRunsAndRememberedFontCmds(const char*& pRun, const char* pTextEnd, unsigned char& chLast, unsigned& nTextPos);
     void AddFontWords(const FontCmdWords& words);
     std::size_t WriteFontWords(const FontCmdWords& words, char* pWords);
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
