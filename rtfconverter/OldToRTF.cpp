@@ -104,6 +104,17 @@ const char* SkipPlainBytes(const char* p, const char* pEnd, bool bLossless)
                           : byte_scan::LengthBeforeControlOr(p, cb, '\\', '{', '}'));
 }
 
+// The top bits of the bytes from 0x80 up that a run lets pass, by the
+// writer: all of them for the default writer, none for the lossless one.
+struct alignas(16) HighBytesPassing {
+    unsigned char bytes[2][16];
+    constexpr HighBytesPassing() : bytes()
+    {
+        for (unsigned char& b : bytes[0]) b = 0x80;
+    }
+};
+constexpr HighBytesPassing kHighBytesPassing;
+
 // The bytes the lossless writer escapes within a run of text.
 bool IsEscapedInRun(char ch)
 {
@@ -479,9 +490,14 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
         // A font command, the most frequent by far, adds nothing to the text
         // position; one met before is written before the choice of the rest.
         if (c == bcCmdStart && p[1] == CDocCmd::font) {
+            // A short run before the command mostly means short runs after
+            // it, text in many fonts, which the loop of runs and font
+            // commands takes; after a long one, text in few fonts, the scan
+            // goes on without the cost of entering it.
+            const bool bShortRunBefore = static_cast<std::size_t>(p - pRun) <= kcbShortRun;
             if (const char* pAfter = AddRememberedFontCmd(p, pEnd)) {
                 pRun = pAfter;
-                p = AddRunsAndRememberedFontCmds(pRun, pEnd, chLast, nTextPos) - 1;
+                p = (bShortRunBefore ? AddRunsAndRememberedFontCmds(pRun, pEnd, chLast, nTextPos) : pAfter) - 1;
                 // Every command sets it again before it is read: the end of
                 // the last one here or of a line mark after it serve alike.
                 m_pAfterCommand = pRun;
@@ -1036,7 +1052,7 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
     // bytes, the RTF specials, and for the lossless writer, which escapes
     // them, the bytes from 0x80 up. As signed bytes, control and high bytes
     // are those below 0x20; the default writer lets the high ones pass.
-    const __m128i highPasses = _mm_set1_epi8(m_bLossless ? 0 : static_cast<char>(0x80));
+    const __m128i highPasses = _mm_load_si128(reinterpret_cast<const __m128i*>(kHighBytesPassing.bytes[m_bLossless ? 1 : 0]));
     const __m128i controlOrHigh = _mm_set1_epi8(0x20);
     // The text's NUL is at pTextEnd: a run's block and the look from a
     // command within it stay before it.
