@@ -512,8 +512,14 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
         case bcTab:
         case bcLineFeed:
         case bcReturn: {
+            // Copied as its block where the quick buffer has that room, not in a call.
             const ControlWord& word = ControlWordOf(c);
-            AddToBuffer(word.text, word.n);
+            if (m_cbQuickBuffer - m_dwQuickBufferPosition > sizeof word.text) {
+                std::memcpy(m_body.End() + m_dwQuickBufferPosition, word.text, sizeof word.text);
+                m_dwQuickBufferPosition += static_cast<DWORD>(word.n);
+            } else {
+                AddToBuffer(word.text, word.n);
+            }
             chLast = static_cast<unsigned char>(*p);
             ++nTextPos;
             pRun = p + 1;
