@@ -977,32 +977,30 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 {
     slot.words = CachedFontWords(pCmd, cb);
     std::memcpy(slot.source, source, sizeof source);
+    slot.cb = static_cast<unsigned char>(cb);
+    slot.ownBytes = (std::uint64_t(1) << cb) - 1;
 }
 
 // The font command at pCmd in the text, met there before nearly always:
-// its end is found in one look at the kcbFontCmdLook bytes from its start,
-// and the same bytes, cut at its 0x02, are its key, so that no second scan
-// hashes it. The key's blocks, folded into one, pick its slot: every byte
-// counts, so commands that differ only in the middle mostly take different
-// slots; the whole key is compared. Every font command of a text met again
-// passes here: it is compiled into the scan's loop, and the writing of its
-// words into it, so that such a command costs no call, no frame of its own
-// and no registers saved and restored. Returns what
-// follows the command, or null, with nothing written, for a command the
-// look does not take: one too near the end of the text to read the block,
-// one longer than the block, or one too short to be cached.
+// known by the kcbFontCmdLook bytes from its start, which also give its end
+// (see RememberedFontCmdAt). Every font command of a text met again that the
+// loop of runs and font commands does not take passes here: it is compiled
+// into the scan's loop, and the writing of its words into it, so that such
+// a command costs no call, no frame of its own and no registers saved and
+// restored. Returns what follows the command, or null, with nothing
+// written, for a command the look does not take: one too near the end of
+// the text to read the block, one longer than the block, or one too short
+// to be cached.
 [[gnu::flatten, gnu::always_inline]] inline const char* COldToRTF::AddRememberedFontCmd(const char* pCmd, const char* pTextEnd)
 {
 #if RTFCONV_SCAN_SSE2
     // The text's NUL is at pTextEnd: the block from pCmd stays before it.
     if (static_cast<std::size_t>(pTextEnd - pCmd) < kcbFontCmdLook) return nullptr;
-    static_assert(kcbFontCmdLook == byte_scan::CommandLook::kcbLook, "the remembered source is the look");
-    const byte_scan::CommandLook look = byte_scan::LookAtCommand(pCmd, CDocCmd::chCmdEnd, kcbFontCmdLook);
-    const std::size_t cb = look.cb;
-    if (cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) return nullptr;  // also no end in the look
     if (!m_rememberedFontCmds) m_rememberedFontCmds.reset(new RememberedFontCmd[std::size_t(1) << kRememberedFontCmdBits]());
-    AddFontWords(RememberedFontCmdOf(pCmd, look).words);
-    return pCmd + cb;
+    const RememberedFontCmd* const pSlot = RememberedFontCmdAt(pCmd);
+    if (!pSlot) return nullptr;
+    AddFontWords(pSlot->words);
+    return pCmd + pSlot->cb;
 #else
     (void)pCmd;
     (void)pTextEnd;
@@ -1011,25 +1009,53 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 }
 
 #if RTFCONV_SCAN_SSE2
-// The slot of the font command at pCmd, a look with its end, holding the
-// command once this returns: its key's blocks, folded into one, pick it.
-[[gnu::always_inline]] inline COldToRTF::RememberedFontCmd& COldToRTF::RememberedFontCmdOf(const char* pCmd,
-                                                                                        const byte_scan::CommandLook& look)
+namespace {
+// 16 bytes 0xFF then 16 zero: from 15 - i on, the mask that keeps the first
+// i + 1 bytes of a block.
+struct BlockKeepMasks {
+    unsigned char bytes[32];
+    constexpr BlockKeepMasks() : bytes()
+    {
+        for (std::size_t i = 0; i < 16; ++i) bytes[i] = 0xFF;
+    }
+};
+constexpr BlockKeepMasks kBlockKeepMasks;
+}  // namespace
+
+// The slot of the font command at pCmd, whose first kcbFontCmdLook bytes
+// are readable, holding the command once this returns; null for a command
+// the look does not take (no end among those bytes, or too short to be
+// cached). A command met again is known without a scan for its end: its
+// first block, cut at a 0x02 within it, picks its slot (a command's first
+// bytes are its attributes, size and the start of its face, so that the
+// commands of a text mostly take different slots), and the bytes from pCmd
+// equal to the slot's command up to its 0x02 are that command, its first
+// 0x02 the end of both. An empty slot's command has one byte, 0, which no
+// command starts with.
+[[gnu::always_inline]] inline const COldToRTF::RememberedFontCmd* COldToRTF::RememberedFontCmdAt(const char* pCmd)
 {
     constexpr std::size_t kBlocks = byte_scan::CommandLook::kBlocks;
-    const std::uint64_t h = byte_scan::HashOfLook(look);
+    static_assert(kBlocks == 3 && kcbFontCmdLook <= 64, "the bytes of the look are one word");
+    __m128i block[kBlocks];
+    for (std::size_t k = 0; k < kBlocks; ++k) block[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pCmd + 16 * k));
+    const unsigned endsInFirst = static_cast<unsigned>(_mm_movemask_epi8(byte_scan::Is(block[0], CDocCmd::chCmdEnd)));
+    const unsigned lastKept = static_cast<unsigned>(__builtin_ctz(endsInFirst | 0x8000u));
+    const __m128i first = _mm_and_si128(block[0], _mm_loadu_si128(reinterpret_cast<const __m128i*>(kBlockKeepMasks.bytes + 15 - lastKept)));
+    const std::uint64_t h = static_cast<std::uint64_t>(_mm_cvtsi128_si64(first)) * 0x9e3779b97f4a7c15ull +
+                            static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(first, first))) * 0xff51afd7ed558ccdull;
     RememberedFontCmd& slot = m_rememberedFontCmds[static_cast<std::size_t>(h >> (64 - kRememberedFontCmdBits))];
-    __m128i same = _mm_set1_epi8(-1);
+    std::uint64_t same = 0;
     for (std::size_t k = 0; k < kBlocks; ++k) {
         const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(slot.source + 2 * k));
-        same = _mm_and_si128(same, _mm_cmpeq_epi8(held, look.key[k]));
+        same |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(held, block[k])))) << (16 * k);
     }
-    if (_mm_movemask_epi8(same) != 0xFFFF) {
-        std::uint64_t source[kFontCmdLookWords];
-        for (std::size_t k = 0; k < kBlocks; ++k) _mm_storeu_si128(reinterpret_cast<__m128i*>(source + 2 * k), look.key[k]);
-        RememberFontCmd(slot, pCmd, look.cb, source);
-    }
-    return slot;
+    if ((slot.ownBytes & ~same) == 0) return &slot;
+    const byte_scan::CommandLook look = byte_scan::LookAtCommand(pCmd, CDocCmd::chCmdEnd, kcbFontCmdLook);
+    if (look.cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) return nullptr;  // also no end in the look
+    std::uint64_t source[kFontCmdLookWords];
+    for (std::size_t k = 0; k < kBlocks; ++k) _mm_storeu_si128(reinterpret_cast<__m128i*>(source + 2 * k), look.key[k]);
+    RememberFontCmd(slot, pCmd, look.cb, source);
+    return &slot;
 }
 #endif
 
@@ -1038,8 +1064,8 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 // command or a tab or paragraph mark. Each such step is written here in a
 // loop of its own, which keeps the place it writes at in a register and
 // checks the room once a step for the most a step writes: the run is found
-// and copied as one block of kcbShortRun bytes, a command taken in one look
-// (see AddRememberedFontCmd) and its words written behind the run. A step it
+// and copied as one block of kcbShortRun bytes, a command known by its
+// first bytes (see RememberedFontCmdAt) and its words written behind the run. A step it
 // does not take is left to the scan: a longer run, one with a byte the scan
 // acts on, another command, too little text left for the blocks or too
 // little room in the quick buffer. Returns where the scan goes on, with
@@ -1092,12 +1118,11 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
             continue;
         }
         if (c != bcCmdStart || pStop[1] != CDocCmd::font) return pStop;
-        const byte_scan::CommandLook look = byte_scan::LookAtCommand(pStop, CDocCmd::chCmdEnd, kcbFontCmdLook);
-        if (look.cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) return pStop;  // also no end in the look
-        const FontCmdWords& words = RememberedFontCmdOf(pStop, look).words;
+        const RememberedFontCmd* const pSlot = RememberedFontCmdAt(pStop);
+        if (!pSlot) return pStop;
         char* const pWords = writeRun();
-        m_dwQuickBufferPosition += static_cast<DWORD>(cbRun + WriteFontWords(words, pWords));
-        p = pRun = pStop + look.cb;
+        m_dwQuickBufferPosition += static_cast<DWORD>(cbRun + WriteFontWords(pSlot->words, pWords));
+        p = pRun = pStop + pSlot->cb;
     }
 #else
     (void)pTextEnd;

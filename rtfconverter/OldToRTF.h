@@ -43,9 +43,6 @@ class CDIBitmap;
 namespace rtf_converter {
 
 class CCodePage;
-namespace byte_scan {
-struct CommandLook;
-}
 class CCommentCmd;
 class CFontCmd;
 class CLayoutCmd;
@@ -390,18 +387,20 @@ private:
 
     CCommandCache<FontCmdWords> m_fontCmdCache;
     // The font commands of the text, known by their first kcbFontCmdLook
-    // bytes, in which the scan for their end also finds their key (see
-    // AddRememberedFontCmd).
+    // bytes, their slot picked by the first 16 (see RememberedFontCmdAt).
     static constexpr std::size_t kcbFontCmdLook = 48;
     static constexpr std::size_t kFontCmdLookWords = kcbFontCmdLook / 8;
     struct RememberedFontCmd {
         // The command to its 0x02, the bytes after it zero; all zero in an
-        // empty slot, which no command is (each starts with 0x01).
+        // empty slot, whose one byte 0 no command has (each starts with 0x01).
         std::uint64_t source[kFontCmdLookWords];
+        // Bit i: byte i of the source is the command's; its length.
+        std::uint64_t ownBytes = 1;
+        unsigned char cb = 0;
         FontCmdWords words;
     };
     static constexpr unsigned kRememberedFontCmdBits = 8;
-    RememberedFontCmd& RememberedFontCmdOf(const char* pCmd, const byte_scan::CommandLook& look);
+    const RememberedFontCmd* RememberedFontCmdAt(const char* pCmd);
     void RememberFontCmd(RememberedFontCmd& slot, const char* pCmd, std::size_t cb,
                          const std::uint64_t (&source)[kFontCmdLookWords]);
     std::unique_ptr<RememberedFontCmd[]> m_rememberedFontCmds;
