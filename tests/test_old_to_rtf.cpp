@@ -475,11 +475,12 @@ TEST(OldToRTF, ManyDistinctFontCommandsRepeated)
     EXPECT_NE(body.find("{\\f7\\fcharset0\\fswiss Face6;}"), std::string::npos);
 }
 
-// A font command met again is known by its bytes up to its 0x02, found in
-// one look at the bytes from its start: two commands of every length around
-// that look's, differing only in a letter in the middle of their faces, met
-// again far from the end of the text and near it, each switch to their own
-// font, in both modes.
+// A font command met again is known by its bytes up to its 0x02, its slot
+// by its first 16: two commands of every length around the 48 bytes looked
+// at, differing only in a letter in the middle of their faces, or one face
+// the other lengthened by a letter (the same bytes up to the shorter one's
+// 0x02), met again far from the end of the text and near it, each switch
+// to their own font, in both modes.
 TEST(OldToRTF, FontCommandsDifferingInTheMiddleMetAgain)
 {
     // Faces of up to 32 letters are read; attribute letters said again
@@ -490,12 +491,18 @@ TEST(OldToRTF, FontCommandsDifferingInTheMiddleMetAgain)
             face[cbFace / 2] = 'a';
             const std::string a = Cmd("F---" + attributes + ":" + face);
             face[cbFace / 2] = 'b';
-            const std::string b = Cmd("F---" + attributes + ":" + face);
+            const std::string middle = Cmd("F---" + attributes + ":" + face);
+            face[cbFace / 2] = 'a';
+            const std::string lengthened = Cmd("F---" + attributes + ":" + face + "g");
             const std::string pad(60, 'p');
-            for (bool bLossless : {false, true}) {
-                SCOPED_TRACE(attributes + " " + std::to_string(cbFace) + (bLossless ? ", lossless" : ""));
-                const std::string doc = OldToRtfInMode(a + "x" + b + "y" + pad + a + "x" + b + "y" + a + "z", bLossless);
-                EXPECT_NE(doc.find(" x\\f2 y" + pad + "\\f1 x\\f2 y\\f1 z\\par }"), std::string::npos) << doc;
+            for (const std::string& b : {middle, lengthened}) {
+                if (b.size() > a.size() && cbFace >= 31) continue;  // a face keeps 31 letters
+                for (bool bLossless : {false, true}) {
+                    SCOPED_TRACE(attributes + " " + std::to_string(cbFace) + (b == middle ? "" : ", lengthened") +
+                                 (bLossless ? ", lossless" : ""));
+                    const std::string doc = OldToRtfInMode(a + "x" + b + "y" + pad + a + "x" + b + "y" + a + "z", bLossless);
+                    EXPECT_NE(doc.find(" x\\f2 y" + pad + "\\f1 x\\f2 y\\f1 z\\par }"), std::string::npos) << doc;
+                }
             }
         }
     }
