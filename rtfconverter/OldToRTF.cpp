@@ -1061,12 +1061,12 @@ constexpr BlockKeepMasks kBlockKeepMasks;
 
 // After a font command met before, ending at pRun: the text of a document
 // in many fonts is mostly a run of a few plain bytes, then another such
-// command or a tab or paragraph mark. Each such step is written here in a
-// loop of its own, which keeps the place it writes at in a register and
-// checks the room once a step for the most a step writes: the run is found
-// and copied as one block of kcbShortRun bytes, a command known by its
-// first bytes (see RememberedFontCmdAt) and its words written behind the run. A step it
-// does not take is left to the scan: a longer run, one with a byte the scan
+// command or a tab, line feed or paragraph mark. Each such step is written
+// here in a loop of its own, which keeps the place it writes at in a
+// register and checks the room once a step for the most a step writes: the
+// run is found and copied as one block of kcbShortRun bytes, a command known
+// by its first bytes (see RememberedFontCmdAt) and its words or the mark's
+// word written behind the run. A step it does not take is left to the scan: a longer run, one with a byte the scan
 // acts on, another command, too little text left for the blocks or too
 // little room in the quick buffer. Returns where the scan goes on, with
 // pRun the start of the run pending there: the bytes between are plain, so
