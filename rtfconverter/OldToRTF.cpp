@@ -104,25 +104,32 @@ const char* SkipPlainBytes(const char* p, const char* pEnd, bool bLossless)
                           : byte_scan::LengthBeforeControlOr(p, cb, '\\', '{', '}'));
 }
 
+// The top bits of the bytes from 0x80 up that a run lets pass, by the
+// writer: all of them for the default writer, none for the lossless one.
+struct alignas(16) HighBytesPassing {
+    unsigned char bytes[2][16];
+    constexpr HighBytesPassing() : bytes()
+    {
+        for (unsigned char& b : bytes[0]) b = 0x80;
+    }
+};
+constexpr HighBytesPassing kHighBytesPassing;
+
 // The bytes the lossless writer escapes within a run of text.
 bool IsEscapedInRun(char ch)
 {
     return static_cast<unsigned char>(ch) > 0x7F || ch == '\\' || ch == '{' || ch == '}';
 }
 
-// The control word (with its blank) for a plain-text control byte.
+// The control word (with its blank) for a plain-text control byte, in a
+// block of 8 bytes that can be copied whole.
 struct ControlWord {
-    const char* psz;
+    char text[8];
     int n;
 };
-ControlWord ControlWordOf(ByteClass c)
-{
-    switch (c) {
-    case bcTab: return {"\\tab ", 5};
-    case bcLineFeed: return {"\\line ", 6};
-    default: return {"\\par ", 5};
-    }
-}
+constexpr ControlWord kControlWords[] = {{"\\tab ", 5}, {"\\line ", 6}, {"\\par ", 5}};
+static_assert(bcLineFeed == bcTab + 1 && bcReturn == bcTab + 2, "the words by byte class");
+const ControlWord& ControlWordOf(ByteClass c) { return kControlWords[c - bcTab]; }
 
 // --- layout ----------------------------------------------------------------------
 
@@ -483,10 +490,17 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
         // A font command, the most frequent by far, adds nothing to the text
         // position; one met before is written before the choice of the rest.
         if (c == bcCmdStart && p[1] == CDocCmd::font) {
+            // A short run before the command mostly means short runs after
+            // it, text in many fonts, which the loop of runs and font
+            // commands takes; after a long one, text in few fonts, the scan
+            // goes on without the cost of entering it.
+            const bool bShortRunBefore = static_cast<std::size_t>(p - pRun) <= kcbShortRun;
             if (const char* pAfter = AddRememberedFontCmd(p, pEnd)) {
-                m_pAfterCommand = pAfter;
-                p = pAfter - 1;
                 pRun = pAfter;
+                p = (bShortRunBefore ? AddRunsAndRememberedFontCmds(pRun, pEnd, chLast, nTextPos) : pAfter) - 1;
+                // Every command sets it again before it is read: the end of
+                // the last one here or of a line mark after it serve alike.
+                m_pAfterCommand = pRun;
                 continue;
             }
         }
@@ -498,8 +512,14 @@ void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
         case bcTab:
         case bcLineFeed:
         case bcReturn: {
-            const ControlWord word = ControlWordOf(c);
-            AddToBuffer(word.psz, word.n);
+            // Copied as its block where the quick buffer has that room, not in a call.
+            const ControlWord& word = ControlWordOf(c);
+            if (m_cbQuickBuffer - m_dwQuickBufferPosition > sizeof word.text) {
+                std::memcpy(m_body.End() + m_dwQuickBufferPosition, word.text, sizeof word.text);
+                m_dwQuickBufferPosition += static_cast<DWORD>(word.n);
+            } else {
+                AddToBuffer(word.text, word.n);
+            }
             chLast = static_cast<unsigned char>(*p);
             ++nTextPos;
             pRun = p + 1;
@@ -957,51 +977,159 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 {
     slot.words = CachedFontWords(pCmd, cb);
     std::memcpy(slot.source, source, sizeof source);
+    slot.cb = static_cast<unsigned char>(cb);
+    slot.ownBytes = (std::uint64_t(1) << cb) - 1;
 }
 
 // The font command at pCmd in the text, met there before nearly always:
-// its end is found in one look at the kcbFontCmdLook bytes from its start,
-// and the same bytes, cut at its 0x02, are its key, so that no second scan
-// hashes it. The key's blocks, folded into one, pick its slot: every byte
-// counts, so commands that differ only in the middle mostly take different
-// slots; the whole key is compared. Every font command of a text met again
-// passes here: it is compiled into the scan's loop, and the writing of its
-// words into it, so that such a command costs no call, no frame of its own
-// and no registers saved and restored. Returns what
-// follows the command, or null, with nothing written, for a command the
-// look does not take: one too near the end of the text to read the block,
-// one longer than the block, or one too short to be cached.
+// known by the kcbFontCmdLook bytes from its start, which also give its end
+// (see RememberedFontCmdAt). Every font command of a text met again that the
+// loop of runs and font commands does not take passes here: it is compiled
+// into the scan's loop, and the writing of its words into it, so that such
+// a command costs no call, no frame of its own and no registers saved and
+// restored. Returns what follows the command, or null, with nothing
+// written, for a command the look does not take: one too near the end of
+// the text to read the block, one longer than the block, or one too short
+// to be cached.
 [[gnu::flatten, gnu::always_inline]] inline const char* COldToRTF::AddRememberedFontCmd(const char* pCmd, const char* pTextEnd)
 {
 #if RTFCONV_SCAN_SSE2
     // The text's NUL is at pTextEnd: the block from pCmd stays before it.
     if (static_cast<std::size_t>(pTextEnd - pCmd) < kcbFontCmdLook) return nullptr;
-    static_assert(kcbFontCmdLook == byte_scan::CommandLook::kcbLook, "the remembered source is the look");
-    constexpr std::size_t kBlocks = byte_scan::CommandLook::kBlocks;
-    const byte_scan::CommandLook look = byte_scan::LookAtCommand(pCmd, CDocCmd::chCmdEnd, kcbFontCmdLook);
-    const std::size_t cb = look.cb;
-    if (cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) return nullptr;  // also no end in the look
-    const __m128i* const key = look.key;
-    const std::uint64_t h = byte_scan::HashOfLook(look);
     if (!m_rememberedFontCmds) m_rememberedFontCmds.reset(new RememberedFontCmd[std::size_t(1) << kRememberedFontCmdBits]());
-    RememberedFontCmd& slot = m_rememberedFontCmds[static_cast<std::size_t>(h >> (64 - kRememberedFontCmdBits))];
-    __m128i same = _mm_set1_epi8(-1);
-    for (std::size_t k = 0; k < kBlocks; ++k) {
-        const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(slot.source + 2 * k));
-        same = _mm_and_si128(same, _mm_cmpeq_epi8(held, key[k]));
-    }
-    if (_mm_movemask_epi8(same) != 0xFFFF) {
-        std::uint64_t source[kFontCmdLookWords];
-        for (std::size_t k = 0; k < kBlocks; ++k) _mm_storeu_si128(reinterpret_cast<__m128i*>(source + 2 * k), key[k]);
-        RememberFontCmd(slot, pCmd, cb, source);
-    }
-    AddFontWords(slot.words);
-    return pCmd + cb;
+    const RememberedFontCmd* const pSlot = RememberedFontCmdAt(pCmd);
+    if (!pSlot) return nullptr;
+    AddFontWords(pSlot->words);
+    return pCmd + pSlot->cb;
 #else
     (void)pCmd;
     (void)pTextEnd;
     return nullptr;
 #endif
+}
+
+#if RTFCONV_SCAN_SSE2
+namespace {
+// 16 bytes 0xFF then 16 zero: from 15 - i on, the mask that keeps the first
+// i + 1 bytes of a block.
+struct BlockKeepMasks {
+    unsigned char bytes[32];
+    constexpr BlockKeepMasks() : bytes()
+    {
+        for (std::size_t i = 0; i < 16; ++i) bytes[i] = 0xFF;
+    }
+};
+constexpr BlockKeepMasks kBlockKeepMasks;
+}  // namespace
+
+// The slot of the font command at pCmd, whose first kcbFontCmdLook bytes
+// are readable, holding the command once this returns; null for a command
+// the look does not take (no end among those bytes, or too short to be
+// cached). A command met again is known without a scan for its end: its
+// first block, cut at a 0x02 within it, picks its slot (a command's first
+// bytes are its attributes, size and the start of its face, so that the
+// commands of a text mostly take different slots), and the bytes from pCmd
+// equal to the slot's command up to its 0x02 are that command, its first
+// 0x02 the end of both. An empty slot's command has one byte, 0, which no
+// command starts with.
+[[gnu::always_inline]] inline const COldToRTF::RememberedFontCmd* COldToRTF::RememberedFontCmdAt(const char* pCmd)
+{
+    constexpr std::size_t kBlocks = byte_scan::CommandLook::kBlocks;
+    static_assert(kBlocks == 3 && kcbFontCmdLook <= 64, "the bytes of the look are one word");
+    __m128i block[kBlocks];
+    for (std::size_t k = 0; k < kBlocks; ++k) block[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pCmd + 16 * k));
+    const unsigned endsInFirst = static_cast<unsigned>(_mm_movemask_epi8(byte_scan::Is(block[0], CDocCmd::chCmdEnd)));
+    const unsigned lastKept = static_cast<unsigned>(__builtin_ctz(endsInFirst | 0x8000u));
+    const __m128i first = _mm_and_si128(block[0], _mm_loadu_si128(reinterpret_cast<const __m128i*>(kBlockKeepMasks.bytes + 15 - lastKept)));
+    const std::uint64_t h = static_cast<std::uint64_t>(_mm_cvtsi128_si64(first)) * 0x9e3779b97f4a7c15ull +
+                            static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(first, first))) * 0xff51afd7ed558ccdull;
+    RememberedFontCmd& slot = m_rememberedFontCmds[static_cast<std::size_t>(h >> (64 - kRememberedFontCmdBits))];
+    std::uint64_t same = 0;
+    for (std::size_t k = 0; k < kBlocks; ++k) {
+        const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(slot.source + 2 * k));
+        same |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(held, block[k])))) << (16 * k);
+    }
+    if ((slot.ownBytes & ~same) == 0) return &slot;
+    const byte_scan::CommandLook look = byte_scan::LookAtCommand(pCmd, CDocCmd::chCmdEnd, kcbFontCmdLook);
+    if (look.cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) return nullptr;  // also no end in the look
+    std::uint64_t source[kFontCmdLookWords];
+    for (std::size_t k = 0; k < kBlocks; ++k) _mm_storeu_si128(reinterpret_cast<__m128i*>(source + 2 * k), look.key[k]);
+    RememberFontCmd(slot, pCmd, look.cb, source);
+    return &slot;
+}
+#endif
+
+// After a font command met before, ending at pRun: the text of a document
+// in many fonts is mostly a run of a few plain bytes, then another such
+// command or a tab, line feed or paragraph mark. Each such step is written
+// here in a loop of its own, which keeps the place it writes at in a
+// register and checks the room once a step for the most a step writes: the
+// run is found and copied as one block of kcbShortRun bytes, a command known
+// by its first bytes (see RememberedFontCmdAt) and its words or the mark's
+// word written behind the run. A step it does not take is left to the scan: a longer run, one with a byte the scan
+// acts on, another command, too little text left for the blocks or too
+// little room in the quick buffer. Returns where the scan goes on, with
+// pRun the start of the run pending there: the bytes between are plain, so
+// that the block looked at is not scanned again. The runs' last byte and
+// their lengths go to chLast and nTextPos, as the scan counts them.
+[[gnu::always_inline]] inline const char* COldToRTF::AddRunsAndRememberedFontCmds(const char*& pRun, const char* pTextEnd,
+                                                                                 unsigned char& chLast, unsigned& nTextPos)
+{
+    const char* p = pRun;
+#if RTFCONV_SCAN_SSE2
+    // The most a step writes: a run's block, then a command's words.
+    constexpr std::size_t kcbStep = kcbShortRun + CWordBuffer::kcbWords;
+    static_assert(kcbShortRun == 16, "a run is one block");
+    // The bytes a run stops at, as SkipPlainBytes finds them: the control
+    // bytes, the RTF specials, and for the lossless writer, which escapes
+    // them, the bytes from 0x80 up. As signed bytes, control and high bytes
+    // are those below 0x20; the default writer lets the high ones pass.
+    const __m128i highPasses = _mm_load_si128(reinterpret_cast<const __m128i*>(kHighBytesPassing.bytes[m_bLossless ? 1 : 0]));
+    const __m128i controlOrHigh = _mm_set1_epi8(0x20);
+    // The text's NUL is at pTextEnd: a run's block and the look from a
+    // command within it stay before it.
+    while (static_cast<std::size_t>(pTextEnd - p) >= kcbShortRun + kcbFontCmdLook &&
+           m_cbQuickBuffer - m_dwQuickBufferPosition > kcbStep) {
+        const __m128i run = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        __m128i stops = _mm_andnot_si128(_mm_and_si128(run, highPasses), _mm_cmplt_epi8(run, controlOrHigh));
+        stops = _mm_or_si128(stops, _mm_or_si128(byte_scan::Is(run, '\\'), _mm_or_si128(byte_scan::Is(run, '{'), byte_scan::Is(run, '}'))));
+        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(stops));
+        if (mask == 0) return p + kcbShortRun;
+        const std::size_t cbRun = static_cast<std::size_t>(__builtin_ctz(mask));
+        const char* const pStop = p + cbRun;
+        // The run, then what follows it, at the quick buffer's end.
+        auto writeRun = [&]() {
+            char* const pOut = m_body.End() + m_dwQuickBufferPosition;
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut), run);
+            if (cbRun > 0) {
+                chLast = static_cast<unsigned char>(pStop[-1]);
+                nTextPos += static_cast<unsigned>(cbRun);
+            }
+            return pOut + cbRun;
+        };
+        const ByteClass c = kByteClass.cls[static_cast<unsigned char>(*pStop)];
+        if (c == bcTab || c == bcLineFeed || c == bcReturn) {
+            const ControlWord& word = ControlWordOf(c);
+            std::memcpy(writeRun(), word.text, sizeof word.text);
+            m_dwQuickBufferPosition += static_cast<DWORD>(cbRun + static_cast<std::size_t>(word.n));
+            chLast = static_cast<unsigned char>(*pStop);
+            ++nTextPos;
+            p = pRun = pStop + 1;
+            continue;
+        }
+        if (c != bcCmdStart || pStop[1] != CDocCmd::font) return pStop;
+        const RememberedFontCmd* const pSlot = RememberedFontCmdAt(pStop);
+        if (!pSlot) return pStop;
+        char* const pWords = writeRun();
+        m_dwQuickBufferPosition += static_cast<DWORD>(cbRun + WriteFontWords(pSlot->words, pWords));
+        p = pRun = pStop + pSlot->cb;
+    }
+#else
+    (void)pTextEnd;
+    (void)chLast;
+    (void)nTextPos;
+#endif
+    return p;
 }
 
 // Reading a command is the rare path: kept out of line, so that a command
@@ -1017,16 +1145,24 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 // loop among them (see AddRememberedFontCmd).
 [[gnu::always_inline]] inline void COldToRTF::AddFontWords(const FontCmdWords& w)
 {
+    // Where the quick buffer has room for the most a command writes, the
+    // words are gathered where AddToBuffer would copy them.
+    const bool bInPlace = m_cbQuickBuffer - m_dwQuickBufferPosition > CWordBuffer::kcbWords;
+    char spare[CWordBuffer::kcbWords];
+    const std::size_t cbWords = WriteFontWords(w, bInPlace ? m_body.End() + m_dwQuickBufferPosition : spare);
+    if (bInPlace) m_dwQuickBufferPosition += static_cast<DWORD>(cbWords);
+    else if (cbWords > 0) AddToBuffer(spare, static_cast<int>(cbWords));
+}
+
+// The same words, with their blank, written in the CWordBuffer::kcbWords
+// bytes at pWords, which may take blocks past the count; their count, 0 when
+// nothing changes. The place and the count are plain locals, not a
+// CWordBuffer, so that they stay in registers across the block copies.
+[[gnu::always_inline]] inline std::size_t COldToRTF::WriteFontWords(const FontCmdWords& w, char* pWords)
+{
     static_assert(std::size(kAttributeWords) <= 8, "one bit of the attributes in force per attribute word");
     static_assert(kAttributeWords[1].isOn == &CFontCmd::IsUnderline && kUnderlineBit == 1u << 1, "the underline's bit");
     const FontCmdMeaning& meaning = w.meaning;
-    // Where the quick buffer has room for the most a command writes, the
-    // words are gathered where AddToBuffer would copy them. The place and
-    // the count are plain locals, not a CWordBuffer on the stack, so that
-    // they stay in registers across the block copies.
-    const bool bInPlace = m_cbQuickBuffer - m_dwQuickBufferPosition > CWordBuffer::kcbWords;
-    char spare[CWordBuffer::kcbWords];
-    char* const pWords = bInPlace ? m_body.End() + m_dwQuickBufferPosition : spare;
     std::size_t cbWords = 0;
     // A part is at most 33 bytes and ends at most 75 bytes in: a block of 48
     // bytes from its start stays within w.bytes.
@@ -1064,11 +1200,8 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
         cbWords += w.attributeWordLength[k];
     }
     m_attributes = w.attributes;
-    if (cbWords > 0) {
-        pWords[cbWords++] = ' ';
-        if (bInPlace) m_dwQuickBufferPosition += static_cast<DWORD>(cbWords);
-        else AddToBuffer(spare, static_cast<int>(cbWords));
-    }
+    if (cbWords > 0) pWords[cbWords++] = ' ';
+    return cbWords;
 }
 
 // =================================================================================

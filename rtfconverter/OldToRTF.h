@@ -248,7 +248,9 @@ private:
     int AddFontCmdToBuffer(const char* pFontCmd, int nFontCmd);
     const FontCmdWords& CachedFontWords(const char* pFontCmd, std::size_t cbFontCmd);
     const char* AddRememberedFontCmd(const char* pCmd, const char* pTextEnd);
+    const char* AddRunsAndRememberedFontCmds(const char*& pRun, const char* pTextEnd, unsigned char& chLast, unsigned& nTextPos);
     void AddFontWords(const FontCmdWords& words);
+    std::size_t WriteFontWords(const FontCmdWords& words, char* pWords);
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
     void ClearCommandCaches();
     int AddLayoutCmdToBuffer(const char* pLayoutCmd, int nLayoutCmd);
@@ -385,17 +387,20 @@ private:
 
     CCommandCache<FontCmdWords> m_fontCmdCache;
     // The font commands of the text, known by their first kcbFontCmdLook
-    // bytes, in which the scan for their end also finds their key (see
-    // AddRememberedFontCmd).
+    // bytes, their slot picked by the first 16 (see RememberedFontCmdAt).
     static constexpr std::size_t kcbFontCmdLook = 48;
     static constexpr std::size_t kFontCmdLookWords = kcbFontCmdLook / 8;
     struct RememberedFontCmd {
         // The command to its 0x02, the bytes after it zero; all zero in an
-        // empty slot, which no command is (each starts with 0x01).
+        // empty slot, whose one byte 0 no command has (each starts with 0x01).
         std::uint64_t source[kFontCmdLookWords];
+        // Bit i: byte i of the source is the command's; its length.
+        std::uint64_t ownBytes = 1;
+        unsigned char cb = 0;
         FontCmdWords words;
     };
     static constexpr unsigned kRememberedFontCmdBits = 8;
+    const RememberedFontCmd* RememberedFontCmdAt(const char* pCmd);
     void RememberFontCmd(RememberedFontCmd& slot, const char* pCmd, std::size_t cb,
                          const std::uint64_t (&source)[kFontCmdLookWords]);
     std::unique_ptr<RememberedFontCmd[]> m_rememberedFontCmds;

@@ -19,6 +19,13 @@ const std::string S = "\x03";  // data separator
 
 std::string Cmd(const std::string& body) { return F + body + E; }
 
+std::string Repeated(const std::string& s, int n)
+{
+    std::string all;
+    while (n-- > 0) all += s;
+    return all;
+}
+
 // The body of the document for `text` (after the stylesheet), with the extra
 // tables expected; fails the test when the front does not match.
 std::string BodyOf(const std::string& doc, const std::string& extraFonts = "", const std::string& extraColors = "")
@@ -98,6 +105,13 @@ TEST(OldToRTF, PlainTextScan)
         {"unknown type letter", "a" + Cmd("Xyz") + "b", "ab\\par }", {"0@OldToRTF"}},
         {"high and control bytes raw", "\xE9\x05\x7F\xFF", "\xE9\x05\x7F\xFF\\par }", {}},
         {"backslash pair", "\\\\", "\\\\\\\\\\par }", {}},
+        // Far enough from the end for the writer's loop of short runs and
+        // font commands met again, which writes the marks after a run too.
+        {"runs and marks between font commands met again",
+         Cmd("F---:-") + "ab" + Cmd("F---B:-") + "\t" + Cmd("F---:-") + "c\r" + Cmd("F---B:-") + "d\n" + Cmd("F---:-") +
+             "{" + Cmd("F---B:-") + "\r" + Repeated(Cmd("F---:-") + Cmd("F---B:-"), 6),
+         "\\cf1 ab\\b \\tab \\b0 c\\par \\b d\\line \\b0 \\{\\b \\par " + Repeated("\\b0 \\b ", 6) + "}",
+         {}},
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.name);
@@ -257,6 +271,15 @@ TEST(OldToRTF, TextPositionsSeenByTheFilter)
     const int nNumber = static_cast<int>(number.size());
     EXPECT_EQ(script.positions, (std::vector<int>{3, 6, 10, 10 + nNumber, 16 + nNumber}));
     EXPECT_EQ(script.commands[1], Cmd("A01"));
+
+    // Runs and marks written among font commands met again count as the scan counts them.
+    FilterScript marks;
+    marks.answers.push_back({});
+    const std::string fonts = Repeated(Cmd("F---:-") + Cmd("F---B:-"), 6);
+    OldToRtf(Cmd("F---:-") + "ab" + Cmd("F---B:-") + "\t" + Cmd("F---:-") + "c\r" + Cmd("F---B:-") + "d\n" + Cmd("A00") +
+                 fonts + "e" + fonts + Cmd("A01"),
+             &lf, nullptr, ScriptedFilter, &marks, &marks);
+    EXPECT_EQ(marks.positions, (std::vector<int>{7, 8}));
 }
 
 TEST(OldToRTF, AttachmentsOfEveryKindAndAnswer)
@@ -475,11 +498,12 @@ TEST(OldToRTF, ManyDistinctFontCommandsRepeated)
     EXPECT_NE(body.find("{\\f7\\fcharset0\\fswiss Face6;}"), std::string::npos);
 }
 
-// A font command met again is known by its bytes up to its 0x02, found in
-// one look at the bytes from its start: two commands of every length around
-// that look's, differing only in a letter in the middle of their faces, met
-// again far from the end of the text and near it, each switch to their own
-// font, in both modes.
+// A font command met again is known by its bytes up to its 0x02, its slot
+// by its first 16: two commands of every length around the 48 bytes looked
+// at, differing only in a letter in the middle of their faces, or one face
+// the other lengthened by a letter (the same bytes up to the shorter one's
+// 0x02), met again far from the end of the text and near it, each switch
+// to their own font, in both modes.
 TEST(OldToRTF, FontCommandsDifferingInTheMiddleMetAgain)
 {
     // Faces of up to 32 letters are read; attribute letters said again
@@ -490,12 +514,18 @@ TEST(OldToRTF, FontCommandsDifferingInTheMiddleMetAgain)
             face[cbFace / 2] = 'a';
             const std::string a = Cmd("F---" + attributes + ":" + face);
             face[cbFace / 2] = 'b';
-            const std::string b = Cmd("F---" + attributes + ":" + face);
+            const std::string middle = Cmd("F---" + attributes + ":" + face);
+            face[cbFace / 2] = 'a';
+            const std::string lengthened = Cmd("F---" + attributes + ":" + face + "g");
             const std::string pad(60, 'p');
-            for (bool bLossless : {false, true}) {
-                SCOPED_TRACE(attributes + " " + std::to_string(cbFace) + (bLossless ? ", lossless" : ""));
-                const std::string doc = OldToRtfInMode(a + "x" + b + "y" + pad + a + "x" + b + "y" + a + "z", bLossless);
-                EXPECT_NE(doc.find(" x\\f2 y" + pad + "\\f1 x\\f2 y\\f1 z\\par }"), std::string::npos) << doc;
+            for (const std::string& b : {middle, lengthened}) {
+                if (b.size() > a.size() && cbFace >= 31) continue;  // a face keeps 31 letters
+                for (bool bLossless : {false, true}) {
+                    SCOPED_TRACE(attributes + " " + std::to_string(cbFace) + (b == middle ? "" : ", lengthened") +
+                                 (bLossless ? ", lossless" : ""));
+                    const std::string doc = OldToRtfInMode(a + "x" + b + "y" + pad + a + "x" + b + "y" + a + "z", bLossless);
+                    EXPECT_NE(doc.find(" x\\f2 y" + pad + "\\f1 x\\f2 y\\f1 z\\par }"), std::string::npos) << doc;
+                }
             }
         }
     }
