@@ -236,13 +236,41 @@ std::size_t LengthBeforeLowOr(const char* p, std::size_t cb, unsigned char below
     });
 }
 
+// Two words, each times its own odd number, summed: the top bits of the sum
+// depend on every bit of both, so that they pick a slot of a table.
+inline std::uint64_t HashOfWords(std::uint64_t lo, std::uint64_t hi)
+{
+    return lo * 0x9e3779b97f4a7c15ull + hi * 0xff51afd7ed558ccdull;
+}
+
 #if RTFCONV_SCAN_SSE2
+// The block with the bytes past its first chEnd zeroed, or the whole block
+// when chEnd is not among its first 15 bytes: the first block of a short
+// command cut as the command's key is, which picks its slot in a memo.
+inline __m128i ThroughFirst(__m128i block, char chEnd)
+{
+    // 16 bytes 0xFF then 16 zero: from 15 - i on, the mask that keeps the
+    // first i + 1 bytes.
+    static constexpr struct KeepMasks {
+        unsigned char bytes[32];
+        constexpr KeepMasks() : bytes() { for (std::size_t i = 0; i < 16; ++i) bytes[i] = 0xFF; }
+    } kKeep{};
+    const unsigned ends = static_cast<unsigned>(_mm_movemask_epi8(Is(block, chEnd))) | 0x8000u;
+    const unsigned last = static_cast<unsigned>(__builtin_ctz(ends));
+    return _mm_and_si128(block, _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeep.bytes + 15 - last)));
+}
+
+inline std::uint64_t HashOfBlock(__m128i block)
+{
+    return HashOfWords(static_cast<std::uint64_t>(_mm_cvtsi128_si64(block)),
+                       static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(block, block))));
+}
+
 // A short command known by its bytes: the first 48 bytes from its start taken
 // in one look, its end byte found among them, and the bytes past that end
-// zeroed, so that the look is the command's key; a command met again is found
-// by hashing and comparing the three blocks, without a scan for its end or a
-// hash of its bytes one at a time. The old-format writer keeps the font
-// commands of a text this way.
+// zeroed, so that the look is the command's key, kept as it is for comparing
+// a command met again without a scan for its end. The old-format writer keeps
+// the font commands of a text this way.
 struct CommandLook {
     static constexpr std::size_t kcbLook = 48;
     static constexpr std::size_t kBlocks = kcbLook / 16;
@@ -277,18 +305,6 @@ inline CommandLook LookAtCommand(const char* p, char chEnd, std::size_t cbMax)
         look.key[k] = _mm_and_si128(v[k], keep);
     }
     return look;
-}
-
-// The look's blocks folded into one, the second with its halves swapped, so
-// that a byte of one block rarely cancels the same byte of another; each half
-// of the fold times its own odd number, summed: the top bits depend on every
-// bit of the key.
-inline std::uint64_t HashOfLook(const CommandLook& look)
-{
-    static_assert(CommandLook::kBlocks == 3, "three blocks folded");
-    const __m128i fold = _mm_xor_si128(_mm_xor_si128(look.key[0], _mm_shuffle_epi32(look.key[1], 0x4E)), look.key[2]);
-    return static_cast<std::uint64_t>(_mm_cvtsi128_si64(fold)) * 0x9e3779b97f4a7c15ull +
-           static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(fold, fold))) * 0xff51afd7ed558ccdull;
 }
 #endif
 

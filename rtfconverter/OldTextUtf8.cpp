@@ -499,13 +499,11 @@ private:
     // The slot of a command is chosen by its first 16 bytes up to its 0x02
     // (size, colour, attributes and the face's first letters, which tell
     // the commands of a text apart nearly always), so that a command met
-    // again is found before its end is: its two words, each times its own
-    // odd number, summed; the top bits of the sum, which pick the slot,
-    // depend on every bit of both.
+    // again is found before its end is: the top bits of its two words'
+    // hash pick the slot, as byte_scan::HashOfBlock does for the block.
     std::size_t FontMemoIndexOfFirstWords(std::uint64_t lo, std::uint64_t hi) const
     {
-        const std::uint64_t h = lo * 0x9e3779b97f4a7c15ull + hi * 0xff51afd7ed558ccdull;
-        return static_cast<std::size_t>(h >> m_fontMemoShift);
+        return static_cast<std::size_t>(byte_scan::HashOfWords(lo, hi) >> m_fontMemoShift);
     }
     FontCommandEncoding& FontMemoSlotOf(const char* p, std::size_t cb) const
     {
@@ -529,15 +527,8 @@ private:
         const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
         // The first block up to its first 0x02 (the whole block when the
         // 0x02 is at its last byte or past it): the slot's key.
-        const std::uint64_t ends = static_cast<unsigned>(_mm_movemask_epi8(byte_scan::Is(first, CDocCmd::chCmdEnd))) | 0x8000u;
-        const std::size_t lastOfFirst = static_cast<std::size_t>(__builtin_ctzll(ends));
-        static constexpr struct KeepFirst {
-            unsigned char bytes[32];
-            constexpr KeepFirst() : bytes() { for (std::size_t i = 0; i < 16; ++i) bytes[i] = 0xFF; }
-        } kKeep{};
-        const __m128i key = _mm_and_si128(first, _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeep.bytes + 15 - lastOfFirst)));
-        const FontCommandEncoding& memo = m_fontMemo[FontMemoIndexOfFirstWords(
-            static_cast<std::uint64_t>(_mm_cvtsi128_si64(key)), static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(key, key))))];
+        const __m128i key = byte_scan::ThroughFirst(first, CDocCmd::chCmdEnd);
+        const FontCommandEncoding& memo = m_fontMemo[static_cast<std::size_t>(byte_scan::HashOfBlock(key) >> m_fontMemoShift)];
         const __m128i* const held = reinterpret_cast<const __m128i*>(memo.source.data());
         const auto sameBits = [](__m128i a, __m128i b) {
             return static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, b))));

@@ -1009,18 +1009,6 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 }
 
 #if RTFCONV_SCAN_SSE2
-namespace {
-// 16 bytes 0xFF then 16 zero: from 15 - i on, the mask that keeps the first
-// i + 1 bytes of a block.
-struct BlockKeepMasks {
-    unsigned char bytes[32];
-    constexpr BlockKeepMasks() : bytes()
-    {
-        for (std::size_t i = 0; i < 16; ++i) bytes[i] = 0xFF;
-    }
-};
-constexpr BlockKeepMasks kBlockKeepMasks;
-}  // namespace
 
 // The slot of the font command at pCmd, whose first kcbFontCmdLook bytes
 // are readable, holding the command once this returns; null for a command
@@ -1038,11 +1026,7 @@ constexpr BlockKeepMasks kBlockKeepMasks;
     static_assert(kBlocks == 3 && kcbFontCmdLook <= 64, "the bytes of the look are one word");
     __m128i block[kBlocks];
     for (std::size_t k = 0; k < kBlocks; ++k) block[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pCmd + 16 * k));
-    const unsigned endsInFirst = static_cast<unsigned>(_mm_movemask_epi8(byte_scan::Is(block[0], CDocCmd::chCmdEnd)));
-    const unsigned lastKept = static_cast<unsigned>(__builtin_ctz(endsInFirst | 0x8000u));
-    const __m128i first = _mm_and_si128(block[0], _mm_loadu_si128(reinterpret_cast<const __m128i*>(kBlockKeepMasks.bytes + 15 - lastKept)));
-    const std::uint64_t h = static_cast<std::uint64_t>(_mm_cvtsi128_si64(first)) * 0x9e3779b97f4a7c15ull +
-                            static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(first, first))) * 0xff51afd7ed558ccdull;
+    const std::uint64_t h = byte_scan::HashOfBlock(byte_scan::ThroughFirst(block[0], CDocCmd::chCmdEnd));
     RememberedFontCmd& slot = m_rememberedFontCmds[static_cast<std::size_t>(h >> (64 - kRememberedFontCmdBits))];
     std::uint64_t same = 0;
     for (std::size_t k = 0; k < kBlocks; ++k) {
@@ -1066,9 +1050,9 @@ constexpr BlockKeepMasks kBlockKeepMasks;
 // register and checks the room once a step for the most a step writes: the
 // run is found and copied as one block of kcbShortRun bytes, a command known
 // by its first bytes (see RememberedFontCmdAt) and its words or the mark's
-// word written behind the run. A step it does not take is left to the scan: a longer run, one with a byte the scan
-// acts on, another command, too little text left for the blocks or too
-// little room in the quick buffer. Returns where the scan goes on, with
+// word written behind the run. A step it does not take is left to the scan:
+// a longer run, one with a byte the scan acts on, another command, too little
+// text left for the blocks or too little room in the quick buffer. Returns where the scan goes on, with
 // pRun the start of the run pending there: the bytes between are plain, so
 // that the block looked at is not scanned again. The runs' last byte and
 // their lengths go to chLast and nTextPos, as the scan counts them.
