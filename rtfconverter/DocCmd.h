@@ -49,6 +49,9 @@ public:
 
     CDocCmd() = default;
     CDocCmd(const CDocCmd&) = default;
+    // Tag of a command made with no text, neither valid nor of a kind: a
+    // slot that a copy fills before it is used, made at no cost.
+    struct Unfilled {};
     ~CDocCmd() override;
 
     void Serialize(CArchive&) override;
@@ -145,6 +148,7 @@ public:
     // The default text with mode single and kind none (not through SetCmd).
     CFontCmd();
     CFontCmd(const CFontCmd&) = default;
+    explicit CFontCmd(Unfilled) {}
     CFontCmd(const CString& cmd);
     ~CFontCmd() override;
 
@@ -265,6 +269,7 @@ public:
 
     CLayoutCmd();
     CLayoutCmd(const CLayoutCmd&) = default;
+    explicit CLayoutCmd(Unfilled) {}
     CLayoutCmd(const CString& cmd);
     ~CLayoutCmd() override;
 

@@ -143,6 +143,21 @@ protected:
         {
         }
 
+        // A stock reader's record (CRTFImport::CreateSave): the commands are
+        // saved only before the group first changes them, which most groups
+        // never do; until then the reader's own are the group's opening ones.
+        struct LazyCommands {};
+        CRTFImportSave(const CRTFImport& reader, LazyCommands)
+            : m_layoutCmd(CDocCmd::Unfilled()),
+              m_fontCmd(CDocCmd::Unfilled()),
+              m_nFontCharset(reader.m_nFontCharset),
+              m_nUnicodeSkip(reader.m_nUnicodeSkip),
+              m_bHoldsState(true),
+              m_bLayoutSaved(false),
+              m_bFontSaved(false)
+        {
+        }
+
         CLayoutCmd m_layoutCmd;
         CFontCmd m_fontCmd;
         // Used by the lossless reading only.
@@ -150,6 +165,10 @@ protected:
         int m_nUnicodeSkip = 1;
         // Filled when made; PushRtfState fills the others.
         bool m_bHoldsState = false;
+        // m_layoutCmd, m_fontCmd hold the group's opening commands. Always so
+        // but in a stock reader's record.
+        bool m_bLayoutSaved = true;
+        bool m_bFontSaved = true;
     };
 
     // --- the reader core's virtual operations
@@ -393,6 +412,25 @@ private:
     // The object is exactly CRTFStreamImport or CRTFPtrImport, whose virtuals
     // are all this library's own; set at each Read.
     bool m_bStockReader = false;
+    // A stock reader's record of the innermost open group, which saves the
+    // commands before their first change; null when none is open, and for
+    // every other reader. Every change of m_layoutCmd and m_fontCmd goes
+    // through LayoutCmdToChange and FontCmdToChange, save the restore at '}'.
+    CRTFImportSave* m_pLazySave = nullptr;
+    CLayoutCmd& LayoutCmdToChange()
+    {
+        if (m_pLazySave && !m_pLazySave->m_bLayoutSaved)
+            SaveLayoutCmdForGroup();
+        return m_layoutCmd;
+    }
+    CFontCmd& FontCmdToChange()
+    {
+        if (m_pLazySave && !m_pLazySave->m_bFontSaved)
+            SaveFontCmdForGroup();
+        return m_fontCmd;
+    }
+    void SaveLayoutCmdForGroup();
+    void SaveFontCmdForGroup();
     void RestoreCommands(const CRTFImportSave& save);
     void CopyFontCmd(CFontCmd& to, const CFontCmd& from);
     void ApplyFontEntry(int i);
