@@ -973,12 +973,12 @@ bool CRTFImport::ApplyParCommand(const void* pKeyword, int param)
         LayoutCmdToChange().Right();
     } else if (KeywordIs(pKeyword, "li")) {
         if (param != 0 || !LayoutEditLeavesText(CLayoutCmd::posLeftMargin, "000"))
-            LayoutCmdToChange().SetLeftMargin(TwipsToInches(param));
+            EditLayoutMeasure(leftMargin, param);
     } else if (KeywordIs(pKeyword, "fi")) {
-        LayoutCmdToChange().SetFirstLineIndent(TwipsToInches(param));
+        EditLayoutMeasure(firstLineIndent, param);
     } else if (KeywordIs(pKeyword, "ri")) {
         if (param != 0 || !LayoutEditLeavesText(CLayoutCmd::posRightMargin, "000"))
-            LayoutCmdToChange().SetRightMargin(TwipsToInches(param));
+            EditLayoutMeasure(rightMargin, param);
     } else if (m_rds != rdsPNCommand) {
         for (const TabLeaderKeyword& k : kTabLeaderKeywords) {
             if (KeywordIs(pKeyword, k.szKeyword)) {
@@ -995,6 +995,32 @@ bool CRTFImport::ApplyParCommand(const void* pKeyword, int param)
         }
     }
     return true;
+}
+
+// A margin or the first line's indent, in twips. Paragraph after paragraph
+// sets the same measures over the same layout: a stock reader keeps what each
+// edit last made of which text (its commands are valid, so an edit reports
+// nothing, and a result taken again is all it does).
+void CRTFImport::EditLayoutMeasure(LayoutMeasure measure, int twips)
+{
+    static constexpr void (CLayoutCmd::*kSetters[])(double) = {
+        &CLayoutCmd::SetLeftMargin, &CLayoutCmd::SetFirstLineIndent, &CLayoutCmd::SetRightMargin};
+    const auto pfnSet = kSetters[measure];
+    if (!m_bStockReader) {
+        (LayoutCmdToChange().*pfnSet)(TwipsToInches(twips));
+        return;
+    }
+    LayoutEditMemo& memo = m_layoutEditMemo[measure];
+    if (memo.bMade && memo.twips == twips && memo.before == m_layoutCmd.GetCmd()) {
+        if (memo.after != memo.before)
+            LayoutCmdToChange().CopyUnchecked(memo.after);
+        return;
+    }
+    memo.before = m_layoutCmd.GetCmd();
+    memo.twips = twips;
+    (LayoutCmdToChange().*pfnSet)(TwipsToInches(twips));
+    memo.after.CopyUnchecked(m_layoutCmd);
+    memo.bMade = true;
 }
 
 // Most paragraphs set a left justification and margins of zero over the

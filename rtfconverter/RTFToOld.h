@@ -399,6 +399,16 @@ private:
     void EndField();
     void InsertTabStop(int param);
     bool LayoutEditLeavesText(int pos, const char* pszField) const;
+    enum LayoutMeasure { leftMargin, firstLineIndent, rightMargin, cLayoutMeasures };
+    void EditLayoutMeasure(LayoutMeasure measure, int twips);
+    // What EditLayoutMeasure last made of a layout text, for each measure.
+    struct LayoutEditMemo {
+        bool bMade = false;
+        int twips = 0;
+        CString before;
+        CLayoutCmd after{CDocCmd::Unfilled()};
+    };
+    std::array<LayoutEditMemo, cLayoutMeasures> m_layoutEditMemo;
     int FindFontEntry(int fontNum) const;
     bool AddAutomaticColorEntry();
     void ReleaseAttachmentStream();
