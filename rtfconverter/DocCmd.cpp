@@ -98,13 +98,6 @@ CDocCmd& CDocCmd::operator=(const char* psz)
     return *this;
 }
 
-void CDocCmd::CopyUnchecked(const CDocCmd& rCmd)
-{
-    m_cmd = rCmd.m_cmd;
-    m_type = rCmd.m_type;
-    m_mode = rCmd.m_mode;
-}
-
 int CDocCmd::operator==(const CDocCmd& rCmd) const { return m_cmd == rCmd.m_cmd; }
 int CDocCmd::operator==(const char* psz) const { return m_cmd == CString(psz); }
 int CDocCmd::operator!=(const CDocCmd& rCmd) const { return !(*this == rCmd); }

@@ -69,7 +69,14 @@ public:
     // Takes rCmd's text, kind and mode as they are, without the report of an
     // invalid source that a copy of a font command makes: for a reader whose
     // commands are valid as it builds them.
-    void CopyUnchecked(const CDocCmd& rCmd);
+    // (Inline: the readers copy their commands at nearly every change of
+    // formatting.)
+    void CopyUnchecked(const CDocCmd& rCmd)
+    {
+        m_cmd = rCmd.m_cmd;
+        m_type = rCmd.m_type;
+        m_mode = rCmd.m_mode;
+    }
 
     // Texts compared byte for byte; kind and mode do not take part.
     int operator==(const CDocCmd& rCmd) const;
