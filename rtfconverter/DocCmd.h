@@ -79,10 +79,10 @@ public:
     }
 
     // Texts compared byte for byte; kind and mode do not take part.
-    int operator==(const CDocCmd& rCmd) const;
+    int operator==(const CDocCmd& rCmd) const { return m_cmd == rCmd.m_cmd; }
     int operator==(const char* psz) const;
     int operator==(const CString& s) const { return m_cmd == s; }
-    int operator!=(const CDocCmd& rCmd) const;
+    int operator!=(const CDocCmd& rCmd) const { return !(m_cmd == rCmd.m_cmd); }
     int operator!=(const char* psz) const { return !(*this == psz); }
     int operator!=(const CString& s) const { return !(m_cmd == s); }
 
@@ -157,7 +157,8 @@ public:
     CFontCmd(const CFontCmd&) = default;
     explicit CFontCmd(Unfilled) {}
     CFontCmd(const CString& cmd);
-    ~CFontCmd() override;
+    // Inline, as every group record's commands end with it.
+    ~CFontCmd() override = default;
 
     // Copies text, kind and mode as they are, after reporting an invalid source.
     CFontCmd& operator=(const CFontCmd& rCmd);
@@ -278,7 +279,7 @@ public:
     CLayoutCmd(const CLayoutCmd&) = default;
     explicit CLayoutCmd(Unfilled) {}
     CLayoutCmd(const CString& cmd);
-    ~CLayoutCmd() override;
+    ~CLayoutCmd() override = default;
 
     // Copies text, kind and mode as they are.
     CLayoutCmd& operator=(const CLayoutCmd& rCmd);
