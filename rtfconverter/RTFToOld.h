@@ -424,8 +424,9 @@ private:
     bool m_bStockReader = false;
     // A stock reader's record of the innermost open group, which saves the
     // commands before their first change; null when none is open, and for
-    // every other reader. Every change of m_layoutCmd and m_fontCmd goes
-    // through LayoutCmdToChange and FontCmdToChange, save the restore at '}'.
+    // every other reader. A stock reader changes m_layoutCmd and m_fontCmd
+    // only through LayoutCmdToChange and FontCmdToChange, but for the restore
+    // at '}' (which gives back what the enclosing group opened with).
     CRTFImportSave* m_pLazySave = nullptr;
     CLayoutCmd& LayoutCmdToChange()
     {
