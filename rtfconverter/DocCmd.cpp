@@ -98,16 +98,7 @@ CDocCmd& CDocCmd::operator=(const char* psz)
     return *this;
 }
 
-void CDocCmd::CopyUnchecked(const CDocCmd& rCmd)
-{
-    m_cmd = rCmd.m_cmd;
-    m_type = rCmd.m_type;
-    m_mode = rCmd.m_mode;
-}
-
-int CDocCmd::operator==(const CDocCmd& rCmd) const { return m_cmd == rCmd.m_cmd; }
 int CDocCmd::operator==(const char* psz) const { return m_cmd == CString(psz); }
-int CDocCmd::operator!=(const CDocCmd& rCmd) const { return !(*this == rCmd); }
 
 void CDocCmd::SetMode(CmdModes mode)
 {
@@ -359,7 +350,6 @@ CFontCmd::CFontCmd()
 
 CFontCmd::CFontCmd(const CString& cmd) { SetCmd(cmd); }
 
-CFontCmd::~CFontCmd() = default;
 
 CFontCmd& CFontCmd::operator=(const CFontCmd& rCmd)
 {
@@ -771,7 +761,6 @@ CLayoutCmd::CLayoutCmd() { SetCmd(CString(kDefaultLayoutCmdText)); }
 
 CLayoutCmd::CLayoutCmd(const CString& cmd) { SetCmd(cmd); }
 
-CLayoutCmd::~CLayoutCmd() = default;
 
 CLayoutCmd& CLayoutCmd::operator=(const CLayoutCmd& rCmd)
 {

@@ -49,6 +49,9 @@ public:
 
     CDocCmd() = default;
     CDocCmd(const CDocCmd&) = default;
+    // Tag of a command made with no text, neither valid nor of a kind: a
+    // slot that a copy fills before it is used, made at no cost.
+    struct Unfilled {};
     ~CDocCmd() override;
 
     void Serialize(CArchive&) override;
@@ -66,13 +69,20 @@ public:
     // Takes rCmd's text, kind and mode as they are, without the report of an
     // invalid source that a copy of a font command makes: for a reader whose
     // commands are valid as it builds them.
-    void CopyUnchecked(const CDocCmd& rCmd);
+    // (Inline: the readers copy their commands at nearly every change of
+    // formatting.)
+    void CopyUnchecked(const CDocCmd& rCmd)
+    {
+        m_cmd = rCmd.m_cmd;
+        m_type = rCmd.m_type;
+        m_mode = rCmd.m_mode;
+    }
 
     // Texts compared byte for byte; kind and mode do not take part.
-    int operator==(const CDocCmd& rCmd) const;
+    int operator==(const CDocCmd& rCmd) const { return m_cmd == rCmd.m_cmd; }
     int operator==(const char* psz) const;
     int operator==(const CString& s) const { return m_cmd == s; }
-    int operator!=(const CDocCmd& rCmd) const;
+    int operator!=(const CDocCmd& rCmd) const { return !(m_cmd == rCmd.m_cmd); }
     int operator!=(const char* psz) const { return !(*this == psz); }
     int operator!=(const CString& s) const { return !(m_cmd == s); }
 
@@ -145,8 +155,10 @@ public:
     // The default text with mode single and kind none (not through SetCmd).
     CFontCmd();
     CFontCmd(const CFontCmd&) = default;
+    explicit CFontCmd(Unfilled) {}
     CFontCmd(const CString& cmd);
-    ~CFontCmd() override;
+    // Inline, as every group record's commands end with it.
+    ~CFontCmd() override = default;
 
     // Copies text, kind and mode as they are, after reporting an invalid source.
     CFontCmd& operator=(const CFontCmd& rCmd);
@@ -265,8 +277,9 @@ public:
 
     CLayoutCmd();
     CLayoutCmd(const CLayoutCmd&) = default;
+    explicit CLayoutCmd(Unfilled) {}
     CLayoutCmd(const CString& cmd);
-    ~CLayoutCmd() override;
+    ~CLayoutCmd() override = default;
 
     // Copies text, kind and mode as they are.
     CLayoutCmd& operator=(const CLayoutCmd& rCmd);

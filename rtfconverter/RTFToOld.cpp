@@ -178,10 +178,13 @@ void CRTFImport::Init()
     m_nLastFont = -1;
     m_nColorEntries = 0;
     m_chTabLeader = ' ';
+    m_pLazySave = nullptr;  // the records went with the base's
 }
 
 CBaseRTFParser::CBaseRTFParserSave* CRTFImport::CreateSave()
 {
+    if (m_bStockReader)
+        return new (std::nothrow) CRTFImportSave(*this, CRTFImportSave::LazyCommands());
     return new (std::nothrow) CRTFImportSave(*this);
 }
 
@@ -195,6 +198,8 @@ bool CRTFImport::PushRtfState()
         VQASSERT(pSave);
         return true;
     }
+    if (m_bStockReader)
+        m_pLazySave = pSave;
     if (pSave->m_bHoldsState)
         return true;
     pSave->m_layoutCmd = m_layoutCmd;
@@ -215,8 +220,27 @@ bool CRTFImport::PopRtfState()
         m_bFontChanged = true;
         m_nFontCharset = pSave->m_nFontCharset;
         m_nUnicodeSkip = pSave->m_nUnicodeSkip;
+        // What the end of the group changes (EndGroupAction) stays in the
+        // enclosing group, whose record saves first.
+        if (m_bStockReader)
+            m_pLazySave = static_cast<CRTFImportSave*>(pSave->pNext);
     }
     return CBaseRTFParser::PopRtfState();
+}
+
+// A record of the innermost group that has not saved a command yet: the
+// reader's is the one the group opened with (an inner group restored its
+// own), the one to restore at '}'.
+void CRTFImport::SaveLayoutCmdForGroup()
+{
+    m_pLazySave->m_layoutCmd.CopyUnchecked(m_layoutCmd);
+    m_pLazySave->m_bLayoutSaved = true;
+}
+
+void CRTFImport::SaveFontCmdForGroup()
+{
+    m_pLazySave->m_fontCmd.CopyUnchecked(m_fontCmd);
+    m_pLazySave->m_bFontSaved = true;
 }
 
 // Most groups leave the commands as they found them. The stock readers build
@@ -228,9 +252,9 @@ bool CRTFImport::PopRtfState()
 void CRTFImport::RestoreCommands(const CRTFImportSave& save)
 {
     if (m_bStockReader) {
-        if (m_layoutCmd != save.m_layoutCmd)
+        if (save.m_bLayoutSaved && m_layoutCmd != save.m_layoutCmd)
             m_layoutCmd.CopyUnchecked(save.m_layoutCmd);
-        if (m_fontCmd != save.m_fontCmd)
+        if (save.m_bFontSaved && m_fontCmd != save.m_fontCmd)
             m_fontCmd.CopyUnchecked(save.m_fontCmd);
         return;
     }
@@ -631,13 +655,13 @@ bool CRTFImport::ApplyCharCommand(const void* pKeyword, int param)
 {
     for (const CharStyleKeyword& k : kCharStyleKeywords) {
         if (KeywordIs(pKeyword, k.szKeyword)) {
-            (m_fontCmd.*k.pfnSetter)(IsStyleOn(param));
+            (FontCmdToChange().*k.pfnSetter)(IsStyleOn(param));
             m_bFontChanged = true;
             return true;
         }
     }
     if (KeywordIs(pKeyword, "cchs")) {
-        m_fontCmd.SetCharset(param == noParam ? 1 : param);
+        FontCmdToChange().SetCharset(param == noParam ? 1 : param);
         m_bFontChanged = true;
     }
     return true;
@@ -652,7 +676,7 @@ bool CRTFImport::ApplyPlainCommand(const void*, int)
 // Returns the default font's entry, -1 when there is none.
 int CRTFImport::ApplyPlainFont()
 {
-    m_fontCmd.SetDefault(fcmAll);
+    FontCmdToChange().SetDefault(fcmAll);
     const int i = m_nDefaultFont >= 0 ? FindFontEntry(m_nDefaultFont) : -1;
     if (i >= 0)
         ApplyFontEntry(i);
@@ -681,6 +705,7 @@ std::size_t CRTFImport::FontEntryMemoSlot(int i, const CString& cmd)
 void CRTFImport::ApplyFontEntry(int i)
 {
     const FontTableStruct& entry = m_FontTable[i];
+    FontCmdToChange();
     if (!m_bStockReader) {
         m_fontCmd.SetFaceName(entry.FontName);
         m_fontCmd.SetCharset(entry.FontCharset);
@@ -704,7 +729,7 @@ bool CRTFImport::ApplyFontSize(const void*, int param)
     if (m_rds == rdsPNText)
         return true;
     const int halfPoints = param == noParam ? 24 : param;
-    m_fontCmd.SetPoints(halfPoints / 2, 0);
+    FontCmdToChange().SetPoints(halfPoints / 2, 0);
     m_bFontChanged = true;
     return true;
 }
@@ -733,14 +758,14 @@ bool CRTFImport::ApplyColorCommand(const void*, int param)
         return true;
     if (pColor->bAutomatic) {
         if (!m_fontCmd.IsDefaultColor()) {
-            m_fontCmd.SetDefault(fcmColor);
+            FontCmdToChange().SetDefault(fcmColor);
             m_bFontChanged = true;
         }
         return true;
     }
     const int index = FindNearestColor(pColor->red, pColor->green, pColor->blue);
     if (index >= 0) {
-        m_fontCmd.SetColor(static_cast<char>('A' + index), 0);
+        FontCmdToChange().SetColor(static_cast<char>('A' + index), 0);
         m_bFontChanged = true;
     }
     return true;
@@ -753,14 +778,14 @@ bool CRTFImport::ApplyBKColorCommand(const void*, int param)
         return true;
     if (pColor->bAutomatic) {
         if (m_fontCmd.GetBackColor() != 0) {
-            m_fontCmd.SetDefault(fcmBackColor);
+            FontCmdToChange().SetDefault(fcmBackColor);
             m_bFontChanged = true;
         }
         return true;
     }
     const int index = FindNearestColor(pColor->red, pColor->green, pColor->blue);
     if (index >= 0) {
-        m_fontCmd.SetBackColor(static_cast<char>('a' + index), 0);
+        FontCmdToChange().SetBackColor(static_cast<char>('a' + index), 0);
         m_bFontChanged = true;
     }
     return true;
@@ -930,28 +955,30 @@ bool CRTFImport::ApplyParCommand(const void* pKeyword, int param)
     CBaseRTFParser::ApplyParCommand(pKeyword, param);
 
     if (KeywordIs(pKeyword, "pard")) {
-        m_layoutCmd = kDefaultLayout;
+        // Most paragraphs start from the default layout already.
+        if (!m_bStockReader || m_layoutCmd != kDefaultLayout)
+            LayoutCmdToChange() = kDefaultLayout;
         m_chTabLeader = ' ';
         // No m_bFontChanged: the removed background reaches the output only
         // with the next font change. A stock reader's command, valid and in
         // mode single, is left as it is when it has no background.
         if (!m_bStockReader || m_fontCmd.GetBackColor() != '\0')
-            m_fontCmd.SetDefault(fcmBackColor);
+            FontCmdToChange().SetDefault(fcmBackColor);
     } else if (KeywordIs(pKeyword, "ql")) {
         if (!LayoutEditLeavesText(CLayoutCmd::posJustify, "L"))
-            m_layoutCmd.Left();
+            LayoutCmdToChange().Left();
     } else if (KeywordIs(pKeyword, "qc")) {
-        m_layoutCmd.Center();
+        LayoutCmdToChange().Center();
     } else if (KeywordIs(pKeyword, "qr")) {
-        m_layoutCmd.Right();
+        LayoutCmdToChange().Right();
     } else if (KeywordIs(pKeyword, "li")) {
         if (param != 0 || !LayoutEditLeavesText(CLayoutCmd::posLeftMargin, "000"))
-            m_layoutCmd.SetLeftMargin(TwipsToInches(param));
+            EditLayoutMeasure(leftMargin, param);
     } else if (KeywordIs(pKeyword, "fi")) {
-        m_layoutCmd.SetFirstLineIndent(TwipsToInches(param));
+        EditLayoutMeasure(firstLineIndent, param);
     } else if (KeywordIs(pKeyword, "ri")) {
         if (param != 0 || !LayoutEditLeavesText(CLayoutCmd::posRightMargin, "000"))
-            m_layoutCmd.SetRightMargin(TwipsToInches(param));
+            EditLayoutMeasure(rightMargin, param);
     } else if (m_rds != rdsPNCommand) {
         for (const TabLeaderKeyword& k : kTabLeaderKeywords) {
             if (KeywordIs(pKeyword, k.szKeyword)) {
@@ -963,11 +990,37 @@ bool CRTFImport::ApplyParCommand(const void* pKeyword, int param)
             InsertTabStop(param);
         } else if (KeywordIs(pKeyword, "tb")) {
             // A bar tab clears the paragraph's tab stops instead of adding one.
-            m_layoutCmd.SetTabs(CTabArray());
+            LayoutCmdToChange().SetTabs(CTabArray());
             m_chTabLeader = ' ';
         }
     }
     return true;
+}
+
+// A margin or the first line's indent, in twips. Paragraph after paragraph
+// sets the same measures over the same layout: a stock reader keeps what each
+// edit last made of which text (its commands are valid, so an edit reports
+// nothing, and a result taken again is all it does).
+void CRTFImport::EditLayoutMeasure(LayoutMeasure measure, int twips)
+{
+    static constexpr void (CLayoutCmd::*kSetters[])(double) = {
+        &CLayoutCmd::SetLeftMargin, &CLayoutCmd::SetFirstLineIndent, &CLayoutCmd::SetRightMargin};
+    const auto pfnSet = kSetters[measure];
+    if (!m_bStockReader) {
+        (LayoutCmdToChange().*pfnSet)(TwipsToInches(twips));
+        return;
+    }
+    LayoutEditMemo& memo = m_layoutEditMemo[measure];
+    if (memo.bMade && memo.twips == twips && memo.before == m_layoutCmd.GetCmd()) {
+        if (memo.after != memo.before)
+            LayoutCmdToChange().CopyUnchecked(memo.after);
+        return;
+    }
+    memo.before = m_layoutCmd.GetCmd();
+    memo.twips = twips;
+    (LayoutCmdToChange().*pfnSet)(TwipsToInches(twips));
+    memo.after.CopyUnchecked(m_layoutCmd);
+    memo.bMade = true;
 }
 
 // Most paragraphs set a left justification and margins of zero over the
@@ -1001,7 +1054,7 @@ void CRTFImport::InsertTabStop(int param)
     if (i < tabs.GetSize() && tabs[i].m_position == tab.m_position)
         return;  // a duplicate stop is dropped, its leader too
     tabs.InsertAt(i, tab);
-    m_layoutCmd.SetTabs(tabs);
+    LayoutCmdToChange().SetTabs(tabs);
 }
 
 bool CRTFImport::ApplyCRCommand(const void* pKeyword, int param)
@@ -1080,10 +1133,12 @@ void CRTFImport::EndField()
 
     // The font commands produced while the display text was collected never
     // reached the output: what was last sent is the font of the field's start.
+    // (The group's end restored it already; a stock reader's record may not
+    // hold it, and need not.)
     CRTFImportSave* pSave = GetSave();
     if (!pSave)
         VQASSERT(pSave);
-    else
+    else if (!m_bStockReader)
         m_fontCmd = pSave->m_fontCmd;
     m_lastFontCmd = m_fontAtField;
     m_bFontChanged = true;

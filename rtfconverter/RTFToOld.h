@@ -143,6 +143,21 @@ protected:
         {
         }
 
+        // A stock reader's record (CRTFImport::CreateSave): the commands are
+        // saved only before the group first changes them, which most groups
+        // never do; until then the reader's own are the group's opening ones.
+        struct LazyCommands {};
+        CRTFImportSave(const CRTFImport& reader, LazyCommands)
+            : m_layoutCmd(CDocCmd::Unfilled()),
+              m_fontCmd(CDocCmd::Unfilled()),
+              m_nFontCharset(reader.m_nFontCharset),
+              m_nUnicodeSkip(reader.m_nUnicodeSkip),
+              m_bHoldsState(true),
+              m_bLayoutSaved(false),
+              m_bFontSaved(false)
+        {
+        }
+
         CLayoutCmd m_layoutCmd;
         CFontCmd m_fontCmd;
         // Used by the lossless reading only.
@@ -150,6 +165,10 @@ protected:
         int m_nUnicodeSkip = 1;
         // Filled when made; PushRtfState fills the others.
         bool m_bHoldsState = false;
+        // m_layoutCmd, m_fontCmd hold the group's opening commands. Always so
+        // but in a stock reader's record.
+        bool m_bLayoutSaved = true;
+        bool m_bFontSaved = true;
     };
 
     // --- the reader core's virtual operations
@@ -380,6 +399,16 @@ private:
     void EndField();
     void InsertTabStop(int param);
     bool LayoutEditLeavesText(int pos, const char* pszField) const;
+    enum LayoutMeasure { leftMargin, firstLineIndent, rightMargin, cLayoutMeasures };
+    void EditLayoutMeasure(LayoutMeasure measure, int twips);
+    // What EditLayoutMeasure last made of a layout text, for each measure.
+    struct LayoutEditMemo {
+        bool bMade = false;
+        int twips = 0;
+        CString before;
+        CLayoutCmd after{CDocCmd::Unfilled()};
+    };
+    std::array<LayoutEditMemo, cLayoutMeasures> m_layoutEditMemo;
     int FindFontEntry(int fontNum) const;
     bool AddAutomaticColorEntry();
     void ReleaseAttachmentStream();
@@ -393,6 +422,26 @@ private:
     // The object is exactly CRTFStreamImport or CRTFPtrImport, whose virtuals
     // are all this library's own; set at each Read.
     bool m_bStockReader = false;
+    // A stock reader's record of the innermost open group, which saves the
+    // commands before their first change; null when none is open, and for
+    // every other reader. A stock reader changes m_layoutCmd and m_fontCmd
+    // only through LayoutCmdToChange and FontCmdToChange, but for the restore
+    // at '}' (which gives back what the enclosing group opened with).
+    CRTFImportSave* m_pLazySave = nullptr;
+    CLayoutCmd& LayoutCmdToChange()
+    {
+        if (m_pLazySave && !m_pLazySave->m_bLayoutSaved)
+            SaveLayoutCmdForGroup();
+        return m_layoutCmd;
+    }
+    CFontCmd& FontCmdToChange()
+    {
+        if (m_pLazySave && !m_pLazySave->m_bFontSaved)
+            SaveFontCmdForGroup();
+        return m_fontCmd;
+    }
+    void SaveLayoutCmdForGroup();
+    void SaveFontCmdForGroup();
     void RestoreCommands(const CRTFImportSave& save);
     void CopyFontCmd(CFontCmd& to, const CFontCmd& from);
     void ApplyFontEntry(int i);

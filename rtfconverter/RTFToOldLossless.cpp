@@ -458,15 +458,15 @@ bool CRTFImport::SwitchSuperSub(const void* pKeyword, int param)
 {
     const int bOn = param == noParam || param != 0 ? 1 : 0;
     if (KeywordIs(pKeyword, "super")) {
-        m_fontCmd.SetSuperscript(bOn);
+        FontCmdToChange().SetSuperscript(bOn);
         if (bOn)
             m_fontCmd.SetSubscript(0);
     } else if (KeywordIs(pKeyword, "sub")) {
-        m_fontCmd.SetSubscript(bOn);
+        FontCmdToChange().SetSubscript(bOn);
         if (bOn)
             m_fontCmd.SetSuperscript(0);
     } else {
-        m_fontCmd.SetSuperscript(0);
+        FontCmdToChange().SetSuperscript(0);
         m_fontCmd.SetSubscript(0);
     }
     m_bFontChanged = true;
@@ -559,7 +559,7 @@ void CRTFImport::ApplyDefaultFontKeepingCharset()
     const int i = m_nDefaultFont >= 0 ? FindFontEntry(m_nDefaultFont) : -1;
     if (i < 0)
         return;
-    m_fontCmd.SetFaceName(m_FontTable[i].FontName);
+    FontCmdToChange().SetFaceName(m_FontTable[i].FontName);
     m_fontCmd.SetCharset(m_FontTable[i].FontCharset);
     m_nFontCharset = m_FontTable[i].FontCharset;
     m_bFontChanged = true;
@@ -600,7 +600,7 @@ void CRTFImport::UseCharset(int charset)
 {
     if (m_fontCmd.GetCharset() == charset)
         return;
-    m_fontCmd.SetCharset(charset);
+    FontCmdToChange().SetCharset(charset);
     m_bFontChanged = true;
 }
 

@@ -204,6 +204,12 @@ const char* const kDocuments[] = {
     "{\\colortbl;\\red0\\green0\\blue255;}\\plain\\f1 a{\\b\\f0 b{\\i\\f1 c}\\f9 d}\\f1 e\\plain\\f0 f"
     "\\cb1\\highlight1 g\\pard h\\plain\\f1\\b i\\f0 j\\b0\\f1 k\\plain\\f9 n\\fcharset238\\plain\\f9 o"
     "{\\fonttbl{\\f1 Other;}}\\f1 l\\plain\\f1 m\\par}",
+    // groups that change nothing, only the font, only the layout, or both
+    // after an inner group restored its own; a font table whose end applies
+    // the default font inside a group; a hyperlink in a group of its own
+    "{\\rtf1\\deff0{\\fonttbl{\\f0 Arial;}{\\f1 Courier;}}\\pard\\li720\\f1 a{b}{{\\i c}d{\\pard\\qc e\\par}f"
+    "\\fi360\\b g}h{{\\fonttbl{\\f2 Two;}}i}j{\\pard k{\\tx720\\tb l}\\par}m{\\ul{\\field{\\*\\fldinst"
+    " HYPERLINK \"http://x.y\"}{\\fldrslt{\\b n}}}o}p\\par}",
 };
 
 std::vector<Options> ModesToCompare()
@@ -242,7 +248,7 @@ TEST(ImportRuns, EveryDocumentEveryBufferSizeAsByteByByte)
             }
         }
     }
-    EXPECT_EQ(cCases, 13 * 6 * 11);
+    EXPECT_EQ(cCases, 14 * 6 * 11);
 }
 
 TEST(ImportRuns, BytesARunCannotCopyAtEveryOffset)
