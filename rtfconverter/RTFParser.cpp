@@ -614,7 +614,7 @@ inline bool CRTFParser::ParseKeywordAhead(TSource source, const char* p, std::si
     KeywordAhead kw;
     const std::size_t cch = CopyLettersAhead(p, cb, szKeyword, kw.head);
     if (cch == 0)
-        return p[0] == '\0' ? ParseKeywordThroughGet(cbBefore) : ParseSymbolAhead(source, p[0], cbBefore);
+        return p[0] == '\0' ? ParseKeywordThroughGet(cbBefore) : ParseSymbolAhead(source, p, cb, cbBefore);
     const std::size_t cbTaken = ScanWordAhead(p, cb, cch, szKeyword, kw);
     if (cbTaken == 0)
         return ParseKeywordThroughGet(cbBefore);
@@ -632,9 +632,28 @@ bool CRTFParser::ParseKeywordThroughGet(std::size_t cbBefore)
 
 // Out of line: few words are symbols, and the common path keeps fewer
 // registers without it.
+// A \'hh with both digits in the offer, read by the stock plain-text reader
+// outside a skipped destination, is what the core's row for it does
+// (ProcessSpecialChar, which that reader keeps), with neither the lookup nor
+// the handler's second look at the offer. Anywhere else the row is looked up
+// as for any symbol: in a skipped destination the digits are left to the
+// loop as text.
 template <class TSource>
-RTFCONV_OUT_OF_LINE bool CRTFParser::ParseSymbolAhead(TSource source, char ch, std::size_t cbBefore)
+RTFCONV_OUT_OF_LINE bool CRTFParser::ParseSymbolAhead(TSource source, const char* p, std::size_t cb, std::size_t cbBefore)
 {
+    const char ch = p[0];
+    if constexpr (TSource::keywordWork == CByteCursor::KeywordWork::baseReader) {
+        auto* pReader = static_cast<CBaseRTFParser*>(this);
+        if (ch == '\'' && cb >= 3 && pReader->m_rds != rdsSkip) {
+            const int high = CBaseRTFParser::HexDigitValue(p[1]);
+            const int low = CBaseRTFParser::HexDigitValue(p[2]);
+            if (high >= 0 && low >= 0) {
+                source.SkipOffered(cbBefore + 3);
+                pReader->m_bOptionalDest = false;  // as DispatchRow leaves it for a row's word
+                return pReader->TakeHexEscape(high * 16 + low);
+            }
+        }
+    }
     source.SkipOffered(cbBefore + 1);  // the symbol is in the offer
     if (ch == '\\' || ch == '{' || ch == '}')
         return ParseChar(ch);

@@ -170,9 +170,10 @@ private:
     bool ParseKeywordAhead(TSource source, const char* p, std::size_t cb, std::size_t cbBefore);
     // The word ParseKeywordAhead leaves to ParseRtfKeyword, and the control
     // symbol (or \\, \{, \}) it found: the parts kept off its common path.
+    // The symbol is p[0], with the rest of the offer, cb bytes from p.
     bool ParseKeywordThroughGet(std::size_t cbBefore);
     template <class TSource>
-    bool ParseSymbolAhead(TSource source, char ch, std::size_t cbBefore);
+    bool ParseSymbolAhead(TSource source, const char* p, std::size_t cb, std::size_t cbBefore);
     // TranslateKeyword for a word the tokenizer read, with its key; the
     // source tells whether the reader keeps the base reader's.
     template <class TSource>
