@@ -174,6 +174,10 @@ private:
     bool ParseKeywordThroughGet(std::size_t cbBefore);
     template <class TSource>
     bool ParseSymbolAhead(TSource source, const char* p, std::size_t cb, std::size_t cbBefore);
+    // Whether a stock text reader's \' goes to the core's row for it here
+    // (ParseSymbolAhead).
+    template <class TSource>
+    bool TakesHexEscapeRow(TSource source);
     // TranslateKeyword for a word the tokenizer read, with its key; the
     // source tells whether the reader keeps the base reader's.
     template <class TSource>
