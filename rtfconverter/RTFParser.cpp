@@ -656,6 +656,17 @@ RTFCONV_OUT_OF_LINE bool CRTFParser::ParseSymbolAhead(TSource source, const char
             }
         }
     }
+    // \* outside a skipped destination marks the group's optional
+    // destination for the stock plain-text reader, which keeps the core's
+    // row for it (MarkOptionalSection).
+    if constexpr (TSource::keywordWork == Work::baseReader) {
+        auto* pReader = static_cast<CBaseRTFParser*>(this);
+        if (ch == '*' && pReader->m_rds != rdsSkip) {
+            source.SkipOffered(cbBefore + 1);
+            pReader->m_bOptionalDest = true;
+            return true;
+        }
+    }
     source.SkipOffered(cbBefore + 1);  // the symbol is in the offer
     if (ch == '\\' || ch == '{' || ch == '}')
         return ParseChar(ch);

@@ -56,6 +56,8 @@ TEST(RtfToText, CommonConstructs)
         {"nothing after the outermost group", "{\\rtf1 a}b", "a"},
         {"not starting with a brace", "x{\\rtf1 a}", "x"},
         {"skipped optional destination", "{\\rtf1 {\\*\\generator Foo;}{\\*\\foo {\\b x} y}z}", "z"},
+        {"\\* then a word of the core's", "{\\rtf1 a{\\*\\par x}b}", "a\rxb"},
+        {"\\* inside a group skips the rest", "{\\rtf1 a{b\\*\\unknown x}c}", "abc"},
         {"stylesheet dropped", "{\\rtf1 {\\stylesheet{\\s1 Heading;}}t}", "t"},
     };
     // Read into a buffer of one byte too: a refused byte is read again,
