@@ -485,20 +485,6 @@ bool CBaseRTFParser::IgnoreHidden(const void*, int)
 
 // --- the hexadecimal escape \'hh
 
-namespace {
-
-// 0..15 for '0'-'9', 'A'-'F' and 'a'-'f'; -1 for any other byte, whatever
-// the host's locale says.
-inline int HexDigitValue(char ch)
-{
-    if (ch >= '0' && ch <= '9') return ch - '0';
-    if (ch >= 'A' && ch <= 'F') return ch - 'A' + 10;
-    if (ch >= 'a' && ch <= 'f') return ch - 'a' + 10;
-    return -1;
-}
-
-} // namespace
-
 int CBaseRTFParser::ParseHexParam(char first)
 {
     // Two hex digits the source offers are the two bytes Get would give:
@@ -532,9 +518,7 @@ int CBaseRTFParser::ParseHexParam(char first)
 bool CBaseRTFParser::ProcessSpecialChar(const void*, int)
 {
     const int value = ParseHexParam('\0');
-    if (value == noParam || value == 0 || value >= 256)
-        return true;  // \'00 produces no character
-    return ParseChar(static_cast<char>(value));
+    return value == noParam || TakeHexEscape(value);
 }
 
 // --- paragraphs and numbering

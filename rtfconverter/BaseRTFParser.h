@@ -157,6 +157,18 @@ protected:
     // is NUL. Returns noParam, with both bytes un-read, when either is not a
     // hex digit.
     int ParseHexParam(char first);
+    // 0..15 for '0'-'9', 'A'-'F' and 'a'-'f'; -1 for any other byte, whatever
+    // the host's locale says.
+    static int HexDigitValue(char ch)
+    {
+        if (ch >= '0' && ch <= '9') return ch - '0';
+        if (ch >= 'A' && ch <= 'F') return ch - 'A' + 10;
+        if (ch >= 'a' && ch <= 'f') return ch - 'a' + 10;
+        return -1;
+    }
+    // What the row of \' does with the value of its two digits: \'00 produces
+    // no character.
+    bool TakeHexEscape(int value) { return value == 0 || ParseChar(static_cast<char>(value)); }
     // At the end of a \pn group: the collected numbering becomes current.
     void ApplyParagraphNumbering();
     CString CutNumberingText(const CString& text);

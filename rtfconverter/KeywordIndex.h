@@ -295,4 +295,15 @@ inline int CRTFToUTF8Parser::TokenWordNumber(const KeywordKey& key)
     return number;
 }
 
+inline bool CRTFToUTF8Parser::TakesHexEscapeRow(const KeywordKey& key)
+{
+    const int number = TokenWordNumber(key);
+    if (number < m_cOwnKeywords || m_rds == rdsSkip)
+        return false;
+    if (s_Cmds[number - m_cOwnKeywords].pfnHandler != &CRTFToUTF8Parser::ProcessSpecialChar)
+        return false;
+    m_bAtGroupStart = false;
+    return true;
+}
+
 } // namespace rtf_converter

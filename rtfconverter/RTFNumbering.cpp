@@ -94,9 +94,23 @@ void CNumberingState::SetCurrentInfo(CNumberingInfo&& info)
     m_current = std::move(info);
 }
 
-// Moved: the current numbering is cleared anyway.
+namespace {
+
+// What Clear leaves.
+bool IsCleared(const CNumberingInfo& info)
+{
+    return info.GetLevel() == 0 && info.GetStartNum() == 0 && info.GetNumberingType() == pntNone
+        && info.TextBefore().IsEmpty() && info.TextAfter().IsEmpty();
+}
+
+} // namespace
+
+// Moved: the current numbering is cleared anyway. Most paragraphs are not
+// numbered, and with both sides cleared there is nothing to move.
 void CNumberingState::ResetParagraph()
 {
+    if (IsCleared(m_current) && IsCleared(m_previous))
+        return;
     m_previous = std::move(m_current);
     m_current.Clear();
 }

@@ -614,7 +614,7 @@ inline bool CRTFParser::ParseKeywordAhead(TSource source, const char* p, std::si
     KeywordAhead kw;
     const std::size_t cch = CopyLettersAhead(p, cb, szKeyword, kw.head);
     if (cch == 0)
-        return p[0] == '\0' ? ParseKeywordThroughGet(cbBefore) : ParseSymbolAhead(source, p[0], cbBefore);
+        return p[0] == '\0' ? ParseKeywordThroughGet(cbBefore) : ParseSymbolAhead(source, p, cb, cbBefore);
     const std::size_t cbTaken = ScanWordAhead(p, cb, cch, szKeyword, kw);
     if (cbTaken == 0)
         return ParseKeywordThroughGet(cbBefore);
@@ -632,15 +632,57 @@ bool CRTFParser::ParseKeywordThroughGet(std::size_t cbBefore)
 
 // Out of line: few words are symbols, and the common path keeps fewer
 // registers without it.
+// A \'hh with both digits in the offer, read by a stock text reader where
+// its word goes to the core's row for it (outside a skipped destination, and
+// for the UTF-8 reader outside a \uN fallback too), is what that row does
+// (ProcessSpecialChar, which both readers keep), without the handler's
+// calls and its second look at the offer; the plain-text reader skips the
+// lookup too. Anywhere else the symbol is looked up as any other: in a
+// skipped destination the digits are left to the loop as text.
 template <class TSource>
-RTFCONV_OUT_OF_LINE bool CRTFParser::ParseSymbolAhead(TSource source, char ch, std::size_t cbBefore)
+RTFCONV_OUT_OF_LINE bool CRTFParser::ParseSymbolAhead(TSource source, const char* p, std::size_t cb, std::size_t cbBefore)
 {
+    using Work = CByteCursor::KeywordWork;
+    const char ch = p[0];
+    if constexpr (TSource::keywordWork != Work::reader) {
+        if (ch == '\'' && cb >= 3) {
+            const int high = CBaseRTFParser::HexDigitValue(p[1]);
+            const int low = CBaseRTFParser::HexDigitValue(p[2]);
+            if (high >= 0 && low >= 0 && TakesHexEscapeRow(source)) {
+                source.SkipOffered(cbBefore + 3);
+                auto* pReader = static_cast<CBaseRTFParser*>(this);
+                pReader->m_bOptionalDest = false;  // as DispatchRow leaves it for a row's word
+                return pReader->TakeHexEscape(high * 16 + low);
+            }
+        }
+    }
+    // \* outside a skipped destination marks the group's optional
+    // destination for the stock plain-text reader, which keeps the core's
+    // row for it (MarkOptionalSection).
+    if constexpr (TSource::keywordWork == Work::baseReader) {
+        auto* pReader = static_cast<CBaseRTFParser*>(this);
+        if (ch == '*' && pReader->m_rds != rdsSkip) {
+            source.SkipOffered(cbBefore + 1);
+            pReader->m_bOptionalDest = true;
+            return true;
+        }
+    }
     source.SkipOffered(cbBefore + 1);  // the symbol is in the offer
     if (ch == '\\' || ch == '{' || ch == '}')
         return ParseChar(ch);
     const char szSymbol[2] = {ch, '\0'};
     const KeywordKey key{szSymbol, 1, KeywordKey::HeadOfByte(ch)};
     return TranslateTokenWord(source, key, 0);
+}
+
+template <class TSource>
+inline bool CRTFParser::TakesHexEscapeRow(TSource)
+{
+    if constexpr (TSource::keywordWork == CByteCursor::KeywordWork::utf8Reader) {
+        const KeywordKey hexEscape{"'", 1, KeywordKey::HeadOfByte('\'')};
+        return static_cast<CRTFToUTF8Parser*>(this)->TakesHexEscapeRow(hexEscape);
+    }
+    return static_cast<CBaseRTFParser*>(this)->m_rds != rdsSkip;
 }
 
 // The key lasts as long as the call. A handler that reads another word

@@ -170,9 +170,14 @@ private:
     bool ParseKeywordAhead(TSource source, const char* p, std::size_t cb, std::size_t cbBefore);
     // The word ParseKeywordAhead leaves to ParseRtfKeyword, and the control
     // symbol (or \\, \{, \}) it found: the parts kept off its common path.
+    // The symbol is p[0], with the rest of the offer, cb bytes from p.
     bool ParseKeywordThroughGet(std::size_t cbBefore);
     template <class TSource>
-    bool ParseSymbolAhead(TSource source, char ch, std::size_t cbBefore);
+    bool ParseSymbolAhead(TSource source, const char* p, std::size_t cb, std::size_t cbBefore);
+    // Whether a stock text reader's \' goes to the core's row for it here
+    // (ParseSymbolAhead).
+    template <class TSource>
+    bool TakesHexEscapeRow(TSource source);
     // TranslateKeyword for a word the tokenizer read, with its key; the
     // source tells whether the reader keeps the base reader's.
     template <class TSource>

@@ -274,6 +274,11 @@ private:
     friend class CRTFParser;
     static constexpr int passOver = -3;
     inline int TokenWordNumber(const KeywordKey& key);
+    // Whether the word of the key, a \', goes to the core's row for it and
+    // that row's handler runs (TranslateNumberedKeyword, DispatchNumber): the
+    // loop then takes the escape itself, the group's start past as for any
+    // word. False, with the key's work left to do, when not.
+    inline bool TakesHexEscapeRow(const KeywordKey& key);
     // TranslateKeyword once the first look has given the word's number
     // (CKeywordFirstLook::askIndex: the rare cases decide).
     bool TranslateNumberedKeyword(int number, const char* szKeyword, int param);

@@ -85,6 +85,13 @@ TEST(Numbering, RestartComparesWithThePreviousParagraph)
     state.ResetParagraph();
     state.SetCurrentInfo(Info(1, 3, pntLowerRoman, "", "."));
     EXPECT_EQ(state.m_number, 3);
+
+    // A paragraph without numbering between two alike ends the list.
+    state.m_number = 9;
+    state.ResetParagraph();
+    state.ResetParagraph();
+    state.SetCurrentInfo(Info(1, 3, pntLowerRoman, "", "."));
+    EXPECT_EQ(state.m_number, 3);
 }
 
 TEST(Numbering, RenderingFailsWithAPartialTextWhenRoomRunsOut)

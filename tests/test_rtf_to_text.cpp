@@ -35,6 +35,11 @@ TEST(RtfToText, CommonConstructs)
         {"tab and line", "{\\rtf1 a\\tab b\\line c}", "a\tb\nc"},
         {"hex escape", "{\\rtf1 x\\'e9y}", "x\xe9y"},
         {"hex 00 gives nothing", "{\\rtf1 x\\'00y}", "xy"},
+        {"hex digits of either case", "{\\rtf1 \\'4A\\'4a}", "JJ"},
+        {"hex: a digit missing leaves both as text", "{\\rtf1 x\\'4y\\'g1}", "x4yg1"},
+        {"hex: both digits at the input's end", "{\\rtf1 x\\'41", "xA"},
+        {"hex: one digit at the input's end is padded", "{\\rtf1 x\\'4", "xD"},
+        {"hex ends a pending \\*", "{\\rtf1 {\\*\\'41 b}c}", "A bc"},
         {"font names dropped", "{\\rtf1 {\\fonttbl{\\f0 Arial;}}T}", "T"},
         {"info dropped", "{\\rtf1 {\\info{\\title T}}x}", "x"},
         {"par writes in every destination", "{\\rtf1 {\\info\\par}x}", "\rx"},
@@ -51,10 +56,16 @@ TEST(RtfToText, CommonConstructs)
         {"nothing after the outermost group", "{\\rtf1 a}b", "a"},
         {"not starting with a brace", "x{\\rtf1 a}", "x"},
         {"skipped optional destination", "{\\rtf1 {\\*\\generator Foo;}{\\*\\foo {\\b x} y}z}", "z"},
+        {"\\* then a word of the core's", "{\\rtf1 a{\\*\\par x}b}", "a\rxb"},
+        {"\\* inside a group skips the rest", "{\\rtf1 a{b\\*\\unknown x}c}", "abc"},
         {"stylesheet dropped", "{\\rtf1 {\\stylesheet{\\s1 Heading;}}t}", "t"},
     };
-    for (const TextRow& row : rows)
+    // Read into a buffer of one byte too: a refused byte is read again,
+    // a \'hh whole.
+    for (const TextRow& row : rows) {
         EXPECT_EQ(PlainText(row.rtf), row.text) << row.what;
+        EXPECT_EQ(PullPlainText(row.rtf, 1).text, row.text) << row.what;
+    }
 }
 
 TEST(RtfToText, ParagraphNumbering)

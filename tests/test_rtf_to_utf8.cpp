@@ -175,6 +175,14 @@ TEST(RtfToUtf8, KeywordsAndDestinations)
         {"\\* inside a group means nothing", R"({\rtf1 a\*\unknown b{\*\unknown\*\fs20 z}c})", "abc"},
         {"\\* after a word in no table or of no effect", R"({\rtf1 a{\brdrs\*\unknown x}{\b\*\unknown y}{\ql\*\unknown z}{\*\qc w}b})", "axyzwb"},
         {"words in a skipped destination", R"({\rtf1 a{\*\unknown{\*\other y}\fs20\emdash z}b})", "ab"},
+        // \'hh: the escape is a word of the core's, and its digits, when
+        // either is missing, text.
+        {"\\* then a hex escape", R"({\rtf1 a{\*\'41 x}b})", "aA xb"},
+        {"a hex escape ends the group's start", R"({\rtf1 a{\'41\*\unknown x}b})", "aAxb"},
+        {"a hex escape as the first word", R"({\'41\rtf1 b})", "Ab"},
+        {"hex: a digit missing leaves both as text", R"({\rtf1 a\'4y\'g1})", "a4yg1"},
+        {"hex: both digits at the input's end", R"({\rtf1 a\'41)", "aA"},
+        {"hex: one digit at the input's end is padded", R"({\rtf1 a\'4)", "aD"},
     });
 }
 
