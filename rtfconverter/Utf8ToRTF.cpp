@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -120,35 +121,6 @@ std::size_t MakeCharacterPiece(const CCodePage* pPage, char32_t cp, char* piece)
     return static_cast<std::size_t>(p - piece);
 }
 
-// The pieces of the characters met lately, so that a text in one script
-// looks each of its letters up in the code page once, not at every
-// occurrence: a table indexed by a hash of the character.
-class CCharacterPieces {
-public:
-    struct Entry {
-        char32_t cp = 0;  // 0, never a character other than ASCII, marks an empty entry
-        unsigned char cb = 0;
-        char piece[kcbLongestPiece] = {};
-    };
-
-    explicit CCharacterPieces(const CCodePage* pPage) : m_pPage(pPage), m_entries(new Entry[kcEntries]) {}
-
-    const Entry& Of(char32_t cp)
-    {
-        Entry& entry = m_entries[(cp ^ (cp >> 9)) & (kcEntries - 1)];
-        if (entry.cp != cp) {
-            entry.cb = static_cast<unsigned char>(MakeCharacterPiece(m_pPage, cp, entry.piece));
-            entry.cp = cp;
-        }
-        return entry;
-    }
-
-private:
-    static constexpr std::size_t kcEntries = 512;
-    const CCodePage* m_pPage;
-    std::unique_ptr<Entry[]> m_entries;
-};
-
 // The document as it is made: pieces written at a running pointer into one
 // block, which is handed on when the next piece might not fit. Only runs of
 // text are long; every other piece is at most kcbLongestPiece.
@@ -175,23 +147,94 @@ public:
     template <std::size_t N>
     void PutLiteral(const char (&sz)[N]) { Put(sz, N - 1); }
 
-    // A character's piece, copied whole, padding and all, for speed: the
-    // room for kcbLongestPiece is there.
-    void Put(const CCharacterPieces::Entry& entry)
-    {
-        std::memcpy(m_p, entry.piece, kcbLongestPiece);
-        m_p += entry.cb;
-    }
-
 private:
     std::unique_ptr<char[]> m_pBegin;
     char* m_p;
     std::size_t m_cb;
 };
 
-// Writes the piece for the byte at p, one that ends a run of printable ASCII,
+// The pieces of the characters met lately, so that a text in one script
+// looks each of its letters up in the code page once, not at every
+// occurrence. A table indexed by a hash of the character's bytes as they
+// stand in the text: a character met again is known by one load and one
+// comparison, without decoding it, as only well-formed sequences are kept.
+class CCharacterPieces {
+public:
+    struct Entry {
+        std::uint32_t key = 0;  // the sequence's bytes, first byte lowest; 0, never a sequence, marks an empty entry
+        unsigned char cb = 0;
+        char piece[kcbLongestPiece] = {};
+    };
+
+    explicit CCharacterPieces(const CCodePage* pPage) : m_pPage(pPage), m_entries(new Entry[kcEntries]) {}
+
+    // Writes the piece of the character at p (a byte from 0x80 up; the
+    // block has room for kcbLongestPiece) and returns what follows the
+    // character: one byte past a byte that starts no well-formed sequence.
+    const unsigned char* Put(const unsigned char* p, const unsigned char* end, CBlock& block);
+
+private:
+    const unsigned char* PutDecoded(const unsigned char* p, const unsigned char* end, CBlock& block) const;
+
+    static constexpr unsigned kcEntriesLog2 = 9;
+    static constexpr std::size_t kcEntries = std::size_t(1) << kcEntriesLog2;
+    const CCodePage* m_pPage;
+    std::unique_ptr<Entry[]> m_entries;
+};
+
+const unsigned char* CCharacterPieces::Put(const unsigned char* p, const unsigned char* end, CBlock& block)
+{
+    // The sequence's length by its first byte, as it would be if it were
+    // well formed; a byte that starts none never has an entry.
+    const unsigned char b = *p;
+    const std::size_t cbSequence = b < 0xE0 ? 2 : b < 0xF0 ? 3 : 4;
+    if (end - p < 4) return PutDecoded(p, end, block);  // too near the end for one load
+    // Put together byte by byte, the same key on any processor; compilers
+    // make one load of it.
+    const std::uint32_t word = std::uint32_t(p[0]) | std::uint32_t(p[1]) << 8 | std::uint32_t(p[2]) << 16 |
+                               std::uint32_t(p[3]) << 24;
+    static constexpr std::uint32_t kKeep[5] = {0, 0, 0xFFFF, 0xFFFFFF, 0xFFFFFFFF};
+    const std::uint32_t key = word & kKeep[cbSequence];
+    // The top bits of the key times an odd number picked, among many tried,
+    // for putting the letters of the Latin, Greek, Cyrillic and Arabic
+    // alphabets, the common punctuation and runs of ideographs or Hangul in
+    // slots apart: one multiplication where a fold of the bits that differ
+    // would take several steps.
+    Entry& entry = m_entries[(key * 0x70D07EBBu) >> (32 - kcEntriesLog2)];
+    if (entry.key != key) {
+        const unsigned char* q = p;
+        const char32_t cp = DecodeUtf8(q, end);
+        if (cp == kInvalid) return PutDecoded(p, end, block);
+        entry.cb = static_cast<unsigned char>(MakeCharacterPiece(m_pPage, cp, entry.piece));
+        entry.key = key;
+    }
+    // Copied whole, padding and all, for speed: the room for kcbLongestPiece is there.
+    std::memcpy(block.Cursor(), entry.piece, kcbLongestPiece);
+    block.Advance(entry.cb);
+    return p + cbSequence;
+}
+
+const unsigned char* CCharacterPieces::PutDecoded(const unsigned char* p, const unsigned char* end, CBlock& block) const
+{
+    const char32_t cp = DecodeUtf8(p, end);
+    block.Advance(MakeCharacterPiece(m_pPage, cp == kInvalid ? kReplacement : cp, block.Cursor()));
+    return p;
+}
+
+// Writes the pieces of a word of characters past ASCII, the first at p, while
+// the room for the longest piece lasts, and returns what follows them.
+const unsigned char* PutOtherCharacters(CCharacterPieces& pieces, const unsigned char* p, const unsigned char* end,
+                                        CBlock& block)
+{
+    do
+        p = pieces.Put(p, end, block);
+    while (p < end && *p >= 0x80 && block.Room() >= kcbLongestPiece);
+    return p;
+}
+
+// Writes the piece for the byte at p, an ASCII one that ends a run of printable ASCII,
 // and returns what follows it.
-const unsigned char* PutStop(CCharacterPieces& pieces, const unsigned char* p, const unsigned char* end, CBlock& block)
+const unsigned char* PutStop(const unsigned char* p, const unsigned char* end, CBlock& block)
 {
     switch (*p) {
     case 0x09:
@@ -215,13 +258,8 @@ const unsigned char* PutStop(CCharacterPieces& pieces, const unsigned char* p, c
     default:
         break;
     }
-    if (*p < 0x80) {
-        block.Put(static_cast<char>(*p));  // | ~ DEL or another control: as it is
-        return p + 1;
-    }
-    const char32_t cp = DecodeUtf8(p, end);
-    block.Put(pieces.Of(cp == kInvalid ? kReplacement : cp));
-    return p;
+    block.Put(static_cast<char>(*p));  // | ~ DEL or another control: as it is
+    return p + 1;
 }
 
 } // namespace
@@ -324,8 +362,12 @@ void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CStr
         p += cbRun;
         // A run cut short by the room left is taken up after the hand-on.
         if (cbRun == cbMost) continue;
-        if (*p == 0) break;  // the end of the text, as for a C string
-        p = PutStop(pieces, p, end, block);
+        if (*p >= 0x80)
+            p = PutOtherCharacters(pieces, p, end, block);
+        else if (*p == 0)
+            break;  // the end of the text, as for a C string
+        else
+            p = PutStop(p, end, block);
     }
     if (block.Room() == 0) handOn();
     block.Put('}');

@@ -9,6 +9,7 @@
 
 #include "rtfconverter/ByteScan.h"
 
+#include "rtfconverter/CodePages.h"
 #include "rtfconverter/RtfToUtf8.h"
 #include "rtfconverter/Utf8ToRTF.h"
 
@@ -93,6 +94,11 @@ PiecesText PiecesAmongRuns(std::size_t cbTotal, std::size_t cbFill)
         {"\r", "\\par "}, {"\x17", ""}, {"\x01", "\x01"}, {"\x7f", "\x7f"}, {"\xc3\xa9", "\\'e9"},
         {"\xd0\x9f", "\\u1055?"}, {"\xef\xbd\xb1", "\\u-143?"}, {"\xf0\x9f\x98\x80", "\\u-10179?\\u-8704?"},
         {"\xff", "\\u-3?"},
+        // A word of characters, then sequences that start as one met before
+        // does and are not well formed: each of their bytes is U+FFFD.
+        {"\xc3\xa9\xd0\x9f\xe2\x80\x94\xc3\xa9", "\\'e9\\u1055?\\'97\\'e9"}, {"\xc3\xa9\xc3!", "\\'e9\\u-3?!"},
+        {"\xe2\x80!", "\\u-3?\\u-3?!"}, {"\xc0\xa9!", "\\u-3?\\u-3?!"}, {"\xed\xa0\x80!", "\\u-3?\\u-3?\\u-3?!"},
+        {"\xf4\x90\x80\x80!", "\\u-3?\\u-3?\\u-3?\\u-3?!"},
     };
     PiecesText made;
     for (std::size_t i = 0; made.text.size() < cbTotal; ++i) {
@@ -257,6 +263,38 @@ TEST(Utf8ToRtf, CharactersAndLineEnds)
     for (const auto& row : rows)
         EXPECT_EQ(Body(ToRtf(row.text, row.codePage)), row.body) << row.label;
     EXPECT_NE(ToRtf("x", 99999).find("\\ansicpg1252"), std::string::npos);
+}
+
+// Characters met again, and many that share a slot of the writer's memo,
+// are written as each is alone.
+TEST(Utf8ToRtf, EveryCharacterAsItIsAlone)
+{
+    std::vector<std::string> characters;
+    auto add = [&](char32_t first, char32_t last) {
+        for (char32_t cp = first; cp <= last; ++cp) {
+            char utf8[4];
+            characters.emplace_back(utf8, rtf_converter::EncodeUtf8(cp, utf8));
+        }
+    };
+    add(0xA0, 0x7FF);
+    add(0x2000, 0x20FF);
+    add(0x4E00, 0x51FF);
+    add(0x1F600, 0x1F6FF);
+    for (int codePage : {1252, 1251, 932}) {
+        std::string text, body;
+        for (int pass = 0; pass < 2; ++pass)
+            for (std::size_t i = 0; i < characters.size(); ++i) {
+                // The second pass in another order, a letter between some.
+                const std::string& character = characters[pass == 0 ? i : (i * 7919) % characters.size()];
+                text += character;
+                body += Body(ToRtf(character, codePage));
+                if (i % 5 == 0) {
+                    text += 'x';
+                    body += 'x';
+                }
+            }
+        EXPECT_TRUE(Body(ToRtf(text, codePage)) == body) << codePage;
+    }
 }
 
 TEST(Utf8ToRtf, RoundTripGivesTheTextBack)
