@@ -126,10 +126,13 @@ std::size_t MakeCharacterPiece(const CCodePage* pPage, char32_t cp, char* piece)
 // text are long; every other piece is at most kcbLongestPiece.
 class CBlock {
 public:
-    explicit CBlock(std::size_t cb) : m_pBegin(new char[cb]), m_p(m_pBegin.get()), m_cb(cb) {}
+    explicit CBlock(std::size_t cb) : m_pBegin(new char[cb]), m_p(m_pBegin.get()), m_pEnd(m_p + cb) {}
 
     std::size_t Size() const { return static_cast<std::size_t>(m_p - m_pBegin.get()); }
-    std::size_t Room() const { return m_cb - Size(); }
+    // From the block's end, kept as a pointer: every byte written may, as
+    // far as the compiler knows, have changed the members, which are read
+    // again after each, so the fewer the cheaper.
+    std::size_t Room() const { return static_cast<std::size_t>(m_pEnd - m_p); }
     const char* Begin() const { return m_pBegin.get(); }
     void Clear() { m_p = m_pBegin.get(); }
     // Where the next byte goes, for a caller that writes in place, and the
@@ -150,7 +153,7 @@ public:
 private:
     std::unique_ptr<char[]> m_pBegin;
     char* m_p;
-    std::size_t m_cb;
+    char* m_pEnd;
 };
 
 // The pieces of the characters met lately, so that a text in one script
