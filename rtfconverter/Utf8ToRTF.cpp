@@ -86,6 +86,52 @@ inline char32_t DecodeUtf8(const unsigned char*& p, const unsigned char* end)
     return DecodeAnyUtf8(p, end);
 }
 
+// The number of ASCII bytes from p on. Where words of other characters are
+// frequent the gaps between them are short: one look at the next 16 bytes
+// finds most of them for less than the long scan costs to start.
+std::size_t AsciiGapLength(const unsigned char* p, const unsigned char* end)
+{
+    const std::size_t cbLeft = static_cast<std::size_t>(end - p);
+    const char* const pch = reinterpret_cast<const char*>(p);
+#if RTFCONV_SCAN_SSE2
+    if (cbLeft >= 16) {
+        const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pch))));
+        if (high != 0) return static_cast<std::size_t>(__builtin_ctz(high));
+        return 16 + byte_scan::AsciiLength(pch + 16, cbLeft - 16);
+    }
+#endif
+    return byte_scan::AsciiLength(pch, cbLeft);
+}
+
+// The end of the well-formed sequences of characters other than ASCII from
+// p on: the first ASCII byte, the end, or the first byte that starts no
+// well-formed sequence. The two- and three-byte sequences of most scripts
+// are checked inline without putting their values together; the rest as
+// DecodeAnyUtf8 decodes them.
+const unsigned char* SkipWellFormedWord(const unsigned char* p, const unsigned char* end)
+{
+    while (p < end) {
+        const unsigned char b = *p;
+        const std::ptrdiff_t cbLeft = end - p;
+        if (b < 0x80) return p;
+        if (b >= 0xC2 && b <= 0xDF) {
+            if (cbLeft < 2 || !IsTrailByte(p[1])) return p;
+            p += 2;
+        } else if ((b & 0xF0) == 0xE0) {
+            if (cbLeft < 3 || !IsTrailByte(p[1]) || !IsTrailByte(p[2])) return p;
+            // After E0 a second byte below A0 makes an overlong form; after
+            // ED one from A0 up, a surrogate.
+            if ((b == 0xE0 && p[1] < 0xA0) || (b == 0xED && p[1] >= 0xA0)) return p;
+            p += 3;
+        } else {
+            const unsigned char* q = p;
+            if (DecodeAnyUtf8(q, end) == kInvalid) return p;
+            p = q;
+        }
+    }
+    return p;
+}
+
 // What a character other than ASCII is written as: its bytes in the page,
 // escaped so that the RTF is 7-bit ASCII and reads the same whatever
 // encoding a program takes it for, or else \uN (a character beyond U+FFFF
@@ -273,14 +319,12 @@ std::size_t FindInvalidUtf8(const char* pText, std::size_t cb)
     const unsigned char* const end = begin + cb;
     const unsigned char* p = begin;
     for (;;) {
-        p += byte_scan::AsciiLength(reinterpret_cast<const char*>(p), static_cast<std::size_t>(end - p));
+        p += AsciiGapLength(p, end);
         if (p == end) return cb;
-        // Characters other than ASCII come in words: decoded one after the
+        // Characters other than ASCII come in words: checked one after the
         // other until the next ASCII byte.
-        do {
-            const unsigned char* const at = p;
-            if (DecodeUtf8(p, end) == kInvalid) return static_cast<std::size_t>(at - begin);
-        } while (p < end && *p >= 0x80);
+        p = SkipWellFormedWord(p, end);
+        if (p < end && *p >= 0x80) return static_cast<std::size_t>(p - begin);
     }
 }
 

@@ -110,6 +110,37 @@ PiecesText PiecesAmongRuns(std::size_t cbTotal, std::size_t cbFill)
     return made;
 }
 
+// The offset of the first byte that starts no well-formed sequence, found
+// a byte at a time from the ranges each lead byte allows its second byte.
+std::size_t FirstInvalidByteByByte(const std::string& text)
+{
+    const std::size_t cb = text.size();
+    for (std::size_t i = 0; i < cb;) {
+        const unsigned char b = static_cast<unsigned char>(text[i]);
+        if (b < 0x80) {
+            ++i;
+            continue;
+        }
+        std::size_t cbSequence = 0;
+        unsigned char lo = 0x80, hi = 0xBF;
+        if (b >= 0xC2 && b <= 0xDF) cbSequence = 2;
+        else if (b == 0xE0) cbSequence = 3, lo = 0xA0;
+        else if (b == 0xED) cbSequence = 3, hi = 0x9F;
+        else if (b >= 0xE1 && b <= 0xEF) cbSequence = 3;
+        else if (b == 0xF0) cbSequence = 4, lo = 0x90;
+        else if (b == 0xF4) cbSequence = 4, hi = 0x8F;
+        else if (b >= 0xF1 && b <= 0xF3) cbSequence = 4;
+        else return i;
+        if (cb - i < cbSequence) return i;
+        const unsigned char second = static_cast<unsigned char>(text[i + 1]);
+        if (second < lo || second > hi) return i;
+        for (std::size_t k = 2; k < cbSequence; ++k)
+            if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) return i;
+        i += cbSequence;
+    }
+    return cb;
+}
+
 } // namespace
 
 // The document made block by block is the document Convert and Export make,
@@ -166,6 +197,28 @@ TEST(Utf8ToRtf, WriteDocumentStopsWhenTheSinkThrows)
     std::string rtf;
     writer.WriteDocument("x", 1, nullptr, [&](const char* p, std::size_t cb, std::size_t) { rtf.append(p, cb); });
     EXPECT_EQ(Body(rtf), "x");
+}
+
+// Sequences well formed and not, whole and cut at every length, after
+// ASCII or a word of other characters of every length around the scan's
+// 16-byte look, and before ASCII, another character or the end.
+TEST(Utf8ToRtf, FindInvalidUtf8AgreesWithAByteAtATimeCheck)
+{
+    const std::string sequences[] = {
+        "\xc3\xa9", "\xdf\xbf", "\xe0\xa0\x80", "\xe2\x80\xa2", "\xed\x9f\xbf", "\xee\x80\x80",
+        "\xef\xbf\xbd", "\xf0\x90\x80\x80", "\xf3\xbf\xbf\xbf", "\xf4\x8f\xbf\xbf",
+        // Overlong, surrogates, beyond U+10FFFF, bytes that start nothing.
+        "\xc0\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xf0\x8f\xbf\xbf", "\xed\xa0\x80", "\xed\xbf\xbf",
+        "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff", "\x80", "\xbf", "\xc3\xc3", "\xe2\x80\x41"};
+    for (std::size_t cbPrefix = 0; cbPrefix < 20; ++cbPrefix)
+        for (const std::string& prefix : {std::string(cbPrefix, 'x'), std::string(cbPrefix, 'x') + "\xc3\xa4\xe2\x80\xa2"})
+            for (const std::string& sequence : sequences)
+                for (std::size_t cbKept = 1; cbKept <= sequence.size(); ++cbKept)
+                    for (const char* suffix : {"", "x", "\xc3\xb6", "xxxxxxxxxxxxxxxxxxxx\xff"}) {
+                        const std::string text = prefix + sequence.substr(0, cbKept) + suffix;
+                        EXPECT_EQ(FindInvalidUtf8(text.data(), text.size()), FirstInvalidByteByByte(text))
+                            << cbPrefix << " " << sequence.size() << " " << cbKept << " " << suffix;
+                    }
 }
 
 TEST(Utf8ToRtf, FindInvalidUtf8StopsAtTheEndGiven)
