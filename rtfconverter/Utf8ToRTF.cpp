@@ -95,7 +95,8 @@ std::size_t AsciiGapLength(const unsigned char* p, const unsigned char* end)
     const char* const pch = reinterpret_cast<const char*>(p);
 #if RTFCONV_SCAN_SSE2
     if (cbLeft >= 16) {
-        const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pch))));
+        const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pch));
+        const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block));
         if (high != 0) return static_cast<std::size_t>(__builtin_ctz(high));
         return 16 + byte_scan::AsciiLength(pch + 16, cbLeft - 16);
     }

@@ -210,8 +210,9 @@ TEST(Utf8ToRtf, FindInvalidUtf8AgreesWithAByteAtATimeCheck)
         // Overlong, surrogates, beyond U+10FFFF, bytes that start nothing.
         "\xc0\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xf0\x8f\xbf\xbf", "\xed\xa0\x80", "\xed\xbf\xbf",
         "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff", "\x80", "\xbf", "\xc3\xc3", "\xe2\x80\x41"};
-    for (std::size_t cbPrefix = 0; cbPrefix < 20; ++cbPrefix)
-        for (const std::string& prefix : {std::string(cbPrefix, 'x'), std::string(cbPrefix, 'x') + "\xc3\xa4\xe2\x80\xa2"})
+    for (std::size_t cbPrefix = 0; cbPrefix < 20; ++cbPrefix) {
+        const std::string gap(cbPrefix, 'x');
+        for (const std::string& prefix : {gap, gap + "\xc3\xa4\xe2\x80\xa2"})
             for (const std::string& sequence : sequences)
                 for (std::size_t cbKept = 1; cbKept <= sequence.size(); ++cbKept)
                     for (const char* suffix : {"", "x", "\xc3\xb6", "xxxxxxxxxxxxxxxxxxxx\xff"}) {
@@ -219,6 +220,7 @@ TEST(Utf8ToRtf, FindInvalidUtf8AgreesWithAByteAtATimeCheck)
                         EXPECT_EQ(FindInvalidUtf8(text.data(), text.size()), FirstInvalidByteByByte(text))
                             << cbPrefix << " " << sequence.size() << " " << cbKept << " " << suffix;
                     }
+    }
 }
 
 TEST(Utf8ToRtf, FindInvalidUtf8StopsAtTheEndGiven)
