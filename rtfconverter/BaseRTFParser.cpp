@@ -7,7 +7,7 @@
 
 #include "hostlibs/VQLogger.h"
 #include "platform/WinTypes.h"
-#include "rtfconverter/KeywordIndex.h"
+#include "rtfconverter/ReaderKeywords.h"
 
 namespace rtf_converter {
 

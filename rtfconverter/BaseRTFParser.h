@@ -215,8 +215,9 @@ private:
     // first.
     static const CKeywordLookup s_keywordLookup;
     // TranslateKeyword for the word the tokenizer is handing on, whose key
-    // TokenWordKey gives (KeywordIndex.h): the row DispatchRow takes, or
-    // passOver when TranslateKeyword would do nothing at all.
+    // TokenWordKey gives (KeywordIndex.h; these two are in ReaderKeywords.h):
+    // the row DispatchRow takes, or passOver when TranslateKeyword would do
+    // nothing at all.
     static constexpr int passOver = -2;
     inline int TokenWordRow(const KeywordKey& key) const;
     inline bool TranslateTokenWordKey(const KeywordKey& key, int param);

@@ -5,7 +5,7 @@
 
 #include "hostlibs/VQLogger.h"
 #include "rtfconverter/ByteScan.h"
-#include "rtfconverter/KeywordIndex.h"
+#include "rtfconverter/ReaderKeywords.h"
 #include "rtfconverter/ReaderPlumbing.h"
 #include "rtfconverter/RtfToUtf8.h"
 

@@ -270,7 +270,7 @@ private:
     // whose work has no effect here: TranslateKeyword would only note that
     // the group's start is past, which TokenWordNumber has done); any other
     // number goes to TranslateNumberedKeyword.
-    // (TokenWordNumber is defined with the key, in KeywordIndex.h.)
+    // (TokenWordNumber is defined with the key, in ReaderKeywords.h.)
     friend class CRTFParser;
     static constexpr int passOver = -3;
     inline int TokenWordNumber(const KeywordKey& key);
