@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -143,9 +142,7 @@ CString HyperlinkTarget(const CString& inst)
 namespace {
 
 // The lossless rows, found through the core's keyword index: most control
-// words are in no row, and the index turns them away cheaply. Everything here
-// works at compile time, so that the rows and their index are data in the
-// library, never built when it loads or tested for being built.
+// words are in no row, and the index turns them away cheaply.
 //
 // Before the index a word is tried by its first two bytes alone, which turn
 // away nearly every word of a document (\brdrs, \cellx, \pard, \fs, \cf ...)
@@ -153,10 +150,10 @@ namespace {
 template <class Row, std::size_t cCapacity>
 class CLosslessKeywordTable {
 public:
-    // A row past the capacity is no constant expression: the table then
-    // fails to compile rather than lose it.
-    constexpr void Add(const Row& row)
+    void Add(const Row& row)
     {
+        if (m_cRows == cCapacity)
+            return;  // never: the capacity holds every row
         m_rows[m_cRows] = row;
         m_index.Add(row.szKeyword, static_cast<int>(m_cRows));
         const unsigned bit = FirstBytesBit(row.szKeyword);
@@ -190,7 +187,7 @@ private:
     // A bit for the word's first byte and the one after it (NUL for a word of
     // one byte, and nothing read past it); words sharing a bit are told apart
     // by the index.
-    static constexpr unsigned FirstBytesBit(const char* sz)
+    static unsigned FirstBytesBit(const char* sz)
     {
         const unsigned first = static_cast<unsigned char>(sz[0]);
         const unsigned second = first ? static_cast<unsigned char>(sz[1]) : 0u;
@@ -211,9 +208,8 @@ struct CRTFImport::LosslessKeyword {
     bool bInSkipped;  // honoured inside skipped groups too
 
     using Table = CLosslessKeywordTable<LosslessKeyword, 48>;
-    // The rows; a member, so that they may name the reader's protected
-    // handlers.
-    static const Table s_table;
+    // The rows, only after PrepareTables.
+    static const Table& Rows() { return s_table; }
 
     // What takes a word of the lossless reading: its lossless row, which
     // goes first, and the core's row (-1: none).
@@ -222,26 +218,38 @@ struct CRTFImport::LosslessKeyword {
         const LosslessKeyword* pLossless;
     };
     // For a word the tokenizer read, one probe for both tables; null when
-    // neither holds the word. Only after PrepareTokenWords.
+    // neither holds the word. Only after PrepareTables.
     static const Word* FindTokenWord(const KeywordKey& key)
     {
         const int i = s_words.index.FindTokenWord(key);
         return i < 0 ? nullptr : &s_words.words[static_cast<std::size_t>(i)];
     }
-    // Fills the words of both tables the first time any reader on any thread
-    // asks; each reader asks at its first control word, before it looks up
-    // any word, so that what the filling wrote is there for it to read.
-    static void PrepareTokenWords();
+    // Fills the rows and the words of both tables the first time any reader
+    // on any thread asks (a function-local static: once, and what it wrote
+    // is there for every thread that asks after it). Each reader asks at its
+    // first control word, before it looks up any word, and the lookup of a
+    // text that is not the tokenizer's word asks again.
+    //
+    // Filled at the first lossless reading rather than when the library
+    // loads, and not by the compiler either: most processes that link the
+    // library never read RTF losslessly, and tables of pointers built by the
+    // compiler would be relocated in every one of them, a page written for
+    // every few pointers.
+    static void PrepareTables()
+    {
+        static const bool s_bFilled = FillTables();
+        (void)s_bFilled;
+    }
 
 private:
-    static constexpr Table BuildTable();
+    static bool FillTables();
+    // The rows; a member, so that they may name the reader's protected
+    // handlers. Empty, and zeros in the image, until PrepareTables.
+    static Table s_table;
 
     // The words of both tables under one index: each word once, with the
     // first row of each table that names it, as each table's own lookup
-    // gives it. The core's rows are in another unit, out of the compiler's
-    // sight here, so the words are put together at run time, at the first
-    // lossless reading rather than when the library loads: most processes
-    // that link the library never read RTF losslessly.
+    // gives it.
     struct Words {
         // First, so that a word's place is the table's address plus its
         // offset, one addition fewer for every word looked up.
@@ -250,14 +258,19 @@ private:
         std::size_t cWords = 0;
         void Add(const char* szKeyword, int coreRow, const LosslessKeyword* pLossless);
     };
-    // Empty, and zeros in the image, until PrepareTokenWords; then read only.
+    // Empty, and zeros in the image, until PrepareTables; then read only.
     static Words s_words;
 };
 
 using LK = CRTFImport;
 
-constexpr CRTFImport::LosslessKeyword::Table CRTFImport::LosslessKeyword::BuildTable()
+CRTFImport::LosslessKeyword::Table CRTFImport::LosslessKeyword::s_table;
+CRTFImport::LosslessKeyword::Words CRTFImport::LosslessKeyword::s_words;
+
+bool CRTFImport::LosslessKeyword::FillTables()
 {
+    // On the stack: held in the image, the rows' pointers would be
+    // relocated at every start.
     const LosslessKeyword rows[] = {
         {"\n", &LK::ApplyCRCommand, false},
         {"\r", &LK::ApplyCRCommand, false},
@@ -291,27 +304,15 @@ constexpr CRTFImport::LosslessKeyword::Table CRTFImport::LosslessKeyword::BuildT
         {"f", &LK::GetFontNumKeepingCharset, false},
         {"plain", &LK::ApplyPlainKeepingCharset, false},
     };
-    Table table;
     for (const LosslessKeyword& row : rows)
-        table.Add(row);
+        s_table.Add(row);
     for (const SpecialChar& special : kSpecialChars)
-        table.Add({special.szKeyword, &LK::InsertUnicodeSpecial, false});
-    return table;
-}
-
-constexpr CRTFImport::LosslessKeyword::Table CRTFImport::LosslessKeyword::s_table = BuildTable();
-
-CRTFImport::LosslessKeyword::Words CRTFImport::LosslessKeyword::s_words;
-
-void CRTFImport::LosslessKeyword::PrepareTokenWords()
-{
-    static std::once_flag s_once;
-    std::call_once(s_once, [] {
-        for (int row = 0; row < cCmds; ++row)
-            s_words.Add(s_Cmds[row].szKeyword, row, nullptr);
-        for (const LosslessKeyword& row : s_table)
-            s_words.Add(row.szKeyword, -1, s_table.FindInIndex(row.szKeyword));
-    });
+        s_table.Add({special.szKeyword, &LK::InsertUnicodeSpecial, false});
+    for (int row = 0; row < cCmds; ++row)
+        s_words.Add(s_Cmds[row].szKeyword, row, nullptr);
+    for (const LosslessKeyword& row : s_table)
+        s_words.Add(row.szKeyword, -1, s_table.FindInIndex(row.szKeyword));
+    return true;
 }
 
 // The first row of each table for a word wins, as in each table's own index.
@@ -408,7 +409,7 @@ inline bool CRTFImport::NoteLosslessWord(const char* szKeyword)
 
 void CRTFImport::NoteFirstKeyword(const char* szKeyword)
 {
-    LosslessKeyword::PrepareTokenWords();
+    LosslessKeyword::PrepareTables();
     m_bFirstKeywordSeen = true;
     m_bRtfDocument = m_cGroup == 1 && std::strcmp(szKeyword, "rtf") == 0;
 }
@@ -422,7 +423,8 @@ RTFCONV_OUT_OF_LINE bool CRTFImport::TranslateFirstKeyword(const char* szKeyword
 // The row that takes the word here; null when the core's table does.
 const CRTFImport::LosslessKeyword* CRTFImport::LosslessRowFor(const char* szKeyword) const
 {
-    const LosslessKeyword::Table& table = LosslessKeyword::s_table;
+    LosslessKeyword::PrepareTables();
+    const LosslessKeyword::Table& table = LosslessKeyword::Rows();
     if (!table.MayHold(szKeyword))
         return nullptr;
     const KeywordKey* pKey = TokenWordKey(szKeyword);
