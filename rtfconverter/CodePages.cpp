@@ -72,6 +72,27 @@ char32_t SymbolCharacter(unsigned b)
     return cp ? cp : 0xF000 + b;
 }
 
+// --- Western (1252)
+
+// The page of nearly every document and the one a reader or writer starts
+// from: compiled in, so that a conversion in it never loads iconv's modules
+// (two shared objects, a good part of a short run). 0x00-0x7F and 0xA0-0xFF
+// are the same numbers in Unicode; this is the rest as glibc's CP1252 reads
+// it, U+FFFD for the five bytes it leaves undefined. A test holds the table
+// to iconv's.
+constexpr int kWesternCodePage = 1252;
+constexpr char16_t kWestern80To9F[0x20] = {
+    0x20AC, 0xFFFD, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021,  // 0x80
+    0x02C6, 0x2030, 0x0160, 0x2039, 0x0152, 0xFFFD, 0x017D, 0xFFFD,  // 0x88
+    0xFFFD, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022, 0x2013, 0x2014,  // 0x90
+    0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0xFFFD, 0x017E, 0x0178,  // 0x98
+};
+
+char32_t WesternCharacter(unsigned b)
+{
+    return b >= 0x80 && b < 0xA0 ? kWestern80To9F[b - 0x80] : b;
+}
+
 // --- iconv
 
 // iconv's names for the code pages it does not know as "CP<number>". The
@@ -310,6 +331,11 @@ std::unique_ptr<CCodePage> CCodePage::Build(int codePage)
     }
 
     p->m_iconvName = IconvNameOfCodePage(codePage);
+    if (codePage == kWesternCodePage) {
+        for (unsigned b = 0; b < 256; ++b)
+            p->m_single[b] = WesternCharacter(b);
+        return p;
+    }
     CIconvDecoder decoder(p->m_iconvName);
     if (!decoder.IsOpen())
         return nullptr;

@@ -1,7 +1,7 @@
 // Windows code pages for the Unicode reader and writer: decoding tables built
-// at run time from glibc's iconv, one per page, shared by every reader and
-// writer in the process, and the Symbol font's characters, which iconv does
-// not know.
+// at run time, one per page, shared by every reader and writer in the process;
+// Western (1252) and the Symbol font's characters, which iconv does not know,
+// from tables compiled in, every other page from glibc's iconv.
 #pragma once
 #include "rtfconverter/Export.h"
 
@@ -29,7 +29,7 @@ public:
 
     // Null when neither iconv nor this unit knows the page.
     static const CCodePage* Get(int codePage);
-    // ISO 8859-1, for a system whose iconv knows not even 1252.
+    // ISO 8859-1, for a reader left without even 1252 (no memory for it).
     static const CCodePage& Fallback();
 
     int GetNumber() const { return m_number; }

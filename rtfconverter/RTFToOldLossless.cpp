@@ -147,16 +147,18 @@ namespace {
 // Before the index a word is tried by its first two bytes alone, which turn
 // away nearly every word of a document (\brdrs, \cellx, \pard, \fs, \cf ...)
 // for a table read: the index would first have to measure the word.
-template <class Row>
+template <class Row, std::size_t cCapacity>
 class CLosslessKeywordTable {
 public:
-    explicit CLosslessKeywordTable(std::vector<Row> rows) : m_rows(std::move(rows))
+    void Add(const Row& row)
     {
-        for (std::size_t i = 0; i < m_rows.size(); ++i) {
-            m_index.Add(m_rows[i].szKeyword, static_cast<int>(i));
-            const unsigned bit = FirstBytesBit(m_rows[i].szKeyword);
-            m_firstBytes[bit / 64] |= std::uint64_t(1) << (bit % 64);
-        }
+        if (m_cRows == cCapacity)
+            return;  // never: the capacity holds every row
+        m_rows[m_cRows] = row;
+        m_index.Add(row.szKeyword, static_cast<int>(m_cRows));
+        const unsigned bit = FirstBytesBit(row.szKeyword);
+        m_firstBytes[bit / 64] |= std::uint64_t(1) << (bit % 64);
+        ++m_cRows;
     }
     const Row* Find(const char* szKeyword) const { return MayHold(szKeyword) ? FindInIndex(szKeyword) : nullptr; }
     // False for nearly every word that is in no row; true for every word in one.
@@ -174,14 +176,9 @@ public:
     // For the word the tokenizer has just read, whose key it made: the word is
     // not measured again.
     const Row* FindInIndex(const KeywordKey& key) const { return RowAt(m_index.Find(key)); }
-    // The words of the rows, in their order.
-    std::vector<const char*> Words() const
-    {
-        std::vector<const char*> words;
-        for (const Row& row : m_rows)
-            words.push_back(row.szKeyword);
-        return words;
-    }
+    // The rows, in their order.
+    const Row* begin() const { return m_rows; }
+    const Row* end() const { return m_rows + m_cRows; }
 
 private:
     const Row* RowAt(int i) const { return i < 0 ? nullptr : &m_rows[static_cast<std::size_t>(i)]; }
@@ -197,7 +194,8 @@ private:
         return ((first << 5) ^ second) & (cBits - 1);
     }
 
-    std::vector<Row> m_rows;
+    Row m_rows[cCapacity] = {};
+    std::size_t m_cRows = 0;
     CKeywordIndex m_index;
     std::uint64_t m_firstBytes[cBits / 64] = {};
 };
@@ -209,9 +207,9 @@ struct CRTFImport::LosslessKeyword {
     bool (CRTFImport::*pfnHandler)(const void* pKeyword, int param);
     bool bInSkipped;  // honoured inside skipped groups too
 
-    // The rows; a member, so that they may name the reader's protected
-    // handlers.
-    static const CLosslessKeywordTable<LosslessKeyword>& Table() { return s_table; }
+    using Table = CLosslessKeywordTable<LosslessKeyword, 48>;
+    // The rows, only after PrepareTables.
+    static const Table& Rows() { return s_table; }
 
     // What takes a word of the lossless reading: its lossless row, which
     // goes first, and the core's row (-1: none).
@@ -220,34 +218,60 @@ struct CRTFImport::LosslessKeyword {
         const LosslessKeyword* pLossless;
     };
     // For a word the tokenizer read, one probe for both tables; null when
-    // neither holds the word.
+    // neither holds the word. Only after PrepareTables.
     static const Word* FindTokenWord(const KeywordKey& key)
     {
         const int i = s_words.index.FindTokenWord(key);
         return i < 0 ? nullptr : &s_words.words[static_cast<std::size_t>(i)];
     }
+    // Fills the rows and the words of both tables the first time any reader
+    // on any thread asks (a function-local static: once, and what it wrote
+    // is there for every thread that asks after it). Each reader asks at its
+    // first control word, before it looks up any word, and the lookup of a
+    // text that is not the tokenizer's word asks again.
+    //
+    // Filled at the first lossless reading rather than when the library
+    // loads, and not by the compiler either: most processes that link the
+    // library never read RTF losslessly, and tables of pointers built by the
+    // compiler would be relocated in every one of them, a page written for
+    // every few pointers.
+    static void PrepareTables()
+    {
+        static const bool s_bFilled = FillTables();
+        (void)s_bFilled;
+    }
 
 private:
-    // Built when the library loads, so that no word has to ask whether it is
-    // built yet.
-    static const CLosslessKeywordTable<LosslessKeyword> s_table;
+    static bool FillTables();
+    // The rows; a member, so that they may name the reader's protected
+    // handlers. Empty, and zeros in the image, until PrepareTables.
+    static Table s_table;
 
     // The words of both tables under one index: each word once, with the
     // first row of each table that names it, as each table's own lookup
     // gives it.
     struct Words {
+        // First, so that a word's place is the table's address plus its
+        // offset, one addition fewer for every word looked up.
+        Word words[CKeywordIndex::maxNumber + 1] = {};
         CKeywordIndex index;
-        std::vector<Word> words;
+        std::size_t cWords = 0;
         void Add(const char* szKeyword, int coreRow, const LosslessKeyword* pLossless);
     };
-    static Words BuildWords();
-    static const Words s_words;
+    // Empty, and zeros in the image, until PrepareTables; then read only.
+    static Words s_words;
 };
 
 using LK = CRTFImport;
 
-const CLosslessKeywordTable<CRTFImport::LosslessKeyword> CRTFImport::LosslessKeyword::s_table = [] {
-    std::vector<LosslessKeyword> rows = {
+CRTFImport::LosslessKeyword::Table CRTFImport::LosslessKeyword::s_table;
+CRTFImport::LosslessKeyword::Words CRTFImport::LosslessKeyword::s_words;
+
+bool CRTFImport::LosslessKeyword::FillTables()
+{
+    // On the stack: held in the image, the rows' pointers would be
+    // relocated at every start.
+    const LosslessKeyword rows[] = {
         {"\n", &LK::ApplyCRCommand, false},
         {"\r", &LK::ApplyCRCommand, false},
         {"ansi", &LK::SetDocumentCodePage, false},
@@ -280,33 +304,28 @@ const CLosslessKeywordTable<CRTFImport::LosslessKeyword> CRTFImport::LosslessKey
         {"f", &LK::GetFontNumKeepingCharset, false},
         {"plain", &LK::ApplyPlainKeepingCharset, false},
     };
+    for (const LosslessKeyword& row : rows)
+        s_table.Add(row);
     for (const SpecialChar& special : kSpecialChars)
-        rows.push_back({special.szKeyword, &LK::InsertUnicodeSpecial, false});
-    return CLosslessKeywordTable<LosslessKeyword>(std::move(rows));
-}();
-
-// Defined after s_table, which it points into; the core's index is built by
-// the compiler.
-const CRTFImport::LosslessKeyword::Words CRTFImport::LosslessKeyword::s_words = BuildWords();
-
-CRTFImport::LosslessKeyword::Words CRTFImport::LosslessKeyword::BuildWords()
-{
-    Words words;
+        s_table.Add({special.szKeyword, &LK::InsertUnicodeSpecial, false});
     for (int row = 0; row < cCmds; ++row)
-        words.Add(s_Cmds[row].szKeyword, row, nullptr);
-    for (const char* szKeyword : s_table.Words())
-        words.Add(szKeyword, -1, s_table.FindInIndex(szKeyword));
-    return words;
+        s_words.Add(s_Cmds[row].szKeyword, row, nullptr);
+    for (const LosslessKeyword& row : s_table)
+        s_words.Add(row.szKeyword, -1, s_table.FindInIndex(row.szKeyword));
+    return true;
 }
 
 // The first row of each table for a word wins, as in each table's own index.
-// Both tables together hold fewer words than the index numbers.
+// Both tables together hold fewer words than the index numbers; a word past
+// them would be refused by the index and never found.
 void CRTFImport::LosslessKeyword::Words::Add(const char* szKeyword, int coreRow, const LosslessKeyword* pLossless)
 {
     const int i = index.Find(szKeyword);
     if (i < 0) {
-        index.Add(szKeyword, static_cast<int>(words.size()));
-        words.push_back({coreRow, pLossless});
+        if (cWords == sizeof words / sizeof words[0])
+            return;
+        index.Add(szKeyword, static_cast<int>(cWords));
+        words[cWords++] = {coreRow, pLossless};
         return;
     }
     Word& word = words[static_cast<std::size_t>(i)];
@@ -390,6 +409,7 @@ inline bool CRTFImport::NoteLosslessWord(const char* szKeyword)
 
 void CRTFImport::NoteFirstKeyword(const char* szKeyword)
 {
+    LosslessKeyword::PrepareTables();
     m_bFirstKeywordSeen = true;
     m_bRtfDocument = m_cGroup == 1 && std::strcmp(szKeyword, "rtf") == 0;
 }
@@ -403,7 +423,8 @@ RTFCONV_OUT_OF_LINE bool CRTFImport::TranslateFirstKeyword(const char* szKeyword
 // The row that takes the word here; null when the core's table does.
 const CRTFImport::LosslessKeyword* CRTFImport::LosslessRowFor(const char* szKeyword) const
 {
-    const CLosslessKeywordTable<LosslessKeyword>& table = LosslessKeyword::Table();
+    LosslessKeyword::PrepareTables();
+    const LosslessKeyword::Table& table = LosslessKeyword::Rows();
     if (!table.MayHold(szKeyword))
         return nullptr;
     const KeywordKey* pKey = TokenWordKey(szKeyword);

@@ -1,7 +1,8 @@
 // Conversions on several threads at once: what the readers and writers share
 // (the keyword index, the code-page tables that are built the first time a
-// page, a lead byte or an encoding is needed) is built once and read safely by
-// every thread. Each thread's output must equal the one a single thread gives
+// page, a lead byte or an encoding is needed, the lossless reading's keyword
+// tables, built at its first use) is built once and read safely by every
+// thread. Each thread's output must equal the one a single thread gives
 // afterwards; under ThreadSanitizer (`make tsan`) the same runs also check
 // that no access races. Each test runs in a fresh process under ctest, so the
 // threads, not an earlier test, build the shared tables.
@@ -70,9 +71,10 @@ std::string PlainText(const std::string& rtf)
     return PullAll(reader);
 }
 
-std::string OldText(const std::string& rtf)
+std::string OldText(const std::string& rtf, bool bLossless)
 {
     rtf_converter::CRTFPtrImport reader(rtf.c_str());
+    reader.SetLossless(bLossless);
     return PullAll(reader);
 }
 
@@ -92,7 +94,8 @@ std::vector<std::string> ConvertAll()
     for (const std::string& rtf : kDocuments) {
         outputs.push_back(Utf8Text(rtf));
         outputs.push_back(PlainText(rtf));
-        outputs.push_back(OldText(rtf));
+        outputs.push_back(OldText(rtf, false));
+        outputs.push_back(OldText(rtf, true));
     }
     for (const WriterCase& c : kWriterCases)
         outputs.push_back(WriterRtf(c));
@@ -117,7 +120,7 @@ TEST(ParallelConversion, ThreadsShareTheKeywordIndexAndCodePageTables)
         t.join();
 
     const std::vector<std::string> reference = ConvertAll();
-    ASSERT_EQ(reference.size(), kDocuments.size() * 3 + kWriterCases.size());
+    ASSERT_EQ(reference.size(), kDocuments.size() * 4 + kWriterCases.size());
     EXPECT_EQ(reference[0], "\xD0\x9F\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82\nx\n");
     for (const std::vector<std::string>& result : results)
         EXPECT_EQ(result, reference);
