@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -191,26 +192,70 @@ namespace {
 // The large pages of x86-64 and of most other 64-bit systems. Only a block
 // spanning whole large pages can use them; smaller ones are left alone.
 constexpr std::uintptr_t kcbLargePage = std::uintptr_t(2) << 20;
+// What malloc keeps in front of a block it maps on its own, and more.
+constexpr std::uintptr_t kcbBookkeeping = 4096;
+
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+// Asks for a large page at once over the small ones already there (the
+// kernel's number, which older C library headers lack).
+constexpr int kMadviseCollapse = 25;
+
+// Unless the system's administrator turned large pages off: a collapse is
+// done whatever the system's setting, where the advice is not.
+bool LargePagesAllowed()
+{
+    static const bool s_bAllowed = [] {
+        std::FILE* f = std::fopen("/sys/kernel/mm/transparent_hugepage/enabled", "r");
+        if (!f) return false;
+        char setting[128] = {};
+        const std::size_t cb = std::fread(setting, 1, sizeof setting - 1, f);
+        std::fclose(f);
+        return cb > 0 && !std::strstr(setting, "[never]");
+    }();
+    return s_bAllowed;
+}
+#endif
 
 } // namespace
 
 void AdviseLargePages(void* p, std::size_t cb)
 {
 #if defined(__linux__) && defined(MADV_HUGEPAGE)
-    const std::uintptr_t begin = (reinterpret_cast<std::uintptr_t>(p) + kcbLargePage - 1) & ~(kcbLargePage - 1);
-    const std::uintptr_t end = (reinterpret_cast<std::uintptr_t>(p) + cb) & ~(kcbLargePage - 1);
+    // A block that begins just past a boundary, or ends just before one
+    // (malloc's bookkeeping, as for a block of LargeBlockSize), is advised
+    // to the boundary: that large page is almost all its own.
+    const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(p);
+    const std::uintptr_t begin = (at + kcbLargePage - kcbBookkeeping) & ~(kcbLargePage - 1);
+    const std::uintptr_t end = (at + cb + kcbBookkeeping) & ~(kcbLargePage - 1);
+    if (!p || end <= begin) return;
     // Advice only: a system without large pages refuses it, and nothing changes.
-    if (p && end > begin) (void)::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+    (void)::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+    // Advice counts from the next page fault on, and malloc has already
+    // written its bookkeeping into the first large page as a small page:
+    // without a collapse, the rest of it would come a small page at a time.
+    if (begin < at && LargePagesAllowed())
+        (void)::madvise(reinterpret_cast<void*>(begin), kcbLargePage, kMadviseCollapse);
 #else
     (void)p;
     (void)cb;
 #endif
 }
 
+// malloc serves a large block from a mapping of its own, at most a page
+// longer than the block, and the system places a mapping whose length is a
+// whole number of large pages on a large-page boundary (moved or not). The
+// extra room is address space only until written.
+std::size_t LargeBlockSize(std::size_t cb)
+{
+    if (cb < kcbLargePage || cb > SIZE_MAX - 2 * kcbLargePage) return cb;
+    return ((cb + kcbBookkeeping + kcbLargePage - 1) & ~(kcbLargePage - 1)) - kcbBookkeeping;
+}
+
 void* GrowBlock(void* p, std::size_t cbNew)
 {
-    void* const pNew = std::realloc(p, cbNew);
-    if (pNew) AdviseLargePages(pNew, cbNew);
+    const std::size_t cbRequest = LargeBlockSize(cbNew);
+    void* const pNew = std::realloc(p, cbRequest);
+    if (pNew) AdviseLargePages(pNew, cbRequest);
     return pNew;
 }
 

@@ -41,12 +41,18 @@ RTFCONV_API std::size_t GlobalSize(HGLOBAL hMem);
 
 // std::realloc for a block that may grow large and is filled from front to
 // back (a document being made). Where the system can back such a block by
-// large pages it is asked to: filling it then costs a page fault per large
-// page rather than per small one. Free the block with std::free.
+// large pages it is asked to, from its first byte: filling it then costs a
+// page fault per large page rather than per small one. A large block gets
+// the room of LargeBlockSize(cbNew). Free the block with std::free.
 RTFCONV_API void* GrowBlock(void* p, std::size_t cbNew);
 // The same request for a block allocated otherwise (a string's reserved
 // room); a hint only, that changes nothing of the block's contents.
 RTFCONV_API void AdviseLargePages(void* p, std::size_t cb);
+// What to ask malloc (or a string's reserve, less its NUL) for, for a block
+// of at least cb bytes to be advised as above: a large block in this size
+// begins on a large page, so that its first one can be large too. cb itself
+// when it is smaller than a large page.
+RTFCONV_API std::size_t LargeBlockSize(std::size_t cb);
 
 // --- streams ------------------------------------------------------------------
 

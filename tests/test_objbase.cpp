@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 
 #include <cstring>
@@ -239,13 +240,33 @@ TEST(MemoryStream, LargeBlocksKeepTheirBytes)
     }
     std::free(p);
 
-    std::string s(std::size_t(5) << 20, 'q');
-    s[12345] = 'r';
-    AdviseLargePages(&s[0], s.size());
-    AdviseLargePages(nullptr, 0);
-    EXPECT_EQ(s[12345], 'r');
-    EXPECT_EQ(s.find_first_not_of('q'), 12345u);
-    EXPECT_EQ(s.find_last_not_of('q'), 12345u);
+    // Written first and advised after, in a string's room of either size:
+    // the first large page, taken over at once, keeps what was there.
+    for (const std::size_t cbRoom : {std::size_t(5) << 20, LargeBlockSize(std::size_t(5) << 20) - 1}) {
+        std::string s;
+        s.reserve(cbRoom);
+        s.assign(std::size_t(5) << 20, 'q');
+        s[12345] = 'r';
+        AdviseLargePages(&s[0], s.capacity());
+        AdviseLargePages(nullptr, 0);
+        EXPECT_EQ(s[12345], 'r');
+        EXPECT_EQ(s.find_first_not_of('q'), 12345u);
+        EXPECT_EQ(s.find_last_not_of('q'), 12345u);
+    }
+}
+
+// A large block's size never falls short of what was asked, up to the
+// largest sizes, and below a large page stays what was asked.
+TEST(MemoryStream, LargeBlockSizeHoldsWhatIsAsked)
+{
+    const std::size_t cbLarge = std::size_t(2) << 20;
+    for (const std::size_t cb : {std::size_t(1), cbLarge - 1, cbLarge, cbLarge + 1, 3 * cbLarge - 4096,
+                                 3 * cbLarge - 4095, SIZE_MAX / 2, SIZE_MAX - 2 * cbLarge, SIZE_MAX}) {
+        const std::size_t cbBlock = LargeBlockSize(cb);
+        EXPECT_GE(cbBlock, cb) << cb;
+        EXPECT_LT(cbBlock - cb, cbLarge) << cb;
+        EXPECT_TRUE(cb >= cbLarge || cbBlock == cb) << cb;
+    }
 }
 
 TEST(ComPtr, ReferencesAndResetThenRelease)
