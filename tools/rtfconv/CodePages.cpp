@@ -21,6 +21,9 @@ constexpr char kReplacementUtf8[] = "\xEF\xBF\xBD"; // U+FFFD
 
 bool IconvKnows(const std::string& name)
 {
+    // Most documents name the Western page; glibc's iconv always has it, and
+    // asking would load its module for a check alone.
+    if (name == "CP1252") return true;
     const iconv_t cd = ::iconv_open(kUtf8, name.c_str());
     if (cd == reinterpret_cast<iconv_t>(-1)) return false;
     ::iconv_close(cd);

@@ -328,9 +328,10 @@ int RunConversions(const ToolContext& ctx, const IoOptions& io, const std::strin
 
 void CPullBuffer::GrowAfterNoProgress()
 {
-    if (m_bytes.size() >= kMaxReadBuffer)
+    if (m_cb >= kMaxReadBuffer)
         throw ToolError(exitConversionFailed, "no progress: the reader wrote nothing into a 16 MiB buffer");
-    m_bytes.resize(std::min(m_bytes.size() * 2, kMaxReadBuffer));
+    m_cb = std::min(m_cb * 2, kMaxReadBuffer);
+    m_bytes.reset(new char[m_cb]);
 }
 
 } // namespace rtfconv

@@ -377,15 +377,19 @@ int RunConversions(const ToolContext& ctx, const IoOptions& io, const std::strin
 // The growable buffer behind PullAll.
 class CPullBuffer {
 public:
-    explicit CPullBuffer(std::size_t cb) : m_bytes(cb == 0 ? 1 : cb) {}
-    char* Begin() { return m_bytes.data(); }
-    char* End() { return m_bytes.data() + m_bytes.size(); }
-    std::size_t Size() const { return m_bytes.size(); }
-    // Doubles the buffer after a call without progress; throws past 16 MiB.
+    // Left unfilled: a reader writes what it reports, and only that is read.
+    // Zeroing it would cost every run its pages up front.
+    explicit CPullBuffer(std::size_t cb) : m_cb(cb == 0 ? 1 : cb), m_bytes(new char[m_cb]) {}
+    char* Begin() { return m_bytes.get(); }
+    char* End() { return m_bytes.get() + m_cb; }
+    std::size_t Size() const { return m_cb; }
+    // Doubles the buffer after a call without progress (what it held is
+    // not kept: the call wrote nothing worth keeping); throws past 16 MiB.
     void GrowAfterNoProgress();
 
 private:
-    std::vector<char> m_bytes;
+    std::size_t m_cb;
+    std::unique_ptr<char[]> m_bytes;
 };
 
 template <class TReader, class TConsume, class TAfterRead>
