@@ -32,7 +32,7 @@ constexpr std::size_t kcbBlock = std::size_t(128) << 10;
 // character beyond U+FFFF, as two \uN? ("\u-10240?\u-9216?").
 constexpr std::size_t kcbLongestPiece = 17;
 
-bool IsTrailByte(unsigned char b) { return (b & 0xC0) == 0x80; }
+using byte_scan::IsUtf8TrailByte;
 
 // Decodes the UTF-8 sequence at p, which ends before `end`, and advances
 // past it. A byte that does not start a well-formed sequence (overlong,
@@ -51,7 +51,7 @@ char32_t DecodeAnyUtf8(const unsigned char*& p, const unsigned char* end)
         return kInvalid;
     }
     for (std::ptrdiff_t k = 1; k < cch; ++k) {
-        if (!IsTrailByte(p[k])) {
+        if (!IsUtf8TrailByte(p[k])) {
             ++p;
             return kInvalid;
         }
@@ -71,12 +71,12 @@ inline char32_t DecodeUtf8(const unsigned char*& p, const unsigned char* end)
 {
     const unsigned char b = *p;
     const std::ptrdiff_t cbLeft = end - p;
-    if (b >= 0xC2 && b <= 0xDF && cbLeft >= 2 && IsTrailByte(p[1])) {
+    if (b >= 0xC2 && b <= 0xDF && cbLeft >= 2 && IsUtf8TrailByte(p[1])) {
         const char32_t cp = static_cast<char32_t>((b & 0x1F) << 6 | (p[1] & 0x3F));
         p += 2;
         return cp;
     }
-    if ((b & 0xF0) == 0xE0 && cbLeft >= 3 && IsTrailByte(p[1]) && IsTrailByte(p[2])) {
+    if ((b & 0xF0) == 0xE0 && cbLeft >= 3 && IsUtf8TrailByte(p[1]) && IsUtf8TrailByte(p[2])) {
         const char32_t cp = static_cast<char32_t>((b & 0x0F) << 12 | (p[1] & 0x3F) << 6 | (p[2] & 0x3F));
         if (cp >= 0x800 && (cp < 0xD800 || cp > 0xDFFF)) {
             p += 3;
@@ -84,53 +84,6 @@ inline char32_t DecodeUtf8(const unsigned char*& p, const unsigned char* end)
         }
     }
     return DecodeAnyUtf8(p, end);
-}
-
-// The number of ASCII bytes from p on. Where words of other characters are
-// frequent the gaps between them are short: one look at the next 16 bytes
-// finds most of them for less than the long scan costs to start.
-std::size_t AsciiGapLength(const unsigned char* p, const unsigned char* end)
-{
-    const std::size_t cbLeft = static_cast<std::size_t>(end - p);
-    const char* const pch = reinterpret_cast<const char*>(p);
-#if RTFCONV_SCAN_SSE2
-    if (cbLeft >= 16) {
-        const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pch));
-        const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block));
-        if (high != 0) return static_cast<std::size_t>(__builtin_ctz(high));
-        return 16 + byte_scan::AsciiLength(pch + 16, cbLeft - 16);
-    }
-#endif
-    return byte_scan::AsciiLength(pch, cbLeft);
-}
-
-// The end of the well-formed sequences of characters other than ASCII from
-// p on: the first ASCII byte, the end, or the first byte that starts no
-// well-formed sequence. The two- and three-byte sequences of most scripts
-// are checked inline without putting their values together; the rest as
-// DecodeAnyUtf8 decodes them.
-const unsigned char* SkipWellFormedWord(const unsigned char* p, const unsigned char* end)
-{
-    while (p < end) {
-        const unsigned char b = *p;
-        const std::ptrdiff_t cbLeft = end - p;
-        if (b < 0x80) return p;
-        if (b >= 0xC2 && b <= 0xDF) {
-            if (cbLeft < 2 || !IsTrailByte(p[1])) return p;
-            p += 2;
-        } else if ((b & 0xF0) == 0xE0) {
-            if (cbLeft < 3 || !IsTrailByte(p[1]) || !IsTrailByte(p[2])) return p;
-            // After E0 a second byte below A0 makes an overlong form; after
-            // ED one from A0 up, a surrogate.
-            if ((b == 0xE0 && p[1] < 0xA0) || (b == 0xED && p[1] >= 0xA0)) return p;
-            p += 3;
-        } else {
-            const unsigned char* q = p;
-            if (DecodeAnyUtf8(q, end) == kInvalid) return p;
-            p = q;
-        }
-    }
-    return p;
 }
 
 // What a character other than ASCII is written as: its bytes in the page,
@@ -316,17 +269,10 @@ const unsigned char* PutStop(const unsigned char* p, const unsigned char* end, C
 
 std::size_t FindInvalidUtf8(const char* pText, std::size_t cb)
 {
-    const unsigned char* const begin = reinterpret_cast<const unsigned char*>(pText);
-    const unsigned char* const end = begin + cb;
-    const unsigned char* p = begin;
-    for (;;) {
-        p += AsciiGapLength(p, end);
-        if (p == end) return cb;
-        // Characters other than ASCII come in words: checked one after the
-        // other until the next ASCII byte.
-        p = SkipWellFormedWord(p, end);
-        if (p < end && *p >= 0x80) return static_cast<std::size_t>(p - begin);
-    }
+#if RTFCONV_SCAN_AVX2
+    if (byte_scan::CanFindInvalidUtf8ByBlocks()) return byte_scan::FindInvalidUtf8ByBlocks(pText, cb);
+#endif
+    return byte_scan::FindInvalidUtf8ByWords(pText, cb);
 }
 
 CUTF8TextToRTF::CUTF8TextToRTF() : m_pPage(CCodePage::Get(kWesternCodePage)), m_logFont() {}

@@ -141,6 +141,19 @@ std::size_t FirstInvalidByteByByte(const std::string& text)
     return cb;
 }
 
+// The UTF-8 checks: the one FindInvalidUtf8 picks, the words check every
+// processor runs, and the 32-byte one where this processor has AVX2.
+std::vector<std::size_t (*)(const char*, std::size_t)> Utf8Checks()
+{
+    std::vector<std::size_t (*)(const char*, std::size_t)> checks = {FindInvalidUtf8,
+                                                                     rtf_converter::byte_scan::FindInvalidUtf8ByWords};
+#if RTFCONV_SCAN_AVX2
+    if (rtf_converter::byte_scan::CanFindInvalidUtf8ByBlocks())
+        checks.push_back(rtf_converter::byte_scan::FindInvalidUtf8ByBlocks);
+#endif
+    return checks;
+}
+
 } // namespace
 
 // The document made block by block is the document Convert and Export make,
@@ -200,8 +213,8 @@ TEST(Utf8ToRtf, WriteDocumentStopsWhenTheSinkThrows)
 }
 
 // Sequences well formed and not, whole and cut at every length, after
-// ASCII or a word of other characters of every length around the scan's
-// 16-byte look, and before ASCII, another character or the end.
+// ASCII or characters of two to four bytes, at every offset of the first
+// two 32-byte blocks, and before ASCII, another character or the end.
 TEST(Utf8ToRtf, FindInvalidUtf8AgreesWithAByteAtATimeCheck)
 {
     const std::string sequences[] = {
@@ -209,34 +222,56 @@ TEST(Utf8ToRtf, FindInvalidUtf8AgreesWithAByteAtATimeCheck)
         "\xef\xbf\xbd", "\xf0\x90\x80\x80", "\xf3\xbf\xbf\xbf", "\xf4\x8f\xbf\xbf",
         // Overlong, surrogates, beyond U+10FFFF, bytes that start nothing.
         "\xc0\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xf0\x8f\xbf\xbf", "\xed\xa0\x80", "\xed\xbf\xbf",
-        "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff", "\x80", "\xbf", "\xc3\xc3", "\xe2\x80\x41"};
-    for (std::size_t cbPrefix = 0; cbPrefix < 20; ++cbPrefix) {
-        const std::string gap(cbPrefix, 'x');
-        for (const std::string& prefix : {gap, gap + "\xc3\xa4\xe2\x80\xa2"})
+        "\xf4\x90\x80\x80", "\xf4\xbf\xbf\xbf", "\xf5\x80\x80\x80", "\xf8\x88\x80\x80", "\xff", "\x80", "\xbf",
+        "\xc3\xc3", "\xe2\x80\x41"};
+    const std::string characters = "\xc3\xa4\xe2\x80\xa2\xf0\x9f\x98\x80\xce\xb1\xe4\xb8\xad\xf4\x8f\xbf\xbf";
+    const auto checks = Utf8Checks();
+    for (std::size_t cbPrefix = 0; cbPrefix < 70; ++cbPrefix) {
+        // As many whole characters as fit, after ASCII.
+        std::string repeated;
+        while (repeated.size() <= cbPrefix) repeated += characters;
+        std::size_t cbWord = cbPrefix;
+        while ((static_cast<unsigned char>(repeated[cbWord]) & 0xC0) == 0x80) --cbWord;
+        const std::string word = std::string(cbPrefix - cbWord, 'x') + repeated.substr(0, cbWord);
+        for (const std::string& prefix : {std::string(cbPrefix, 'x'), word})
             for (const std::string& sequence : sequences)
                 for (std::size_t cbKept = 1; cbKept <= sequence.size(); ++cbKept)
                     for (const char* suffix : {"", "x", "\xc3\xb6", "xxxxxxxxxxxxxxxxxxxx\xff"}) {
                         const std::string text = prefix + sequence.substr(0, cbKept) + suffix;
-                        EXPECT_EQ(FindInvalidUtf8(text.data(), text.size()), FirstInvalidByteByByte(text))
-                            << cbPrefix << " " << sequence.size() << " " << cbKept << " " << suffix;
+                        for (auto check : checks)
+                            ASSERT_EQ(check(text.data(), text.size()), FirstInvalidByteByByte(text))
+                                << cbPrefix << " " << sequence.size() << " " << cbKept << " " << suffix;
                     }
     }
 }
 
+// Long runs of ASCII and of characters of two, three and four bytes, well
+// formed, then with a bad byte at every offset; nothing read past the length given.
 TEST(Utf8ToRtf, FindInvalidUtf8StopsAtTheEndGiven)
 {
-    // A bad byte at every offset around the 16-byte steps of the ASCII scan.
-    for (std::size_t at = 0; at < 40; ++at) {
-        for (const char bad : {'\x80', '\xbf', '\xc0', '\xc1', '\xf5', '\xff'}) {
-            std::string text(48, 'x');
-            text[at] = bad;
-            EXPECT_EQ(FindInvalidUtf8(text.data(), text.size()), at) << at << " " << int(bad);
-        }
+    const auto checks = Utf8Checks();
+    for (const std::string& unit : {std::string("x"), std::string("\xce\xb1"), std::string("\xe2\x80\xa2"),
+                                    std::string("\xf0\x9f\x98\x80"), std::string("a\xc3\xa4\xe4\xb8\xad\xf3\xbf\xbf\xbf")}) {
+        std::string run;
+        while (run.size() < 200) run += unit;
+        for (auto check : checks) ASSERT_EQ(check(run.data(), run.size()), run.size()) << unit;
+        for (std::size_t at = 0; at < 140; ++at)
+            for (const char bad : {'\x80', '\xbf', '\xc0', '\xc1', '\xf5', '\xff', 'x'}) {
+                std::string text = run;
+                text[at] = bad;
+                for (auto check : checks)
+                    ASSERT_EQ(check(text.data(), text.size()), FirstInvalidByteByByte(text))
+                        << unit << " " << at << " " << int(bad);
+            }
+    }
+    for (std::size_t at = 0; at < 70; ++at) {
         // A good character cut by the length given, whatever follows it.
         const std::string text = std::string(at, 'x') + "\xe2\x82\xac";
-        EXPECT_EQ(FindInvalidUtf8(text.data(), at + 2), at) << at;
-        EXPECT_EQ(FindInvalidUtf8(text.data(), at + 3), at + 3) << at;
-        EXPECT_EQ(FindInvalidUtf8(text.data(), at), at) << at;
+        for (auto check : checks) {
+            EXPECT_EQ(check(text.data(), at + 2), at) << at;
+            EXPECT_EQ(check(text.data(), at + 3), at + 3) << at;
+            EXPECT_EQ(check(text.data(), at), at) << at;
+        }
     }
 }
 
