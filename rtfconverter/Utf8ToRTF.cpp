@@ -28,7 +28,8 @@ constexpr int kcbHeadRoom = 4096;
 // The document is made in blocks of this size: large enough that handing one
 // on costs next to nothing, small enough to stay in the processor's cache.
 constexpr std::size_t kcbBlock = std::size_t(128) << 10;
-// The longest piece written for one byte or character of the text: a
+// The longest piece written for one byte or character of the text (or a
+// pair of two-byte characters, at most twice "\u2047?" or "\'hh\'hh"): a
 // character beyond U+FFFF, as two \uN? ("\u-10240?\u-9216?").
 constexpr std::size_t kcbLongestPiece = 17;
 
@@ -156,28 +157,79 @@ private:
     char* m_pEnd;
 };
 
+// Where a piece was written: what follows it in the text, and in the block.
+struct Written {
+    const unsigned char* next;
+    char* out;
+};
+
 // The pieces of the characters met lately, so that a text in one script
 // looks each of its letters up in the code page once, not at every
 // occurrence. A table indexed by a hash of the character's bytes as they
 // stand in the text: a character met again is known by one load and one
 // comparison, without decoding it, as only well-formed sequences are kept.
+// Two characters of two bytes each, as the letters of most alphabets past
+// ASCII are, are kept together: a word of them takes half the lookups.
 class CCharacterPieces {
 public:
+    // The longest piece an entry holds, one move of 16 bytes: every piece
+    // but that of a character beyond U+FFFF, which is rare and is made anew.
+    static constexpr std::size_t kcbEntryPiece = 16;
     struct Entry {
-        std::uint32_t key = 0;  // the sequence's bytes, first byte lowest; 0, never a sequence, marks an empty entry
+        std::uint32_t key = 0;  // the sequences' bytes, first byte lowest; 0, never a sequence, marks an empty entry
+        unsigned char cbSequence = 0;
         unsigned char cb = 0;
-        char piece[kcbLongestPiece] = {};
+        char piece[kcbEntryPiece] = {};
     };
 
     explicit CCharacterPieces(const CCodePage* pPage) : m_pPage(pPage), m_entries(new Entry[kcEntries]) {}
 
-    // Writes the piece of the character at p (a byte from 0x80 up; the
-    // block has room for kcbLongestPiece) and returns what follows the
-    // character: one byte past a byte that starts no well-formed sequence.
-    const unsigned char* Put(const unsigned char* p, const unsigned char* end, CBlock& block);
+    // Writes the piece of the character at p (a byte from 0x80 up), or of
+    // it and the next, at `out`, which has room for kcbLongestPiece, and
+    // returns where it ends, in the text (one byte past
+    // a byte that starts no well-formed sequence) and in the block.
+    Written Put(const unsigned char* p, const unsigned char* end, char* out)
+    {
+        if (end - p < 4) return PutDecoded(p, end, out);  // too near the end for one load
+        return PutFar(p, end, out);
+    }
+    // The same, at least four bytes before the end.
+    Written PutFar(const unsigned char* p, const unsigned char* end, char* out)
+    {
+        const std::uint32_t key = KeyAt(p);
+        const Entry& entry = m_entries[SlotOf(key)];
+        if (entry.key != key) return PutNew(p, end, out, key);
+        // Copied whole, padding and all, for speed: the room is there.
+        std::memcpy(out, entry.piece, kcbEntryPiece);
+        return {p + entry.cbSequence, out + entry.cb};
+    }
 
 private:
-    const unsigned char* PutDecoded(const unsigned char* p, const unsigned char* end, CBlock& block) const;
+    // The bytes of the sequence at p (four of them readable), first byte
+    // lowest, as many as its first byte says it has if it is well formed;
+    // all four when they would be two sequences of two bytes.
+    static std::uint32_t KeyAt(const unsigned char* p)
+    {
+        // Put together byte by byte, the same key on any processor; compilers
+        // make one load of it.
+        const std::uint32_t word = std::uint32_t(p[0]) | std::uint32_t(p[1]) << 8 | std::uint32_t(p[2]) << 16 |
+                                   std::uint32_t(p[3]) << 24;
+        // By the first byte's high half, 8 to F: a byte that starts no
+        // sequence never has an entry, whatever it keeps.
+        static constexpr std::uint32_t kKeep[8] = {0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF,
+                                                   0xFFFF, 0xFFFF, 0xFFFFFF, 0xFFFFFFFF};
+        const std::uint32_t second = p[0] < 0xE0 && (p[2] & 0xE0) == 0xC0 ? 0xFFFF0000u : 0;
+        return word & (kKeep[(p[0] >> 4) & 7] | second);
+    }
+    // The top bits of the key times an odd number picked, among many tried,
+    // for putting the letters of the Latin, Greek, Cyrillic and Arabic
+    // alphabets, the common punctuation and runs of ideographs or Hangul in
+    // slots apart: one multiplication where a fold of the bits that differ
+    // would take several steps.
+    static std::size_t SlotOf(std::uint32_t key) { return (key * 0x70D07EBBu) >> (32 - kcEntriesLog2); }
+
+    Written PutNew(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t key);
+    Written PutDecoded(const unsigned char* p, const unsigned char* end, char* out) const;
 
     static constexpr unsigned kcEntriesLog2 = 9;
     static constexpr std::size_t kcEntries = std::size_t(1) << kcEntriesLog2;
@@ -185,43 +237,41 @@ private:
     std::unique_ptr<Entry[]> m_entries;
 };
 
-const unsigned char* CCharacterPieces::Put(const unsigned char* p, const unsigned char* end, CBlock& block)
+// A character, or pair, not met lately, or not well formed: kept when its
+// piece fits an entry. A pair whose second character is not well formed is
+// the first alone.
+Written CCharacterPieces::PutNew(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t key)
 {
-    // The sequence's length by its first byte, as it would be if it were
-    // well formed; a byte that starts none never has an entry.
-    const unsigned char b = *p;
-    const std::size_t cbSequence = b < 0xE0 ? 2 : b < 0xF0 ? 3 : 4;
-    if (end - p < 4) return PutDecoded(p, end, block);  // too near the end for one load
-    // Put together byte by byte, the same key on any processor; compilers
-    // make one load of it.
-    const std::uint32_t word = std::uint32_t(p[0]) | std::uint32_t(p[1]) << 8 | std::uint32_t(p[2]) << 16 |
-                               std::uint32_t(p[3]) << 24;
-    static constexpr std::uint32_t kKeep[5] = {0, 0, 0xFFFF, 0xFFFFFF, 0xFFFFFFFF};
-    const std::uint32_t key = word & kKeep[cbSequence];
-    // The top bits of the key times an odd number picked, among many tried,
-    // for putting the letters of the Latin, Greek, Cyrillic and Arabic
-    // alphabets, the common punctuation and runs of ideographs or Hangul in
-    // slots apart: one multiplication where a fold of the bits that differ
-    // would take several steps.
-    Entry& entry = m_entries[(key * 0x70D07EBBu) >> (32 - kcEntriesLog2)];
-    if (entry.key != key) {
-        const unsigned char* q = p;
-        const char32_t cp = DecodeUtf8(q, end);
-        if (cp == kInvalid) return PutDecoded(p, end, block);
-        entry.cb = static_cast<unsigned char>(MakeCharacterPiece(m_pPage, cp, entry.piece));
-        entry.key = key;
+    const unsigned char* next = p;
+    const char32_t cp = DecodeUtf8(next, end);
+    if (cp == kInvalid) return PutDecoded(p, end, out);
+    char piece[2 * kcbLongestPiece];
+    std::size_t cb = MakeCharacterPiece(m_pPage, cp, piece);
+    if (next - p == 2 && (key >> 16) != 0) {  // the key holds a second sequence
+        const unsigned char* const second = next;
+        const char32_t cpSecond = DecodeUtf8(next, end);
+        if (cpSecond != kInvalid && next - second == 2) {
+            cb += MakeCharacterPiece(m_pPage, cpSecond, piece + cb);
+        } else {
+            next = second;
+            key &= 0xFFFF;
+        }
     }
-    // Copied whole, padding and all, for speed: the room for kcbLongestPiece is there.
-    std::memcpy(block.Cursor(), entry.piece, kcbLongestPiece);
-    block.Advance(entry.cb);
-    return p + cbSequence;
+    std::memcpy(out, piece, cb);
+    if (cb <= kcbEntryPiece) {
+        Entry& entry = m_entries[SlotOf(key)];
+        entry.key = key;
+        entry.cbSequence = static_cast<unsigned char>(next - p);
+        entry.cb = static_cast<unsigned char>(cb);
+        std::memcpy(entry.piece, piece, cb);
+    }
+    return {next, out + cb};
 }
 
-const unsigned char* CCharacterPieces::PutDecoded(const unsigned char* p, const unsigned char* end, CBlock& block) const
+Written CCharacterPieces::PutDecoded(const unsigned char* p, const unsigned char* end, char* out) const
 {
     const char32_t cp = DecodeUtf8(p, end);
-    block.Advance(MakeCharacterPiece(m_pPage, cp == kInvalid ? kReplacement : cp, block.Cursor()));
-    return p;
+    return {p, out + MakeCharacterPiece(m_pPage, cp == kInvalid ? kReplacement : cp, out)};
 }
 
 // Writes the pieces of a word of characters past ASCII, the first at p, while
@@ -229,41 +279,130 @@ const unsigned char* CCharacterPieces::PutDecoded(const unsigned char* p, const 
 const unsigned char* PutOtherCharacters(CCharacterPieces& pieces, const unsigned char* p, const unsigned char* end,
                                         CBlock& block)
 {
-    do
-        p = pieces.Put(p, end, block);
-    while (p < end && *p >= 0x80 && block.Room() >= kcbLongestPiece);
+    char* out = block.Cursor();
+    char* const outLast = out + (block.Room() - kcbLongestPiece);
+    do {
+        const Written written = pieces.Put(p, end, out);
+        p = written.next;
+        out = written.out;
+    } while (p < end && *p >= 0x80 && out <= outLast);
+    block.Advance(static_cast<std::size_t>(out - block.Cursor()));
     return p;
 }
 
-// Writes the piece for the byte at p, an ASCII one that ends a run of printable ASCII,
-// and returns what follows it.
-const unsigned char* PutStop(const unsigned char* p, const unsigned char* end, CBlock& block)
-{
-    switch (*p) {
-    case 0x09:
-        block.PutLiteral("\\tab ");
-        return p + 1;
-    case 0x0D:
-        if (end - p > 1 && p[1] == 0x0A)
-            ++p;  // CR LF is one line end
-        // fall through
-    case 0x0A:
-        block.PutLiteral("\\par ");
-        return p + 1;
-    case 0x17:
-        return p + 1;  // never part of the host's text
-    case '\\':
-    case '{':
-    case '}':
-        block.Put('\\');
-        block.Put(static_cast<char>(*p));
-        return p + 1;
-    default:
-        break;
+// What each ASCII byte that ends a run of printable ASCII is written as: a
+// line end or a tab as its keyword, \ { and } escaped, 0x17 (never part of
+// the host's text) as nothing, | ~ DEL and the other controls as they are.
+// Eight bytes an entry, copied whole.
+struct StopPiece {
+    char text[7];
+    unsigned char cb;
+};
+constexpr struct StopPieces {
+    StopPiece pieces[128];
+    constexpr StopPieces() : pieces()
+    {
+        for (int b = 0; b < 128; ++b) pieces[b] = {{static_cast<char>(b)}, 1};
+        pieces[0x09] = {{'\\', 't', 'a', 'b', ' '}, 5};
+        pieces[0x0A] = pieces[0x0D] = {{'\\', 'p', 'a', 'r', ' '}, 5};  // a CR before LF is skipped
+        pieces[0x17] = {{}, 0};
+        for (const char ch : {'\\', '{', '}'}) pieces[static_cast<int>(ch)] = {{'\\', ch}, 2};
     }
-    block.Put(static_cast<char>(*p));  // | ~ DEL or another control: as it is
-    return p + 1;
+} kStopPieces;
+
+// Writes the piece for the byte at p, an ASCII one that ends a run of printable
+// ASCII, at `out` (which has room for a StopPiece) and returns what
+// follows it: CR LF is one line end.
+inline const unsigned char* PutStop(const unsigned char* p, const unsigned char* end, char*& out)
+{
+    const StopPiece& piece = kStopPieces.pieces[*p];
+    std::memcpy(out, &piece, sizeof piece);  // whole, the length after the text written over next
+    out += piece.cb;
+    return p + 1 + (*p == 0x0D && end - p > 1 && p[1] == 0x0A);
 }
+
+#if RTFCONV_SCAN_SSE2
+// A step of PutDenseText takes at most this many bytes of the text: its 16,
+// and the rest of a pair of characters begun at its last byte.
+constexpr std::size_t kcbStepText = 16 + 3;
+// And reads at most this far: the 16 bytes copied after that pair too.
+constexpr std::size_t kcbStepReach = kcbStepText + 16;
+// And writes at most this far: a piece of at most kcbLongestPiece (written
+// whole) for each of its bytes, and 16 bytes copied after the last.
+constexpr std::size_t kcbStepRoom = kcbStepText * kcbLongestPiece + 16;
+
+// Writes the pieces of the text from p on, 16 bytes a step, while the text
+// and the block's room last for a step, and returns where it stopped: less
+// than a step from the end, at a NUL, or with less room than a step needs.
+// Where stops are dense (a tab, a line end or a character past ASCII every
+// few bytes) a scan that starts again after each costs more than the
+// stop: each step copies its 16 bytes as they stand, then writes each stop
+// of its mask over its own byte and copies what follows it again behind the
+// piece, the next stop of the same mask coming next.
+// The stops of the run scan in WriteBody among 16 bytes: those outside
+// 0x20..'z', and the backslash. Moved up by 0x60, that range is -128..-38
+// as signed bytes: one comparison finds the bytes outside it.
+inline unsigned StopsIn(__m128i v)
+{
+    const __m128i outside = _mm_cmpgt_epi8(_mm_add_epi8(v, _mm_set1_epi8(0x60)), _mm_set1_epi8(-38));
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(outside, _mm_cmpeq_epi8(v, _mm_set1_epi8('\\')))));
+}
+
+const unsigned char* PutDenseText(CCharacterPieces& pieces, const unsigned char* p, const unsigned char* end,
+                                  CBlock& block)
+{
+    if (static_cast<std::size_t>(end - p) < kcbStepReach || block.Room() < kcbStepRoom) return p;
+    const unsigned char* const pLast = end - kcbStepReach;
+    char* out = block.Cursor();
+    char* const outLast = out + (block.Room() - kcbStepRoom);
+    auto copy16 = [](char* to, const unsigned char* from) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to), _mm_loadu_si128(reinterpret_cast<const __m128i*>(from)));
+    };
+    while (p <= pLast && out <= outLast) {
+        // As many steps as surely fit, each taking at most kcbStepText
+        // bytes of text and kcbStepRoom of the block: one count to keep.
+        std::size_t cSteps = 1 + std::min(static_cast<std::size_t>(pLast - p) / kcbStepText,
+                                          static_cast<std::size_t>(outLast - out) / kcbStepRoom);
+        do {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out), v);
+            unsigned stops = StopsIn(v);
+            if (stops == 0) {
+                p += 16;
+                out += 16;
+                continue;
+            }
+            std::size_t cbDone = 0;  // of the step's bytes, those written
+            do {
+                const unsigned at = static_cast<unsigned>(__builtin_ctz(stops));
+                out += at - cbDone;
+                const unsigned char* next = p + at;
+                if (*next >= 0x80) {
+                    const Written written = pieces.PutFar(next, end, out);
+                    next = written.next;
+                    out = written.out;
+                } else if (*next != 0) {
+                    next = PutStop(next, end, out);
+                } else {
+                    block.Advance(static_cast<std::size_t>(out - block.Cursor()));
+                    return next;  // the end of the text, as for a C string
+                }
+                cbDone = static_cast<std::size_t>(next - p);  // at most kcbStepText
+                copy16(out, next);
+                stops &= ~0u << cbDone;
+            } while (stops != 0);
+            if (cbDone < 16) {
+                out += 16 - cbDone;
+                p += 16;
+            } else {
+                p += cbDone;
+            }
+        } while (--cSteps != 0);
+    }
+    block.Advance(static_cast<std::size_t>(out - block.Cursor()));
+    return p;
+}
+#endif
 
 } // namespace
 
@@ -345,6 +484,11 @@ void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CStr
     if (cbText >= 3 && p[0] == 0xEF && p[1] == 0xBB && p[2] == 0xBF)
         p += 3;
     while (p < end) {
+#if RTFCONV_SCAN_SSE2
+        // Most of the text; the rest, near the end of the text or of the
+        // block's room, or at a NUL, below, a run and a stop at a time.
+        p = PutDenseText(pieces, p, end, block);
+#endif
         if (block.Room() < 2 * kcbLongestPiece) handOn();
         const std::size_t cbMost = std::min(static_cast<std::size_t>(end - p), block.Room() - kcbLongestPiece);
         // Printable ASCII up to 'z' but the backslash: { | } ~ are rare
@@ -360,8 +504,11 @@ void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CStr
             p = PutOtherCharacters(pieces, p, end, block);
         else if (*p == 0)
             break;  // the end of the text, as for a C string
-        else
-            p = PutStop(p, end, block);
+        else {
+            char* out = block.Cursor();
+            p = PutStop(p, end, out);
+            block.Advance(static_cast<std::size_t>(out - block.Cursor()));
+        }
     }
     if (block.Room() == 0) handOn();
     block.Put('}');
