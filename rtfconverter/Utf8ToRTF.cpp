@@ -214,12 +214,13 @@ private:
         // make one load of it.
         const std::uint32_t word = std::uint32_t(p[0]) | std::uint32_t(p[1]) << 8 | std::uint32_t(p[2]) << 16 |
                                    std::uint32_t(p[3]) << 24;
+        // Two lead bytes of two-byte sequences, at 0 and 2: all four.
+        if ((word & 0x00E000E0) == 0x00C000C0) return word;
         // By the first byte's high half, 8 to F: a byte that starts no
         // sequence never has an entry, whatever it keeps.
-        static constexpr std::uint32_t kKeep[8] = {0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF,
-                                                   0xFFFF, 0xFFFF, 0xFFFFFF, 0xFFFFFFFF};
-        const std::uint32_t second = p[0] < 0xE0 && (p[2] & 0xE0) == 0xC0 ? 0xFFFF0000u : 0;
-        return word & (kKeep[(p[0] >> 4) & 7] | second);
+        static constexpr std::uint32_t kKeep[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF,
+                                                    0xFFFF, 0xFFFF, 0xFFFFFF, 0xFFFFFFFF};
+        return word & kKeep[p[0] >> 4];
     }
     // The top bits of the key times an odd number picked, among many tried,
     // for putting the letters of the Latin, Greek, Cyrillic and Arabic
@@ -366,17 +367,19 @@ const unsigned char* PutDenseText(CCharacterPieces& pieces, const unsigned char*
         do {
             const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
             _mm_storeu_si128(reinterpret_cast<__m128i*>(out), v);
+            // The stops not yet written, bit 0 for the byte at `done`, the
+            // first not yet written.
             unsigned stops = StopsIn(v);
             if (stops == 0) {
                 p += 16;
                 out += 16;
                 continue;
             }
-            std::size_t cbDone = 0;  // of the step's bytes, those written
+            const unsigned char* done = p;
             do {
-                const unsigned at = static_cast<unsigned>(__builtin_ctz(stops));
-                out += at - cbDone;
-                const unsigned char* next = p + at;
+                const unsigned cbRun = static_cast<unsigned>(__builtin_ctz(stops));
+                const unsigned char* next = done + cbRun;
+                out += cbRun;
                 if (*next >= 0x80) {
                     const Written written = pieces.PutFar(next, end, out);
                     next = written.next;
@@ -387,15 +390,17 @@ const unsigned char* PutDenseText(CCharacterPieces& pieces, const unsigned char*
                     block.Advance(static_cast<std::size_t>(out - block.Cursor()));
                     return next;  // the end of the text, as for a C string
                 }
-                cbDone = static_cast<std::size_t>(next - p);  // at most kcbStepText
                 copy16(out, next);
-                stops &= ~0u << cbDone;
+                stops >>= next - done;  // at most kcbStepText
+                done = next;
             } while (stops != 0);
-            if (cbDone < 16) {
-                out += 16 - cbDone;
-                p += 16;
+            // The rest of the step is written already, unless the last piece took it all.
+            const unsigned char* const stepEnd = p + 16;
+            if (done < stepEnd) {
+                out += stepEnd - done;
+                p = stepEnd;
             } else {
-                p += cbDone;
+                p = done;
             }
         } while (--cSteps != 0);
     }
