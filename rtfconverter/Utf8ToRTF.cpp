@@ -169,7 +169,9 @@ struct Written {
 // stand in the text: a character met again is known by one load and one
 // comparison, without decoding it, as only well-formed sequences are kept.
 // Two characters of two bytes each, as the letters of most alphabets past
-// ASCII are, are kept together: a word of them takes half the lookups.
+// ASCII are, have a table of their own, so that a word of them takes half
+// the lookups: a pair not met lately is made of the pieces of its two
+// characters, which the pairs, however many a language has, never push out.
 class CCharacterPieces {
 public:
     // The longest piece an entry holds, one move of 16 bytes: every piece
@@ -182,12 +184,15 @@ public:
         char piece[kcbEntryPiece] = {};
     };
 
-    explicit CCharacterPieces(const CCodePage* pPage) : m_pPage(pPage), m_entries(new Entry[kcEntries]) {}
+    explicit CCharacterPieces(const CCodePage* pPage)
+        : m_pPage(pPage), m_characters(new Entry[kcEntries]), m_pairs(new Entry[kcEntries])
+    {
+    }
 
     // Writes the piece of the character at p (a byte from 0x80 up), or of
     // it and the next, at `out`, which has room for kcbLongestPiece, and
-    // returns where it ends, in the text (one byte past
-    // a byte that starts no well-formed sequence) and in the block.
+    // returns where it ends, in the text (one byte past a byte that starts
+    // no well-formed sequence) and in the block.
     Written Put(const unsigned char* p, const unsigned char* end, char* out)
     {
         if (end - p < 4) return PutDecoded(p, end, out);  // too near the end for one load
@@ -196,31 +201,36 @@ public:
     // The same, at least four bytes before the end.
     Written PutFar(const unsigned char* p, const unsigned char* end, char* out)
     {
-        const std::uint32_t key = KeyAt(p);
-        const Entry& entry = m_entries[SlotOf(key)];
-        if (entry.key != key) return PutNew(p, end, out, key);
-        // Copied whole, padding and all, for speed: the room is there.
-        std::memcpy(out, entry.piece, kcbEntryPiece);
-        return {p + entry.cbSequence, out + entry.cb};
+        const std::uint32_t word = WordAt(p);
+        // Lead bytes of two-byte sequences at 0 and 2.
+        if ((word & 0x00E000E0) == 0x00C000C0) {
+            const Entry& pair = m_pairs[SlotOf(word)];
+            if (pair.key != word) return PutNewPair(p, end, out, word);
+            std::memcpy(out, pair.piece, kcbEntryPiece);  // whole, padding and all, for speed: the room is there
+            return {p + 4, out + pair.cb};
+        }
+        return PutCharacter(p, end, out, word);
     }
 
 private:
-    // The bytes of the sequence at p (four of them readable), first byte
-    // lowest, as many as its first byte says it has if it is well formed;
-    // all four when they would be two sequences of two bytes.
-    static std::uint32_t KeyAt(const unsigned char* p)
+    // The four bytes at p, first byte lowest, put together byte by byte, the
+    // same on any processor; compilers make one load of it.
+    static std::uint32_t WordAt(const unsigned char* p)
     {
-        // Put together byte by byte, the same key on any processor; compilers
-        // make one load of it.
-        const std::uint32_t word = std::uint32_t(p[0]) | std::uint32_t(p[1]) << 8 | std::uint32_t(p[2]) << 16 |
-                                   std::uint32_t(p[3]) << 24;
-        // Two lead bytes of two-byte sequences, at 0 and 2: all four.
-        if ((word & 0x00E000E0) == 0x00C000C0) return word;
-        // By the first byte's high half, 8 to F: a byte that starts no
-        // sequence never has an entry, whatever it keeps.
+        return std::uint32_t(p[0]) | std::uint32_t(p[1]) << 8 | std::uint32_t(p[2]) << 16 | std::uint32_t(p[3]) << 24;
+    }
+    // The piece of the one character at p, whose first four bytes are `word`.
+    Written PutCharacter(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t word)
+    {
+        // The sequence's bytes by the first byte's high half, 8 to F: a byte
+        // that starts no sequence never has an entry, whatever it keeps.
         static constexpr std::uint32_t kKeep[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF,
                                                     0xFFFF, 0xFFFF, 0xFFFFFF, 0xFFFFFFFF};
-        return word & kKeep[p[0] >> 4];
+        const std::uint32_t key = word & kKeep[p[0] >> 4];
+        const Entry& entry = m_characters[SlotOf(key)];
+        if (entry.key != key) return PutNew(p, end, out, key);
+        std::memcpy(out, entry.piece, kcbEntryPiece);
+        return {p + entry.cbSequence, out + entry.cb};
     }
     // The top bits of the key times an odd number picked, among many tried,
     // for putting the letters of the Latin, Greek, Cyrillic and Arabic
@@ -230,43 +240,49 @@ private:
     static std::size_t SlotOf(std::uint32_t key) { return (key * 0x70D07EBBu) >> (32 - kcEntriesLog2); }
 
     Written PutNew(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t key);
+    Written PutNewPair(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t word);
     Written PutDecoded(const unsigned char* p, const unsigned char* end, char* out) const;
 
     static constexpr unsigned kcEntriesLog2 = 9;
     static constexpr std::size_t kcEntries = std::size_t(1) << kcEntriesLog2;
     const CCodePage* m_pPage;
-    std::unique_ptr<Entry[]> m_entries;
+    std::unique_ptr<Entry[]> m_characters;
+    std::unique_ptr<Entry[]> m_pairs;
 };
 
-// A character, or pair, not met lately, or not well formed: kept when its
-// piece fits an entry. A pair whose second character is not well formed is
-// the first alone.
+// A character not met lately, or not well formed: kept when its piece fits an entry.
 Written CCharacterPieces::PutNew(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t key)
 {
     const unsigned char* next = p;
     const char32_t cp = DecodeUtf8(next, end);
     if (cp == kInvalid) return PutDecoded(p, end, out);
-    char piece[2 * kcbLongestPiece];
-    std::size_t cb = MakeCharacterPiece(m_pPage, cp, piece);
-    if (next - p == 2 && (key >> 16) != 0) {  // the key holds a second sequence
-        const unsigned char* const second = next;
-        const char32_t cpSecond = DecodeUtf8(next, end);
-        if (cpSecond != kInvalid && next - second == 2) {
-            cb += MakeCharacterPiece(m_pPage, cpSecond, piece + cb);
-        } else {
-            next = second;
-            key &= 0xFFFF;
-        }
-    }
-    std::memcpy(out, piece, cb);
+    const std::size_t cb = MakeCharacterPiece(m_pPage, cp, out);
     if (cb <= kcbEntryPiece) {
-        Entry& entry = m_entries[SlotOf(key)];
+        Entry& entry = m_characters[SlotOf(key)];
         entry.key = key;
         entry.cbSequence = static_cast<unsigned char>(next - p);
         entry.cb = static_cast<unsigned char>(cb);
-        std::memcpy(entry.piece, piece, cb);
+        std::memcpy(entry.piece, out, cb);
     }
     return {next, out + cb};
+}
+
+// A pair not met lately: its characters one by one, and the pair kept when
+// both are well formed (their pieces, at most 8 bytes each, fit an entry).
+// Never more than the pair: the callers' room is for one piece.
+Written CCharacterPieces::PutNewPair(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t word)
+{
+    const Written first = PutCharacter(p, end, out, word);
+    if (first.next != p + 2) return first;
+    const unsigned char* const q = first.next;
+    const Written second = end - q < 4 ? PutDecoded(q, end, first.out) : PutCharacter(q, end, first.out, WordAt(q));
+    if (second.next != p + 4) return second;
+    Entry& pair = m_pairs[SlotOf(word)];
+    pair.key = word;
+    pair.cbSequence = 4;
+    pair.cb = static_cast<unsigned char>(second.out - out);
+    std::memcpy(pair.piece, out, pair.cb);
+    return second;
 }
 
 Written CCharacterPieces::PutDecoded(const unsigned char* p, const unsigned char* end, char* out) const
@@ -369,7 +385,7 @@ const unsigned char* PutDenseText(CCharacterPieces& pieces, const unsigned char*
             _mm_storeu_si128(reinterpret_cast<__m128i*>(out), v);
             // The stops not yet written, bit 0 for the byte at `done`, the
             // first not yet written.
-            unsigned stops = StopsIn(v);
+            std::size_t stops = StopsIn(v);
             if (stops == 0) {
                 p += 16;
                 out += 16;
@@ -377,7 +393,7 @@ const unsigned char* PutDenseText(CCharacterPieces& pieces, const unsigned char*
             }
             const unsigned char* done = p;
             do {
-                const unsigned cbRun = static_cast<unsigned>(__builtin_ctz(stops));
+                const std::size_t cbRun = static_cast<std::size_t>(__builtin_ctzll(stops));
                 const unsigned char* next = done + cbRun;
                 out += cbRun;
                 if (*next >= 0x80) {

@@ -214,7 +214,8 @@ TEST(Utf8ToRtf, WriteDocumentStopsWhenTheSinkThrows)
 
 // Sequences well formed and not, whole and cut at every length, after
 // ASCII or characters of two to four bytes, at every offset of the first
-// two 32-byte blocks, and before ASCII, another character or the end.
+// two steps of the 32-byte check (two blocks a step), and before ASCII,
+// another character or the end.
 TEST(Utf8ToRtf, FindInvalidUtf8AgreesWithAByteAtATimeCheck)
 {
     const std::string sequences[] = {
@@ -226,7 +227,7 @@ TEST(Utf8ToRtf, FindInvalidUtf8AgreesWithAByteAtATimeCheck)
         "\xc3\xc3", "\xe2\x80\x41"};
     const std::string characters = "\xc3\xa4\xe2\x80\xa2\xf0\x9f\x98\x80\xce\xb1\xe4\xb8\xad\xf4\x8f\xbf\xbf";
     const auto checks = Utf8Checks();
-    for (std::size_t cbPrefix = 0; cbPrefix < 70; ++cbPrefix) {
+    for (std::size_t cbPrefix = 0; cbPrefix < 136; ++cbPrefix) {
         // As many whole characters as fit, after ASCII.
         std::string repeated;
         while (repeated.size() <= cbPrefix) repeated += characters;
