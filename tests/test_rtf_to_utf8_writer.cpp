@@ -160,8 +160,14 @@ std::vector<std::size_t (*)(const char*, std::size_t)> Utf8Checks()
 // whatever falls on the edge of a block.
 TEST(Utf8ToRtf, WriteDocumentIsExport)
 {
+    // One word of two-byte characters, with more pairs of them than are kept.
+    std::string letters;
+    for (char32_t cp = 0xA0; letters.size() < 300000; cp = cp == 0x7FF ? 0xA0 : cp + 1) {
+        char utf8[4];
+        letters.append(utf8, rtf_converter::EncodeUtf8(cp, utf8));
+    }
     for (const std::string& text : {std::string(), std::string("Caf\xc3\xa9 {\xd0\x9f}\r\n"), std::string("\xef\xbb\xbfx"),
-                                    std::string(300000, 'a'), PiecesAmongRuns(1000, 3).text})
+                                    std::string(300000, 'a'), PiecesAmongRuns(1000, 3).text, letters})
         for (int codePage : {1252, 932})
             EXPECT_EQ(Written(text.data(), text.size(), codePage), ToRtf(text, codePage))
                 << text.size() << " bytes, code page " << codePage;
@@ -375,11 +381,12 @@ TEST(Utf8ToRtf, EveryCharacterAsItIsAlone)
         std::string text, body;
         for (int pass = 0; pass < 2; ++pass)
             for (std::size_t i = 0; i < characters.size(); ++i) {
-                // The second pass in another order, a letter between some.
+                // The first pass in order, long runs of characters of each
+                // length; the second in another order, a letter between some.
                 const std::string& character = characters[pass == 0 ? i : (i * 7919) % characters.size()];
                 text += character;
                 body += Body(ToRtf(character, codePage));
-                if (i % 5 == 0) {
+                if (pass == 1 && i % 5 == 0) {
                     text += 'x';
                     body += 'x';
                 }
