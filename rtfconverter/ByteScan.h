@@ -416,9 +416,9 @@ __attribute__((target("avx2"))) inline __m256i Twice(char a0, char a1, char a2, 
                             a5, a6, a7, a8, a9, a10, a11, a12, a13, a14, a15);
 }
 
-// The bytes of `input` that are faults, given the 32 bytes before it
-// (`previous`): nonzero where a fault is seen.
-__attribute__((target("avx2"))) inline __m256i Faults(__m256i input, __m256i previous)
+// The faults among the 32 bytes at q, whose three bytes before are readable:
+// nonzero where a fault is seen.
+__attribute__((target("avx2"))) inline __m256i Faults(const char* q)
 {
     // By the high half of the first byte of a pair.
     const __m256i firstHigh =
@@ -441,12 +441,12 @@ __attribute__((target("avx2"))) inline __m256i Faults(__m256i input, __m256i pre
               kTooLong | kOverlong2 | kTwoTrails | kSurrogate | kTooLarge,
               kTooLong | kOverlong2 | kTwoTrails | kSurrogate | kTooLarge, kTooShort, kTooShort, kTooShort, kTooShort);
     const __m256i lowHalf = _mm256_set1_epi8(0x0F);
-    // The bytes one, two and three before each: the last of `previous` and the
-    // first of `input`, across the two lanes.
-    const __m256i straddle = _mm256_permute2x128_si256(previous, input, 0x21);
-    const __m256i before1 = _mm256_alignr_epi8(input, straddle, 15);
-    const __m256i before2 = _mm256_alignr_epi8(input, straddle, 14);
-    const __m256i before3 = _mm256_alignr_epi8(input, straddle, 13);
+    // Each byte, and the bytes one, two and three before it: a load each,
+    // cheaper than moving bytes across the two lanes of a register.
+    const __m256i input = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q));
+    const __m256i before1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q - 1));
+    const __m256i before2 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q - 2));
+    const __m256i before3 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q - 3));
     const __m256i pairFaults = _mm256_and_si256(
         _mm256_and_si256(_mm256_shuffle_epi8(firstHigh, _mm256_and_si256(_mm256_srli_epi16(before1, 4), lowHalf)),
                          _mm256_shuffle_epi8(firstLow, _mm256_and_si256(before1, lowHalf))),
@@ -460,6 +460,14 @@ __attribute__((target("avx2"))) inline __m256i Faults(__m256i input, __m256i pre
     return _mm256_xor_si256(pairFaults, trailDue);
 }
 
+// Whether the three bytes before q end in a lead byte wanting a trail byte
+// at q or after.
+inline bool EndsInLead(const char* q)
+{
+    return static_cast<unsigned char>(q[-1]) >= 0xC0 || static_cast<unsigned char>(q[-2]) >= 0xE0 ||
+           static_cast<unsigned char>(q[-3]) >= 0xF0;
+}
+
 } // namespace utf8_lookup
 
 // The offset of the first byte of [p, p + cb) that is not part of
@@ -470,40 +478,36 @@ __attribute__((target("avx2"))) inline __m256i Faults(__m256i input, __m256i pre
 // tells the offset.
 __attribute__((target("avx2"))) inline std::size_t FindInvalidUtf8ByBlocks(const char* p, std::size_t cb)
 {
-    // The largest last, last but one and last but two bytes of a block that
-    // cut no sequence: from C0, E0 and F0 on they are leads wanting more.
-    const __m256i kUncutMost = _mm256_setr_epi8(
-        -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1,
-        -1, -1, static_cast<char>(0xEF), static_cast<char>(0xDF), static_cast<char>(0xBF));
-    std::size_t n = 0;
-    __m256i previous = _mm256_setzero_si256();  // ASCII as far as the check goes
-    bool bCut = false;                          // whether `previous` ends in a sequence cut short
+    // The blocks look at the three bytes before them: the first few bytes,
+    // up to where a character starts, are left to the words check. Past a
+    // fourth trail byte in a row is a fault, which the blocks see.
+    if (cb < 64 + 6) return FindInvalidUtf8ByWords(p, cb);
+    std::size_t n = 3;
+    while (n < 6 && IsUtf8TrailByte(static_cast<unsigned char>(p[n]))) ++n;
+    const std::size_t cbHead = FindInvalidUtf8ByWords(p, n);
+    if (cbHead < n) return cbHead;
     // Two blocks a step: one test of their faults.
     while (cb - n >= 64) {
-        const __m256i first = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + n));
-        const __m256i second = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + n + 32));
-        if (_mm256_movemask_epi8(_mm256_or_si256(first, second)) == 0 && !bCut) {
+        const char* const q = p + n;
+        const __m256i both = _mm256_or_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(q)),
+                                             _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q + 32)));
+        if (_mm256_movemask_epi8(both) == 0 && !utf8_lookup::EndsInLead(q)) {
             // Most text is ASCII: nothing more to check while it lasts.
             for (n += 64; cb - n >= 64; n += 64) {
-                const __m256i* const q = reinterpret_cast<const __m256i*>(p + n);
-                if (_mm256_movemask_epi8(_mm256_or_si256(_mm256_loadu_si256(q), _mm256_loadu_si256(q + 1))) != 0)
+                const __m256i* const r = reinterpret_cast<const __m256i*>(p + n);
+                if (_mm256_movemask_epi8(_mm256_or_si256(_mm256_loadu_si256(r), _mm256_loadu_si256(r + 1))) != 0)
                     break;
             }
-            previous = _mm256_setzero_si256();
             continue;
         }
-        const __m256i faults =
-            _mm256_or_si256(utf8_lookup::Faults(first, previous), utf8_lookup::Faults(second, first));
+        const __m256i faults = _mm256_or_si256(utf8_lookup::Faults(q), utf8_lookup::Faults(q + 32));
         if (!_mm256_testz_si256(faults, faults)) break;
-        const __m256i cut = _mm256_subs_epu8(second, kUncutMost);
-        bCut = !_mm256_testz_si256(cut, cut);
-        previous = second;
         n += 64;
     }
     // [0, n) is well formed but for a sequence the last block's end may cut:
     // the words check starts where the last character before n starts, a
     // trail byte being at most three bytes from its lead.
-    std::size_t start = n < 3 ? 0 : n - 3;
+    std::size_t start = n - 3;
     while (start < n && IsUtf8TrailByte(static_cast<unsigned char>(p[start]))) ++start;
     return start + FindInvalidUtf8ByWords(p + start, cb - start);
 }
