@@ -339,23 +339,6 @@ inline const unsigned char* PutStop(const unsigned char* p, const unsigned char*
 }
 
 #if RTFCONV_SCAN_SSE2
-// A step of PutDenseText takes at most this many bytes of the text: its 16,
-// and the rest of a pair of characters begun at its last byte.
-constexpr std::size_t kcbStepText = 16 + 3;
-// And reads at most this far: the 16 bytes copied after that pair too.
-constexpr std::size_t kcbStepReach = kcbStepText + 16;
-// And writes at most this far: a piece of at most kcbLongestPiece (written
-// whole) for each of its bytes, and 16 bytes copied after the last.
-constexpr std::size_t kcbStepRoom = kcbStepText * kcbLongestPiece + 16;
-
-// Writes the pieces of the text from p on, 16 bytes a step, while the text
-// and the block's room last for a step, and returns where it stopped: less
-// than a step from the end, at a NUL, or with less room than a step needs.
-// Where stops are dense (a tab, a line end or a character past ASCII every
-// few bytes) a scan that starts again after each costs more than the
-// stop: each step copies its 16 bytes as they stand, then writes each stop
-// of its mask over its own byte and copies what follows it again behind the
-// piece, the next stop of the same mask coming next.
 // The stops of the run scan in WriteBody among 16 bytes: those outside
 // 0x20..'z', and the backslash. Moved up by 0x60, that range is -128..-38
 // as signed bytes: one comparison finds the bytes outside it.
@@ -365,6 +348,41 @@ inline unsigned StopsIn(__m128i v)
     return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(outside, _mm_cmpeq_epi8(v, _mm_set1_epi8('\\')))));
 }
 
+inline void Copy16(char* to, const unsigned char* from)
+{
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), _mm_loadu_si128(reinterpret_cast<const __m128i*>(from)));
+}
+
+// PutDenseText looks at the text this many bytes a step, three blocks of 16.
+constexpr std::size_t kcbWindow = 48;
+
+// Copies what follows the first 16 bytes of a run of cb bytes, from 17 up to
+// a window's length (the first 16 are copied already): up to 15 bytes more
+// are read and written.
+inline void CopyRunTail(char* to, const unsigned char* from, std::size_t cb)
+{
+    Copy16(to + 16, from + 16);
+    if (cb > 32) Copy16(to + 32, from + 32);
+}
+// A step takes at most this many bytes of the text: its window, and the
+// rest of a pair of characters begun at its last byte.
+constexpr std::size_t kcbStepText = kcbWindow + 3;
+// And reads at most this far: 16 bytes are copied from after that pair, a
+// run in the window reads up to 15 bytes past it.
+constexpr std::size_t kcbStepReach = kcbStepText + 16;
+// And writes at most this far: a piece of at most kcbLongestPiece (written
+// whole) for each of its bytes, and a run copied after the last.
+constexpr std::size_t kcbStepRoom = kcbStepText * kcbLongestPiece + kcbWindow;
+
+// Writes the pieces of the text from p on, a window of kcbWindow bytes a
+// step, while the text and the block's room last for a step, and returns
+// where it stopped: less than a step from the end, at a NUL, or with less
+// room than a step needs. Where stops are dense (a tab, a line end or a
+// character past ASCII every few bytes) a scan that starts again after each
+// costs more than the stop: each step copies its window as it stands, then
+// writes each stop of its mask over its own byte and copies the 16 bytes
+// after it again behind the piece (the rest of a longer run as well), the
+// next stop of the same mask coming next.
 const unsigned char* PutDenseText(CCharacterPieces& pieces, const unsigned char* p, const unsigned char* end,
                                   CBlock& block)
 {
@@ -372,28 +390,30 @@ const unsigned char* PutDenseText(CCharacterPieces& pieces, const unsigned char*
     const unsigned char* const pLast = end - kcbStepReach;
     char* out = block.Cursor();
     char* const outLast = out + (block.Room() - kcbStepRoom);
-    auto copy16 = [](char* to, const unsigned char* from) {
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(to), _mm_loadu_si128(reinterpret_cast<const __m128i*>(from)));
-    };
     while (p <= pLast && out <= outLast) {
         // As many steps as surely fit, each taking at most kcbStepText
         // bytes of text and kcbStepRoom of the block: one count to keep.
         std::size_t cSteps = 1 + std::min(static_cast<std::size_t>(pLast - p) / kcbStepText,
                                           static_cast<std::size_t>(outLast - out) / kcbStepRoom);
         do {
-            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(out), v);
+            const __m128i* const q = reinterpret_cast<const __m128i*>(p);
+            const __m128i v0 = _mm_loadu_si128(q), v1 = _mm_loadu_si128(q + 1), v2 = _mm_loadu_si128(q + 2);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out), v0);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16), v1);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 32), v2);
             // The stops not yet written, bit 0 for the byte at `done`, the
-            // first not yet written.
-            std::size_t stops = StopsIn(v);
+            // first not yet written, whose 16 bytes are written already.
+            std::uint64_t stops = std::uint64_t(StopsIn(v0)) | std::uint64_t(StopsIn(v1)) << 16 |
+                                  std::uint64_t(StopsIn(v2)) << 32;
             if (stops == 0) {
-                p += 16;
-                out += 16;
+                p += kcbWindow;
+                out += kcbWindow;
                 continue;
             }
             const unsigned char* done = p;
             do {
                 const std::size_t cbRun = static_cast<std::size_t>(__builtin_ctzll(stops));
+                if (cbRun > 16) CopyRunTail(out, done, cbRun);
                 const unsigned char* next = done + cbRun;
                 out += cbRun;
                 if (*next >= 0x80) {
@@ -406,15 +426,17 @@ const unsigned char* PutDenseText(CCharacterPieces& pieces, const unsigned char*
                     block.Advance(static_cast<std::size_t>(out - block.Cursor()));
                     return next;  // the end of the text, as for a C string
                 }
-                copy16(out, next);
+                Copy16(out, next);
                 stops >>= next - done;  // at most kcbStepText
                 done = next;
             } while (stops != 0);
-            // The rest of the step is written already, unless the last piece took it all.
-            const unsigned char* const stepEnd = p + 16;
-            if (done < stepEnd) {
-                out += stepEnd - done;
-                p = stepEnd;
+            // The rest of the window is written already, unless the last
+            // piece took it all, or it is longer than 16.
+            const unsigned char* const windowEnd = p + kcbWindow;
+            if (done < windowEnd) {
+                if (windowEnd - done > 16) CopyRunTail(out, done, static_cast<std::size_t>(windowEnd - done));
+                out += windowEnd - done;
+                p = windowEnd;
             } else {
                 p = done;
             }

@@ -171,7 +171,7 @@ TEST(Utf8ToRtf, WriteDocumentIsExport)
         for (int codePage : {1252, 932})
             EXPECT_EQ(Written(text.data(), text.size(), codePage), ToRtf(text, codePage))
                 << text.size() << " bytes, code page " << codePage;
-    for (std::size_t cbFill : {0, 1, 5, 15, 16, 17, 100, 1000}) {
+    for (std::size_t cbFill : {0, 1, 5, 15, 16, 17, 33, 47, 100, 1000}) {
         const PiecesText made = PiecesAmongRuns(300000, cbFill);
         const std::string written = Written(made.text.data(), made.text.size(), 1252);
         EXPECT_EQ(written, ToRtf(made.text, 1252)) << cbFill;
