@@ -148,8 +148,6 @@ public:
         m_p += cb;
     }
     void Put(char ch) { *m_p++ = ch; }
-    template <std::size_t N>
-    void PutLiteral(const char (&sz)[N]) { Put(sz, N - 1); }
 
 private:
     std::unique_ptr<char[]> m_pBegin;
@@ -364,6 +362,7 @@ inline void CopyRunTail(char* to, const unsigned char* from, std::size_t cb)
     Copy16(to + 16, from + 16);
     if (cb > 32) Copy16(to + 32, from + 32);
 }
+
 // A step takes at most this many bytes of the text: its window, and the
 // rest of a pair of characters begun at its last byte.
 constexpr std::size_t kcbStepText = kcbWindow + 3;
