@@ -271,7 +271,7 @@ TEST(Utf8ToRtf, FindInvalidUtf8StopsAtTheEndGiven)
                         << unit << " " << at << " " << int(bad);
             }
     }
-    for (std::size_t at = 0; at < 70; ++at) {
+    for (std::size_t at = 0; at < 140; ++at) {
         // A good character cut by the length given, whatever follows it.
         const std::string text = std::string(at, 'x') + "\xe2\x82\xac";
         for (auto check : checks) {
