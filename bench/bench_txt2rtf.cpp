@@ -5,13 +5,14 @@
 // - dense: short cells between tabs, bullets and line ends, as a table dumped to
 //   text is.
 // The document made as a whole (Convert, Export), handed on block by block
-// (WriteDocument), and the UTF-8 check the tool makes first. The bytes
-// counted are those of the text.
+// (WriteDocument), and the UTF-8 check the tool makes first (and the check
+// any processor can run). The bytes counted are those of the text.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
 #include <string>
 
+#include "rtfconverter/ByteScan.h"
 #include "rtfconverter/Utf8ToRTF.h"
 
 namespace {
@@ -83,6 +84,16 @@ void Utf8Check(benchmark::State& state, Script script)
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
 }
 
+// The check every processor can run, which the 32-byte one leaves the
+// offset of a fault to.
+void Utf8CheckByWords(benchmark::State& state, Script script)
+{
+    const std::string& text = Text(script);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(rtf_converter::byte_scan::FindInvalidUtf8ByWords(text.data(), text.size()));
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+}
+
 } // namespace
 
 BENCHMARK_CAPTURE(Utf8ToRtfWhole, latin, Script::Latin, 1252)->Unit(benchmark::kMillisecond);
@@ -92,3 +103,6 @@ BENCHMARK_CAPTURE(Utf8ToRtfBlocks, cyrillic_1252, Script::Cyrillic, 1252)->Unit(
 BENCHMARK_CAPTURE(Utf8ToRtfBlocks, dense, Script::Dense, 1252)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Utf8Check, latin, Script::Latin)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Utf8Check, cyrillic, Script::Cyrillic)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Utf8Check, dense, Script::Dense)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Utf8CheckByWords, cyrillic, Script::Cyrillic)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Utf8CheckByWords, dense, Script::Dense)->Unit(benchmark::kMillisecond);

@@ -1,6 +1,7 @@
 // Scans for the first byte of a kind, 16 bytes a step where the processor has
-// SSE2 (every x86-64 one), a byte a step elsewhere; and hashes short texts
-// eight bytes a step. Inside the library only.
+// SSE2 (every x86-64 one), a byte a step elsewhere; hashes short texts eight
+// bytes a step; and finds the first byte that is not UTF-8, 32 bytes a step
+// where the processor has AVX2. Inside the library only.
 #pragma once
 
 #include <cstddef>
@@ -10,6 +11,13 @@
 #if defined(__SSE2__) && (defined(__GNUC__) || defined(__clang__))
 #include <emmintrin.h>
 #define RTFCONV_SCAN_SSE2 1
+#endif
+
+// The AVX2 code is compiled for its own functions only, and chosen at run
+// time: the rest of the library keeps to what every x86-64 processor has.
+#if RTFCONV_SCAN_SSE2 && defined(__x86_64__)
+#include <immintrin.h>
+#define RTFCONV_SCAN_AVX2 1
 #endif
 
 namespace rtf_converter {
@@ -305,6 +313,211 @@ inline CommandLook LookAtCommand(const char* p, char chEnd, std::size_t cbMax)
         look.key[k] = _mm_and_si128(v[k], keep);
     }
     return look;
+}
+#endif
+
+// UTF-8 well-formedness: overlong forms, surrogates, values beyond U+10FFFF
+// and sequences cut short (by the end too) are not well formed.
+
+inline bool IsUtf8TrailByte(unsigned char b) { return (b & 0xC0) == 0x80; }
+
+// The end of the well-formed sequences of characters other than ASCII from
+// p on: the first ASCII byte, the end, or the first byte that starts no
+// well-formed sequence. The two- and three-byte sequences of most scripts
+// are checked first, without putting their values together.
+inline const unsigned char* SkipWellFormedUtf8Word(const unsigned char* p, const unsigned char* end)
+{
+    while (p < end) {
+        const unsigned char b = *p;
+        const std::ptrdiff_t cbLeft = end - p;
+        if (b < 0x80) return p;
+        if (b >= 0xC2 && b <= 0xDF) {
+            if (cbLeft < 2 || !IsUtf8TrailByte(p[1])) return p;
+            p += 2;
+        } else if ((b & 0xF0) == 0xE0) {
+            if (cbLeft < 3 || !IsUtf8TrailByte(p[1]) || !IsUtf8TrailByte(p[2])) return p;
+            // After E0 a second byte below A0 makes an overlong form; after
+            // ED one from A0 up, a surrogate.
+            if ((b == 0xE0 && p[1] < 0xA0) || (b == 0xED && p[1] >= 0xA0)) return p;
+            p += 3;
+        } else if (b >= 0xF0 && b <= 0xF4) {
+            if (cbLeft < 4 || !IsUtf8TrailByte(p[1]) || !IsUtf8TrailByte(p[2]) || !IsUtf8TrailByte(p[3])) return p;
+            // After F0 a second byte below 90 makes an overlong form; after
+            // F4 one from 90 up, a value beyond U+10FFFF.
+            if ((b == 0xF0 && p[1] < 0x90) || (b == 0xF4 && p[1] >= 0x90)) return p;
+            p += 4;
+        } else {
+            return p;  // a trail byte, C0, C1 or F5 up: no sequence starts so
+        }
+    }
+    return p;
+}
+
+// The number of ASCII bytes from p on. Where words of other characters are
+// frequent the gaps between them are short: one look at the next 16 bytes
+// finds most of them for less than the long scan costs to start.
+inline std::size_t AsciiGapLength(const unsigned char* p, const unsigned char* end)
+{
+    const std::size_t cbLeft = static_cast<std::size_t>(end - p);
+    const char* const pch = reinterpret_cast<const char*>(p);
+#if RTFCONV_SCAN_SSE2
+    if (cbLeft >= 16) {
+        const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pch));
+        const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block));
+        if (high != 0) return static_cast<std::size_t>(__builtin_ctz(high));
+        return 16 + AsciiLength(pch + 16, cbLeft - 16);
+    }
+#endif
+    return AsciiLength(pch, cbLeft);
+}
+
+// The offset of the first byte of [p, p + cb) that is not part of
+// well-formed UTF-8, cb when every byte is: a gap of ASCII, then a word of
+// other characters, and so on. Any processor.
+inline std::size_t FindInvalidUtf8ByWords(const char* pText, std::size_t cb)
+{
+    const unsigned char* const begin = reinterpret_cast<const unsigned char*>(pText);
+    const unsigned char* const end = begin + cb;
+    const unsigned char* p = begin;
+    for (;;) {
+        p += AsciiGapLength(p, end);
+        if (p == end) return cb;
+        p = SkipWellFormedUtf8Word(p, end);
+        if (p < end && *p >= 0x80) return static_cast<std::size_t>(p - begin);
+    }
+}
+
+#if RTFCONV_SCAN_AVX2
+// The 32-byte check: each byte is looked up by its high half, by the low
+// half of the byte before it and by the high half of the byte before it, in
+// three tables of 16 whose entries are sets of the faults a pair of bytes
+// may show; a pair shows those in all three sets. A byte two or three after
+// a lead of three or four bytes must be a trail byte, which the pair alone
+// does not tell: that is checked apart.
+namespace utf8_lookup {
+
+constexpr char kTooShort = 1 << 0;    // a lead, then no trail byte
+constexpr char kTooLong = 1 << 1;     // ASCII, then a trail byte
+constexpr char kOverlong3 = 1 << 2;   // E0 80..9F
+constexpr char kTooLarge = 1 << 3;    // F4 90..BF, F5..FF 80..BF
+constexpr char kSurrogate = 1 << 4;   // ED A0..BF
+constexpr char kOverlong2 = 1 << 5;   // C0 or C1, then a trail byte
+constexpr char kTooLarge1000 = 1 << 6;  // F5..FF 80..8F
+constexpr char kOverlong4 = 1 << 6;   // F0 80..8F
+constexpr char kTwoTrails = static_cast<char>(1 << 7);  // a trail byte after a trail byte; right only 2 or 3 after a lead
+// The faults whose first byte is known by its high half alone.
+constexpr char kAnyLow = kTooShort | kTooLong | kTwoTrails;
+
+// A table of 16 in both lanes, for a lookup in each.
+__attribute__((target("avx2"))) inline __m256i Twice(char a0, char a1, char a2, char a3, char a4, char a5, char a6,
+                                                      char a7, char a8, char a9, char a10, char a11, char a12,
+                                                      char a13, char a14, char a15)
+{
+    return _mm256_setr_epi8(a0, a1, a2, a3, a4, a5, a6, a7, a8, a9, a10, a11, a12, a13, a14, a15, a0, a1, a2, a3, a4,
+                            a5, a6, a7, a8, a9, a10, a11, a12, a13, a14, a15);
+}
+
+// The faults among the 32 bytes at q, whose three bytes before are readable:
+// nonzero where a fault is seen.
+__attribute__((target("avx2"))) inline __m256i Faults(const char* q)
+{
+    // By the high half of the first byte of a pair.
+    const __m256i firstHigh =
+        Twice(kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTwoTrails, kTwoTrails,
+              kTwoTrails, kTwoTrails, kTooShort | kOverlong2, kTooShort, kTooShort | kOverlong3 | kSurrogate,
+              kTooShort | kTooLarge | kTooLarge1000 | kOverlong4);
+    // By its low half.
+    const __m256i firstLow = Twice(
+        kAnyLow | kOverlong3 | kOverlong2 | kOverlong4, kAnyLow | kOverlong2, kAnyLow, kAnyLow, kAnyLow | kTooLarge,
+        kAnyLow | kTooLarge | kTooLarge1000, kAnyLow | kTooLarge | kTooLarge1000, kAnyLow | kTooLarge | kTooLarge1000,
+        kAnyLow | kTooLarge | kTooLarge1000, kAnyLow | kTooLarge | kTooLarge1000, kAnyLow | kTooLarge | kTooLarge1000,
+        kAnyLow | kTooLarge | kTooLarge1000, kAnyLow | kTooLarge | kTooLarge1000,
+        kAnyLow | kTooLarge | kTooLarge1000 | kSurrogate, kAnyLow | kTooLarge | kTooLarge1000,
+        kAnyLow | kTooLarge | kTooLarge1000);
+    // By the high half of the second byte.
+    const __m256i secondHigh =
+        Twice(kTooShort, kTooShort, kTooShort, kTooShort, kTooShort, kTooShort, kTooShort, kTooShort,
+              kTooLong | kOverlong2 | kTwoTrails | kOverlong3 | kTooLarge1000 | kOverlong4,
+              kTooLong | kOverlong2 | kTwoTrails | kOverlong3 | kTooLarge,
+              kTooLong | kOverlong2 | kTwoTrails | kSurrogate | kTooLarge,
+              kTooLong | kOverlong2 | kTwoTrails | kSurrogate | kTooLarge, kTooShort, kTooShort, kTooShort, kTooShort);
+    const __m256i lowHalf = _mm256_set1_epi8(0x0F);
+    // Each byte, and the bytes one, two and three before it: a load each,
+    // cheaper than moving bytes across the two lanes of a register.
+    const __m256i input = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q));
+    const __m256i before1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q - 1));
+    const __m256i before2 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q - 2));
+    const __m256i before3 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q - 3));
+    const __m256i pairFaults = _mm256_and_si256(
+        _mm256_and_si256(_mm256_shuffle_epi8(firstHigh, _mm256_and_si256(_mm256_srli_epi16(before1, 4), lowHalf)),
+                         _mm256_shuffle_epi8(firstLow, _mm256_and_si256(before1, lowHalf))),
+        _mm256_shuffle_epi8(secondHigh, _mm256_and_si256(_mm256_srli_epi16(input, 4), lowHalf)));
+    // From 0x80 up where two after E0..FF or three after F0..FF: a trail byte
+    // due there, which kTwoTrails, set for every trail byte after a trail
+    // byte, stands for; anywhere else kTwoTrails is a fault.
+    const __m256i thirdOfThree = _mm256_subs_epu8(before2, _mm256_set1_epi8(static_cast<char>(0xE0 - 0x80)));
+    const __m256i fourthOfFour = _mm256_subs_epu8(before3, _mm256_set1_epi8(static_cast<char>(0xF0 - 0x80)));
+    const __m256i trailDue = _mm256_and_si256(_mm256_or_si256(thirdOfThree, fourthOfFour), _mm256_set1_epi8(kTwoTrails));
+    return _mm256_xor_si256(pairFaults, trailDue);
+}
+
+// Whether the three bytes before q end in a lead byte wanting a trail byte
+// at q or after.
+inline bool EndsInLead(const char* q)
+{
+    return static_cast<unsigned char>(q[-1]) >= 0xC0 || static_cast<unsigned char>(q[-2]) >= 0xE0 ||
+           static_cast<unsigned char>(q[-3]) >= 0xF0;
+}
+
+} // namespace utf8_lookup
+
+// The offset of the first byte of [p, p + cb) that is not part of
+// well-formed UTF-8, cb when every byte is; the same answer as
+// FindInvalidUtf8ByWords, for a processor with AVX2. The blocks of 32 are
+// checked whole, two at a time; from the last pair seen good the rest, and
+// the pair where a fault is seen, are left to FindInvalidUtf8ByWords, which
+// tells the offset.
+__attribute__((target("avx2"))) inline std::size_t FindInvalidUtf8ByBlocks(const char* p, std::size_t cb)
+{
+    // The blocks look at the three bytes before them: the first few bytes,
+    // up to where a character starts, are left to the words check. Past a
+    // fourth trail byte in a row is a fault, which the blocks see.
+    if (cb < 64 + 6) return FindInvalidUtf8ByWords(p, cb);
+    std::size_t n = 3;
+    while (n < 6 && IsUtf8TrailByte(static_cast<unsigned char>(p[n]))) ++n;
+    const std::size_t cbHead = FindInvalidUtf8ByWords(p, n);
+    if (cbHead < n) return cbHead;
+    // Two blocks a step: one test of their faults.
+    while (cb - n >= 64) {
+        const char* const q = p + n;
+        const __m256i both = _mm256_or_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(q)),
+                                             _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q + 32)));
+        if (_mm256_movemask_epi8(both) == 0 && !utf8_lookup::EndsInLead(q)) {
+            // Most text is ASCII: nothing more to check while it lasts.
+            for (n += 64; cb - n >= 64; n += 64) {
+                const __m256i* const r = reinterpret_cast<const __m256i*>(p + n);
+                if (_mm256_movemask_epi8(_mm256_or_si256(_mm256_loadu_si256(r), _mm256_loadu_si256(r + 1))) != 0)
+                    break;
+            }
+            continue;
+        }
+        const __m256i faults = _mm256_or_si256(utf8_lookup::Faults(q), utf8_lookup::Faults(q + 32));
+        if (!_mm256_testz_si256(faults, faults)) break;
+        n += 64;
+    }
+    // [0, n) is well formed but for a sequence the last block's end may cut:
+    // the words check starts where the last character before n starts, a
+    // trail byte being at most three bytes from its lead.
+    std::size_t start = n - 3;
+    while (start < n && IsUtf8TrailByte(static_cast<unsigned char>(p[start]))) ++start;
+    return start + FindInvalidUtf8ByWords(p + start, cb - start);
+}
+
+// Whether this processor can run FindInvalidUtf8ByBlocks; asked once.
+inline bool CanFindInvalidUtf8ByBlocks()
+{
+    static const bool bAvx2 = __builtin_cpu_supports("avx2");
+    return bAvx2;
 }
 #endif
 

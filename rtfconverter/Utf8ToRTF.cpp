@@ -28,11 +28,12 @@ constexpr int kcbHeadRoom = 4096;
 // The document is made in blocks of this size: large enough that handing one
 // on costs next to nothing, small enough to stay in the processor's cache.
 constexpr std::size_t kcbBlock = std::size_t(128) << 10;
-// The longest piece written for one byte or character of the text: a
+// The longest piece written for one byte or character of the text (or a
+// pair of two-byte characters, at most twice "\u2047?" or "\'hh\'hh"): a
 // character beyond U+FFFF, as two \uN? ("\u-10240?\u-9216?").
 constexpr std::size_t kcbLongestPiece = 17;
 
-bool IsTrailByte(unsigned char b) { return (b & 0xC0) == 0x80; }
+using byte_scan::IsUtf8TrailByte;
 
 // Decodes the UTF-8 sequence at p, which ends before `end`, and advances
 // past it. A byte that does not start a well-formed sequence (overlong,
@@ -51,7 +52,7 @@ char32_t DecodeAnyUtf8(const unsigned char*& p, const unsigned char* end)
         return kInvalid;
     }
     for (std::ptrdiff_t k = 1; k < cch; ++k) {
-        if (!IsTrailByte(p[k])) {
+        if (!IsUtf8TrailByte(p[k])) {
             ++p;
             return kInvalid;
         }
@@ -71,12 +72,12 @@ inline char32_t DecodeUtf8(const unsigned char*& p, const unsigned char* end)
 {
     const unsigned char b = *p;
     const std::ptrdiff_t cbLeft = end - p;
-    if (b >= 0xC2 && b <= 0xDF && cbLeft >= 2 && IsTrailByte(p[1])) {
+    if (b >= 0xC2 && b <= 0xDF && cbLeft >= 2 && IsUtf8TrailByte(p[1])) {
         const char32_t cp = static_cast<char32_t>((b & 0x1F) << 6 | (p[1] & 0x3F));
         p += 2;
         return cp;
     }
-    if ((b & 0xF0) == 0xE0 && cbLeft >= 3 && IsTrailByte(p[1]) && IsTrailByte(p[2])) {
+    if ((b & 0xF0) == 0xE0 && cbLeft >= 3 && IsUtf8TrailByte(p[1]) && IsUtf8TrailByte(p[2])) {
         const char32_t cp = static_cast<char32_t>((b & 0x0F) << 12 | (p[1] & 0x3F) << 6 | (p[2] & 0x3F));
         if (cp >= 0x800 && (cp < 0xD800 || cp > 0xDFFF)) {
             p += 3;
@@ -84,53 +85,6 @@ inline char32_t DecodeUtf8(const unsigned char*& p, const unsigned char* end)
         }
     }
     return DecodeAnyUtf8(p, end);
-}
-
-// The number of ASCII bytes from p on. Where words of other characters are
-// frequent the gaps between them are short: one look at the next 16 bytes
-// finds most of them for less than the long scan costs to start.
-std::size_t AsciiGapLength(const unsigned char* p, const unsigned char* end)
-{
-    const std::size_t cbLeft = static_cast<std::size_t>(end - p);
-    const char* const pch = reinterpret_cast<const char*>(p);
-#if RTFCONV_SCAN_SSE2
-    if (cbLeft >= 16) {
-        const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pch));
-        const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block));
-        if (high != 0) return static_cast<std::size_t>(__builtin_ctz(high));
-        return 16 + byte_scan::AsciiLength(pch + 16, cbLeft - 16);
-    }
-#endif
-    return byte_scan::AsciiLength(pch, cbLeft);
-}
-
-// The end of the well-formed sequences of characters other than ASCII from
-// p on: the first ASCII byte, the end, or the first byte that starts no
-// well-formed sequence. The two- and three-byte sequences of most scripts
-// are checked inline without putting their values together; the rest as
-// DecodeAnyUtf8 decodes them.
-const unsigned char* SkipWellFormedWord(const unsigned char* p, const unsigned char* end)
-{
-    while (p < end) {
-        const unsigned char b = *p;
-        const std::ptrdiff_t cbLeft = end - p;
-        if (b < 0x80) return p;
-        if (b >= 0xC2 && b <= 0xDF) {
-            if (cbLeft < 2 || !IsTrailByte(p[1])) return p;
-            p += 2;
-        } else if ((b & 0xF0) == 0xE0) {
-            if (cbLeft < 3 || !IsTrailByte(p[1]) || !IsTrailByte(p[2])) return p;
-            // After E0 a second byte below A0 makes an overlong form; after
-            // ED one from A0 up, a surrogate.
-            if ((b == 0xE0 && p[1] < 0xA0) || (b == 0xED && p[1] >= 0xA0)) return p;
-            p += 3;
-        } else {
-            const unsigned char* q = p;
-            if (DecodeAnyUtf8(q, end) == kInvalid) return p;
-            p = q;
-        }
-    }
-    return p;
 }
 
 // What a character other than ASCII is written as: its bytes in the page,
@@ -194,8 +148,6 @@ public:
         m_p += cb;
     }
     void Put(char ch) { *m_p++ = ch; }
-    template <std::size_t N>
-    void PutLiteral(const char (&sz)[N]) { Put(sz, N - 1); }
 
 private:
     std::unique_ptr<char[]> m_pBegin;
@@ -203,72 +155,138 @@ private:
     char* m_pEnd;
 };
 
+// Where a piece was written: what follows it in the text, and in the block.
+struct Written {
+    const unsigned char* next;
+    char* out;
+};
+
 // The pieces of the characters met lately, so that a text in one script
 // looks each of its letters up in the code page once, not at every
 // occurrence. A table indexed by a hash of the character's bytes as they
 // stand in the text: a character met again is known by one load and one
 // comparison, without decoding it, as only well-formed sequences are kept.
+// Two characters of two bytes each, as the letters of most alphabets past
+// ASCII are, have a table of their own, so that a word of them takes half
+// the lookups: a pair not met lately is made of the pieces of its two
+// characters, which the pairs, however many a language has, never push out.
 class CCharacterPieces {
 public:
+    // The longest piece an entry holds, one move of 16 bytes: every piece
+    // but that of a character beyond U+FFFF, which is rare and is made anew.
+    static constexpr std::size_t kcbEntryPiece = 16;
     struct Entry {
-        std::uint32_t key = 0;  // the sequence's bytes, first byte lowest; 0, never a sequence, marks an empty entry
+        std::uint32_t key = 0;  // the sequences' bytes, first byte lowest; 0, never a sequence, marks an empty entry
+        unsigned char cbSequence = 0;
         unsigned char cb = 0;
-        char piece[kcbLongestPiece] = {};
+        char piece[kcbEntryPiece] = {};
     };
 
-    explicit CCharacterPieces(const CCodePage* pPage) : m_pPage(pPage), m_entries(new Entry[kcEntries]) {}
+    explicit CCharacterPieces(const CCodePage* pPage)
+        : m_pPage(pPage), m_characters(new Entry[kcEntries]), m_pairs(new Entry[kcEntries])
+    {
+    }
 
-    // Writes the piece of the character at p (a byte from 0x80 up; the
-    // block has room for kcbLongestPiece) and returns what follows the
-    // character: one byte past a byte that starts no well-formed sequence.
-    const unsigned char* Put(const unsigned char* p, const unsigned char* end, CBlock& block);
+    // Writes the piece of the character at p (a byte from 0x80 up), or of
+    // it and the next, at `out`, which has room for kcbLongestPiece, and
+    // returns where it ends, in the text (one byte past a byte that starts
+    // no well-formed sequence) and in the block.
+    Written Put(const unsigned char* p, const unsigned char* end, char* out)
+    {
+        if (end - p < 4) return PutDecoded(p, end, out);  // too near the end for one load
+        return PutFar(p, end, out);
+    }
+    // The same, at least four bytes before the end.
+    Written PutFar(const unsigned char* p, const unsigned char* end, char* out)
+    {
+        const std::uint32_t word = WordAt(p);
+        // Lead bytes of two-byte sequences at 0 and 2.
+        if ((word & 0x00E000E0) == 0x00C000C0) {
+            const Entry& pair = m_pairs[SlotOf(word)];
+            if (pair.key != word) return PutNewPair(p, end, out, word);
+            std::memcpy(out, pair.piece, kcbEntryPiece);  // whole, padding and all, for speed: the room is there
+            return {p + 4, out + pair.cb};
+        }
+        return PutCharacter(p, end, out, word);
+    }
 
 private:
-    const unsigned char* PutDecoded(const unsigned char* p, const unsigned char* end, CBlock& block) const;
-
-    static constexpr unsigned kcEntriesLog2 = 9;
-    static constexpr std::size_t kcEntries = std::size_t(1) << kcEntriesLog2;
-    const CCodePage* m_pPage;
-    std::unique_ptr<Entry[]> m_entries;
-};
-
-const unsigned char* CCharacterPieces::Put(const unsigned char* p, const unsigned char* end, CBlock& block)
-{
-    // The sequence's length by its first byte, as it would be if it were
-    // well formed; a byte that starts none never has an entry.
-    const unsigned char b = *p;
-    const std::size_t cbSequence = b < 0xE0 ? 2 : b < 0xF0 ? 3 : 4;
-    if (end - p < 4) return PutDecoded(p, end, block);  // too near the end for one load
-    // Put together byte by byte, the same key on any processor; compilers
-    // make one load of it.
-    const std::uint32_t word = std::uint32_t(p[0]) | std::uint32_t(p[1]) << 8 | std::uint32_t(p[2]) << 16 |
-                               std::uint32_t(p[3]) << 24;
-    static constexpr std::uint32_t kKeep[5] = {0, 0, 0xFFFF, 0xFFFFFF, 0xFFFFFFFF};
-    const std::uint32_t key = word & kKeep[cbSequence];
+    // The four bytes at p, first byte lowest, put together byte by byte, the
+    // same on any processor; compilers make one load of it.
+    static std::uint32_t WordAt(const unsigned char* p)
+    {
+        return std::uint32_t(p[0]) | std::uint32_t(p[1]) << 8 | std::uint32_t(p[2]) << 16 | std::uint32_t(p[3]) << 24;
+    }
+    // The piece of the one character at p, whose first four bytes are `word`.
+    Written PutCharacter(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t word)
+    {
+        // The sequence's bytes by the first byte's high half, 8 to F: a byte
+        // that starts no sequence never has an entry, whatever it keeps.
+        static constexpr std::uint32_t kKeep[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF,
+                                                    0xFFFF, 0xFFFF, 0xFFFFFF, 0xFFFFFFFF};
+        const std::uint32_t key = word & kKeep[p[0] >> 4];
+        const Entry& entry = m_characters[SlotOf(key)];
+        if (entry.key != key) return PutNew(p, end, out, key);
+        std::memcpy(out, entry.piece, kcbEntryPiece);
+        return {p + entry.cbSequence, out + entry.cb};
+    }
     // The top bits of the key times an odd number picked, among many tried,
     // for putting the letters of the Latin, Greek, Cyrillic and Arabic
     // alphabets, the common punctuation and runs of ideographs or Hangul in
     // slots apart: one multiplication where a fold of the bits that differ
     // would take several steps.
-    Entry& entry = m_entries[(key * 0x70D07EBBu) >> (32 - kcEntriesLog2)];
-    if (entry.key != key) {
-        const unsigned char* q = p;
-        const char32_t cp = DecodeUtf8(q, end);
-        if (cp == kInvalid) return PutDecoded(p, end, block);
-        entry.cb = static_cast<unsigned char>(MakeCharacterPiece(m_pPage, cp, entry.piece));
+    static std::size_t SlotOf(std::uint32_t key) { return (key * 0x70D07EBBu) >> (32 - kcEntriesLog2); }
+
+    Written PutNew(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t key);
+    Written PutNewPair(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t word);
+    Written PutDecoded(const unsigned char* p, const unsigned char* end, char* out) const;
+
+    static constexpr unsigned kcEntriesLog2 = 9;
+    static constexpr std::size_t kcEntries = std::size_t(1) << kcEntriesLog2;
+    const CCodePage* m_pPage;
+    std::unique_ptr<Entry[]> m_characters;
+    std::unique_ptr<Entry[]> m_pairs;
+};
+
+// A character not met lately, or not well formed: kept when its piece fits an entry.
+Written CCharacterPieces::PutNew(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t key)
+{
+    const unsigned char* next = p;
+    const char32_t cp = DecodeUtf8(next, end);
+    if (cp == kInvalid) return PutDecoded(p, end, out);
+    const std::size_t cb = MakeCharacterPiece(m_pPage, cp, out);
+    if (cb <= kcbEntryPiece) {
+        Entry& entry = m_characters[SlotOf(key)];
         entry.key = key;
+        entry.cbSequence = static_cast<unsigned char>(next - p);
+        entry.cb = static_cast<unsigned char>(cb);
+        std::memcpy(entry.piece, out, cb);
     }
-    // Copied whole, padding and all, for speed: the room for kcbLongestPiece is there.
-    std::memcpy(block.Cursor(), entry.piece, kcbLongestPiece);
-    block.Advance(entry.cb);
-    return p + cbSequence;
+    return {next, out + cb};
 }
 
-const unsigned char* CCharacterPieces::PutDecoded(const unsigned char* p, const unsigned char* end, CBlock& block) const
+// A pair not met lately: its characters one by one, and the pair kept when
+// both are well formed (their pieces, at most 8 bytes each, fit an entry).
+// Never more than the pair: the callers' room is for one piece.
+Written CCharacterPieces::PutNewPair(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t word)
+{
+    const Written first = PutCharacter(p, end, out, word);
+    if (first.next != p + 2) return first;
+    const unsigned char* const q = first.next;
+    const Written second = end - q < 4 ? PutDecoded(q, end, first.out) : PutCharacter(q, end, first.out, WordAt(q));
+    if (second.next != p + 4) return second;
+    Entry& pair = m_pairs[SlotOf(word)];
+    pair.key = word;
+    pair.cbSequence = 4;
+    pair.cb = static_cast<unsigned char>(second.out - out);
+    std::memcpy(pair.piece, out, pair.cb);
+    return second;
+}
+
+Written CCharacterPieces::PutDecoded(const unsigned char* p, const unsigned char* end, char* out) const
 {
     const char32_t cp = DecodeUtf8(p, end);
-    block.Advance(MakeCharacterPiece(m_pPage, cp == kInvalid ? kReplacement : cp, block.Cursor()));
-    return p;
+    return {p, out + MakeCharacterPiece(m_pPage, cp == kInvalid ? kReplacement : cp, out)};
 }
 
 // Writes the pieces of a word of characters past ASCII, the first at p, while
@@ -276,57 +294,166 @@ const unsigned char* CCharacterPieces::PutDecoded(const unsigned char* p, const 
 const unsigned char* PutOtherCharacters(CCharacterPieces& pieces, const unsigned char* p, const unsigned char* end,
                                         CBlock& block)
 {
-    do
-        p = pieces.Put(p, end, block);
-    while (p < end && *p >= 0x80 && block.Room() >= kcbLongestPiece);
+    char* out = block.Cursor();
+    char* const outLast = out + (block.Room() - kcbLongestPiece);
+    do {
+        const Written written = pieces.Put(p, end, out);
+        p = written.next;
+        out = written.out;
+    } while (p < end && *p >= 0x80 && out <= outLast);
+    block.Advance(static_cast<std::size_t>(out - block.Cursor()));
     return p;
 }
 
-// Writes the piece for the byte at p, an ASCII one that ends a run of printable ASCII,
-// and returns what follows it.
-const unsigned char* PutStop(const unsigned char* p, const unsigned char* end, CBlock& block)
-{
-    switch (*p) {
-    case 0x09:
-        block.PutLiteral("\\tab ");
-        return p + 1;
-    case 0x0D:
-        if (end - p > 1 && p[1] == 0x0A)
-            ++p;  // CR LF is one line end
-        // fall through
-    case 0x0A:
-        block.PutLiteral("\\par ");
-        return p + 1;
-    case 0x17:
-        return p + 1;  // never part of the host's text
-    case '\\':
-    case '{':
-    case '}':
-        block.Put('\\');
-        block.Put(static_cast<char>(*p));
-        return p + 1;
-    default:
-        break;
+// What each ASCII byte that ends a run of printable ASCII is written as: a
+// line end or a tab as its keyword, \ { and } escaped, 0x17 (never part of
+// the host's text) as nothing, | ~ DEL and the other controls as they are.
+// Eight bytes an entry, copied whole.
+struct StopPiece {
+    char text[7];
+    unsigned char cb;
+};
+constexpr struct StopPieces {
+    StopPiece pieces[128];
+    constexpr StopPieces() : pieces()
+    {
+        for (int b = 0; b < 128; ++b) pieces[b] = {{static_cast<char>(b)}, 1};
+        pieces[0x09] = {{'\\', 't', 'a', 'b', ' '}, 5};
+        pieces[0x0A] = pieces[0x0D] = {{'\\', 'p', 'a', 'r', ' '}, 5};  // a CR before LF is skipped
+        pieces[0x17] = {{}, 0};
+        for (const char ch : {'\\', '{', '}'}) pieces[static_cast<int>(ch)] = {{'\\', ch}, 2};
     }
-    block.Put(static_cast<char>(*p));  // | ~ DEL or another control: as it is
-    return p + 1;
+} kStopPieces;
+
+// Writes the piece for the byte at p, an ASCII one that ends a run of printable
+// ASCII, at `out` (which has room for a StopPiece) and returns what
+// follows it: CR LF is one line end.
+inline const unsigned char* PutStop(const unsigned char* p, const unsigned char* end, char*& out)
+{
+    const StopPiece& piece = kStopPieces.pieces[*p];
+    std::memcpy(out, &piece, sizeof piece);  // whole, the length after the text written over next
+    out += piece.cb;
+    return p + 1 + (*p == 0x0D && end - p > 1 && p[1] == 0x0A);
 }
+
+#if RTFCONV_SCAN_SSE2
+// The stops of the run scan in WriteBody among 16 bytes: those outside
+// 0x20..'z', and the backslash. Moved up by 0x60, that range is -128..-38
+// as signed bytes: one comparison finds the bytes outside it.
+inline unsigned StopsIn(__m128i v)
+{
+    const __m128i outside = _mm_cmpgt_epi8(_mm_add_epi8(v, _mm_set1_epi8(0x60)), _mm_set1_epi8(-38));
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(outside, _mm_cmpeq_epi8(v, _mm_set1_epi8('\\')))));
+}
+
+inline void Copy16(char* to, const unsigned char* from)
+{
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), _mm_loadu_si128(reinterpret_cast<const __m128i*>(from)));
+}
+
+// PutDenseText looks at the text this many bytes a step, three blocks of 16.
+constexpr std::size_t kcbWindow = 48;
+
+// Copies what follows the first 16 bytes of a run of cb bytes, from 17 up to
+// a window's length (the first 16 are copied already): up to 15 bytes more
+// are read and written.
+inline void CopyRunTail(char* to, const unsigned char* from, std::size_t cb)
+{
+    Copy16(to + 16, from + 16);
+    if (cb > 32) Copy16(to + 32, from + 32);
+}
+
+// A step takes at most this many bytes of the text: its window, and the
+// rest of a pair of characters begun at its last byte.
+constexpr std::size_t kcbStepText = kcbWindow + 3;
+// And reads at most this far: 16 bytes are copied from after that pair, a
+// run in the window reads up to 15 bytes past it.
+constexpr std::size_t kcbStepReach = kcbStepText + 16;
+// And writes at most this far: a piece of at most kcbLongestPiece (written
+// whole) for each of its bytes, and a run copied after the last.
+constexpr std::size_t kcbStepRoom = kcbStepText * kcbLongestPiece + kcbWindow;
+
+// Writes the pieces of the text from p on, a window of kcbWindow bytes a
+// step, while the text and the block's room last for a step, and returns
+// where it stopped: less than a step from the end, at a NUL, or with less
+// room than a step needs. Where stops are dense (a tab, a line end or a
+// character past ASCII every few bytes) a scan that starts again after each
+// costs more than the stop: each step copies its window as it stands, then
+// writes each stop of its mask over its own byte and copies the 16 bytes
+// after it again behind the piece (the rest of a longer run as well), the
+// next stop of the same mask coming next.
+const unsigned char* PutDenseText(CCharacterPieces& pieces, const unsigned char* p, const unsigned char* end,
+                                  CBlock& block)
+{
+    if (static_cast<std::size_t>(end - p) < kcbStepReach || block.Room() < kcbStepRoom) return p;
+    const unsigned char* const pLast = end - kcbStepReach;
+    char* out = block.Cursor();
+    char* const outLast = out + (block.Room() - kcbStepRoom);
+    while (p <= pLast && out <= outLast) {
+        // As many steps as surely fit, each taking at most kcbStepText
+        // bytes of text and kcbStepRoom of the block: one count to keep.
+        std::size_t cSteps = 1 + std::min(static_cast<std::size_t>(pLast - p) / kcbStepText,
+                                          static_cast<std::size_t>(outLast - out) / kcbStepRoom);
+        do {
+            const __m128i* const q = reinterpret_cast<const __m128i*>(p);
+            const __m128i v0 = _mm_loadu_si128(q), v1 = _mm_loadu_si128(q + 1), v2 = _mm_loadu_si128(q + 2);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out), v0);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16), v1);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 32), v2);
+            // The stops not yet written, bit 0 for the byte at `done`, the
+            // first not yet written, whose 16 bytes are written already.
+            std::uint64_t stops = std::uint64_t(StopsIn(v0)) | std::uint64_t(StopsIn(v1)) << 16 |
+                                  std::uint64_t(StopsIn(v2)) << 32;
+            if (stops == 0) {
+                p += kcbWindow;
+                out += kcbWindow;
+                continue;
+            }
+            const unsigned char* done = p;
+            do {
+                const std::size_t cbRun = static_cast<std::size_t>(__builtin_ctzll(stops));
+                if (cbRun > 16) CopyRunTail(out, done, cbRun);
+                const unsigned char* next = done + cbRun;
+                out += cbRun;
+                if (*next >= 0x80) {
+                    const Written written = pieces.PutFar(next, end, out);
+                    next = written.next;
+                    out = written.out;
+                } else if (*next != 0) {
+                    next = PutStop(next, end, out);
+                } else {
+                    block.Advance(static_cast<std::size_t>(out - block.Cursor()));
+                    return next;  // the end of the text, as for a C string
+                }
+                Copy16(out, next);
+                stops >>= next - done;  // at most kcbStepText
+                done = next;
+            } while (stops != 0);
+            // The rest of the window is written already, unless the last
+            // piece took it all, or it is longer than 16.
+            const unsigned char* const windowEnd = p + kcbWindow;
+            if (done < windowEnd) {
+                if (windowEnd - done > 16) CopyRunTail(out, done, static_cast<std::size_t>(windowEnd - done));
+                out += windowEnd - done;
+                p = windowEnd;
+            } else {
+                p = done;
+            }
+        } while (--cSteps != 0);
+    }
+    block.Advance(static_cast<std::size_t>(out - block.Cursor()));
+    return p;
+}
+#endif
 
 } // namespace
 
 std::size_t FindInvalidUtf8(const char* pText, std::size_t cb)
 {
-    const unsigned char* const begin = reinterpret_cast<const unsigned char*>(pText);
-    const unsigned char* const end = begin + cb;
-    const unsigned char* p = begin;
-    for (;;) {
-        p += AsciiGapLength(p, end);
-        if (p == end) return cb;
-        // Characters other than ASCII come in words: checked one after the
-        // other until the next ASCII byte.
-        p = SkipWellFormedWord(p, end);
-        if (p < end && *p >= 0x80) return static_cast<std::size_t>(p - begin);
-    }
+#if RTFCONV_SCAN_AVX2
+    if (byte_scan::CanFindInvalidUtf8ByBlocks()) return byte_scan::FindInvalidUtf8ByBlocks(pText, cb);
+#endif
+    return byte_scan::FindInvalidUtf8ByWords(pText, cb);
 }
 
 CUTF8TextToRTF::CUTF8TextToRTF() : m_pPage(CCodePage::Get(kWesternCodePage)), m_logFont() {}
@@ -399,6 +526,11 @@ void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CStr
     if (cbText >= 3 && p[0] == 0xEF && p[1] == 0xBB && p[2] == 0xBF)
         p += 3;
     while (p < end) {
+#if RTFCONV_SCAN_SSE2
+        // Most of the text; the rest, near the end of the text or of the
+        // block's room, or at a NUL, below, a run and a stop at a time.
+        p = PutDenseText(pieces, p, end, block);
+#endif
         if (block.Room() < 2 * kcbLongestPiece) handOn();
         const std::size_t cbMost = std::min(static_cast<std::size_t>(end - p), block.Room() - kcbLongestPiece);
         // Printable ASCII up to 'z' but the backslash: { | } ~ are rare
@@ -414,8 +546,11 @@ void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CStr
             p = PutOtherCharacters(pieces, p, end, block);
         else if (*p == 0)
             break;  // the end of the text, as for a C string
-        else
-            p = PutStop(p, end, block);
+        else {
+            char* out = block.Cursor();
+            p = PutStop(p, end, out);
+            block.Advance(static_cast<std::size_t>(out - block.Cursor()));
+        }
     }
     if (block.Room() == 0) handOn();
     block.Put('}');

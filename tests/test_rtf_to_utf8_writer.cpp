@@ -141,18 +141,37 @@ std::size_t FirstInvalidByteByByte(const std::string& text)
     return cb;
 }
 
+// The UTF-8 checks: the one FindInvalidUtf8 picks, the words check every
+// processor runs, and the 32-byte one where this processor has AVX2.
+std::vector<std::size_t (*)(const char*, std::size_t)> Utf8Checks()
+{
+    std::vector<std::size_t (*)(const char*, std::size_t)> checks = {FindInvalidUtf8,
+                                                                     rtf_converter::byte_scan::FindInvalidUtf8ByWords};
+#if RTFCONV_SCAN_AVX2
+    if (rtf_converter::byte_scan::CanFindInvalidUtf8ByBlocks())
+        checks.push_back(rtf_converter::byte_scan::FindInvalidUtf8ByBlocks);
+#endif
+    return checks;
+}
+
 } // namespace
 
 // The document made block by block is the document Convert and Export make,
 // whatever falls on the edge of a block.
 TEST(Utf8ToRtf, WriteDocumentIsExport)
 {
+    // One word of two-byte characters, with more pairs of them than are kept.
+    std::string letters;
+    for (char32_t cp = 0xA0; letters.size() < 300000; cp = cp == 0x7FF ? 0xA0 : cp + 1) {
+        char utf8[4];
+        letters.append(utf8, rtf_converter::EncodeUtf8(cp, utf8));
+    }
     for (const std::string& text : {std::string(), std::string("Caf\xc3\xa9 {\xd0\x9f}\r\n"), std::string("\xef\xbb\xbfx"),
-                                    std::string(300000, 'a'), PiecesAmongRuns(1000, 3).text})
+                                    std::string(300000, 'a'), PiecesAmongRuns(1000, 3).text, letters})
         for (int codePage : {1252, 932})
             EXPECT_EQ(Written(text.data(), text.size(), codePage), ToRtf(text, codePage))
                 << text.size() << " bytes, code page " << codePage;
-    for (std::size_t cbFill : {0, 1, 5, 15, 16, 17, 100, 1000}) {
+    for (std::size_t cbFill : {0, 1, 5, 15, 16, 17, 33, 47, 100, 1000}) {
         const PiecesText made = PiecesAmongRuns(300000, cbFill);
         const std::string written = Written(made.text.data(), made.text.size(), 1252);
         EXPECT_EQ(written, ToRtf(made.text, 1252)) << cbFill;
@@ -200,8 +219,9 @@ TEST(Utf8ToRtf, WriteDocumentStopsWhenTheSinkThrows)
 }
 
 // Sequences well formed and not, whole and cut at every length, after
-// ASCII or a word of other characters of every length around the scan's
-// 16-byte look, and before ASCII, another character or the end.
+// ASCII or characters of two to four bytes, at every offset of the first
+// two steps of the 32-byte check (two blocks a step), and before ASCII,
+// another character or the end.
 TEST(Utf8ToRtf, FindInvalidUtf8AgreesWithAByteAtATimeCheck)
 {
     const std::string sequences[] = {
@@ -209,34 +229,56 @@ TEST(Utf8ToRtf, FindInvalidUtf8AgreesWithAByteAtATimeCheck)
         "\xef\xbf\xbd", "\xf0\x90\x80\x80", "\xf3\xbf\xbf\xbf", "\xf4\x8f\xbf\xbf",
         // Overlong, surrogates, beyond U+10FFFF, bytes that start nothing.
         "\xc0\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xf0\x8f\xbf\xbf", "\xed\xa0\x80", "\xed\xbf\xbf",
-        "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff", "\x80", "\xbf", "\xc3\xc3", "\xe2\x80\x41"};
-    for (std::size_t cbPrefix = 0; cbPrefix < 20; ++cbPrefix) {
-        const std::string gap(cbPrefix, 'x');
-        for (const std::string& prefix : {gap, gap + "\xc3\xa4\xe2\x80\xa2"})
+        "\xf4\x90\x80\x80", "\xf4\xbf\xbf\xbf", "\xf5\x80\x80\x80", "\xf8\x88\x80\x80", "\xff", "\x80", "\xbf",
+        "\xc3\xc3", "\xe2\x80\x41"};
+    const std::string characters = "\xc3\xa4\xe2\x80\xa2\xf0\x9f\x98\x80\xce\xb1\xe4\xb8\xad\xf4\x8f\xbf\xbf";
+    const auto checks = Utf8Checks();
+    for (std::size_t cbPrefix = 0; cbPrefix < 136; ++cbPrefix) {
+        // As many whole characters as fit, after ASCII.
+        std::string repeated;
+        while (repeated.size() <= cbPrefix) repeated += characters;
+        std::size_t cbWord = cbPrefix;
+        while ((static_cast<unsigned char>(repeated[cbWord]) & 0xC0) == 0x80) --cbWord;
+        const std::string word = std::string(cbPrefix - cbWord, 'x') + repeated.substr(0, cbWord);
+        for (const std::string& prefix : {std::string(cbPrefix, 'x'), word})
             for (const std::string& sequence : sequences)
                 for (std::size_t cbKept = 1; cbKept <= sequence.size(); ++cbKept)
                     for (const char* suffix : {"", "x", "\xc3\xb6", "xxxxxxxxxxxxxxxxxxxx\xff"}) {
                         const std::string text = prefix + sequence.substr(0, cbKept) + suffix;
-                        EXPECT_EQ(FindInvalidUtf8(text.data(), text.size()), FirstInvalidByteByByte(text))
-                            << cbPrefix << " " << sequence.size() << " " << cbKept << " " << suffix;
+                        for (auto check : checks)
+                            ASSERT_EQ(check(text.data(), text.size()), FirstInvalidByteByByte(text))
+                                << cbPrefix << " " << sequence.size() << " " << cbKept << " " << suffix;
                     }
     }
 }
 
+// Long runs of ASCII and of characters of two, three and four bytes, well
+// formed, then with a bad byte at every offset; nothing read past the length given.
 TEST(Utf8ToRtf, FindInvalidUtf8StopsAtTheEndGiven)
 {
-    // A bad byte at every offset around the 16-byte steps of the ASCII scan.
-    for (std::size_t at = 0; at < 40; ++at) {
-        for (const char bad : {'\x80', '\xbf', '\xc0', '\xc1', '\xf5', '\xff'}) {
-            std::string text(48, 'x');
-            text[at] = bad;
-            EXPECT_EQ(FindInvalidUtf8(text.data(), text.size()), at) << at << " " << int(bad);
-        }
+    const auto checks = Utf8Checks();
+    for (const std::string& unit : {std::string("x"), std::string("\xce\xb1"), std::string("\xe2\x80\xa2"),
+                                    std::string("\xf0\x9f\x98\x80"), std::string("a\xc3\xa4\xe4\xb8\xad\xf3\xbf\xbf\xbf")}) {
+        std::string run;
+        while (run.size() < 200) run += unit;
+        for (auto check : checks) ASSERT_EQ(check(run.data(), run.size()), run.size()) << unit;
+        for (std::size_t at = 0; at < 140; ++at)
+            for (const char bad : {'\x80', '\xbf', '\xc0', '\xc1', '\xf5', '\xff', 'x'}) {
+                std::string text = run;
+                text[at] = bad;
+                for (auto check : checks)
+                    ASSERT_EQ(check(text.data(), text.size()), FirstInvalidByteByByte(text))
+                        << unit << " " << at << " " << int(bad);
+            }
+    }
+    for (std::size_t at = 0; at < 140; ++at) {
         // A good character cut by the length given, whatever follows it.
         const std::string text = std::string(at, 'x') + "\xe2\x82\xac";
-        EXPECT_EQ(FindInvalidUtf8(text.data(), at + 2), at) << at;
-        EXPECT_EQ(FindInvalidUtf8(text.data(), at + 3), at + 3) << at;
-        EXPECT_EQ(FindInvalidUtf8(text.data(), at), at) << at;
+        for (auto check : checks) {
+            EXPECT_EQ(check(text.data(), at + 2), at) << at;
+            EXPECT_EQ(check(text.data(), at + 3), at + 3) << at;
+            EXPECT_EQ(check(text.data(), at), at) << at;
+        }
     }
 }
 
@@ -339,11 +381,12 @@ TEST(Utf8ToRtf, EveryCharacterAsItIsAlone)
         std::string text, body;
         for (int pass = 0; pass < 2; ++pass)
             for (std::size_t i = 0; i < characters.size(); ++i) {
-                // The second pass in another order, a letter between some.
+                // The first pass in order, long runs of characters of each
+                // length; the second in another order, a letter between some.
                 const std::string& character = characters[pass == 0 ? i : (i * 7919) % characters.size()];
                 text += character;
                 body += Body(ToRtf(character, codePage));
-                if (i % 5 == 0) {
+                if (pass == 1 && i % 5 == 0) {
                     text += 'x';
                     body += 'x';
                 }
