@@ -395,7 +395,7 @@ public:
     }
 
     // Encodes on until a step ends at `stop` (true: the encoding can go on
-    // from there in the state State() gives) or to the end of the text
+    // from there in the state StateHere() gives) or to the end of the text
     // (false: it went past `stop` inside a step, or `stop` is not before the
     // end). The steps of the text from m_pos on, and so its bytes, are
     // decided by m_pos and that state alone, wherever the steps before
@@ -863,7 +863,7 @@ private:
 
     std::string_view m_in;
     std::size_t m_pos = 0;
-    std::size_t m_stop = std::string_view::npos;  // RunUntil's
+    std::size_t m_stop = std::string_view::npos;  // where RunUntil stops; npos: nowhere
     const CCodePage& m_defaultPage;
     const CCodePage* m_pPage;
     COutBytes m_out;
@@ -1262,7 +1262,8 @@ std::string OldTextToUtf8(std::string_view oldText, int defaultCodePage)
 
 namespace {
 
-// Room for the encoded text, which is never longer than its UTF-8.
+// Room for the encoded text, which is seldom longer than its UTF-8 (only
+// runs in another character set, with their font commands, make it longer).
 std::string RoomFor(std::size_t cbUtf8)
 {
     std::string out;
