@@ -6,6 +6,8 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <condition_variable>
 #include <system_error>
 #include <thread>
 
@@ -1305,27 +1307,63 @@ std::size_t FontCommandBefore(std::string_view utf8, std::size_t at)
 }
 
 // The second part of a text cut at `at`, encoded from a guess of the state
-// there; its bytes follow those of the guessed font command.
+// there; its bytes follow those of the guessed font command. The guess is
+// handed over under the lock; the rest is the helper's until it is joined.
 struct SecondPart {
     std::string bytes;
     std::size_t cbGuess = 0;
-    CUtf8ToOldEncoder::State guess;
     OldTextFromUtf8Counts counts;
     bool bDone = false;  // false: it failed (out of memory), and is not used
+
+    std::mutex lock;
+    std::condition_variable guessed;
+    CUtf8ToOldEncoder::State guess;
+    bool bGuessed = false;  // the guess is set, and the part is being encoded
+    bool bFailed = false;   // no guess will come
+    bool bDropped = false;  // the caller goes on alone: the part is not begun
 };
 
 void EncodeSecondPart(std::string_view utf8, int defaultCodePage, std::size_t at, SecondPart& part) noexcept
 {
     try {
+        {
+            std::lock_guard<std::mutex> hold(part.lock);
+            if (part.bDropped) return;
+        }
         part.bytes = RoomFor(utf8.size() - at + 64);
         CUtf8ToOldEncoder encoder(utf8, defaultCodePage, part.bytes);
         encoder.StartAfterFontCommand(FontCommandBefore(utf8, at), at);
-        part.guess = encoder.StateHere();
         part.cbGuess = encoder.OutputSize();
+        {
+            std::lock_guard<std::mutex> hold(part.lock);
+            if (part.bDropped) return;
+            part.guess = encoder.StateHere();
+            part.bGuessed = true;
+        }
+        part.guessed.notify_one();
         part.counts = encoder.Run();
         part.bDone = true;
     } catch (...) {
+        {
+            std::lock_guard<std::mutex> hold(part.lock);
+            part.bFailed = true;
+        }
+        part.guessed.notify_one();
     }
+}
+
+// Whether the second part is being encoded from a guess equal to the first
+// part's state at the cut (null: the first part went past the cut). A
+// second part not yet begun when the first is done (no core was free for
+// it) is dropped: the calling thread then encodes on alone, rather than
+// wait for the helper to take its turn on the same core. A cut forced for
+// a test waits for it.
+bool SecondPartGoesOnFrom(SecondPart& part, const CUtf8ToOldEncoder::State* pState, bool bWait)
+{
+    std::unique_lock<std::mutex> hold(part.lock);
+    if (pState && bWait) part.guessed.wait(hold, [&part] { return part.bGuessed || part.bFailed; });
+    part.bDropped = !part.bGuessed;
+    return pState && part.bGuessed && part.guess == *pState;
 }
 
 // A thread joined however its scope is left: a running std::thread must
@@ -1367,9 +1405,16 @@ std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePage, const Ol
     {
         CUtf8ToOldEncoder encoder(utf8, defaultCodePage, out);
         const bool bAtSplit = encoder.RunUntil(at);
-        helper.thread.join();
-        bJoin = bAtSplit && second.bDone && encoder.StateHere() == second.guess;
+        const CUtf8ToOldEncoder::State state = bAtSplit ? encoder.StateHere() : CUtf8ToOldEncoder::State();
+        bJoin = SecondPartGoesOnFrom(second, bAtSplit ? &state : nullptr, options.splitAt != 0);
+        // Alone to the end first: a helper that has begun is joined when
+        // it is done, which it then mostly is.
         if (!bJoin) (void)encoder.Run();
+        helper.thread.join();
+        if (bJoin && !second.bDone) {
+            bJoin = false;
+            (void)encoder.Run();
+        }
         counts = encoder.Counts();
     }
     if (bJoin) {

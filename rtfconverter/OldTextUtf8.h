@@ -128,11 +128,12 @@ RTFCONV_API std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePa
 // the first part is on the calling thread. The result is the same text and
 // counts as above, always: when the first part's encoding reaches the cut
 // in another state (a font command it did not expect, the cut inside a
-// command), the second part's bytes are dropped and the calling thread
-// encodes on to the end.
+// command), or before the second part has begun (no core was free for it),
+// the second part is dropped and the calling thread encodes on to the end.
 struct OldTextFromUtf8Options {
     unsigned nThreads = 1;
-    // For tests: the text is cut at this offset whatever its size (0: as above).
+    // For tests: the text is cut at this offset whatever its size (0: as
+    // above), and the second part is waited for.
     std::size_t splitAt = 0;
     // For tests: set to whether the second part's bytes were used.
     bool* pbSplitUsed = nullptr;
