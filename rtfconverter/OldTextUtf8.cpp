@@ -1275,6 +1275,12 @@ std::string RoomFor(std::size_t cbUtf8)
     return out;
 }
 
+// The bytes of a large page. The second part's room is made that much
+// larger than the part, so that all of the part past the room's first
+// large-page boundary lies in large pages: a fault each, where small pages
+// take 512, and a fault costs about as much as encoding a few kilobytes.
+constexpr std::size_t kcbLargePage = std::size_t(2) << 20;
+
 // Below this a text is encoded on one thread: a thread's start and the
 // copy of the second part cost more than the half saved.
 constexpr std::size_t kcbSplitAbove = std::size_t(1) << 20;
@@ -1330,7 +1336,7 @@ void EncodeSecondPart(std::string_view utf8, int defaultCodePage, std::size_t at
             std::lock_guard<std::mutex> hold(part.lock);
             if (part.bDropped) return;
         }
-        part.bytes = RoomFor(utf8.size() - at + 64);
+        part.bytes = RoomFor(utf8.size() - at + kcbLargePage);
         CUtf8ToOldEncoder encoder(utf8, defaultCodePage, part.bytes);
         encoder.StartAfterFontCommand(FontCommandBefore(utf8, at), at);
         part.cbGuess = encoder.OutputSize();
