@@ -1275,9 +1275,9 @@ std::string RoomFor(std::size_t cbUtf8)
     return out;
 }
 
-// The bytes of a large page. The second part's room is made that much
-// larger than the part, so that all of the part past the room's first
-// large-page boundary lies in large pages: a fault each, where small pages
+// The bytes of a large page. The room of each part is made that much
+// larger than its need, so that all of its bytes past the room's first
+// large-page boundary lie in large pages: a fault each, where small pages
 // take 512, and a fault costs about as much as encoding a few kilobytes.
 constexpr std::size_t kcbLargePage = std::size_t(2) << 20;
 
@@ -1405,7 +1405,8 @@ std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePage, const Ol
     } catch (const std::system_error&) {
         return OldTextFromUtf8(utf8, defaultCodePage, pCounts);  // no thread to be had: one does it all
     }
-    std::string out = RoomFor(utf8.size());
+    // Large pages for the bytes of the second part copied into place too.
+    std::string out = RoomFor(utf8.size() + kcbLargePage);
     OldTextFromUtf8Counts counts;
     bool bJoin = false;
     {
