@@ -1281,9 +1281,11 @@ std::string RoomFor(std::size_t cbUtf8)
 // take 512, and a fault costs about as much as encoding a few kilobytes.
 constexpr std::size_t kcbLargePage = std::size_t(2) << 20;
 
-// Below this a text is encoded on one thread: a thread's start and the
-// copy of the second part cost more than the half saved.
-constexpr std::size_t kcbSplitAbove = std::size_t(1) << 20;
+// Below this a text is encoded on one thread: a thread's start, its own
+// memo and room, and the copy of the second part cost about as much as the
+// half saved (at one megabyte, a whole conversion is no faster when the
+// other core is busy part of the time; at two, it is).
+constexpr std::size_t kcbSplitAbove = std::size_t(2) << 20;
 
 // Where a text is cut in two: just before the first command from its middle
 // on (or the last before it), where the text outside commands ends and the

@@ -122,8 +122,8 @@ RTFCONV_API std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePa
 
 // The same on more than one thread, for a caller with a core to spare (the
 // one-call form above never starts a thread: a host may call it from many
-// threads at once). With nThreads >= 2 a text of a megabyte or more is cut
-// in two just before a command near its middle, and the second part is
+// threads at once). With nThreads >= 2 a text of two megabytes or more is
+// cut in two just before a command near its middle, and the second part is
 // encoded on a thread of its own from the font command in force there, as
 // the first part is on the calling thread. The result is the same text and
 // counts as above, always: when the first part's encoding reaches the cut

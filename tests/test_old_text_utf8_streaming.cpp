@@ -316,12 +316,13 @@ TEST(ParallelConversion, OldTextFromUtf8CutAnywhereGivesTheOnePartText)
 
 // The corpus's old-format text as UTF-8, cut before its commands near an
 // eighth, a quarter, ... of it and at offsets in between: as one part. A
-// text of a megabyte or more is cut by the encoder near its middle, before a
+// text of two megabytes or more is cut by the encoder near its middle, before a
 // command, where the second part is used; a shorter one is never cut.
 TEST(ParallelConversion, OldTextFromUtf8InTwoPartsOnTheCorpus)
 {
     const std::vector<std::string> files = CorpusRtfFiles();
     ASSERT_GT(files.size(), 50u);
+    const std::size_t cbLarge = std::size_t(2) << 20;
     std::size_t nUsed = 0;
     std::string large;
     for (const std::string& file : files) {
@@ -333,11 +334,12 @@ TEST(ParallelConversion, OldTextFromUtf8InTwoPartsOnTheCorpus)
             ExpectSameInTwoParts(utf8, utf8.size() * eighth / 8 + 1);
         }
         EXPECT_FALSE(ExpectSameInTwoParts(utf8, 0));
-        if (large.size() < (std::size_t(1) << 20)) large += utf8;
+        large += utf8;
     }
     EXPECT_GT(nUsed, files.size());
-    ASSERT_GE(large.size(), std::size_t(1) << 20);
+    ASSERT_FALSE(large.empty());
+    while (large.size() < cbLarge) large += large;
     ExpectSameInTwoParts(large, 0);
     EXPECT_TRUE(ExpectSameInTwoParts(large, large.find('\x01', large.size() / 2)));
-    EXPECT_FALSE(ExpectSameInTwoParts(large.substr(0, (std::size_t(1) << 20) - 1), 0));
+    EXPECT_FALSE(ExpectSameInTwoParts(large.substr(0, cbLarge - 1), 0));
 }
