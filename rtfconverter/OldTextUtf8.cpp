@@ -1269,17 +1269,12 @@ namespace {
 std::string RoomFor(std::size_t cbUtf8)
 {
     std::string out;
-    out.reserve(cbUtf8);
-    // A large text is written once from front to back.
+    // A large text is written once from front to back: in large pages from
+    // its first byte (the string's room is its bytes less the NUL after them).
+    out.reserve(LargeBlockSize(cbUtf8 + 1) - 1);
     AdviseLargePages(&out[0], out.capacity());
     return out;
 }
-
-// The bytes of a large page. The room of each part is made that much
-// larger than its need, so that all of its bytes past the room's first
-// large-page boundary lie in large pages: a fault each, where small pages
-// take 512, and a fault costs about as much as encoding a few kilobytes.
-constexpr std::size_t kcbLargePage = std::size_t(2) << 20;
 
 // Below this a text is encoded on one thread: a thread's start, its own
 // memo and room, and the copy of the second part cost about as much as the
@@ -1338,7 +1333,7 @@ void EncodeSecondPart(std::string_view utf8, int defaultCodePage, std::size_t at
             std::lock_guard<std::mutex> hold(part.lock);
             if (part.bDropped) return;
         }
-        part.bytes = RoomFor(utf8.size() - at + kcbLargePage);
+        part.bytes = RoomFor(utf8.size() - at + 64);
         CUtf8ToOldEncoder encoder(utf8, defaultCodePage, part.bytes);
         encoder.StartAfterFontCommand(FontCommandBefore(utf8, at), at);
         part.cbGuess = encoder.OutputSize();
@@ -1407,8 +1402,7 @@ std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePage, const Ol
     } catch (const std::system_error&) {
         return OldTextFromUtf8(utf8, defaultCodePage, pCounts);  // no thread to be had: one does it all
     }
-    // Large pages for the bytes of the second part copied into place too.
-    std::string out = RoomFor(utf8.size() + kcbLargePage);
+    std::string out = RoomFor(utf8.size());
     OldTextFromUtf8Counts counts;
     bool bJoin = false;
     {
