@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <condition_variable>
 #include <system_error>
 #include <thread>
 
@@ -1333,6 +1333,7 @@ void EncodeSecondPart(std::string_view utf8, int defaultCodePage, std::size_t at
             std::lock_guard<std::mutex> hold(part.lock);
             if (part.bDropped) return;
         }
+        // The guessed font command's bytes first: a few dozen, seldom more.
         part.bytes = RoomFor(utf8.size() - at + 64);
         CUtf8ToOldEncoder encoder(utf8, defaultCodePage, part.bytes);
         encoder.StartAfterFontCommand(FontCommandBefore(utf8, at), at);
