@@ -316,8 +316,9 @@ TEST(ParallelConversion, OldTextFromUtf8CutAnywhereGivesTheOnePartText)
 
 // The corpus's old-format text as UTF-8, cut before its commands near an
 // eighth, a quarter, ... of it and at offsets in between: as one part. A
-// text of two megabytes or more is cut by the encoder near its middle, before a
-// command, where the second part is used; a shorter one is never cut.
+// text of two megabytes or more is cut by the encoder near its middle,
+// before a command, where the second part is used; a shorter one is never
+// cut.
 TEST(ParallelConversion, OldTextFromUtf8InTwoPartsOnTheCorpus)
 {
     const std::vector<std::string> files = CorpusRtfFiles();
