@@ -2,9 +2,14 @@
 
 #include <algorithm>
 #include <array>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
 
 #include "platform/ObjBase.h"
 #include "platform/WinGdi.h"
@@ -382,19 +387,66 @@ public:
           m_nFontMemo(FontMemoSizeFor(in.size())), m_fontMemo(new FontCommandEncoding[m_nFontMemo]()),
           m_fontMemoShift(64 - Log2(m_nFontMemo))
     {
+        if (m_in.substr(0, 3) == "\xEF\xBB\xBF") m_pos = 3; // a byte-order mark is not text
     }
 
     OldTextFromUtf8Counts Run()
     {
-        if (m_in.substr(0, 3) == "\xEF\xBB\xBF") m_pos = 3; // a byte-order mark is not text
+        (void)RunUntil(std::string_view::npos);
+        return m_counts;
+    }
+
+    // Encodes on until a step ends at `stop` (true: the encoding can go on
+    // from there in the state StateHere() gives) or to the end of the text
+    // (false: it went past `stop` inside a step, or `stop` is not before the
+    // end). The steps of the text from m_pos on, and so its bytes, are
+    // decided by m_pos and that state alone, wherever the steps before
+    // ended: the text outside commands is taken a character or a block at a
+    // time, and a command whole.
+    bool RunUntil(std::size_t stop)
+    {
+        m_stop = stop;
         while (m_pos < m_in.size()) {
+            if (m_pos == stop) return true;
             EncodeKnownSteps();
             if (m_pos == m_in.size()) break;
+            if (m_pos == stop) return true;
             if (m_in[m_pos] != CDocCmd::chCmdStart) EncodeTextOutsideCommands();
             else EncodeCommand();
         }
-        return m_counts;
+        return false;
     }
+
+    // All that decides the bytes of the text still to come, besides the
+    // text: the page in force and the font command in force (the memos are
+    // caches, whose answers are the same whatever they hold).
+    struct State {
+        const CCodePage* pPage = nullptr;
+        bool bFontInForce = false;
+        std::string fontInForce;
+        bool operator==(const State& other) const
+        {
+            return pPage == other.pPage && bFontInForce == other.bFontInForce && fontInForce == other.fontInForce;
+        }
+    };
+    State StateHere() const { return State{m_pPage, m_bFontInForce, FontInForce()}; }
+
+    // Starts at `at` as the encoding would go on there after the font
+    // command at `fontAt` (npos: none), its bytes written first: for the
+    // second part of a text cut in two, where the command in force before
+    // the cut is only a guess. Nothing is counted for the command.
+    void StartAfterFontCommand(std::size_t fontAt, std::size_t at)
+    {
+        if (fontAt < m_in.size()) {
+            m_pos = fontAt;
+            EncodeFontCommand(FindOrEnd(m_in, CDocCmd::chCmdEnd, fontAt + 1));
+            m_counts = OldTextFromUtf8Counts();
+        }
+        m_pos = at;
+    }
+
+    std::size_t OutputSize() const { return m_out.Size(); }
+    const OldTextFromUtf8Counts& Counts() const { return m_counts; }
 
 private:
     // Most text between commands is ASCII: it is copied in the one scan that
@@ -600,7 +652,12 @@ private:
         static_assert(kcbStepStore >= kMaxMemoCommand && kcbStepStore >= 16, "every store of a step fits");
         if (m_in.size() - m_pos <= kcbLook) return;
         const char* const begin = m_in.data();
-        const char* const last = begin + (m_in.size() - kcbLook);  // a look at or past it reads past the text
+        // A look at or past the text's end less kcbLook reads past the
+        // text; none starts at or past the stop either, while the encoding
+        // is short of it: so text before a command at the stop, and a
+        // command ending there, end the steps there.
+        const std::size_t lastAt = m_in.size() - kcbLook;
+        const char* const last = begin + (m_pos < m_stop && m_stop < lastAt ? m_stop : lastAt);
         const char* p = begin + m_pos;
         const CCodePage* pPage = m_pPage;
         std::size_t fontAt = 0;
@@ -629,6 +686,9 @@ private:
                         bStopped = true;
                         break;
                     }
+                    // A command at the limit is the next chunk's, or past
+                    // the stop: the loop's test ends the chunk.
+                    if (p >= limit) continue;
                 }
                 if (p[1] != CDocCmd::font) {
                     if (CopyAsciiCommand(p, w, limit)) continue;
@@ -805,6 +865,7 @@ private:
 
     std::string_view m_in;
     std::size_t m_pos = 0;
+    std::size_t m_stop = std::string_view::npos;  // where RunUntil stops; npos: nowhere
     const CCodePage& m_defaultPage;
     const CCodePage* m_pPage;
     COutBytes m_out;
@@ -1201,13 +1262,171 @@ std::string OldTextToUtf8(std::string_view oldText, int defaultCodePage)
 
 // --- encoding
 
-std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePage, OldTextFromUtf8Counts* pCounts)
+namespace {
+
+// Room for the encoded text, which is seldom longer than its UTF-8 (only
+// runs in another character set, with their font commands, make it longer).
+std::string RoomFor(std::size_t cbUtf8)
 {
     std::string out;
-    out.reserve(utf8.size());
-    // A large text is written once from front to back.
+    // A large text is written once from front to back: in large pages from
+    // its first byte (the string's room is its bytes less the NUL after them).
+    out.reserve(LargeBlockSize(cbUtf8 + 1) - 1);
     AdviseLargePages(&out[0], out.capacity());
+    return out;
+}
+
+// Below this a text is encoded on one thread: a thread's start, its own
+// memo and room, and the copy of the second part cost about as much as the
+// half saved (at one megabyte, a whole conversion is no faster when the
+// other core is busy part of the time; at two, it is).
+constexpr std::size_t kcbSplitAbove = std::size_t(2) << 20;
+
+// Where a text is cut in two: just before the first command from its middle
+// on (or the last before it), where the text outside commands ends and the
+// encoding of the command starts afresh; 0: not cut.
+std::size_t SplitPoint(std::string_view utf8, const OldTextFromUtf8Options& options)
+{
+    if (options.nThreads < 2) return 0;
+    if (options.splitAt) return options.splitAt < utf8.size() ? options.splitAt : 0;
+    if (utf8.size() < kcbSplitAbove) return 0;
+    const std::size_t middle = utf8.size() / 2;
+    std::size_t at = utf8.find(CDocCmd::chCmdStart, middle);
+    if (at == std::string_view::npos) at = utf8.rfind(CDocCmd::chCmdStart, middle);
+    return at == std::string_view::npos ? 0 : at;
+}
+
+// The last font command that starts before `at`: the one in force there,
+// unless the text is malformed (which the first part's state then shows);
+// npos when there is none.
+std::size_t FontCommandBefore(std::string_view utf8, std::size_t at)
+{
+    for (std::size_t k = at; k-- > 0;) {
+        k = utf8.rfind(CDocCmd::chCmdStart, k);
+        if (k == std::string_view::npos) break;
+        if (k + 1 < utf8.size() && utf8[k + 1] == CDocCmd::font) return k;
+    }
+    return std::string_view::npos;
+}
+
+// The second part of a text cut at `at`, encoded from a guess of the state
+// there; its bytes follow those of the guessed font command. The guess is
+// handed over under the lock; the rest is the helper's until it is joined.
+struct SecondPart {
+    std::string bytes;
+    std::size_t cbGuess = 0;
+    OldTextFromUtf8Counts counts;
+    bool bDone = false;  // false: it failed (out of memory), and is not used
+
+    std::mutex lock;
+    std::condition_variable guessed;
+    CUtf8ToOldEncoder::State guess;
+    bool bGuessed = false;  // the guess is set, and the part is being encoded
+    bool bFailed = false;   // no guess will come
+    bool bDropped = false;  // the caller goes on alone: the part is not begun
+};
+
+void EncodeSecondPart(std::string_view utf8, int defaultCodePage, std::size_t at, SecondPart& part) noexcept
+{
+    try {
+        {
+            std::lock_guard<std::mutex> hold(part.lock);
+            if (part.bDropped) return;
+        }
+        // The guessed font command's bytes first: a few dozen, seldom more.
+        part.bytes = RoomFor(utf8.size() - at + 64);
+        CUtf8ToOldEncoder encoder(utf8, defaultCodePage, part.bytes);
+        encoder.StartAfterFontCommand(FontCommandBefore(utf8, at), at);
+        part.cbGuess = encoder.OutputSize();
+        {
+            std::lock_guard<std::mutex> hold(part.lock);
+            if (part.bDropped) return;
+            part.guess = encoder.StateHere();
+            part.bGuessed = true;
+        }
+        part.guessed.notify_one();
+        part.counts = encoder.Run();
+        part.bDone = true;
+    } catch (...) {
+        {
+            std::lock_guard<std::mutex> hold(part.lock);
+            part.bFailed = true;
+        }
+        part.guessed.notify_one();
+    }
+}
+
+// Whether the second part is being encoded from a guess equal to the first
+// part's state at the cut (null: the first part went past the cut). A
+// second part not yet begun when the first is done (no core was free for
+// it) is dropped: the calling thread then encodes on alone, rather than
+// wait for the helper to take its turn on the same core. A cut forced for
+// a test waits for it.
+bool SecondPartGoesOnFrom(SecondPart& part, const CUtf8ToOldEncoder::State* pState, bool bWait)
+{
+    std::unique_lock<std::mutex> hold(part.lock);
+    if (pState && bWait) part.guessed.wait(hold, [&part] { return part.bGuessed || part.bFailed; });
+    part.bDropped = !part.bGuessed;
+    return pState && part.bGuessed && part.guess == *pState;
+}
+
+// A thread joined however its scope is left: a running std::thread must
+// not be destroyed.
+struct CJoined {
+    std::thread thread;
+    ~CJoined()
+    {
+        if (thread.joinable()) thread.join();
+    }
+};
+
+} // namespace
+
+std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePage, OldTextFromUtf8Counts* pCounts)
+{
+    std::string out = RoomFor(utf8.size());
     const OldTextFromUtf8Counts counts = CUtf8ToOldEncoder(utf8, defaultCodePage, out).Run();
+    if (pCounts) *pCounts = counts;
+    return out;
+}
+
+std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePage, const OldTextFromUtf8Options& options,
+                            OldTextFromUtf8Counts* pCounts)
+{
+    if (options.pbSplitUsed) *options.pbSplitUsed = false;
+    const std::size_t at = SplitPoint(utf8, options);
+    if (at == 0) return OldTextFromUtf8(utf8, defaultCodePage, pCounts);
+    SecondPart second;
+    CJoined helper;
+    try {
+        helper.thread = std::thread(EncodeSecondPart, utf8, defaultCodePage, at, std::ref(second));
+    } catch (const std::system_error&) {
+        return OldTextFromUtf8(utf8, defaultCodePage, pCounts);  // no thread to be had: one does it all
+    }
+    std::string out = RoomFor(utf8.size());
+    OldTextFromUtf8Counts counts;
+    bool bJoin = false;
+    {
+        CUtf8ToOldEncoder encoder(utf8, defaultCodePage, out);
+        const bool bAtSplit = encoder.RunUntil(at);
+        const CUtf8ToOldEncoder::State state = bAtSplit ? encoder.StateHere() : CUtf8ToOldEncoder::State();
+        bJoin = SecondPartGoesOnFrom(second, bAtSplit ? &state : nullptr, options.splitAt != 0);
+        // Alone to the end first: a helper that has begun is joined when
+        // it is done, which it then mostly is.
+        if (!bJoin) (void)encoder.Run();
+        helper.thread.join();
+        if (bJoin && !second.bDone) {
+            bJoin = false;
+            (void)encoder.Run();
+        }
+        counts = encoder.Counts();
+    }
+    if (bJoin) {
+        out.append(second.bytes, second.cbGuess, std::string::npos);
+        counts.nUnencodable += second.counts.nUnencodable;
+        counts.nInvalid += second.counts.nInvalid;
+    }
+    if (options.pbSplitUsed) *options.pbSplitUsed = bJoin;
     if (pCounts) *pCounts = counts;
     return out;
 }

@@ -120,4 +120,26 @@ struct OldTextFromUtf8Counts {
 
 RTFCONV_API std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePage, OldTextFromUtf8Counts* pCounts = nullptr);
 
+// The same on more than one thread, for a caller with a core to spare (the
+// one-call form above never starts a thread: a host may call it from many
+// threads at once). With nThreads >= 2 a text of two megabytes or more is
+// cut in two just before a command near its middle, and the second part is
+// encoded on a thread of its own from the font command in force there, as
+// the first part is on the calling thread. The result is the same text and
+// counts as above, always: when the first part's encoding reaches the cut
+// in another state (a font command it did not expect, the cut inside a
+// command), or before the second part has begun (no core was free for it),
+// the second part is dropped and the calling thread encodes on to the end.
+struct OldTextFromUtf8Options {
+    unsigned nThreads = 1;
+    // For tests: the text is cut at this offset whatever its size (0: as
+    // above), and the second part is waited for.
+    std::size_t splitAt = 0;
+    // For tests: set to whether the second part's bytes were used.
+    bool* pbSplitUsed = nullptr;
+};
+
+RTFCONV_API std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePage, const OldTextFromUtf8Options& options,
+                                        OldTextFromUtf8Counts* pCounts = nullptr);
+
 } // namespace rtf_converter

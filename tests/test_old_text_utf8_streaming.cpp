@@ -17,6 +17,7 @@ using namespace rtfconv_test;
 using rtf_converter::COldTextUtf8Decoder;
 using rtf_converter::OldTextFromUtf8;
 using rtf_converter::OldTextFromUtf8Counts;
+using rtf_converter::OldTextFromUtf8Options;
 using rtf_converter::OldTextToUtf8;
 
 namespace {
@@ -242,4 +243,104 @@ TEST(OldTextUtf8Streaming, FinishStartsOver)
     decoder.Feed("\xE0", second);
     decoder.Finish(second);
     EXPECT_EQ(second, "\xC3\xA0");
+}
+
+// --- UTF-8 to old-format text in two parts on two threads. The suite's name
+// puts these among the tests run under the thread checker.
+
+namespace {
+
+// The text encoded in two parts cut at `at` (0: where the encoder chooses)
+// must give the one-part bytes and counts; returns whether the second
+// part's bytes were used.
+bool ExpectSameInTwoParts(const std::string& utf8, std::size_t at, int defaultCodePage = 1252)
+{
+    OldTextFromUtf8Counts whole, parts;
+    const std::string expected = OldTextFromUtf8(utf8, defaultCodePage, &whole);
+    OldTextFromUtf8Options options;
+    options.nThreads = 2;
+    options.splitAt = at;
+    bool bUsed = true;
+    options.pbSplitUsed = &bUsed;
+    EXPECT_EQ(OldTextFromUtf8(utf8, defaultCodePage, options, &parts), expected) << "cut at " << at;
+    EXPECT_EQ(parts.nUnencodable, whole.nUnencodable) << "cut at " << at;
+    EXPECT_EQ(parts.nInvalid, whole.nInvalid) << "cut at " << at;
+    return bUsed;
+}
+
+// Whether `at` starts a command that is not inside another one.
+bool StartsCommandOutsideCommands(const std::string& text, std::size_t at)
+{
+    const std::size_t lastStart = at == 0 ? std::string::npos : text.rfind('\x01', at - 1);
+    const std::size_t lastEnd = at == 0 ? std::string::npos : text.rfind('\x02', at - 1);
+    return text[at] == '\x01' && (lastStart == std::string::npos || (lastEnd != std::string::npos && lastEnd > lastStart));
+}
+
+} // namespace
+
+// Cut at every offset: inside a command and a font command, inside a
+// character of two, three and four bytes, just after a font command with a
+// character set of its own and one met before, in runs the page in force
+// cannot hold and no page holds, among bytes that are not UTF-8, in runs long
+// enough for the known steps; and in random, malformed text. Every cut before
+// a command of a well-formed text is used.
+TEST(ParallelConversion, OldTextFromUtf8CutAnywhereGivesTheOnePartText)
+{
+    const std::string russian = "\x01" "F12-B\xC3\x8A:Arial\x02", japanese = "\x01" "F---\xC3\x8B:\xEF\xBC\xAD\x02";
+    std::string wellFormed = "\xEF\xBB\xBF" "abc";
+    for (int round = 0; round < 2; ++round)
+        wellFormed += russian + "\xD0\x96\xD0\xB0 " + std::string(70, 'x') + "\x01" "P1\x02\xE8\xA1\xA8\xE8\xA1\xA8q" +
+                      "\x01" "CH:\xD0\x96\xF0\x9F\x98\x80\x03http://x/\x02\xF0\x9F\x98\x80" "a\xE9" "b\xC3" "c" + japanese +
+                      "\xE8\xA1\xA8\xEF\x82\x81 " + std::string(20, 'y') + "\x01" "F---:-\x02\xD0\x96\xC3\xA9" + russian;
+    // Font commands met before, each after a few words: taken by the steps
+    // that copy text and remembered commands together.
+    for (int round = 0; round < 3; ++round) wellFormed += "some words " + russian + "\xD0\xB0 more \x01" "F---:-\x02";
+    wellFormed += std::string(60, 'e');
+    const std::string malformed = "\x01" "F12-\xC3\x8A:\x01" "F---\xC3\x8B:-\x02\xD0\x96\x01P1" + std::string(80, 'z') +
+                                  "\x01" "F---:-\x02\xD0\x96\x01" "F1";
+    std::size_t nUsed = 0;
+    for (std::size_t at = 1; at < wellFormed.size(); ++at) {
+        const bool bUsed = ExpectSameInTwoParts(wellFormed, at);
+        nUsed += bUsed ? 1 : 0;
+        EXPECT_TRUE(bUsed || !StartsCommandOutsideCommands(wellFormed, at)) << "cut at " << at;
+    }
+    for (std::size_t at = 1; at < malformed.size(); ++at) ExpectSameInTwoParts(malformed, at);
+    EXPECT_GT(nUsed, 20u);
+    std::mt19937 rng(5);
+    for (int n = 0; n < 150 && !HasFailure(); ++n) {
+        const std::string text = RandomText(rng);
+        SCOPED_TRACE(::testing::PrintToString(text));
+        for (std::size_t at = 1; at < text.size(); ++at) ExpectSameInTwoParts(text, at, kDefaultPages[n % 3]);
+    }
+}
+
+// The corpus's old-format text as UTF-8, cut before its commands near an
+// eighth, a quarter, ... of it and at offsets in between: as one part. A
+// text of two megabytes or more is cut by the encoder near its middle,
+// before a command, where the second part is used; a shorter one is never
+// cut.
+TEST(ParallelConversion, OldTextFromUtf8InTwoPartsOnTheCorpus)
+{
+    const std::vector<std::string> files = CorpusRtfFiles();
+    ASSERT_GT(files.size(), 50u);
+    const std::size_t cbLarge = std::size_t(2) << 20;
+    std::size_t nUsed = 0;
+    std::string large;
+    for (const std::string& file : files) {
+        SCOPED_TRACE(file);
+        const std::string utf8 = OldTextToUtf8(OldTextOrEmpty(ReadFileBytes(file), true), 1252);
+        for (std::size_t eighth = 1; eighth < 8 && !utf8.empty(); ++eighth) {
+            const std::size_t command = utf8.find('\x01', utf8.size() * eighth / 8);
+            if (command != std::string::npos && command > 0) nUsed += ExpectSameInTwoParts(utf8, command) ? 1 : 0;
+            ExpectSameInTwoParts(utf8, utf8.size() * eighth / 8 + 1);
+        }
+        EXPECT_FALSE(ExpectSameInTwoParts(utf8, 0));
+        large += utf8;
+    }
+    EXPECT_GT(nUsed, files.size());
+    ASSERT_FALSE(large.empty());
+    while (large.size() < cbLarge) large += large;
+    ExpectSameInTwoParts(large, 0);
+    EXPECT_TRUE(ExpectSameInTwoParts(large, large.find('\x01', large.size() / 2)));
+    EXPECT_FALSE(ExpectSameInTwoParts(large.substr(0, cbLarge - 1), 0));
 }

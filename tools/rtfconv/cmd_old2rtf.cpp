@@ -12,11 +12,13 @@
 // library does without a filter.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "hostlibs/MFCKVUtils.h"
 #include "platform/ObjBase.h"
@@ -190,12 +192,23 @@ int DefaultCodePage(const Old2RtfOptions& options)
     return options.codePage.empty() ? 1252 : std::stoi(options.codePage);
 }
 
+// The threads the text of an input may be encoded on: a second core, when
+// there is one, for a single input; with several, -j's jobs take the cores.
+unsigned EncodingThreads(const IoOptions& io)
+{
+    if (io.inputs.size() > 1) return 1;
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    return io.jobs == 0 ? cores : std::min(cores, io.jobs);
+}
+
 // UTF-8 old-format text as the host's bytes; characters no code page in force
 // can hold fail the conversion, or with --lossy become '?' and a warning.
 std::string OldTextOfUtf8Input(const ToolContext& ctx, const Old2RtfOptions& options, const CConversion& conversion)
 {
     rtf_converter::OldTextFromUtf8Counts counts;
-    std::string text = rtf_converter::OldTextFromUtf8(conversion.Data(), DefaultCodePage(options), &counts);
+    rtf_converter::OldTextFromUtf8Options encoding;
+    encoding.nThreads = EncodingThreads(options.io);
+    std::string text = rtf_converter::OldTextFromUtf8(conversion.Data(), DefaultCodePage(options), encoding, &counts);
     const std::string name = DisplayName(conversion.Name());
     if (counts.nInvalid)
         PrintWarning(ctx, name + ": " + std::to_string(counts.nInvalid) +
