@@ -123,7 +123,9 @@ void AddIoOptions(CLI::App& cmd, IoOptions& io, InputKind kind)
         "are written one after another");
     outputDir->type_name("DIR");
     output->excludes(outputDir);
-    cmd.add_option("-j,--jobs", io.jobs, "With --output-dir, convert N files at once (default: the number of cores)")
+    cmd.add_option("-j,--jobs", io.jobs,
+                   "Threads to use: N files at once with --output-dir, two for one large old2rtf input; "
+                   "1 keeps one (default: the number of cores)")
         ->type_name("N")
         ->check(CLI::Range(1u, 1024u));
     cmd.add_flag("--progress", io.bProgress,
