@@ -492,20 +492,21 @@ private:
     // characters is not kept: it is rare, and its counts are then added
     // again by encoding it again.
     //
-    // Forty bytes hold a command with its size, colour, attributes and a
-    // face name of some twenty letters: nearly every one. Each word more
-    // costs every command met a few instructions; a longer command is
+    // Thirty-two bytes hold a command with its size, colour, attributes and
+    // a face name of some twenty letters: nearly every one. They are two
+    // blocks, each compared and stored in one step; a longer command is
     // encoded afresh each time.
-    static constexpr std::size_t kFontMemoWords = 5;
+    static constexpr std::size_t kFontMemoWords = 4;
     static constexpr std::size_t kMaxMemoCommand = kFontMemoWords * 8;
     using MemoWords = std::array<std::uint64_t, kFontMemoWords>;
-    struct FontCommandEncoding {
+    // Aligned so that a slot's source is compared block by block as it lies.
+    struct alignas(16) FontCommandEncoding {
         MemoWords source{};
         MemoWords bytes{};
         const CCodePage* pPage = nullptr;
         std::size_t cbBytes = 0;   // with the 0x02
         std::size_t cbSource = 0;  // with the 0x02
-        std::uint64_t pad[2] = {};  // to 128 bytes: a slot is found by a shift
+        std::uint64_t pad[4] = {};  // to 128 bytes: a slot is found by a shift
         // A bit for each byte of the source, which a command met again must
         // have the same: it then ends at the same 0x02, the source's only
         // one. An empty slot asks for a first byte 0, which no command has
@@ -548,18 +549,23 @@ private:
     {
         return end < m_in.size() && end + 1 - m_pos <= kMaxMemoCommand && m_in.size() - m_pos >= kMaxMemoCommand;
     }
-    // The slot of a command is chosen by its first 16 bytes up to its 0x02
-    // (size, colour, attributes and the face's first letters, which tell
-    // the commands of a text apart nearly always), so that a command met
-    // again is found before its end is: the top bits of its two words'
-    // hash pick the slot, as byte_scan::HashOfBlock does for the block.
-    std::size_t FontMemoIndexOfFirstWords(std::uint64_t lo, std::uint64_t hi) const
+    // The slot of a command is chosen by its first kcbFontMemoKey bytes as
+    // they lie (size, colour, attributes and the face's first letters, which
+    // tell the commands of a text apart nearly always), read as two words
+    // that overlap, so that a command met again is found before its end is
+    // and without cutting its bytes at it. A shorter command (a face name of
+    // a letter or two) is chosen by the bytes after it too: it is found
+    // again only when they are the same, and encoded again when they are
+    // not, which gives the same bytes.
+    static constexpr std::size_t kcbFontMemoKey = 14;
+    static_assert(kcbFontMemoKey >= 8 && kcbFontMemoKey <= kMaxMemoCommand, "the key's words lie within the bytes a memo command may read");
+    FontCommandEncoding& FontMemoSlotAt(const char* p) const
     {
-        return static_cast<std::size_t>(byte_scan::HashOfWords(lo, hi) >> m_fontMemoShift);
-    }
-    FontCommandEncoding& FontMemoSlotOf(const char* p, std::size_t cb) const
-    {
-        return m_fontMemo[FontMemoIndexOfFirstWords(MemoWordAt(p, cb, 0), MemoWordAt(p, cb, 1))];
+        std::uint64_t first;
+        std::uint64_t last;
+        std::memcpy(&first, p, 8);
+        std::memcpy(&last, p + kcbFontMemoKey - 8, 8);
+        return m_fontMemo[static_cast<std::size_t>((first ^ last) * 0x9e3779b97f4a7c15ull >> m_fontMemoShift)];
     }
     static bool Holds(const FontCommandEncoding& memo, const char* p, std::size_t cb)
     {
@@ -575,20 +581,21 @@ private:
     // kMaxMemoCommand bytes from p must be readable.
     const FontCommandEncoding* RememberedFontCommandAt(const char* p) const
     {
-        static_assert(kMaxMemoCommand == 40, "the memo's words in two blocks and a half");
-        const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        // The first block up to its first 0x02 (the whole block when the
-        // 0x02 is at its last byte or past it): the slot's key.
-        const __m128i key = byte_scan::ThroughFirst(first, CDocCmd::chCmdEnd);
-        const FontCommandEncoding& memo = m_fontMemo[static_cast<std::size_t>(byte_scan::HashOfBlock(key) >> m_fontMemoShift)];
+        static_assert(kMaxMemoCommand == 32, "the memo's words in two blocks");
+        const FontCommandEncoding& memo = FontMemoSlotAt(p);
         const __m128i* const held = reinterpret_cast<const __m128i*>(memo.source.data());
-        const auto sameBits = [](__m128i a, __m128i b) {
-            return static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, b))));
+        const auto sameBits = [](const char* pBlock, const __m128i* pHeld) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBlock));
+            return static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_load_si128(pHeld)))));
         };
-        const std::uint64_t same = sameBits(first, _mm_loadu_si128(held)) |
-                                   sameBits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), _mm_loadu_si128(held + 1)) << 16 |
-                                   sameBits(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 32)), _mm_loadl_epi64(held + 2)) << 32;
+        const std::uint64_t same = sameBits(p, held) | sameBits(p + 16, held + 1) << 16;
         return (memo.sourceBits & ~same) == 0 ? &memo : nullptr;
+    }
+
+    static bool IsFontCommandAt(const char* p)
+    {
+        static constexpr char kFontStart[2] = {CDocCmd::chCmdStart, CDocCmd::font};
+        return std::memcmp(p, kFontStart, sizeof kFontStart) == 0;
     }
 
     // A character of two or three bytes that the page holds, written as its
@@ -675,37 +682,39 @@ private:
             char* const w0 = m_out.Room(static_cast<std::size_t>(limit - p) + kcbStepStore);
             char* w = w0;
             while (p < limit) {
-                if (*p != CDocCmd::chCmdStart) {
-                    // Text up to a byte past ASCII or a command.
-                    const std::uint64_t stops = CopyAsciiBlocks(p, w, limit, commandStarts);
-                    if (stops == 0) continue;
-                    p += FirstStop(stops);
-                    w += FirstStop(stops);
-                    if (*p != CDocCmd::chCmdStart) {
-                        if (EncodeHeldCharacter(p, w, *pPage)) continue;
+                // Text up to a byte past ASCII or a command (a command at p
+                // stops the first block at once): the word after a font
+                // command is taken without a test of the byte it starts at.
+                const std::uint64_t stops = CopyAsciiBlocks(p, w, limit, commandStarts);
+                if (stops == 0) continue;
+                p += FirstStop(stops);
+                w += FirstStop(stops);
+                // A command at the limit is the next chunk's, or past the
+                // stop: the loop's test ends the chunk.
+                if (IsFontCommandAt(p)) {
+                    if (p >= limit) continue;
+                    const FontCommandEncoding* const pMemo = RememberedFontCommandAt(p);
+                    if (!pMemo) {
                         bStopped = true;
                         break;
                     }
-                    // A command at the limit is the next chunk's, or past
-                    // the stop: the loop's test ends the chunk.
-                    if (p >= limit) continue;
+                    pFontMemo = pMemo;
+                    fontOut = w;
+                    std::memcpy(w, pMemo->bytes.data(), kMaxMemoCommand);
+                    w += pMemo->cbBytes;
+                    pPage = pMemo->pPage;
+                    p += pMemo->cbSource;
+                    continue;
                 }
-                if (p[1] != CDocCmd::font) {
-                    if (CopyAsciiCommand(p, w, limit)) continue;
+                if (*p != CDocCmd::chCmdStart) {
+                    if (EncodeHeldCharacter(p, w, *pPage)) continue;
                     bStopped = true;
                     break;
                 }
-                const FontCommandEncoding* const pMemo = RememberedFontCommandAt(p);
-                if (!pMemo) {
-                    bStopped = true;
-                    break;
-                }
-                pFontMemo = pMemo;
-                fontOut = w;
-                std::memcpy(w, pMemo->bytes.data(), kMaxMemoCommand);
-                w += pMemo->cbBytes;
-                pPage = pMemo->pPage;
-                p += pMemo->cbSource;
+                if (p >= limit) continue;
+                if (CopyAsciiCommand(p, w, limit)) continue;
+                bStopped = true;
+                break;
             }
             if (fontOut) {
                 fontAt = at + static_cast<std::size_t>(fontOut - w0);
@@ -729,7 +738,7 @@ private:
     {
         const char* const pSource = m_in.data() + m_pos;
         const std::size_t cbSource = end + 1 - m_pos;
-        FontCommandEncoding* const pMemo = IsMemoCommand(end) ? &FontMemoSlotOf(pSource, cbSource) : nullptr;
+        FontCommandEncoding* const pMemo = IsMemoCommand(end) ? &FontMemoSlotAt(pSource) : nullptr;
         if (pMemo && Holds(*pMemo, pSource, cbSource)) {
             SetFontInForce(m_out.Size(), pMemo->cbBytes - 1);
             m_out.AppendBlock<kMaxMemoCommand>(reinterpret_cast<const char*>(pMemo->bytes.data()), pMemo->cbBytes);
