@@ -234,6 +234,57 @@ private:
     std::array<Answer, kSlots> m_answers;
 };
 
+// The bytes of the characters of two bytes of UTF-8 (U+0080 to U+07FF: the
+// accented letters of the Latin, Greek and Cyrillic scripts, most of a
+// text's characters past ASCII) in one page, found by the character alone:
+// each is worked out the first time it is met. The table is made when the
+// first one is.
+class CTwoByteCharacters {
+public:
+    explicit CTwoByteCharacters(const CCodePage& page) : m_page(page) {}
+    const CCodePage& Page() const { return m_page; }
+
+    // Stores the page's bytes for cp (U+0080 to U+07FF) at w, two bytes
+    // whatever their count; returns their count, 0 when the page holds no
+    // bytes for cp.
+    std::size_t Put(char32_t cp, char* w, CEncodingMemo& memo)
+    {
+        const Entry* pEntry = &m_pEntries[cp - kFirst];
+        if (pEntry->n == 0) {
+            if (pEntry->bKnown) return 0;
+            pEntry = &WorkOut(cp, memo);
+        }
+        std::memcpy(w, pEntry->bytes, 2);
+        return pEntry->n;
+    }
+
+private:
+    static constexpr char32_t kFirst = 0x80;
+    static constexpr std::size_t kCount = 0x800 - kFirst;
+    struct Entry {
+        unsigned char bytes[2];
+        unsigned char n;       // 0: none, or not known yet
+        unsigned char bKnown;
+    };
+    const Entry& WorkOut(char32_t cp, CEncodingMemo& memo)
+    {
+        if (m_entries.empty()) {
+            m_entries.resize(kCount);
+            m_pEntries = m_entries.data();
+        }
+        Entry& entry = m_entries[cp - kFirst];
+        const int n = memo.Encode(m_page, cp, entry.bytes);
+        entry.n = static_cast<unsigned char>(n > 0 ? n : 0);
+        entry.bKnown = 1;
+        return entry;
+    }
+
+    static constexpr Entry kNoneKnown[kCount] = {};
+    const CCodePage& m_page;
+    std::vector<Entry> m_entries;
+    const Entry* m_pEntries = kNoneKnown;  // nothing known until the table is made
+};
+
 // The encoded text, written through a cursor into the string's own bytes: it
 // is mostly short pieces (a command, a word), and appending each to the
 // string would cost a call and a check of its capacity of its own. The
@@ -504,9 +555,10 @@ private:
         MemoWords source{};
         MemoWords bytes{};
         const CCodePage* pPage = nullptr;
+        CTwoByteCharacters* pTwoByte = nullptr;  // of pPage
         std::size_t cbBytes = 0;   // with the 0x02
         std::size_t cbSource = 0;  // with the 0x02
-        std::uint64_t pad[4] = {};  // to 128 bytes: a slot is found by a shift
+        std::uint64_t pad[3] = {};  // to 128 bytes: a slot is found by a shift
         // A bit for each byte of the source, which a command met again must
         // have the same: it then ends at the same 0x02, the source's only
         // one. An empty slot asks for a first byte 0, which no command has
@@ -602,26 +654,25 @@ private:
     // bytes (one or two: never more than its UTF-8); false, with nothing
     // done, for any other, which EncodeRange takes. The three bytes from p
     // must be readable.
-    bool EncodeHeldCharacter(const char*& p, char*& w, const CCodePage& page)
+    bool EncodeHeldCharacter(const char*& p, char*& w, CTwoByteCharacters& twoByte)
     {
         const unsigned char b0 = static_cast<unsigned char>(p[0]);
         const unsigned char b1 = static_cast<unsigned char>(p[1]);
         if ((b1 & 0xC0) != 0x80) return false;
-        char32_t cp;
-        std::size_t cb;
         if (b0 >= 0xC2 && b0 <= 0xDF) {
-            cp = static_cast<char32_t>((b0 & 0x1F) << 6 | (b1 & 0x3F));
-            cb = 2;
-        } else if (b0 >= 0xE0 && b0 <= 0xEF && (static_cast<unsigned char>(p[2]) & 0xC0) == 0x80) {
-            cp = static_cast<char32_t>((b0 & 0x0F) << 12 | (b1 & 0x3F) << 6 | (static_cast<unsigned char>(p[2]) & 0x3F));
-            cb = 3;
-            // Overlong, or a surrogate: not UTF-8, which Next counts.
-            if (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-        } else {
-            return false;
+            const std::size_t n = twoByte.Put(static_cast<char32_t>((b0 & 0x1F) << 6 | (b1 & 0x3F)), w, m_encodingMemo);
+            if (n == 0) return false;
+            w += n;
+            p += 2;
+            return true;
         }
+        if (b0 < 0xE0 || b0 > 0xEF || (static_cast<unsigned char>(p[2]) & 0xC0) != 0x80) return false;
+        const char32_t cp = static_cast<char32_t>((b0 & 0x0F) << 12 | (b1 & 0x3F) << 6 | (static_cast<unsigned char>(p[2]) & 0x3F));
+        const std::size_t cb = 3;
+        // Overlong, or a surrogate: not UTF-8, which Next counts.
+        if (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
         unsigned char bytes[2];
-        const int n = m_encodingMemo.Encode(page, cp, bytes);
+        const int n = m_encodingMemo.Encode(twoByte.Page(), cp, bytes);
         if (n <= 0) return false;
         w[0] = static_cast<char>(bytes[0]);
         w[1] = static_cast<char>(bytes[1]);
@@ -666,7 +717,9 @@ private:
         const std::size_t lastAt = m_in.size() - kcbLook;
         const char* const last = begin + (m_pos < m_stop && m_stop < lastAt ? m_stop : lastAt);
         const char* p = begin + m_pos;
-        const CCodePage* pPage = m_pPage;
+        // The page in force is the last remembered command's, or the one
+        // in force before the first.
+        CTwoByteCharacters& twoByteBefore = TwoByteCharactersOf(*m_pPage);
         std::size_t fontAt = 0;
         std::size_t cbFont = 0;
         bool bFont = false;
@@ -702,12 +755,11 @@ private:
                     fontOut = w;
                     std::memcpy(w, pMemo->bytes.data(), kMaxMemoCommand);
                     w += pMemo->cbBytes;
-                    pPage = pMemo->pPage;
                     p += pMemo->cbSource;
                     continue;
                 }
                 if (*p != CDocCmd::chCmdStart) {
-                    if (EncodeHeldCharacter(p, w, *pPage)) continue;
+                    if (EncodeHeldCharacter(p, w, pFontMemo ? *pFontMemo->pTwoByte : twoByteBefore)) continue;
                     bStopped = true;
                     break;
                 }
@@ -725,7 +777,7 @@ private:
             m_out.Commit(w);
         }
         m_pos = static_cast<std::size_t>(p - begin);
-        m_pPage = pPage;
+        if (pFontMemo) m_pPage = pFontMemo->pPage;
         if (bFont) SetFontInForce(fontAt, cbFont);
     }
 #else
@@ -767,6 +819,15 @@ private:
         pMemo->cbSource = cbSource;
         pMemo->sourceBits = (std::uint64_t(1) << cbSource) - 1;
         pMemo->pPage = m_pPage;
+        pMemo->pTwoByte = &TwoByteCharactersOf(*m_pPage);
+    }
+
+    CTwoByteCharacters& TwoByteCharactersOf(const CCodePage& page)
+    {
+        for (const auto& pChars : m_twoByte)
+            if (&pChars->Page() == &page) return *pChars;
+        m_twoByte.push_back(std::make_unique<CTwoByteCharacters>(page));
+        return *m_twoByte.back();
     }
 
     // The font command in force is the last one written: where its bytes
@@ -886,6 +947,7 @@ private:
     std::unique_ptr<FontCommandEncoding[]> m_fontMemo;
     unsigned m_fontMemoShift;  // of a hash, to the bits that pick a slot
     CEncodingMemo m_encodingMemo;
+    std::vector<std::unique_ptr<CTwoByteCharacters>> m_twoByte;  // one for each page met, of the few a text uses
 };
 
 } // namespace
