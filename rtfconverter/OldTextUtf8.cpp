@@ -234,45 +234,56 @@ private:
     std::array<Answer, kSlots> m_answers;
 };
 
-// The bytes of the characters of two bytes of UTF-8 (U+0080 to U+07FF: the
-// accented letters of the Latin, Greek and Cyrillic scripts, most of a
-// text's characters past ASCII) in one page, found by the character alone:
-// each is worked out the first time it is met. The table is made when the
+// The bytes in one page of the characters past ASCII most texts use, found
+// by the character alone: those of two bytes of UTF-8 (U+0080 to U+07FF, the
+// accented letters of the Latin, Greek and Cyrillic scripts) and the
+// punctuation of U+2000 to U+20FF (dashes, quotes, bullets, the euro sign).
+// Each is worked out the first time it is met. The table is made when the
 // first one is.
-class CTwoByteCharacters {
+class CCommonCharacters {
 public:
-    explicit CTwoByteCharacters(const CCodePage& page) : m_page(page) {}
+    explicit CCommonCharacters(const CCodePage& page) : m_page(page) {}
     const CCodePage& Page() const { return m_page; }
+
+    static constexpr char32_t kFirstPunctuation = 0x2000;
+    static constexpr char32_t kLastPunctuation = 0x20FF;
 
     // Stores the page's bytes for cp (U+0080 to U+07FF) at w, two bytes
     // whatever their count; returns their count, 0 when the page holds no
     // bytes for cp.
-    std::size_t Put(char32_t cp, char* w, CEncodingMemo& memo)
+    std::size_t Put(char32_t cp, char* w, CEncodingMemo& memo) { return PutAt(cp - kFirst, cp, w, memo); }
+    // The same for cp from U+2000 to U+20FF.
+    std::size_t PutPunctuation(char32_t cp, char* w, CEncodingMemo& memo)
     {
-        const Entry* pEntry = &m_pEntries[cp - kFirst];
-        if (pEntry->n == 0) {
-            if (pEntry->bKnown) return 0;
-            pEntry = &WorkOut(cp, memo);
-        }
-        std::memcpy(w, pEntry->bytes, 2);
-        return pEntry->n;
+        return PutAt(kTwoByteCount + (cp - kFirstPunctuation), cp, w, memo);
     }
 
 private:
     static constexpr char32_t kFirst = 0x80;
-    static constexpr std::size_t kCount = 0x800 - kFirst;
+    static constexpr std::size_t kTwoByteCount = 0x800 - kFirst;
+    static constexpr std::size_t kCount = kTwoByteCount + (kLastPunctuation - kFirstPunctuation + 1);
     struct Entry {
         unsigned char bytes[2];
         unsigned char n;       // 0: none, or not known yet
         unsigned char bKnown;
     };
-    const Entry& WorkOut(char32_t cp, CEncodingMemo& memo)
+    std::size_t PutAt(std::size_t index, char32_t cp, char* w, CEncodingMemo& memo)
+    {
+        const Entry* pEntry = &m_pEntries[index];
+        if (pEntry->n == 0) {
+            if (pEntry->bKnown) return 0;
+            pEntry = &WorkOut(index, cp, memo);
+        }
+        std::memcpy(w, pEntry->bytes, 2);
+        return pEntry->n;
+    }
+    const Entry& WorkOut(std::size_t index, char32_t cp, CEncodingMemo& memo)
     {
         if (m_entries.empty()) {
             m_entries.resize(kCount);
             m_pEntries = m_entries.data();
         }
-        Entry& entry = m_entries[cp - kFirst];
+        Entry& entry = m_entries[index];
         const int n = memo.Encode(m_page, cp, entry.bytes);
         entry.n = static_cast<unsigned char>(n > 0 ? n : 0);
         entry.bKnown = 1;
@@ -555,7 +566,7 @@ private:
         MemoWords source{};
         MemoWords bytes{};
         const CCodePage* pPage = nullptr;
-        CTwoByteCharacters* pTwoByte = nullptr;  // of pPage
+        CCommonCharacters* pCommon = nullptr;  // of pPage
         std::size_t cbBytes = 0;   // with the 0x02
         std::size_t cbSource = 0;  // with the 0x02
         std::uint64_t pad[3] = {};  // to 128 bytes: a slot is found by a shift
@@ -654,13 +665,13 @@ private:
     // bytes (one or two: never more than its UTF-8); false, with nothing
     // done, for any other, which EncodeRange takes. The three bytes from p
     // must be readable.
-    bool EncodeHeldCharacter(const char*& p, char*& w, CTwoByteCharacters& twoByte)
+    bool EncodeHeldCharacter(const char*& p, char*& w, CCommonCharacters& common)
     {
         const unsigned char b0 = static_cast<unsigned char>(p[0]);
         const unsigned char b1 = static_cast<unsigned char>(p[1]);
         if ((b1 & 0xC0) != 0x80) return false;
         if (b0 >= 0xC2 && b0 <= 0xDF) {
-            const std::size_t n = twoByte.Put(static_cast<char32_t>((b0 & 0x1F) << 6 | (b1 & 0x3F)), w, m_encodingMemo);
+            const std::size_t n = common.Put(static_cast<char32_t>((b0 & 0x1F) << 6 | (b1 & 0x3F)), w, m_encodingMemo);
             if (n == 0) return false;
             w += n;
             p += 2;
@@ -669,10 +680,17 @@ private:
         if (b0 < 0xE0 || b0 > 0xEF || (static_cast<unsigned char>(p[2]) & 0xC0) != 0x80) return false;
         const char32_t cp = static_cast<char32_t>((b0 & 0x0F) << 12 | (b1 & 0x3F) << 6 | (static_cast<unsigned char>(p[2]) & 0x3F));
         const std::size_t cb = 3;
+        if (cp >= CCommonCharacters::kFirstPunctuation && cp <= CCommonCharacters::kLastPunctuation) {
+            const std::size_t n = common.PutPunctuation(cp, w, m_encodingMemo);
+            if (n == 0) return false;
+            w += n;
+            p += cb;
+            return true;
+        }
         // Overlong, or a surrogate: not UTF-8, which Next counts.
         if (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
         unsigned char bytes[2];
-        const int n = m_encodingMemo.Encode(twoByte.Page(), cp, bytes);
+        const int n = m_encodingMemo.Encode(common.Page(), cp, bytes);
         if (n <= 0) return false;
         w[0] = static_cast<char>(bytes[0]);
         w[1] = static_cast<char>(bytes[1]);
@@ -719,7 +737,7 @@ private:
         const char* p = begin + m_pos;
         // The page in force is the last remembered command's, or the one
         // in force before the first.
-        CTwoByteCharacters& twoByteBefore = TwoByteCharactersOf(*m_pPage);
+        CCommonCharacters& commonBefore = CommonCharactersOf(*m_pPage);
         std::size_t fontAt = 0;
         std::size_t cbFont = 0;
         bool bFont = false;
@@ -759,7 +777,7 @@ private:
                     continue;
                 }
                 if (*p != CDocCmd::chCmdStart) {
-                    if (EncodeHeldCharacter(p, w, pFontMemo ? *pFontMemo->pTwoByte : twoByteBefore)) continue;
+                    if (EncodeHeldCharacter(p, w, pFontMemo ? *pFontMemo->pCommon : commonBefore)) continue;
                     bStopped = true;
                     break;
                 }
@@ -819,15 +837,15 @@ private:
         pMemo->cbSource = cbSource;
         pMemo->sourceBits = (std::uint64_t(1) << cbSource) - 1;
         pMemo->pPage = m_pPage;
-        pMemo->pTwoByte = &TwoByteCharactersOf(*m_pPage);
+        pMemo->pCommon = &CommonCharactersOf(*m_pPage);
     }
 
-    CTwoByteCharacters& TwoByteCharactersOf(const CCodePage& page)
+    CCommonCharacters& CommonCharactersOf(const CCodePage& page)
     {
-        for (const auto& pChars : m_twoByte)
+        for (const auto& pChars : m_common)
             if (&pChars->Page() == &page) return *pChars;
-        m_twoByte.push_back(std::make_unique<CTwoByteCharacters>(page));
-        return *m_twoByte.back();
+        m_common.push_back(std::make_unique<CCommonCharacters>(page));
+        return *m_common.back();
     }
 
     // The font command in force is the last one written: where its bytes
@@ -947,7 +965,7 @@ private:
     std::unique_ptr<FontCommandEncoding[]> m_fontMemo;
     unsigned m_fontMemoShift;  // of a hash, to the bits that pick a slot
     CEncodingMemo m_encodingMemo;
-    std::vector<std::unique_ptr<CTwoByteCharacters>> m_twoByte;  // one for each page met, of the few a text uses
+    std::vector<std::unique_ptr<CCommonCharacters>> m_common;  // one for each page met, of the few a text uses
 };
 
 } // namespace
