@@ -725,7 +725,7 @@ private:
         // remembered command it ends at, which is taken without going round
         // the loop again.
         constexpr std::size_t kcbLook = 16 + kMaxMemoCommand;
-        static_assert(kcbStepStore >= kMaxMemoCommand && kcbStepStore >= 16, "every store of a step fits");
+        static_assert(kcbStepStore >= 15 + kMaxMemoCommand, "every store of a step fits, a command begun past a chunk's limit too");
         if (m_in.size() - m_pos <= kcbLook) return;
         const char* const begin = m_in.data();
         // A look at or past the text's end less kcbLook reads past the
@@ -733,7 +733,19 @@ private:
         // is short of it: so text before a command at the stop, and a
         // command ending there, end the steps there.
         const std::size_t lastAt = m_in.size() - kcbLook;
-        const char* const last = begin + (m_pos < m_stop && m_stop < lastAt ? m_stop : lastAt);
+        if (m_pos < m_stop && m_stop < lastAt) TakeKnownSteps<true>(begin + m_stop);
+        else TakeKnownSteps<false>(begin + lastAt);
+    }
+
+    // The loop of EncodeKnownSteps, up to `last`, which is the stop when
+    // bStopAhead. A remembered font command the text before it ends at is
+    // taken at the limit of a chunk or past it, unless the stop is ahead:
+    // it is read within kcbLook of a block begun before the limit, and its
+    // bytes fit the room past the chunk's, after which the chunk ends.
+    template <bool bStopAhead>
+    void TakeKnownSteps(const char* const last)
+    {
+        const char* const begin = m_in.data();
         const char* p = begin + m_pos;
         // The page in force is the last remembered command's, or the one
         // in force before the first.
@@ -760,10 +772,10 @@ private:
                 if (stops == 0) continue;
                 p += FirstStop(stops);
                 w += FirstStop(stops);
-                // A command at the limit is the next chunk's, or past the
-                // stop: the loop's test ends the chunk.
+                // Another command at the limit is the next chunk's, or past
+                // the stop: the loop's test ends the chunk.
                 if (IsFontCommandAt(p)) {
-                    if (p >= limit) continue;
+                    if (bStopAhead && p >= limit) continue;
                     const FontCommandEncoding* const pMemo = RememberedFontCommandAt(p);
                     if (!pMemo) {
                         bStopped = true;
