@@ -124,6 +124,28 @@ inline std::uint64_t CopyAsciiBlocks(const char*& p, char*& w, const char* limit
     return stopped;
 }
 
+// The same for a run of text of any length, a word between two commands as
+// often as a paragraph: its first block alone, then two blocks a step while
+// p is before `limit`, which the two blocks at p may pass by 31 bytes. The
+// stops returned are those of the block that ends the run, or of the two
+// (the second's from bit 16 on).
+inline std::uint64_t CopyAsciiTextBlocks(const char*& p, char*& w, const char* limit, __m128i stops)
+{
+    const std::uint64_t stopped = CopyBlockAsciiStops(p, w, stops);
+    if (stopped != 0) return stopped;
+    for (p += 16, w += 16; p < limit; p += 32, w += 32) {
+        const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(w), v0);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(w + 16), v1);
+        const __m128i stops0 = _mm_or_si128(v0, _mm_cmpeq_epi8(v0, stops));
+        const __m128i stops1 = _mm_or_si128(v1, _mm_cmpeq_epi8(v1, stops));
+        if (_mm_movemask_epi8(_mm_or_si128(stops0, stops1)) != 0)
+            return static_cast<unsigned>(_mm_movemask_epi8(stops0)) | static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(stops1))) << 16;
+    }
+    return 0;
+}
+
 // A command at p other than a font command, all ASCII up to its 0x02 (a
 // layout command, a hyperlink), is the same bytes both ways: copied 16 bytes
 // a step as its end is looked for. False, with nothing done but stores past
@@ -721,11 +743,11 @@ private:
     static constexpr std::size_t kcbStepStore = 64;
     void EncodeKnownSteps()
     {
-        // The most a step reads: a block of text, and the bytes of the
+        // The most a step reads: two blocks of text, and the bytes of the
         // remembered command it ends at, which is taken without going round
         // the loop again.
-        constexpr std::size_t kcbLook = 16 + kMaxMemoCommand;
-        static_assert(kcbStepStore >= 15 + kMaxMemoCommand, "every store of a step fits, a command begun past a chunk's limit too");
+        constexpr std::size_t kcbLook = 32 + kMaxMemoCommand;
+        static_assert(kcbStepStore >= 31 + kMaxMemoCommand, "every store of a step fits, a command begun past a chunk's limit too");
         if (m_in.size() - m_pos <= kcbLook) return;
         const char* const begin = m_in.data();
         // A look at or past the text's end less kcbLook reads past the
@@ -740,8 +762,9 @@ private:
     // The loop of EncodeKnownSteps, up to `last`, which is the stop when
     // bStopAhead. A remembered font command the text before it ends at is
     // taken at the limit of a chunk or past it, unless the stop is ahead:
-    // it is read within kcbLook of a block begun before the limit, and its
-    // bytes fit the room past the chunk's, after which the chunk ends.
+    // it is read within kcbLook of the blocks of text begun before the
+    // limit, and its bytes fit the room past the chunk's, after which the
+    // chunk ends.
     template <bool bStopAhead>
     void TakeKnownSteps(const char* const last)
     {
@@ -768,7 +791,7 @@ private:
                 // Text up to a byte past ASCII or a command (a command at p
                 // stops the first block at once): the word after a font
                 // command is taken without a test of the byte it starts at.
-                const std::uint64_t stops = CopyAsciiBlocks(p, w, limit, commandStarts);
+                const std::uint64_t stops = CopyAsciiTextBlocks(p, w, limit, commandStarts);
                 if (stops == 0) continue;
                 p += FirstStop(stops);
                 w += FirstStop(stops);
