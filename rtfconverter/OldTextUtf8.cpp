@@ -721,6 +721,37 @@ private:
         return true;
     }
 
+    // A comment command at p (a numbering, a hyperlink) whose text past
+    // ASCII the page in force holds: its ASCII copied as CopyAsciiCommand
+    // does, and those characters written as in text. False, with p and w as
+    // they were, at anything else (a character the page does not hold,
+    // which becomes '?', counted; bytes that are not UTF-8; its end not
+    // found in the blocks from before `limit` on).
+    bool CopyHeldComment(const char*& p, char*& w, const char* limit, CCommonCharacters& common)
+    {
+        if (p[1] != CDocCmd::comment) return false;
+        const __m128i commandEnds = byte_scan::Splat(CDocCmd::chCmdEnd);
+        const char* q = p;
+        char* v = w;
+        while (q < limit) {
+            const std::uint64_t stops = CopyBlockAsciiStops(q, v, commandEnds);
+            if (stops == 0) {
+                q += 16;
+                v += 16;
+                continue;
+            }
+            q += FirstStop(stops);
+            v += FirstStop(stops);
+            if (*q == CDocCmd::chCmdEnd) {
+                p = q + 1;
+                w = v + 1;
+                return true;
+            }
+            if (!EncodeHeldCharacter(q, v, common)) return false;
+        }
+        return false;
+    }
+
     // Nearly all of a document is a few letters of text, mostly ASCII,
     // between two font commands met before. One loop takes those through
     // cursors of its own: the state it changes (the page in force, the font
@@ -818,6 +849,7 @@ private:
                 }
                 if (p >= limit) continue;
                 if (CopyAsciiCommand(p, w, limit)) continue;
+                if (CopyHeldComment(p, w, limit, pFontMemo ? *pFontMemo->pCommon : commonBefore)) continue;
                 bStopped = true;
                 break;
             }

@@ -233,7 +233,8 @@ TEST(OldTextUtf8, TheSameCharacterInPagesTakenInTurn)
 // and a longer one) with a letter that differs from one meeting to the next
 // and characters held or not by the page (the first and the accented
 // letters of two bytes, the punctuation of U+2000 to U+20FF, those just
-// outside them, bytes that are not UTF-8), gives the bytes and counts it
+// outside them, bytes that are not UTF-8, in text and in comment
+// commands), gives the bytes and counts it
 // gives alone, met again and again in a long text.
 TEST(OldTextUtf8, PiecesMetAgainFarFromTheEnd)
 {
@@ -246,6 +247,8 @@ TEST(OldTextUtf8, PiecesMetAgainFarFromTheEnd)
         {arial, "\xE2\x80\x93\xE2\x82\xAC\xE2\x80\x90"},
         {base, "\xC2\x80\xDF\xBF\xE2\x83\xBF\xE2\x84\x80"},
         {ansi, "\xE0\x80\x80" "a\xE2\x80" "b"},
+        {ansi, Cmd("CN:\xC2\xB7\x03\x03" "a") + "t"},
+        {russian, Cmd("CH:\xD0\x96\xE2\x80\xA2\x03http://a") + Cmd("CH:\xD0\x96\xC3\xA4\x03x")},
     };
     std::string utf8, old;
     OldTextFromUtf8Counts alone;
