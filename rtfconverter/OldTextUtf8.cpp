@@ -650,7 +650,7 @@ private:
         std::uint64_t last;
         std::memcpy(&first, p, 8);
         std::memcpy(&last, p + kcbFontMemoKey - 8, 8);
-        return m_fontMemo[static_cast<std::size_t>((first ^ last) * 0x9e3779b97f4a7c15ull >> m_fontMemoShift)];
+        return m_fontMemo[static_cast<std::size_t>(byte_scan::HashOfWord(first ^ last) >> m_fontMemoShift)];
     }
     static bool Holds(const FontCommandEncoding& memo, const char* p, std::size_t cb)
     {
@@ -677,6 +677,7 @@ private:
         return (memo.sourceBits & ~same) == 0 ? &memo : nullptr;
     }
 
+    // Its two bytes compared as one.
     static bool IsFontCommandAt(const char* p)
     {
         static constexpr char kFontStart[2] = {CDocCmd::chCmdStart, CDocCmd::font};
