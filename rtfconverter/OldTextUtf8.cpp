@@ -124,6 +124,28 @@ inline std::uint64_t CopyAsciiBlocks(const char*& p, char*& w, const char* limit
     return stopped;
 }
 
+// The same for a run of text of any length, a word between two commands as
+// often as a paragraph: its first block alone, then two blocks a step while
+// p is before `limit`, which the two blocks at p may pass by 31 bytes. The
+// stops returned are those of the block that ends the run, or of the two
+// (the second's from bit 16 on).
+inline std::uint64_t CopyAsciiTextBlocks(const char*& p, char*& w, const char* limit, __m128i stops)
+{
+    const std::uint64_t stopped = CopyBlockAsciiStops(p, w, stops);
+    if (stopped != 0) return stopped;
+    for (p += 16, w += 16; p < limit; p += 32, w += 32) {
+        const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(w), v0);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(w + 16), v1);
+        const __m128i stops0 = _mm_or_si128(v0, _mm_cmpeq_epi8(v0, stops));
+        const __m128i stops1 = _mm_or_si128(v1, _mm_cmpeq_epi8(v1, stops));
+        if (_mm_movemask_epi8(_mm_or_si128(stops0, stops1)) != 0)
+            return static_cast<unsigned>(_mm_movemask_epi8(stops0)) | static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(stops1))) << 16;
+    }
+    return 0;
+}
+
 // A command at p other than a font command, all ASCII up to its 0x02 (a
 // layout command, a hyperlink), is the same bytes both ways: copied 16 bytes
 // a step as its end is looked for. False, with nothing done but stores past
@@ -232,6 +254,68 @@ private:
     };
     static constexpr std::size_t kSlots = 256;
     std::array<Answer, kSlots> m_answers;
+};
+
+// The bytes in one page of the characters past ASCII most texts use, found
+// by the character alone: those of two bytes of UTF-8 (U+0080 to U+07FF, the
+// accented letters of the Latin, Greek and Cyrillic scripts) and the
+// punctuation of U+2000 to U+20FF (dashes, quotes, bullets, the euro sign).
+// Each is worked out the first time it is met. The table is made when the
+// first one is.
+class CCommonCharacters {
+public:
+    explicit CCommonCharacters(const CCodePage& page) : m_page(page) {}
+    const CCodePage& Page() const { return m_page; }
+
+    static constexpr char32_t kFirstPunctuation = 0x2000;
+    static constexpr char32_t kLastPunctuation = 0x20FF;
+
+    // Stores the page's bytes for cp (U+0080 to U+07FF) at w, two bytes
+    // whatever their count; returns their count, 0 when the page holds no
+    // bytes for cp.
+    std::size_t Put(char32_t cp, char* w, CEncodingMemo& memo) { return PutAt(cp - kFirst, cp, w, memo); }
+    // The same for cp from U+2000 to U+20FF.
+    std::size_t PutPunctuation(char32_t cp, char* w, CEncodingMemo& memo)
+    {
+        return PutAt(kTwoByteCount + (cp - kFirstPunctuation), cp, w, memo);
+    }
+
+private:
+    static constexpr char32_t kFirst = 0x80;
+    static constexpr std::size_t kTwoByteCount = 0x800 - kFirst;
+    static constexpr std::size_t kCount = kTwoByteCount + (kLastPunctuation - kFirstPunctuation + 1);
+    struct Entry {
+        unsigned char bytes[2];
+        unsigned char n;       // 0: none, or not known yet
+        unsigned char bKnown;
+    };
+    std::size_t PutAt(std::size_t index, char32_t cp, char* w, CEncodingMemo& memo)
+    {
+        const Entry* pEntry = &m_pEntries[index];
+        if (pEntry->n == 0) {
+            if (pEntry->bKnown) return 0;
+            pEntry = &WorkOut(index, cp, memo);
+        }
+        std::memcpy(w, pEntry->bytes, 2);
+        return pEntry->n;
+    }
+    const Entry& WorkOut(std::size_t index, char32_t cp, CEncodingMemo& memo)
+    {
+        if (m_entries.empty()) {
+            m_entries.resize(kCount);
+            m_pEntries = m_entries.data();
+        }
+        Entry& entry = m_entries[index];
+        const int n = memo.Encode(m_page, cp, entry.bytes);
+        entry.n = static_cast<unsigned char>(n > 0 ? n : 0);
+        entry.bKnown = 1;
+        return entry;
+    }
+
+    static constexpr Entry kNoneKnown[kCount] = {};
+    const CCodePage& m_page;
+    std::vector<Entry> m_entries;
+    const Entry* m_pEntries = kNoneKnown;  // nothing known until the table is made
 };
 
 // The encoded text, written through a cursor into the string's own bytes: it
@@ -492,20 +576,22 @@ private:
     // characters is not kept: it is rare, and its counts are then added
     // again by encoding it again.
     //
-    // Forty bytes hold a command with its size, colour, attributes and a
-    // face name of some twenty letters: nearly every one. Each word more
-    // costs every command met a few instructions; a longer command is
+    // Thirty-two bytes hold a command with its size, colour, attributes and
+    // a face name of some twenty letters: nearly every one. They are two
+    // blocks, each compared and stored in one step; a longer command is
     // encoded afresh each time.
-    static constexpr std::size_t kFontMemoWords = 5;
+    static constexpr std::size_t kFontMemoWords = 4;
     static constexpr std::size_t kMaxMemoCommand = kFontMemoWords * 8;
     using MemoWords = std::array<std::uint64_t, kFontMemoWords>;
-    struct FontCommandEncoding {
+    // Aligned so that a slot's source is compared block by block as it lies.
+    struct alignas(16) FontCommandEncoding {
         MemoWords source{};
         MemoWords bytes{};
         const CCodePage* pPage = nullptr;
+        CCommonCharacters* pCommon = nullptr;  // of pPage
         std::size_t cbBytes = 0;   // with the 0x02
         std::size_t cbSource = 0;  // with the 0x02
-        std::uint64_t pad[2] = {};  // to 128 bytes: a slot is found by a shift
+        std::uint64_t pad[3] = {};  // to 128 bytes: a slot is found by a shift
         // A bit for each byte of the source, which a command met again must
         // have the same: it then ends at the same 0x02, the source's only
         // one. An empty slot asks for a first byte 0, which no command has
@@ -548,18 +634,23 @@ private:
     {
         return end < m_in.size() && end + 1 - m_pos <= kMaxMemoCommand && m_in.size() - m_pos >= kMaxMemoCommand;
     }
-    // The slot of a command is chosen by its first 16 bytes up to its 0x02
-    // (size, colour, attributes and the face's first letters, which tell
-    // the commands of a text apart nearly always), so that a command met
-    // again is found before its end is: the top bits of its two words'
-    // hash pick the slot, as byte_scan::HashOfBlock does for the block.
-    std::size_t FontMemoIndexOfFirstWords(std::uint64_t lo, std::uint64_t hi) const
+    // The slot of a command is chosen by its first kcbFontMemoKey bytes as
+    // they lie (size, colour, attributes and the face's first letters, which
+    // tell the commands of a text apart nearly always), read as two words
+    // that overlap, so that a command met again is found before its end is
+    // and without cutting its bytes at it. A shorter command (a face name of
+    // a letter or two) is chosen by the bytes after it too: it is found
+    // again only when they are the same, and encoded again when they are
+    // not, which gives the same bytes.
+    static constexpr std::size_t kcbFontMemoKey = 14;
+    static_assert(kcbFontMemoKey >= 8 && kcbFontMemoKey <= kMaxMemoCommand, "the key's words lie within the bytes a memo command may read");
+    FontCommandEncoding& FontMemoSlotAt(const char* p) const
     {
-        return static_cast<std::size_t>(byte_scan::HashOfWords(lo, hi) >> m_fontMemoShift);
-    }
-    FontCommandEncoding& FontMemoSlotOf(const char* p, std::size_t cb) const
-    {
-        return m_fontMemo[FontMemoIndexOfFirstWords(MemoWordAt(p, cb, 0), MemoWordAt(p, cb, 1))];
+        std::uint64_t first;
+        std::uint64_t last;
+        std::memcpy(&first, p, 8);
+        std::memcpy(&last, p + kcbFontMemoKey - 8, 8);
+        return m_fontMemo[static_cast<std::size_t>(byte_scan::HashOfWord(first ^ last) >> m_fontMemoShift)];
     }
     static bool Holds(const FontCommandEncoding& memo, const char* p, std::size_t cb)
     {
@@ -575,52 +666,91 @@ private:
     // kMaxMemoCommand bytes from p must be readable.
     const FontCommandEncoding* RememberedFontCommandAt(const char* p) const
     {
-        static_assert(kMaxMemoCommand == 40, "the memo's words in two blocks and a half");
-        const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        // The first block up to its first 0x02 (the whole block when the
-        // 0x02 is at its last byte or past it): the slot's key.
-        const __m128i key = byte_scan::ThroughFirst(first, CDocCmd::chCmdEnd);
-        const FontCommandEncoding& memo = m_fontMemo[static_cast<std::size_t>(byte_scan::HashOfBlock(key) >> m_fontMemoShift)];
+        static_assert(kMaxMemoCommand == 32, "the memo's words in two blocks");
+        const FontCommandEncoding& memo = FontMemoSlotAt(p);
         const __m128i* const held = reinterpret_cast<const __m128i*>(memo.source.data());
-        const auto sameBits = [](__m128i a, __m128i b) {
-            return static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, b))));
+        const auto sameBits = [](const char* pBlock, const __m128i* pHeld) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBlock));
+            return static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_load_si128(pHeld)))));
         };
-        const std::uint64_t same = sameBits(first, _mm_loadu_si128(held)) |
-                                   sameBits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), _mm_loadu_si128(held + 1)) << 16 |
-                                   sameBits(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 32)), _mm_loadl_epi64(held + 2)) << 32;
+        const std::uint64_t same = sameBits(p, held) | sameBits(p + 16, held + 1) << 16;
         return (memo.sourceBits & ~same) == 0 ? &memo : nullptr;
+    }
+
+    // Its two bytes compared as one.
+    static bool IsFontCommandAt(const char* p)
+    {
+        static constexpr char kFontStart[2] = {CDocCmd::chCmdStart, CDocCmd::font};
+        return std::memcmp(p, kFontStart, sizeof kFontStart) == 0;
     }
 
     // A character of two or three bytes that the page holds, written as its
     // bytes (one or two: never more than its UTF-8); false, with nothing
     // done, for any other, which EncodeRange takes. The three bytes from p
     // must be readable.
-    bool EncodeHeldCharacter(const char*& p, char*& w, const CCodePage& page)
+    bool EncodeHeldCharacter(const char*& p, char*& w, CCommonCharacters& common)
     {
         const unsigned char b0 = static_cast<unsigned char>(p[0]);
         const unsigned char b1 = static_cast<unsigned char>(p[1]);
         if ((b1 & 0xC0) != 0x80) return false;
-        char32_t cp;
-        std::size_t cb;
         if (b0 >= 0xC2 && b0 <= 0xDF) {
-            cp = static_cast<char32_t>((b0 & 0x1F) << 6 | (b1 & 0x3F));
-            cb = 2;
-        } else if (b0 >= 0xE0 && b0 <= 0xEF && (static_cast<unsigned char>(p[2]) & 0xC0) == 0x80) {
-            cp = static_cast<char32_t>((b0 & 0x0F) << 12 | (b1 & 0x3F) << 6 | (static_cast<unsigned char>(p[2]) & 0x3F));
-            cb = 3;
-            // Overlong, or a surrogate: not UTF-8, which Next counts.
-            if (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-        } else {
-            return false;
+            const std::size_t n = common.Put(static_cast<char32_t>((b0 & 0x1F) << 6 | (b1 & 0x3F)), w, m_encodingMemo);
+            if (n == 0) return false;
+            w += n;
+            p += 2;
+            return true;
         }
+        if (b0 < 0xE0 || b0 > 0xEF || (static_cast<unsigned char>(p[2]) & 0xC0) != 0x80) return false;
+        const char32_t cp = static_cast<char32_t>((b0 & 0x0F) << 12 | (b1 & 0x3F) << 6 | (static_cast<unsigned char>(p[2]) & 0x3F));
+        const std::size_t cb = 3;
+        if (cp >= CCommonCharacters::kFirstPunctuation && cp <= CCommonCharacters::kLastPunctuation) {
+            const std::size_t n = common.PutPunctuation(cp, w, m_encodingMemo);
+            if (n == 0) return false;
+            w += n;
+            p += cb;
+            return true;
+        }
+        // Overlong, or a surrogate: not UTF-8, which Next counts.
+        if (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
         unsigned char bytes[2];
-        const int n = m_encodingMemo.Encode(page, cp, bytes);
+        const int n = m_encodingMemo.Encode(common.Page(), cp, bytes);
         if (n <= 0) return false;
         w[0] = static_cast<char>(bytes[0]);
         w[1] = static_cast<char>(bytes[1]);
         w += n;
         p += cb;
         return true;
+    }
+
+    // A comment command at p (a numbering, a hyperlink) whose text past
+    // ASCII the page in force holds: its ASCII copied as CopyAsciiCommand
+    // does, and those characters written as in text. False, with p and w as
+    // they were, at anything else (a character the page does not hold,
+    // which becomes '?', counted; bytes that are not UTF-8; its end not
+    // found in the blocks from before `limit` on).
+    bool CopyHeldComment(const char*& p, char*& w, const char* limit, CCommonCharacters& common)
+    {
+        if (p[1] != CDocCmd::comment) return false;
+        const __m128i commandEnds = byte_scan::Splat(CDocCmd::chCmdEnd);
+        const char* q = p;
+        char* v = w;
+        while (q < limit) {
+            const std::uint64_t stops = CopyBlockAsciiStops(q, v, commandEnds);
+            if (stops == 0) {
+                q += 16;
+                v += 16;
+                continue;
+            }
+            q += FirstStop(stops);
+            v += FirstStop(stops);
+            if (*q == CDocCmd::chCmdEnd) {
+                p = q + 1;
+                w = v + 1;
+                return true;
+            }
+            if (!EncodeHeldCharacter(q, v, common)) return false;
+        }
+        return false;
     }
 
     // Nearly all of a document is a few letters of text, mostly ASCII,
@@ -645,11 +775,11 @@ private:
     static constexpr std::size_t kcbStepStore = 64;
     void EncodeKnownSteps()
     {
-        // The most a step reads: a block of text, and the bytes of the
+        // The most a step reads: two blocks of text, and the bytes of the
         // remembered command it ends at, which is taken without going round
         // the loop again.
-        constexpr std::size_t kcbLook = 16 + kMaxMemoCommand;
-        static_assert(kcbStepStore >= kMaxMemoCommand && kcbStepStore >= 16, "every store of a step fits");
+        constexpr std::size_t kcbLook = 32 + kMaxMemoCommand;
+        static_assert(kcbStepStore >= 31 + kMaxMemoCommand, "every store of a step fits, a command begun past a chunk's limit too");
         if (m_in.size() - m_pos <= kcbLook) return;
         const char* const begin = m_in.data();
         // A look at or past the text's end less kcbLook reads past the
@@ -657,9 +787,24 @@ private:
         // is short of it: so text before a command at the stop, and a
         // command ending there, end the steps there.
         const std::size_t lastAt = m_in.size() - kcbLook;
-        const char* const last = begin + (m_pos < m_stop && m_stop < lastAt ? m_stop : lastAt);
+        if (m_pos < m_stop && m_stop < lastAt) TakeKnownSteps<true>(begin + m_stop);
+        else TakeKnownSteps<false>(begin + lastAt);
+    }
+
+    // The loop of EncodeKnownSteps, up to `last`, which is the stop when
+    // bStopAhead. A remembered font command the text before it ends at is
+    // taken at the limit of a chunk or past it, unless the stop is ahead:
+    // it is read within kcbLook of the blocks of text begun before the
+    // limit, and its bytes fit the room past the chunk's, after which the
+    // chunk ends.
+    template <bool bStopAhead>
+    void TakeKnownSteps(const char* const last)
+    {
+        const char* const begin = m_in.data();
         const char* p = begin + m_pos;
-        const CCodePage* pPage = m_pPage;
+        // The page in force is the last remembered command's, or the one
+        // in force before the first.
+        CCommonCharacters& commonBefore = CommonCharactersOf(*m_pPage);
         std::size_t fontAt = 0;
         std::size_t cbFont = 0;
         bool bFont = false;
@@ -675,37 +820,39 @@ private:
             char* const w0 = m_out.Room(static_cast<std::size_t>(limit - p) + kcbStepStore);
             char* w = w0;
             while (p < limit) {
-                if (*p != CDocCmd::chCmdStart) {
-                    // Text up to a byte past ASCII or a command.
-                    const std::uint64_t stops = CopyAsciiBlocks(p, w, limit, commandStarts);
-                    if (stops == 0) continue;
-                    p += FirstStop(stops);
-                    w += FirstStop(stops);
-                    if (*p != CDocCmd::chCmdStart) {
-                        if (EncodeHeldCharacter(p, w, *pPage)) continue;
+                // Text up to a byte past ASCII or a command (a command at p
+                // stops the first block at once): the word after a font
+                // command is taken without a test of the byte it starts at.
+                const std::uint64_t stops = CopyAsciiTextBlocks(p, w, limit, commandStarts);
+                if (stops == 0) continue;
+                p += FirstStop(stops);
+                w += FirstStop(stops);
+                // Another command at the limit is the next chunk's, or past
+                // the stop: the loop's test ends the chunk.
+                if (IsFontCommandAt(p)) {
+                    if (bStopAhead && p >= limit) continue;
+                    const FontCommandEncoding* const pMemo = RememberedFontCommandAt(p);
+                    if (!pMemo) {
                         bStopped = true;
                         break;
                     }
-                    // A command at the limit is the next chunk's, or past
-                    // the stop: the loop's test ends the chunk.
-                    if (p >= limit) continue;
+                    pFontMemo = pMemo;
+                    fontOut = w;
+                    std::memcpy(w, pMemo->bytes.data(), kMaxMemoCommand);
+                    w += pMemo->cbBytes;
+                    p += pMemo->cbSource;
+                    continue;
                 }
-                if (p[1] != CDocCmd::font) {
-                    if (CopyAsciiCommand(p, w, limit)) continue;
+                if (*p != CDocCmd::chCmdStart) {
+                    if (EncodeHeldCharacter(p, w, pFontMemo ? *pFontMemo->pCommon : commonBefore)) continue;
                     bStopped = true;
                     break;
                 }
-                const FontCommandEncoding* const pMemo = RememberedFontCommandAt(p);
-                if (!pMemo) {
-                    bStopped = true;
-                    break;
-                }
-                pFontMemo = pMemo;
-                fontOut = w;
-                std::memcpy(w, pMemo->bytes.data(), kMaxMemoCommand);
-                w += pMemo->cbBytes;
-                pPage = pMemo->pPage;
-                p += pMemo->cbSource;
+                if (p >= limit) continue;
+                if (CopyAsciiCommand(p, w, limit)) continue;
+                if (CopyHeldComment(p, w, limit, pFontMemo ? *pFontMemo->pCommon : commonBefore)) continue;
+                bStopped = true;
+                break;
             }
             if (fontOut) {
                 fontAt = at + static_cast<std::size_t>(fontOut - w0);
@@ -716,7 +863,7 @@ private:
             m_out.Commit(w);
         }
         m_pos = static_cast<std::size_t>(p - begin);
-        m_pPage = pPage;
+        if (pFontMemo) m_pPage = pFontMemo->pPage;
         if (bFont) SetFontInForce(fontAt, cbFont);
     }
 #else
@@ -729,7 +876,7 @@ private:
     {
         const char* const pSource = m_in.data() + m_pos;
         const std::size_t cbSource = end + 1 - m_pos;
-        FontCommandEncoding* const pMemo = IsMemoCommand(end) ? &FontMemoSlotOf(pSource, cbSource) : nullptr;
+        FontCommandEncoding* const pMemo = IsMemoCommand(end) ? &FontMemoSlotAt(pSource) : nullptr;
         if (pMemo && Holds(*pMemo, pSource, cbSource)) {
             SetFontInForce(m_out.Size(), pMemo->cbBytes - 1);
             m_out.AppendBlock<kMaxMemoCommand>(reinterpret_cast<const char*>(pMemo->bytes.data()), pMemo->cbBytes);
@@ -758,6 +905,15 @@ private:
         pMemo->cbSource = cbSource;
         pMemo->sourceBits = (std::uint64_t(1) << cbSource) - 1;
         pMemo->pPage = m_pPage;
+        pMemo->pCommon = &CommonCharactersOf(*m_pPage);
+    }
+
+    CCommonCharacters& CommonCharactersOf(const CCodePage& page)
+    {
+        for (const auto& pChars : m_common)
+            if (&pChars->Page() == &page) return *pChars;
+        m_common.push_back(std::make_unique<CCommonCharacters>(page));
+        return *m_common.back();
     }
 
     // The font command in force is the last one written: where its bytes
@@ -877,6 +1033,7 @@ private:
     std::unique_ptr<FontCommandEncoding[]> m_fontMemo;
     unsigned m_fontMemoShift;  // of a hash, to the bits that pick a slot
     CEncodingMemo m_encodingMemo;
+    std::vector<std::unique_ptr<CCommonCharacters>> m_common;  // one for each page met, of the few a text uses
 };
 
 } // namespace

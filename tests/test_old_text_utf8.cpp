@@ -3,7 +3,9 @@
 // same characters through the lossless writer and the importer.
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "old_to_rtf_helpers.h"
@@ -223,6 +225,48 @@ TEST(OldTextUtf8, TheSameCharacterInPagesTakenInTurn)
         EXPECT_EQ(counts.nUnencodable, 0u);
         EXPECT_EQ(OldTextToUtf8(row.old, 1252), row.utf8);
     }
+}
+
+// Far from the end of the text, where characters past ASCII and font
+// commands are taken a block at a time: each piece, a font command (short
+// ones, whose slot among those remembered the text after them helps choose,
+// and a longer one) with a letter that differs from one meeting to the next
+// and characters held or not by the page (the first and the accented
+// letters of two bytes, the punctuation of U+2000 to U+20FF, those just
+// outside them, bytes that are not UTF-8, in text and in comment
+// commands), gives the bytes and counts it
+// gives alone, met again and again in a long text.
+TEST(OldTextUtf8, PiecesMetAgainFarFromTheEnd)
+{
+    const std::string base = Cmd("F---:-"), ansi = Cmd("F---\xC3\x80:-"), russian = Cmd("F---\xC3\x8A:-");
+    const std::string arial = Cmd("F12-B\xC3\x80:Arial");
+    const std::pair<std::string, std::string> pieces[] = {
+        {base, "caf\xC3\xA9 "},
+        {ansi, "\xD0\x96\xD0\x96 x"},
+        {russian, "\xD0\x96" "a\xC3\xA9"},
+        {arial, "\xE2\x80\x93\xE2\x82\xAC\xE2\x80\x90"},
+        {base, "\xC2\x80\xDF\xBF\xE2\x83\xBF\xE2\x84\x80"},
+        {ansi, "\xE0\x80\x80" "a\xE2\x80" "b"},
+        {ansi, Cmd("CN:\xC2\xB7\x03\x03" "a") + "t"},
+        {russian, Cmd("CH:\xD0\x96\xE2\x80\xA2\x03http://a") + Cmd("CH:\xD0\x96\xC3\xA4\x03x")},
+    };
+    std::string utf8, old;
+    OldTextFromUtf8Counts alone;
+    for (std::size_t k = 0; k < 600; ++k) {
+        const auto& piece = pieces[k % std::size(pieces)];
+        const std::string one = piece.first + static_cast<char>('a' + k % 23) + piece.second;
+        OldTextFromUtf8Counts counts;
+        old += OldTextFromUtf8(one, 1252, &counts);
+        alone.nUnencodable += counts.nUnencodable;
+        alone.nInvalid += counts.nInvalid;
+        utf8 += one;
+    }
+    OldTextFromUtf8Counts counts;
+    EXPECT_EQ(OldTextFromUtf8(utf8, 1252, &counts), old);
+    EXPECT_EQ(counts.nUnencodable, alone.nUnencodable);
+    EXPECT_EQ(counts.nInvalid, alone.nInvalid);
+    EXPECT_GT(alone.nUnencodable, 0u);
+    EXPECT_GT(alone.nInvalid, 0u);
 }
 
 // The bytes of every page through the lossless writer and the importer: the
