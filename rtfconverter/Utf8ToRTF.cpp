@@ -198,9 +198,13 @@ public:
         char piece[kcbEntryPiece] = {};
     };
 
-    explicit CCharacterPieces(const CCodePage* pPage)
+    // For the text that starts at pText.
+    CCharacterPieces(const CCodePage* pPage, [[maybe_unused]] const unsigned char* pText)
         : m_pPage(pPage), m_characters(new Entry[kcEntries]), m_pairs(new Entry[kcEntries])
     {
+#if RTFCONV_SCAN_SSE2
+        m_pText = pText;
+#endif
     }
 
     // Writes the piece of the character at p (a byte from 0x80 up), or of
@@ -237,6 +241,8 @@ public:
     Written PutRun(const unsigned char* p, const unsigned char* end, char* out)
     {
         // The key's bytes, first byte lowest on this little-endian processor.
+        // Given up: character by character and pair by pair.
+        if (m_bRunsGivenUp) return PutFar(p, end, out);
         std::uint64_t word;
         std::memcpy(&word, p, sizeof word);
         // A character alone, the byte after it ASCII, as most are in a
@@ -332,6 +338,9 @@ private:
     // short text, or one without runs, costs no allocation for them.
     const RunEntry* m_runs = kNoRuns;
     std::unique_ptr<RunEntry[]> m_keptRuns;
+    const unsigned char* m_pText = nullptr;
+    std::size_t m_cRunsMissed = 0;
+    bool m_bRunsGivenUp = false;
 #endif
 };
 
@@ -437,6 +446,13 @@ inline const unsigned char* PutStop(const unsigned char* p, const unsigned char*
 [[gnu::noinline]] Written CCharacterPieces::PutNewRun(const unsigned char* p, const unsigned char* end, char* out,
                                                       std::uint64_t key, std::size_t cbKey)
 {
+    // In a language written in letters past ASCII, most runs are a part of
+    // a word met once, which costs more to keep than it saves: past one
+    // miss every kcbTextPerMiss bytes, runs are given up for the rest of the
+    // text, which is written character by character and pair by pair.
+    constexpr std::size_t kcFreeMisses = 256, kcbTextPerMiss = 256;
+    if (++m_cRunsMissed > kcFreeMisses && m_cRunsMissed * kcbTextPerMiss > static_cast<std::size_t>(p - m_pText))
+        m_bRunsGivenUp = true;
     const unsigned char* const keyEnd = p + cbKey;
     const unsigned char* q = p;
     char* o = out;
@@ -649,8 +665,8 @@ void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CStr
     // no large allocation each; the head always fits.
     CBlock block(std::min(kcbBlock, static_cast<std::size_t>(kcbHeadRoom + opening.GetLength()) +
                                         5 * std::min(cbText, kcbBlock)));
-    CCharacterPieces pieces(m_pPage);
     const unsigned char* const begin = reinterpret_cast<const unsigned char*>(pText);
+    CCharacterPieces pieces(m_pPage, begin);
     const unsigned char* const end = begin + cbText;
     const unsigned char* p = begin;
     auto handOn = [&] {
