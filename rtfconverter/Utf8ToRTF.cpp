@@ -174,7 +174,7 @@ constexpr unsigned kcRunsLog2 = 10;
 constexpr std::size_t kcRuns = std::size_t(1) << kcRunsLog2;
 // Never written (only read, through pointers to const); not const itself,
 // so that it takes no room in the program file.
-RunEntry kNoRuns[kcRuns];
+RunEntry s_noRuns[kcRuns];
 #endif
 
 // The pieces of the characters met lately, so that a text in one script
@@ -240,9 +240,9 @@ public:
     // for the pieces of the bytes taken.
     Written PutRun(const unsigned char* p, const unsigned char* end, char* out)
     {
-        // The key's bytes, first byte lowest on this little-endian processor.
         // Given up: character by character and pair by pair.
         if (m_bRunsGivenUp) return PutFar(p, end, out);
+        // The key's bytes, first byte lowest on this little-endian processor.
         std::uint64_t word;
         std::memcpy(&word, p, sizeof word);
         // A character alone, the byte after it ASCII, as most are in a
@@ -313,6 +313,7 @@ private:
     }
     Written PutNewRun(const unsigned char* p, const unsigned char* end, char* out, std::uint64_t key,
                       std::size_t cbKey);
+    // A run of eight bytes or more, rarer: out of line.
     [[gnu::noinline]] Written PutLongRun(const unsigned char* p, const unsigned char* end, char* out,
                                          std::uint64_t word)
     {
@@ -336,7 +337,7 @@ private:
 #if RTFCONV_SCAN_SSE2
     // Looked up in an empty table until the first run is kept, so that a
     // short text, or one without runs, costs no allocation for them.
-    const RunEntry* m_runs = kNoRuns;
+    const RunEntry* m_runs = s_noRuns;
     std::unique_ptr<RunEntry[]> m_keptRuns;
     const unsigned char* m_pText = nullptr;
     std::size_t m_cRunsMissed = 0;
@@ -519,6 +520,8 @@ constexpr std::size_t kcbStepRoom = kcbStepText * kcbLongestPiece + kcbWindow;
 // A run's piece, written whole, is for at least two bytes of text.
 static_assert(kcbRunPiece <= 2 * kcbLongestPiece, "a run's piece within the room of its bytes");
 static_assert(CCharacterPieces::kcbRunReach < kcbStepReach, "a run's key read within a step's reach");
+// A block just handed on has room for a step: WriteBody never hands on an empty one.
+static_assert(kcbHeadRoom >= kcbStepRoom, "a fresh block's room for a step");
 
 // Writes the pieces of the text from p on, a window of kcbWindow bytes a
 // step, while the text and the block's room last for a step, and returns
