@@ -161,6 +161,22 @@ struct Written {
     char* out;
 };
 
+#if RTFCONV_SCAN_SSE2
+// A run of characters past ASCII, and its pieces.
+constexpr std::size_t kcbRunPiece = 32;
+struct RunEntry {
+    std::uint64_t key;  // the run's bytes, first byte lowest; 0, never a run (its first byte is past ASCII), marks an empty entry
+    unsigned char cbText;
+    unsigned char cb;
+    char piece[kcbRunPiece];
+};
+constexpr unsigned kcRunsLog2 = 10;
+constexpr std::size_t kcRuns = std::size_t(1) << kcRunsLog2;
+// Never written (only read, through pointers to const); not const itself,
+// so that it takes no room in the program file.
+RunEntry s_noRuns[kcRuns];
+#endif
+
 // The pieces of the characters met lately, so that a text in one script
 // looks each of its letters up in the code page once, not at every
 // occurrence. A table indexed by a hash of the character's bytes as they
@@ -182,9 +198,13 @@ public:
         char piece[kcbEntryPiece] = {};
     };
 
-    explicit CCharacterPieces(const CCodePage* pPage)
+    // For the text that starts at pText.
+    CCharacterPieces(const CCodePage* pPage, [[maybe_unused]] const unsigned char* pText)
         : m_pPage(pPage), m_characters(new Entry[kcEntries]), m_pairs(new Entry[kcEntries])
     {
+#if RTFCONV_SCAN_SSE2
+        m_pText = pText;
+#endif
     }
 
     // Writes the piece of the character at p (a byte from 0x80 up), or of
@@ -209,6 +229,39 @@ public:
         }
         return PutCharacter(p, end, out, word);
     }
+#if RTFCONV_SCAN_SSE2
+    // The pieces of the characters past ASCII that follow one another from
+    // p, as far as eight bytes: a word of them, such as three accented
+    // letters or a few of another alphabet, known by one load and one
+    // comparison, where character by character takes a step of the caller's
+    // each. Only bytes past ASCII: a key that took in the tabs and line ends
+    // around them would meet too many combinations to be met again. At least
+    // kcbRunReach bytes before the end; `out` has room for kcbRunPiece and
+    // for the pieces of the bytes taken.
+    Written PutRun(const unsigned char* p, const unsigned char* end, char* out)
+    {
+        // Given up: character by character and pair by pair.
+        if (m_bRunsGivenUp) return PutFar(p, end, out);
+        // The key's bytes, first byte lowest on this little-endian processor.
+        std::uint64_t word;
+        std::memcpy(&word, p, sizeof word);
+        // A character alone, the byte after it ASCII, as most are in a
+        // language written mostly in ASCII: its own entry, found sooner.
+        if ((word & kAfterFirst[p[0] >> 4]) == 0) return PutCharacter(p, end, out, static_cast<std::uint32_t>(word));
+        const std::uint64_t ascii = ~word & 0x8080808080808080u;
+        if (ascii == 0) return PutLongRun(p, end, out, word);
+        // The bytes before the first ASCII one: below the top bit of that
+        // byte's lowest bit.
+        const std::uint64_t key = word & (((ascii & (0 - ascii)) >> 7) - 1);
+        const RunEntry& run = m_runs[RunSlotOf(key)];
+        if (run.key != key) return PutNewRun(p, end, out, key, static_cast<std::size_t>(__builtin_ctzll(ascii)) / 8);
+        std::memcpy(out, run.piece, kcbRunPiece);
+        return {p + run.cbText, out + run.cb};
+    }
+    // The longest run PutRun takes, and how far it reads: the byte after it.
+    static constexpr std::size_t kcbRunKey = 8;
+    static constexpr std::size_t kcbRunReach = kcbRunKey + 1;
+#endif
 
 private:
     // The four bytes at p, first byte lowest, put together byte by byte, the
@@ -237,6 +290,41 @@ private:
     // would take several steps.
     static std::size_t SlotOf(std::uint32_t key) { return (key * 0x70D07EBBu) >> (32 - kcEntriesLog2); }
 
+#if RTFCONV_SCAN_SSE2
+    // A run of characters keyed by its first kcbRunKey bytes or fewer: so many
+    // that no character is cut, so that a long run in one script has its
+    // keys start where its characters do, and meets them again.
+    static std::size_t KeyLengthOfLongRun(const unsigned char* p)
+    {
+        std::size_t cb = kcbRunKey;
+        while (cb > 1 && IsUtf8TrailByte(p[cb])) --cb;
+        return cb;
+    }
+    // The top bit of the byte after the character whose first byte has
+    // this high half, 8 to F (one byte for one that starts no sequence).
+    static constexpr std::uint64_t kAfterFirst[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0x8000, 0x8000, 0x8000, 0x8000,
+                                                      0x800000, 0x800000, 0x80000000, 0x8000000000};
+    // The key's first n bytes, for n from 1 to kcbRunKey.
+    static constexpr std::uint64_t kKeyMasks[kcbRunKey + 1] = {0, 0xFF, 0xFFFF, 0xFFFFFF, 0xFFFFFFFF, 0xFFFFFFFFFF,
+                                                                0xFFFFFFFFFFFF, 0xFFFFFFFFFFFFFF, ~std::uint64_t(0)};
+    static std::size_t RunSlotOf(std::uint64_t key)
+    {
+        return static_cast<std::size_t>((key * 0x9E3779B97F4A7C15u) >> (64 - kcRunsLog2));
+    }
+    Written PutNewRun(const unsigned char* p, const unsigned char* end, char* out, std::uint64_t key,
+                      std::size_t cbKey);
+    // A run of eight bytes or more, rarer: out of line.
+    [[gnu::noinline]] Written PutLongRun(const unsigned char* p, const unsigned char* end, char* out,
+                                         std::uint64_t word)
+    {
+        const std::size_t cbKey = KeyLengthOfLongRun(p);
+        const std::uint64_t key = word & kKeyMasks[cbKey];
+        const RunEntry& run = m_runs[RunSlotOf(key)];
+        if (run.key != key) return PutNewRun(p, end, out, key, cbKey);
+        std::memcpy(out, run.piece, kcbRunPiece);
+        return {p + run.cbText, out + run.cb};
+    }
+#endif
     Written PutNew(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t key);
     Written PutNewPair(const unsigned char* p, const unsigned char* end, char* out, std::uint32_t word);
     Written PutDecoded(const unsigned char* p, const unsigned char* end, char* out) const;
@@ -246,6 +334,15 @@ private:
     const CCodePage* m_pPage;
     std::unique_ptr<Entry[]> m_characters;
     std::unique_ptr<Entry[]> m_pairs;
+#if RTFCONV_SCAN_SSE2
+    // Looked up in an empty table until the first run is kept, so that a
+    // short text, or one without runs, costs no allocation for them.
+    const RunEntry* m_runs = s_noRuns;
+    std::unique_ptr<RunEntry[]> m_keptRuns;
+    const unsigned char* m_pText = nullptr;
+    std::size_t m_cRunsMissed = 0;
+    bool m_bRunsGivenUp = false;
+#endif
 };
 
 // A character not met lately, or not well formed: kept when its piece fits an entry.
@@ -308,20 +405,25 @@ const unsigned char* PutOtherCharacters(CCharacterPieces& pieces, const unsigned
 // What each ASCII byte that ends a run of printable ASCII is written as: a
 // line end or a tab as its keyword, \ { and } escaped, 0x17 (never part of
 // the host's text) as nothing, | ~ DEL and the other controls as they are.
-// Eight bytes an entry, copied whole.
+// Eight bytes an entry, copied whole. CR and NUL, whose handling depends
+// on more than the byte, are marked `rare`, so that the other stops take
+// one test rather than one for each.
 struct StopPiece {
-    char text[7];
+    char text[6];
+    bool rare;
     unsigned char cb;
 };
 constexpr struct StopPieces {
     StopPiece pieces[128];
     constexpr StopPieces() : pieces()
     {
-        for (int b = 0; b < 128; ++b) pieces[b] = {{static_cast<char>(b)}, 1};
-        pieces[0x09] = {{'\\', 't', 'a', 'b', ' '}, 5};
-        pieces[0x0A] = pieces[0x0D] = {{'\\', 'p', 'a', 'r', ' '}, 5};  // a CR before LF is skipped
-        pieces[0x17] = {{}, 0};
-        for (const char ch : {'\\', '{', '}'}) pieces[static_cast<int>(ch)] = {{'\\', ch}, 2};
+        for (int b = 0; b < 128; ++b) pieces[b] = {{static_cast<char>(b)}, false, 1};
+        pieces[0x00] = {{}, true, 0};  // the end of the text, as for a C string
+        pieces[0x09] = {{'\\', 't', 'a', 'b', ' '}, false, 5};
+        pieces[0x0A] = {{'\\', 'p', 'a', 'r', ' '}, false, 5};
+        pieces[0x0D] = {{'\\', 'p', 'a', 'r', ' '}, true, 5};  // an LF after it is skipped
+        pieces[0x17] = {{}, false, 0};
+        for (const char ch : {'\\', '{', '}'}) pieces[static_cast<int>(ch)] = {{'\\', ch}, false, 2};
     }
 } kStopPieces;
 
@@ -337,6 +439,49 @@ inline const unsigned char* PutStop(const unsigned char* p, const unsigned char*
 }
 
 #if RTFCONV_SCAN_SSE2
+// A run not met lately: its characters one by one, and the run kept when
+// its pieces depend on the key's bytes alone: not when the key ends inside
+// a character or holds a byte that starts no well-formed sequence (whose
+// piece the bytes past the key may decide).
+// Out of line: inlined, it crowds the registers of the dense steps.
+[[gnu::noinline]] Written CCharacterPieces::PutNewRun(const unsigned char* p, const unsigned char* end, char* out,
+                                                      std::uint64_t key, std::size_t cbKey)
+{
+    // In a language written in letters past ASCII, most runs are a part of
+    // a word met once, which costs more to keep than it saves: past one
+    // miss every kcbTextPerMiss bytes, runs are given up for the rest of the
+    // text, which is written character by character and pair by pair.
+    constexpr std::size_t kcFreeMisses = 256, kcbTextPerMiss = 256;
+    if (++m_cRunsMissed > kcFreeMisses && m_cRunsMissed * kcbTextPerMiss > static_cast<std::size_t>(p - m_pText))
+        m_bRunsGivenUp = true;
+    const unsigned char* const keyEnd = p + cbKey;
+    const unsigned char* q = p;
+    char* o = out;
+    bool keep = true;
+    while (q < keyEnd) {
+        // A pair only when it ends inside the key.
+        const Written written = keyEnd - q >= 4 ? PutFar(q, end, o) : PutCharacter(q, end, o, WordAt(q));
+        keep = keep && written.next != q + 1;
+        q = written.next;
+        o = written.out;
+    }
+    const std::size_t cb = static_cast<std::size_t>(o - out);
+    if (keep && q == keyEnd && cb <= kcbRunPiece) {
+        if (!m_keptRuns) {
+            // Only the keys need a value: a piece is read after its key matches.
+            m_keptRuns.reset(new RunEntry[kcRuns]);
+            for (std::size_t k = 0; k < kcRuns; ++k) m_keptRuns[k].key = 0;
+            m_runs = m_keptRuns.get();
+        }
+        RunEntry& run = m_keptRuns[RunSlotOf(key)];
+        run.key = key;
+        run.cbText = static_cast<unsigned char>(cbKey);
+        run.cb = static_cast<unsigned char>(cb);
+        std::memcpy(run.piece, out, cb);
+    }
+    return {q, o};
+}
+
 // The stops of the run scan in WriteBody among 16 bytes: those outside
 // 0x20..'z', and the backslash. Moved up by 0x60, that range is -128..-38
 // as signed bytes: one comparison finds the bytes outside it.
@@ -364,14 +509,19 @@ inline void CopyRunTail(char* to, const unsigned char* from, std::size_t cb)
 }
 
 // A step takes at most this many bytes of the text: its window, and the
-// rest of a pair of characters begun at its last byte.
-constexpr std::size_t kcbStepText = kcbWindow + 3;
-// And reads at most this far: 16 bytes are copied from after that pair, a
+// rest of a run of characters begun at its last byte.
+constexpr std::size_t kcbStepText = kcbWindow + CCharacterPieces::kcbRunKey - 1;
+// And reads at most this far: 16 bytes are copied from after that run, a
 // run in the window reads up to 15 bytes past it.
 constexpr std::size_t kcbStepReach = kcbStepText + 16;
 // And writes at most this far: a piece of at most kcbLongestPiece (written
 // whole) for each of its bytes, and a run copied after the last.
 constexpr std::size_t kcbStepRoom = kcbStepText * kcbLongestPiece + kcbWindow;
+// A run's piece, written whole, is for at least two bytes of text.
+static_assert(kcbRunPiece <= 2 * kcbLongestPiece, "a run's piece within the room of its bytes");
+static_assert(CCharacterPieces::kcbRunReach < kcbStepReach, "a run's key read within a step's reach");
+// A block just handed on has room for a step: WriteBody never hands on an empty one.
+static_assert(kcbHeadRoom >= kcbStepRoom, "a fresh block's room for a step");
 
 // Writes the pieces of the text from p on, a window of kcbWindow bytes a
 // step, while the text and the block's room last for a step, and returns
@@ -416,14 +566,21 @@ const unsigned char* PutDenseText(CCharacterPieces& pieces, const unsigned char*
                 const unsigned char* next = done + cbRun;
                 out += cbRun;
                 if (*next >= 0x80) {
-                    const Written written = pieces.PutFar(next, end, out);
+                    const Written written = pieces.PutRun(next, end, out);
                     next = written.next;
                     out = written.out;
-                } else if (*next != 0) {
-                    next = PutStop(next, end, out);
                 } else {
-                    block.Advance(static_cast<std::size_t>(out - block.Cursor()));
-                    return next;  // the end of the text, as for a C string
+                    const StopPiece& piece = kStopPieces.pieces[*next];
+                    std::memcpy(out, &piece, sizeof piece);
+                    out += piece.cb;
+                    if (piece.rare) {
+                        if (*next == 0) {
+                            block.Advance(static_cast<std::size_t>(out - block.Cursor()));
+                            return next;  // the end of the text, as for a C string
+                        }
+                        next += next[1] == 0x0A;  // CR LF, one line end
+                    }
+                    ++next;
                 }
                 Copy16(out, next);
                 stops >>= next - done;  // at most kcbStepText
@@ -511,8 +668,8 @@ void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CStr
     // no large allocation each; the head always fits.
     CBlock block(std::min(kcbBlock, static_cast<std::size_t>(kcbHeadRoom + opening.GetLength()) +
                                         5 * std::min(cbText, kcbBlock)));
-    CCharacterPieces pieces(m_pPage);
     const unsigned char* const begin = reinterpret_cast<const unsigned char*>(pText);
+    CCharacterPieces pieces(m_pPage, begin);
     const unsigned char* const end = begin + cbText;
     const unsigned char* p = begin;
     auto handOn = [&] {
@@ -530,6 +687,9 @@ void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CStr
         // Most of the text; the rest, near the end of the text or of the
         // block's room, or at a NUL, below, a run and a stop at a time.
         p = PutDenseText(pieces, p, end, block);
+        // A block is handed on as soon as a step no longer fits: its last
+        // few hundred bytes a run and a stop at a time would cost more.
+        if (block.Room() < kcbStepRoom && p < end && *p != 0) handOn();
 #endif
         if (block.Room() < 2 * kcbLongestPiece) handOn();
         const std::size_t cbMost = std::min(static_cast<std::size_t>(end - p), block.Room() - kcbLongestPiece);

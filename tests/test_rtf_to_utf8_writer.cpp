@@ -99,6 +99,17 @@ PiecesText PiecesAmongRuns(std::size_t cbTotal, std::size_t cbFill)
         {"\xc3\xa9\xd0\x9f\xe2\x80\x94\xc3\xa9", "\\'e9\\u1055?\\'97\\'e9"}, {"\xc3\xa9\xc3!", "\\'e9\\u-3?!"},
         {"\xe2\x80!", "\\u-3?\\u-3?!"}, {"\xc0\xa9!", "\\u-3?\\u-3?!"}, {"\xed\xa0\x80!", "\\u-3?\\u-3?\\u-3?!"},
         {"\xf4\x90\x80\x80!", "\\u-3?\\u-3?\\u-3?\\u-3?!"},
+        // Words longer than eight bytes, one with a character across the
+        // eighth; one with a byte that starts no sequence amid well-formed
+        // ones; a word of three letters and a bullet, each with a tab.
+        {"\xce\xb1\xce\xb2\xce\xb3\xe2\x80\x94\xce\xb1", "\\u945?\\u946?\\u947?\\'97\\u945?"},
+        {"\xce\xb1\xce\xb2\xce\xb3\xce\xb4\xce\xb5", "\\u945?\\u946?\\u947?\\u948?\\u949?"},
+        {"\xc3\xa9\xc3\xc3\xa9", "\\'e9\\u-3?\\'e9"}, {"\xc3\xa4\xc3\xb6\xc3\xbc\t", "\\'e4\\'f6\\'fc\\tab "},
+        {"\xe2\x80\xa2\t", "\\'95\\tab "},
+        // A lead and eight trail bytes, first not well formed, then well
+        // formed with the same lead: nothing of the first is kept for it.
+        {"\xe0\x80\x80\x80\x80\x80\x80\x80\x80!", "\\u-3?\\u-3?\\u-3?\\u-3?\\u-3?\\u-3?\\u-3?\\u-3?\\u-3?!"},
+        {"\xe0\xa0\x80\x80\x80\x80\x80\x80\x80!", "\\u2048?\\u-3?\\u-3?\\u-3?\\u-3?\\u-3?\\u-3?!"},
     };
     PiecesText made;
     for (std::size_t i = 0; made.text.size() < cbTotal; ++i) {
