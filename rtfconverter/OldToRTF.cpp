@@ -104,16 +104,24 @@ const char* SkipPlainBytes(const char* p, const char* pEnd, bool bLossless)
                           : byte_scan::LengthBeforeControlOr(p, cb, '\\', '{', '}'));
 }
 
-// The top bits of the bytes from 0x80 up that a run lets pass, by the
-// writer: all of them for the default writer, none for the lossless one.
-struct alignas(16) HighBytesPassing {
-    unsigned char bytes[2][16];
-    constexpr HighBytesPassing() : bytes()
+// The control bytes that stop a run, by the writer, found by one signed
+// compare: a byte with its top bit flipped (for the default writer, which
+// lets the bytes from 0x80 up pass, so that the compare is an unsigned one)
+// below the writer's limit (0x20 flipped too; for the lossless writer, which
+// escapes them, the bytes from 0x80 up are below 0x20 as signed bytes).
+struct alignas(16) RunControlStops {
+    unsigned char flip[2][16];
+    unsigned char limit[2][16];
+    constexpr RunControlStops() : flip(), limit()
     {
-        for (unsigned char& b : bytes[0]) b = 0x80;
+        for (int i = 0; i < 16; ++i) {
+            flip[0][i] = 0x80;
+            limit[0][i] = 0x20 ^ 0x80;
+            limit[1][i] = 0x20;
+        }
     }
 };
-constexpr HighBytesPassing kHighBytesPassing;
+constexpr RunControlStops kRunControlStops;
 
 // The bytes the lossless writer escapes within a run of text.
 bool IsEscapedInRun(char ch)
@@ -1092,14 +1100,13 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
     RememberedFontCmd* const slots = m_rememberedFontCmds.get();
     // The bytes a run stops at, as SkipPlainBytes finds them: the control
     // bytes, the RTF specials, and for the lossless writer, which escapes
-    // them, the bytes from 0x80 up. As signed bytes, control and high bytes
-    // are those below 0x20; the default writer lets the high ones pass.
-    const __m128i highPasses = _mm_load_si128(reinterpret_cast<const __m128i*>(kHighBytesPassing.bytes[m_bLossless ? 1 : 0]));
-    const __m128i controlOrHigh = _mm_set1_epi8(0x20);
+    // them, the bytes from 0x80 up (see RunControlStops).
+    const __m128i flip = _mm_load_si128(reinterpret_cast<const __m128i*>(kRunControlStops.flip[m_bLossless ? 1 : 0]));
+    const __m128i limit = _mm_load_si128(reinterpret_cast<const __m128i*>(kRunControlStops.limit[m_bLossless ? 1 : 0]));
     while (p <= pLastStep && pOut <= pLastOut) {
         const __m128i run = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        __m128i stops = _mm_andnot_si128(_mm_and_si128(run, highPasses), _mm_cmplt_epi8(run, controlOrHigh));
-        stops = _mm_or_si128(stops, _mm_or_si128(byte_scan::Is(run, '\\'), _mm_or_si128(byte_scan::Is(run, '{'), byte_scan::Is(run, '}'))));
+        const __m128i stops = _mm_or_si128(_mm_or_si128(_mm_cmplt_epi8(_mm_xor_si128(run, flip), limit), byte_scan::Is(run, '\\')),
+                                           _mm_or_si128(byte_scan::Is(run, '{'), byte_scan::Is(run, '}')));
         const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(stops));
         if (mask == 0) {
             p += kcbShortRun;
