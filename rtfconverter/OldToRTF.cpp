@@ -1064,13 +1064,15 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 
 // After a font command met before, ending at pRun: the text of a document
 // in many fonts is mostly a run of a few plain bytes, then another such
-// command or a tab, line feed or paragraph mark. Each such step is written
-// here in a loop of its own, which keeps the place it writes at in a
-// register and checks the room once a step for the most a step writes: the
-// run is found and copied as one block of kcbShortRun bytes, a command known
-// by its first bytes (see RememberedFontCmdAt) and its words or the mark's
-// word written behind the run. A step it does not take is left to the scan:
-// a longer run, one with a byte the scan acts on, another command, too little
+// command, a tab, line feed or paragraph mark, or a byte written escaped (an
+// RTF special; for the lossless writer a byte from 0x80 up, as in a word
+// with an accent). Each such step is written here in a loop of its own,
+// which keeps the place it writes at in a register and checks the room once
+// a step for the most a step writes: the run is found and copied as one
+// block of kcbShortRun bytes, a command known by its first bytes (see
+// RememberedFontCmdAt) and its words, the mark's word or the escape written
+// behind the run. A step it does not take is left to the scan: a longer
+// run, one with another byte the scan acts on, another command, too little
 // text left for the blocks or too little room in the quick buffer. Returns where the scan goes on, with
 // pRun the start of the run pending there: the bytes between are plain, so
 // that the block looked at is not scanned again. The runs' last byte and
@@ -1082,12 +1084,28 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 #if RTFCONV_SCAN_SSE2
     // The most a step writes: a run's block, then a command's words.
     constexpr std::size_t kcbStep = kcbShortRun + CWordBuffer::kcbWords;
+    static_assert(kcbMaxEscape <= CWordBuffer::kcbWords, "an escape writes less than a command");
     static_assert(kcbShortRun == 16, "a run is one block");
     // The text's NUL is at pTextEnd: a run's block and the look from a
     // command within it stay before it up to the last step's start.
     constexpr std::size_t kcbTextStep = kcbShortRun + kcbFontCmdLook;
     if (static_cast<std::size_t>(pTextEnd - p) < kcbTextStep || m_cbQuickBuffer - m_dwQuickBufferPosition <= kcbStep) return p;
     const char* const pLastStep = pTextEnd - kcbTextStep;
+    // The bytes a run stops at, as SkipPlainBytes finds them: the control
+    // bytes, the RTF specials, and for the lossless writer, which escapes
+    // them, the bytes from 0x80 up (see RunControlStops).
+    const __m128i flip = _mm_load_si128(reinterpret_cast<const __m128i*>(kRunControlStops.flip[m_bLossless ? 1 : 0]));
+    const __m128i limit = _mm_load_si128(reinterpret_cast<const __m128i*>(kRunControlStops.limit[m_bLossless ? 1 : 0]));
+    auto stopsIn = [flip, limit](__m128i run) {
+        const __m128i stops = _mm_or_si128(_mm_or_si128(_mm_cmplt_epi8(_mm_xor_si128(run, flip), limit), byte_scan::Is(run, '\\')),
+                                           _mm_or_si128(byte_scan::Is(run, '{'), byte_scan::Is(run, '}')));
+        return static_cast<unsigned>(_mm_movemask_epi8(stops));
+    };
+    __m128i run = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    unsigned mask = stopsIn(run);
+    // A long run after the command, text in few fonts, is the scan's at once,
+    // before the loop takes its place and state.
+    if (mask == 0) return p + kcbShortRun;
     // The place written at, the character state in force and the slots stay
     // in registers or on the stack through the loop, and go back to the
     // members when it ends: the words are written through a char pointer,
@@ -1098,26 +1116,17 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
     CharacterParts partsInForce = m_inForce;
     unsigned char attributesInForce = m_attributes;
     RememberedFontCmd* const slots = m_rememberedFontCmds.get();
-    // The bytes a run stops at, as SkipPlainBytes finds them: the control
-    // bytes, the RTF specials, and for the lossless writer, which escapes
-    // them, the bytes from 0x80 up (see RunControlStops).
-    const __m128i flip = _mm_load_si128(reinterpret_cast<const __m128i*>(kRunControlStops.flip[m_bLossless ? 1 : 0]));
-    const __m128i limit = _mm_load_si128(reinterpret_cast<const __m128i*>(kRunControlStops.limit[m_bLossless ? 1 : 0]));
-    while (p <= pLastStep && pOut <= pLastOut) {
-        const __m128i run = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        const __m128i stops = _mm_or_si128(_mm_or_si128(_mm_cmplt_epi8(_mm_xor_si128(run, flip), limit), byte_scan::Is(run, '\\')),
-                                           _mm_or_si128(byte_scan::Is(run, '{'), byte_scan::Is(run, '}')));
-        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(stops));
-        if (mask == 0) {
-            p += kcbShortRun;
-            break;
-        }
+    for (;;) {
         const std::size_t cbRun = static_cast<std::size_t>(__builtin_ctz(mask));
         const char* const pStop = p + cbRun;
         const ByteClass c = kByteClass.cls[static_cast<unsigned char>(*pStop)];
+        // What follows the run: a line mark, a font command met before, or
+        // a byte written escaped (an RTF special, and for the lossless
+        // writer a byte from 0x80 up).
         const bool bMark = c == bcTab || c == bcLineFeed || c == bcReturn;
+        const bool bEscaped = c == bcEscaped || static_cast<unsigned char>(*pStop) > 0x7F;
         const RememberedFontCmd* pSlot = nullptr;
-        if (!bMark) {
+        if (!bMark && !bEscaped) {
             if (c != bcCmdStart || pStop[1] != CDocCmd::font) {
                 p = pStop;
                 break;
@@ -1140,9 +1149,36 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
             chLast = static_cast<unsigned char>(*pStop);
             ++nTextPos;
             p = pRun = pStop + 1;
+        } else if (bEscaped) {
+            // As the scan writes it: the default writer puts a backslash
+            // before the special, which then starts the next run; the
+            // lossless one escapes the byte, or a double-byte character,
+            // in the current font's page (see flushRunAndEscapes).
+            int nTaken = 1;
+            if (m_bLossless) {
+                m_inForce = partsInForce;
+                const bool bNextInRun = kRunByteClass.cls[static_cast<unsigned char>(pStop[1])] == bcPlain;
+                std::size_t cbEscape = 0;
+                nTaken = EscapeKeepingByte(PageOfCurrentFont(), pStop, bNextInRun, pOut, cbEscape);
+                pOut += cbEscape;
+            } else {
+                pOut[0] = '\\';
+                pOut[1] = *pStop;
+                pOut += 2;
+            }
+            nTextPos += static_cast<unsigned>(nTaken);
+            chLast = static_cast<unsigned char>(pStop[nTaken - 1]);
+            p = pRun = pStop + nTaken;
         } else {
             pOut += WriteFontWords(pSlot->words, partsInForce, attributesInForce, pOut);
             p = pRun = pStop + pSlot->cb;
+        }
+        if (p > pLastStep || pOut > pLastOut) break;
+        run = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        mask = stopsIn(run);
+        if (mask == 0) {
+            p += kcbShortRun;
+            break;
         }
     }
     m_dwQuickBufferPosition = static_cast<DWORD>(pOut - pQuick);
