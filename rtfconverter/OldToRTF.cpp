@@ -84,26 +84,6 @@ struct RunByteClassTable : ByteClassTable {
 };
 constexpr RunByteClassTable kRunByteClass;
 
-// The bytes below 0x20 and from 0x80 up: as signed bytes, those below 0x20.
-struct ControlOrHighBytes {
-    static bool Holds(char ch) { return static_cast<signed char>(ch) < 0x20; }
-#if RTFCONV_SCAN_SSE2
-    static __m128i Holds(__m128i v) { return _mm_cmplt_epi8(v, byte_scan::Splat(0x20)); }
-#endif
-};
-
-// Past the plain bytes from p up to pEnd: the scan stops at control bytes
-// (every byte it acts on but the specials is one) and at the RTF specials;
-// for the lossless writer, which escapes them within its runs, at the bytes
-// above 0x7F too. A control byte that is plain text stops it too; the scan
-// passes it by itself.
-const char* SkipPlainBytes(const char* p, const char* pEnd, bool bLossless)
-{
-    const std::size_t cb = static_cast<std::size_t>(pEnd - p);
-    return p + (bLossless ? byte_scan::LengthBeforeClassOr<ControlOrHighBytes>(p, cb, '\\', '{', '}')
-                          : byte_scan::LengthBeforeControlOr(p, cb, '\\', '{', '}'));
-}
-
 // The control bytes that stop a run, by the writer, found by one signed
 // compare: a byte with its top bit flipped (for the default writer, which
 // lets the bytes from 0x80 up pass, so that the compare is an unsigned one)
@@ -122,6 +102,60 @@ struct alignas(16) RunControlStops {
     }
 };
 constexpr RunControlStops kRunControlStops;
+
+#if RTFCONV_SCAN_SSE2
+// The bytes of a block a run stops at, as a mask (bit i for byte i): the
+// control bytes of the writer (see RunControlStops) and the RTF specials.
+struct RunStops {
+    __m128i flip;
+    __m128i limit;
+    explicit RunStops(bool bLossless)
+        : flip(_mm_load_si128(reinterpret_cast<const __m128i*>(kRunControlStops.flip[bLossless ? 1 : 0]))),
+          limit(_mm_load_si128(reinterpret_cast<const __m128i*>(kRunControlStops.limit[bLossless ? 1 : 0])))
+    {
+    }
+    unsigned In(__m128i block) const
+    {
+        const __m128i stops = _mm_or_si128(_mm_or_si128(_mm_cmplt_epi8(_mm_xor_si128(block, flip), limit), byte_scan::Is(block, '\\')),
+                                           _mm_or_si128(byte_scan::Is(block, '{'), byte_scan::Is(block, '}')));
+        return static_cast<unsigned>(_mm_movemask_epi8(stops));
+    }
+    unsigned At(const char* p) const { return In(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))); }
+};
+#endif
+
+// Past the plain bytes from p up to pEnd: the scan stops at control bytes
+// (every byte it acts on but the specials is one) and at the RTF specials;
+// for the lossless writer, which escapes them within its runs, at the bytes
+// above 0x7F too. A control byte that is plain text stops it too; the scan
+// passes it by itself. A long run is read two blocks a round, after a first
+// block alone for the short ones between commands.
+const char* SkipPlainBytes(const char* p, const char* pEnd, bool bLossless)
+{
+#if RTFCONV_SCAN_SSE2
+    const RunStops stops(bLossless);
+    if (pEnd - p >= 16) {
+        if (const unsigned mask = stops.At(p)) return p + __builtin_ctz(mask);
+        p += 16;
+        for (; pEnd - p >= 32; p += 32) {
+            const unsigned mask = stops.At(p) | stops.At(p + 16) << 16;
+            if (mask != 0) return p + __builtin_ctz(mask);
+        }
+        if (pEnd - p >= 16) {
+            if (const unsigned mask = stops.At(p)) return p + __builtin_ctz(mask);
+            p += 16;
+        }
+    }
+#endif
+    // As signed bytes, the control bytes and those from 0x80 up are below 0x20.
+    const unsigned char flip = bLossless ? 0 : 0x80;
+    const signed char limit = static_cast<signed char>(bLossless ? 0x20 : 0x20 ^ 0x80);
+    for (; p < pEnd; ++p) {
+        const char ch = *p;
+        if (static_cast<signed char>(static_cast<unsigned char>(ch) ^ flip) < limit || ch == '\\' || ch == '{' || ch == '}') break;
+    }
+    return p;
+}
 
 // The bytes the lossless writer escapes within a run of text.
 bool IsEscapedInRun(char ch)
@@ -1091,18 +1125,10 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
     constexpr std::size_t kcbTextStep = kcbShortRun + kcbFontCmdLook;
     if (static_cast<std::size_t>(pTextEnd - p) < kcbTextStep || m_cbQuickBuffer - m_dwQuickBufferPosition <= kcbStep) return p;
     const char* const pLastStep = pTextEnd - kcbTextStep;
-    // The bytes a run stops at, as SkipPlainBytes finds them: the control
-    // bytes, the RTF specials, and for the lossless writer, which escapes
-    // them, the bytes from 0x80 up (see RunControlStops).
-    const __m128i flip = _mm_load_si128(reinterpret_cast<const __m128i*>(kRunControlStops.flip[m_bLossless ? 1 : 0]));
-    const __m128i limit = _mm_load_si128(reinterpret_cast<const __m128i*>(kRunControlStops.limit[m_bLossless ? 1 : 0]));
-    auto stopsIn = [flip, limit](__m128i run) {
-        const __m128i stops = _mm_or_si128(_mm_or_si128(_mm_cmplt_epi8(_mm_xor_si128(run, flip), limit), byte_scan::Is(run, '\\')),
-                                           _mm_or_si128(byte_scan::Is(run, '{'), byte_scan::Is(run, '}')));
-        return static_cast<unsigned>(_mm_movemask_epi8(stops));
-    };
+    // The bytes a run stops at, as SkipPlainBytes finds them.
+    const RunStops stops(m_bLossless);
     __m128i run = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-    unsigned mask = stopsIn(run);
+    unsigned mask = stops.In(run);
     // A long run after the command, text in few fonts, is the scan's at once,
     // before the loop takes its place and state.
     if (mask == 0) return p + kcbShortRun;
@@ -1175,7 +1201,7 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
         }
         if (p > pLastStep || pOut > pLastOut) break;
         run = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        mask = stopsIn(run);
+        mask = stops.In(run);
         if (mask == 0) {
             p += kcbShortRun;
             break;
