@@ -1081,11 +1081,15 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
     for (std::size_t k = 0; k < kBlocks; ++k) block[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pCmd + 16 * k));
     const std::uint64_t h = byte_scan::HashOfBlock(byte_scan::ThroughFirst(block[0], CDocCmd::chCmdEnd));
     RememberedFontCmd& slot = slots[static_cast<std::size_t>(h >> (64 - kRememberedFontCmdBits))];
-    std::uint64_t same = 0;
-    for (std::size_t k = 0; k < kBlocks; ++k) {
+    auto sameBytes = [&slot, &block](std::size_t k) {
         const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(slot.source + 2 * k));
-        same |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(held, block[k])))) << (16 * k);
-    }
+        return static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(held, block[k])))) << (16 * k);
+    };
+    // Most commands end within the first two blocks; a longer one's own
+    // bytes in the third keep the first compare from taking it.
+    std::uint64_t same = sameBytes(0) | sameBytes(1);
+    if ((slot.ownBytes & ~same) == 0) return &slot;
+    same |= sameBytes(2);
     if ((slot.ownBytes & ~same) == 0) return &slot;
     const byte_scan::CommandLook look = byte_scan::LookAtCommand(pCmd, CDocCmd::chCmdEnd, kcbFontCmdLook);
     if (look.cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) return nullptr;  // also no end in the look
