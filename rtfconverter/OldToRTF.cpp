@@ -11,6 +11,7 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "hostlibs/KVBase.h"
 #include "hostlibs/VQLogger.h"
@@ -959,6 +960,7 @@ COldToRTF::FontCmdWords COldToRTF::WordsOfMeaning(const FontCmdMeaning& meaning)
         const std::size_t begin = k == 0 ? 0 : words.wordBegin[k - 1] + words.wordLength[k - 1];
         words.wordBegin[k] = static_cast<unsigned char>(begin);
         words.wordLength[k] = static_cast<unsigned char>(static_cast<std::size_t>(text.Size()) - begin);
+        words.bLongWords = words.bLongWords || words.wordLength[k] > FontCmdWords::kcbShortWordBlock;
         ++k;
     };
     AppendWord(text, "\\f", m_fontTable[meaning.nFont].nFontNumber);
@@ -1288,11 +1290,15 @@ unsigned DifferingParts(const TParts& a, const TParts& b)
     // gathered in.
     static_assert(sizeof w.bytes + 1 <= CWordBuffer::kcbWords, "the blocks of every word fit in the words' room");
     std::size_t cbWords = 0;
-    for (; changed != 0; changed &= changed - 1) {
-        const int k = __builtin_ctz(changed);
-        std::memcpy(pWords + cbWords, w.bytes + w.wordBegin[k], FontCmdWords::kcbWordBlock);
-        cbWords += w.wordLength[k];
-    }
+    auto copyWords = [&](auto cbBlock) {
+        for (; changed != 0; changed &= changed - 1) {
+            const int k = __builtin_ctz(changed);
+            std::memcpy(pWords + cbWords, w.bytes + w.wordBegin[k], decltype(cbBlock)::value);
+            cbWords += w.wordLength[k];
+        }
+    };
+    if (w.bLongWords) copyWords(std::integral_constant<std::size_t, FontCmdWords::kcbWordBlock>());
+    else copyWords(std::integral_constant<std::size_t, FontCmdWords::kcbShortWordBlock>());
     pWords[cbWords++] = ' ';
     return cbWords;
 }

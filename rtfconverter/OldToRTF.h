@@ -237,10 +237,14 @@ private:
         CharacterParts parts;
         unsigned char attributes = 0;  // bit k: attribute word k on
         // Where each word starts in bytes, and its length: at most 19 bytes
-        // ("\chcbpat" and ten digits), copied as a block of kcbWordBlock.
+        // ("\chcbpat" and ten digits), copied as a block of kcbWordBlock,
+        // or of kcbShortWordBlock when none is longer (the back colour's
+        // words are, only with a table of a hundred million colours).
         unsigned char wordBegin[nWords] = {};
         unsigned char wordLength[nWords] = {};
+        bool bLongWords = false;
         static constexpr std::size_t kcbWordBlock = 32;
+        static constexpr std::size_t kcbShortWordBlock = 16;
         // The words back to back, at most 141 bytes, with room for the last
         // to be copied as a block.
         char bytes[141 + kcbWordBlock] = {};
