@@ -1152,40 +1152,41 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
         const std::size_t cbRun = static_cast<std::size_t>(__builtin_ctz(mask));
         const char* const pStop = p + cbRun;
         const ByteClass c = kByteClass.cls[static_cast<unsigned char>(*pStop)];
-        // What follows the run: a line mark, a font command met before, or
-        // a byte written escaped (an RTF special, and for the lossless
-        // writer a byte from 0x80 up).
+        // What follows the run: a font command met before (the most
+        // frequent, asked for first), a line mark, or a byte written escaped
+        // (an RTF special; for the lossless writer a byte from 0x80 up).
         const bool bMark = c == bcTab || c == bcLineFeed || c == bcReturn;
-        const bool bEscaped = c == bcEscaped || static_cast<unsigned char>(*pStop) > 0x7F;
         const RememberedFontCmd* pSlot = nullptr;
-        if (!bMark && !bEscaped) {
-            if (c != bcCmdStart || pStop[1] != CDocCmd::font) {
-                p = pStop;
-                break;
-            }
+        if (c == bcCmdStart && pStop[1] == CDocCmd::font) {
             pSlot = RememberedFontCmdAt(slots, pStop);
             if (!pSlot) {
                 p = pStop;
                 break;
             }
+        } else if (!bMark && c != bcEscaped && static_cast<unsigned char>(*pStop) <= 0x7F) {
+            p = pStop;
+            break;
         }
         // The run, then what follows it.
         _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut), run);
         pOut += cbRun;
         nTextPos += static_cast<unsigned>(cbRun);
         if (cbRun > 0) chLast = static_cast<unsigned char>(pStop[-1]);
-        if (bMark) {
+        if (pSlot) {
+            pOut += WriteFontWords(pSlot->words, partsInForce, attributesInForce, pOut);
+            p = pRun = pStop + pSlot->cb;
+        } else if (bMark) {
             const ControlWord& word = ControlWordOf(c);
             std::memcpy(pOut, word.text, sizeof word.text);
             pOut += word.n;
             chLast = static_cast<unsigned char>(*pStop);
             ++nTextPos;
             p = pRun = pStop + 1;
-        } else if (bEscaped) {
-            // As the scan writes it: the default writer puts a backslash
-            // before the special, which then starts the next run; the
-            // lossless one escapes the byte, or a double-byte character,
-            // in the current font's page (see flushRunAndEscapes).
+        } else {
+            // An escaped byte, as the scan writes it: the default writer
+            // puts a backslash before the special, which then starts the
+            // next run; the lossless one escapes the byte, or a double-byte
+            // character, in the current font's page (see flushRunAndEscapes).
             int nTaken = 1;
             if (m_bLossless) {
                 m_inForce = partsInForce;
@@ -1201,9 +1202,6 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
             nTextPos += static_cast<unsigned>(nTaken);
             chLast = static_cast<unsigned char>(pStop[nTaken - 1]);
             p = pRun = pStop + nTaken;
-        } else {
-            pOut += WriteFontWords(pSlot->words, partsInForce, attributesInForce, pOut);
-            p = pRun = pStop + pSlot->cb;
         }
         if (p > pLastStep || pOut > pLastOut) break;
         run = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
