@@ -11,6 +11,7 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "hostlibs/KVBase.h"
 #include "hostlibs/VQLogger.h"
@@ -84,36 +85,78 @@ struct RunByteClassTable : ByteClassTable {
 };
 constexpr RunByteClassTable kRunByteClass;
 
-// The bytes below 0x20 and from 0x80 up: as signed bytes, those below 0x20.
-struct ControlOrHighBytes {
-    static bool Holds(char ch) { return static_cast<signed char>(ch) < 0x20; }
-#if RTFCONV_SCAN_SSE2
-    static __m128i Holds(__m128i v) { return _mm_cmplt_epi8(v, byte_scan::Splat(0x20)); }
-#endif
+// The control bytes that stop a run, by the writer, found by one signed
+// compare: a byte with its top bit flipped (for the default writer, which
+// lets the bytes from 0x80 up pass, so that the compare is an unsigned one)
+// below the writer's limit (0x20 flipped too; for the lossless writer, which
+// escapes them, the bytes from 0x80 up are below 0x20 as signed bytes).
+struct alignas(16) RunControlStops {
+    unsigned char flip[2][16];
+    unsigned char limit[2][16];
+    constexpr RunControlStops() : flip(), limit()
+    {
+        for (int i = 0; i < 16; ++i) {
+            flip[0][i] = 0x80;
+            limit[0][i] = 0x20 ^ 0x80;
+            limit[1][i] = 0x20;
+        }
+    }
 };
+constexpr RunControlStops kRunControlStops;
+
+#if RTFCONV_SCAN_SSE2
+// The bytes of a block a run stops at, as a mask (bit i for byte i): the
+// control bytes of the writer (see RunControlStops) and the RTF specials.
+struct RunStops {
+    __m128i flip;
+    __m128i limit;
+    explicit RunStops(bool bLossless)
+        : flip(_mm_load_si128(reinterpret_cast<const __m128i*>(kRunControlStops.flip[bLossless ? 1 : 0]))),
+          limit(_mm_load_si128(reinterpret_cast<const __m128i*>(kRunControlStops.limit[bLossless ? 1 : 0])))
+    {
+    }
+    unsigned In(__m128i block) const
+    {
+        const __m128i stops = _mm_or_si128(_mm_or_si128(_mm_cmplt_epi8(_mm_xor_si128(block, flip), limit), byte_scan::Is(block, '\\')),
+                                           _mm_or_si128(byte_scan::Is(block, '{'), byte_scan::Is(block, '}')));
+        return static_cast<unsigned>(_mm_movemask_epi8(stops));
+    }
+    unsigned At(const char* p) const { return In(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))); }
+};
+#endif
 
 // Past the plain bytes from p up to pEnd: the scan stops at control bytes
 // (every byte it acts on but the specials is one) and at the RTF specials;
 // for the lossless writer, which escapes them within its runs, at the bytes
 // above 0x7F too. A control byte that is plain text stops it too; the scan
-// passes it by itself.
+// passes it by itself. A long run is read two blocks a round, after a first
+// block alone for the short ones between commands.
 const char* SkipPlainBytes(const char* p, const char* pEnd, bool bLossless)
 {
-    const std::size_t cb = static_cast<std::size_t>(pEnd - p);
-    return p + (bLossless ? byte_scan::LengthBeforeClassOr<ControlOrHighBytes>(p, cb, '\\', '{', '}')
-                          : byte_scan::LengthBeforeControlOr(p, cb, '\\', '{', '}'));
-}
-
-// The top bits of the bytes from 0x80 up that a run lets pass, by the
-// writer: all of them for the default writer, none for the lossless one.
-struct alignas(16) HighBytesPassing {
-    unsigned char bytes[2][16];
-    constexpr HighBytesPassing() : bytes()
-    {
-        for (unsigned char& b : bytes[0]) b = 0x80;
+#if RTFCONV_SCAN_SSE2
+    const RunStops stops(bLossless);
+    if (pEnd - p >= 16) {
+        if (const unsigned mask = stops.At(p)) return p + __builtin_ctz(mask);
+        p += 16;
+        for (; pEnd - p >= 32; p += 32) {
+            const unsigned mask = stops.At(p) | stops.At(p + 16) << 16;
+            if (mask != 0) return p + __builtin_ctz(mask);
+        }
+        if (pEnd - p >= 16) {
+            if (const unsigned mask = stops.At(p)) return p + __builtin_ctz(mask);
+            p += 16;
+        }
     }
-};
-constexpr HighBytesPassing kHighBytesPassing;
+#endif
+    // As signed bytes, the control bytes and those from 0x80 up are below 0x20.
+    const unsigned char flip = bLossless ? 0 : 0x80;
+    const signed char limit = static_cast<signed char>(bLossless ? 0x20 : 0x20 ^ 0x80);
+    for (; p < pEnd; ++p) {
+        const char ch = *p;
+        if (static_cast<signed char>(static_cast<unsigned char>(ch) ^ flip) < limit || ch == '\\' || ch == '{' || ch == '}') break;
+    }
+    return p;
+}
 
 // The bytes the lossless writer escapes within a run of text.
 bool IsEscapedInRun(char ch)
@@ -380,17 +423,17 @@ long COldToRTF::Convert(const char* pszText, const LOGFONT* pBaseFont)
         base.csFaceName = FaceNameOf(m_logFont);
         base.csFamily = GetFamilyWord(m_logFont);
         base.nCharset = m_logFont.lfCharSet;
-        m_nCurrentPoints = PixY2Pts(m_logFont.lfHeight);
+        m_inForce.nPoints = PixY2Pts(m_logFont.lfHeight);
 
         m_colorTable.SetSize(1, 10);
         m_colorTable[0] = 0;
         m_crDefaultText = GetSysColor(COLOR_WINDOWTEXT);
-        m_nCurrentColor = static_cast<int>(m_crDefaultText);
+        m_inForce.nColor = static_cast<int>(m_crDefaultText);
         const INT_PTR nDefaultColorIndex = m_colorTable.GetSize();
         m_colorTable.Add(m_crDefaultText);
 
         CString start;
-        start.Format("\\pard\\f0\\fs%lld\\cf%d ", HalfPoints(m_nCurrentPoints), static_cast<int>(nDefaultColorIndex));
+        start.Format("\\pard\\f0\\fs%lld\\cf%d ", HalfPoints(m_inForce.nPoints), static_cast<int>(nDefaultColorIndex));
         AddToBuffer(start);
         ConvertText(m_pszText, m_pszText + cchText);
         AddToBuffer('}');
@@ -419,12 +462,12 @@ void COldToRTF::InitBaseFont(const LOGFONT* pBaseFont)
 void COldToRTF::ResetParagraphAttributes()
 {
     m_attributes = 0;
-    m_nCurrentPoints = -1;
+    m_inForce.nPoints = -1;
     // The colour value itself, not its table index: the first font command
     // therefore always writes an explicit \cf.
-    m_nCurrentColor = static_cast<int>(m_crDefaultText);
-    m_nCurrentBackColor = 0;
-    m_nCurrentFont = 0;
+    m_inForce.nColor = static_cast<int>(m_crDefaultText);
+    m_inForce.nBackColor = 0;
+    m_inForce.nFont = 0;
 }
 
 void COldToRTF::ConvertText(const char* pszText, const char* pTextEnd)
@@ -907,28 +950,40 @@ void COldToRTF::ClearCommandCaches()
 COldToRTF::FontCmdWords COldToRTF::WordsOfMeaning(const FontCmdMeaning& meaning) const
 {
     FontCmdWords words;
-    words.meaning = meaning;
-    static_assert(std::size(kAttributeWords) == std::size(words.attributeWords) &&
-                      sizeof words.attributeWords[0] == sizeof(ShortWord::text),
-                  "a block for each attribute word");
-    for (std::size_t k = 0; k < std::size(kAttributeWords); ++k) {
-        if (meaning.bAttributes[k]) words.attributes |= static_cast<unsigned char>(1u << k);
-        const ShortWord& word = meaning.bAttributes[k] ? kAttributeWords[k].on : kAttributeWords[k].off;
-        std::memcpy(words.attributeWords[k], word.text, sizeof word.text);
-        words.attributeWordLength[k] = word.n;
+    words.parts.nFont = meaning.nFont;
+    words.parts.nPoints = meaning.nPoints;
+    words.parts.nColor = meaning.nColor;
+    words.parts.nBackColor = meaning.nBackColor;
+    CWordBuffer text;
+    std::size_t k = 0;
+    auto endWord = [&]() {
+        const std::size_t begin = k == 0 ? 0 : words.wordBegin[k - 1] + words.wordLength[k - 1];
+        words.wordBegin[k] = static_cast<unsigned char>(begin);
+        words.wordLength[k] = static_cast<unsigned char>(static_cast<std::size_t>(text.Size()) - begin);
+        words.bLongWords = words.bLongWords || words.wordLength[k] > FontCmdWords::kcbShortWordBlock;
+        ++k;
+    };
+    AppendWord(text, "\\f", m_fontTable[meaning.nFont].nFontNumber);
+    endWord();
+    AppendWord(text, "\\fs", HalfPoints(meaning.nPoints));
+    endWord();
+    AppendWord(text, "\\cf", meaning.nColor);
+    endWord();
+    AppendWord(text, "\\cb", meaning.nBackColor);
+    endWord();
+    AppendWord(text, "\\chcbpat", meaning.nBackColor);
+    endWord();
+    static_assert(FontCmdWords::wordFirstAttribute + std::size(kAttributeWords) == FontCmdWords::nWords, "a word for each attribute");
+    for (std::size_t a = 0; a < std::size(kAttributeWords); ++a) {
+        if (meaning.bAttributes[a]) words.attributes |= static_cast<unsigned char>(1u << a);
+        const ShortWord& word = meaning.bAttributes[a] ? kAttributeWords[a].on : kAttributeWords[a].off;
+        text.Append(word.text, word.n);
+        endWord();
     }
-    CWordBuffer parts;
-    AppendWord(parts, "\\f", m_fontTable[meaning.nFont].nFontNumber);
-    words.partEnd[FontCmdWords::partFont] = static_cast<unsigned char>(parts.Size());
-    AppendWord(parts, "\\fs", HalfPoints(meaning.nPoints));
-    words.partEnd[FontCmdWords::partPoints] = static_cast<unsigned char>(parts.Size());
-    AppendWord(parts, "\\cf", meaning.nColor);
-    words.partEnd[FontCmdWords::partColor] = static_cast<unsigned char>(parts.Size());
-    AppendWord(parts, "\\cb", meaning.nBackColor);
-    AppendWord(parts, "\\chcbpat", meaning.nBackColor);
-    words.partEnd[FontCmdWords::partBackColor] = static_cast<unsigned char>(parts.Size());
-    static_assert(sizeof words.bytes >= 13 + 15 + 14 + 33, "room for the longest numbers");
-    std::memcpy(words.bytes, parts.Data(), static_cast<std::size_t>(parts.Size()));
+    // "\f" 13, "\fs" 15, "\cf" and "\cb" 14, "\chcbpat" 19 bytes with the
+    // longest numbers, and the attribute words at most 11 each.
+    static_assert(sizeof words.bytes >= 13 + 15 + 14 + 14 + 19 + 6 * 11 + FontCmdWords::kcbWordBlock, "room for the longest numbers");
+    std::memcpy(words.bytes, text.Data(), static_cast<std::size_t>(text.Size()));
     return words;
 }
 
@@ -997,7 +1052,7 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
     // The text's NUL is at pTextEnd: the block from pCmd stays before it.
     if (static_cast<std::size_t>(pTextEnd - pCmd) < kcbFontCmdLook) return nullptr;
     if (!m_rememberedFontCmds) m_rememberedFontCmds.reset(new RememberedFontCmd[std::size_t(1) << kRememberedFontCmdBits]());
-    const RememberedFontCmd* const pSlot = RememberedFontCmdAt(pCmd);
+    const RememberedFontCmd* const pSlot = RememberedFontCmdAt(m_rememberedFontCmds.get(), pCmd);
     if (!pSlot) return nullptr;
     AddFontWords(pSlot->words);
     return pCmd + pSlot->cb;
@@ -1020,19 +1075,23 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 // equal to the slot's command up to its 0x02 are that command, its first
 // 0x02 the end of both. An empty slot's command has one byte, 0, which no
 // command starts with.
-[[gnu::always_inline]] inline const COldToRTF::RememberedFontCmd* COldToRTF::RememberedFontCmdAt(const char* pCmd)
+[[gnu::always_inline]] inline const COldToRTF::RememberedFontCmd* COldToRTF::RememberedFontCmdAt(RememberedFontCmd* slots, const char* pCmd)
 {
     constexpr std::size_t kBlocks = byte_scan::CommandLook::kBlocks;
     static_assert(kBlocks == 3 && kcbFontCmdLook <= 64, "the bytes of the look are one word");
     __m128i block[kBlocks];
     for (std::size_t k = 0; k < kBlocks; ++k) block[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pCmd + 16 * k));
     const std::uint64_t h = byte_scan::HashOfBlock(byte_scan::ThroughFirst(block[0], CDocCmd::chCmdEnd));
-    RememberedFontCmd& slot = m_rememberedFontCmds[static_cast<std::size_t>(h >> (64 - kRememberedFontCmdBits))];
-    std::uint64_t same = 0;
-    for (std::size_t k = 0; k < kBlocks; ++k) {
+    RememberedFontCmd& slot = slots[static_cast<std::size_t>(h >> (64 - kRememberedFontCmdBits))];
+    auto sameBytes = [&slot, &block](std::size_t k) {
         const __m128i held = _mm_loadu_si128(reinterpret_cast<const __m128i*>(slot.source + 2 * k));
-        same |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(held, block[k])))) << (16 * k);
-    }
+        return static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(held, block[k])))) << (16 * k);
+    };
+    // Most commands end within the first two blocks; a longer one's own
+    // bytes in the third keep the first compare from taking it.
+    std::uint64_t same = sameBytes(0) | sameBytes(1);
+    if ((slot.ownBytes & ~same) == 0) return &slot;
+    same |= sameBytes(2);
     if ((slot.ownBytes & ~same) == 0) return &slot;
     const byte_scan::CommandLook look = byte_scan::LookAtCommand(pCmd, CDocCmd::chCmdEnd, kcbFontCmdLook);
     if (look.cb < static_cast<std::size_t>(CFontCmd::iFntCmdLenMin)) return nullptr;  // also no end in the look
@@ -1045,13 +1104,15 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 
 // After a font command met before, ending at pRun: the text of a document
 // in many fonts is mostly a run of a few plain bytes, then another such
-// command or a tab, line feed or paragraph mark. Each such step is written
-// here in a loop of its own, which keeps the place it writes at in a
-// register and checks the room once a step for the most a step writes: the
-// run is found and copied as one block of kcbShortRun bytes, a command known
-// by its first bytes (see RememberedFontCmdAt) and its words or the mark's
-// word written behind the run. A step it does not take is left to the scan:
-// a longer run, one with a byte the scan acts on, another command, too little
+// command, a tab, line feed or paragraph mark, or a byte written escaped (an
+// RTF special; for the lossless writer a byte from 0x80 up, as in a word
+// with an accent). Each such step is written here in a loop of its own,
+// which keeps the place it writes at in a register and checks the room once
+// a step for the most a step writes: the run is found and copied as one
+// block of kcbShortRun bytes, a command known by its first bytes (see
+// RememberedFontCmdAt) and its words, the mark's word or the escape written
+// behind the run. A step it does not take is left to the scan: a longer
+// run, one with another byte the scan acts on, another command, too little
 // text left for the blocks or too little room in the quick buffer. Returns where the scan goes on, with
 // pRun the start of the run pending there: the bytes between are plain, so
 // that the block looked at is not scanned again. The runs' last byte and
@@ -1063,51 +1124,96 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
 #if RTFCONV_SCAN_SSE2
     // The most a step writes: a run's block, then a command's words.
     constexpr std::size_t kcbStep = kcbShortRun + CWordBuffer::kcbWords;
+    static_assert(kcbMaxEscape <= CWordBuffer::kcbWords, "an escape writes less than a command");
     static_assert(kcbShortRun == 16, "a run is one block");
-    // The bytes a run stops at, as SkipPlainBytes finds them: the control
-    // bytes, the RTF specials, and for the lossless writer, which escapes
-    // them, the bytes from 0x80 up. As signed bytes, control and high bytes
-    // are those below 0x20; the default writer lets the high ones pass.
-    const __m128i highPasses = _mm_load_si128(reinterpret_cast<const __m128i*>(kHighBytesPassing.bytes[m_bLossless ? 1 : 0]));
-    const __m128i controlOrHigh = _mm_set1_epi8(0x20);
     // The text's NUL is at pTextEnd: a run's block and the look from a
-    // command within it stay before it.
-    while (static_cast<std::size_t>(pTextEnd - p) >= kcbShortRun + kcbFontCmdLook &&
-           m_cbQuickBuffer - m_dwQuickBufferPosition > kcbStep) {
-        const __m128i run = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        __m128i stops = _mm_andnot_si128(_mm_and_si128(run, highPasses), _mm_cmplt_epi8(run, controlOrHigh));
-        stops = _mm_or_si128(stops, _mm_or_si128(byte_scan::Is(run, '\\'), _mm_or_si128(byte_scan::Is(run, '{'), byte_scan::Is(run, '}'))));
-        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(stops));
-        if (mask == 0) return p + kcbShortRun;
+    // command within it stay before it up to the last step's start.
+    constexpr std::size_t kcbTextStep = kcbShortRun + kcbFontCmdLook;
+    if (static_cast<std::size_t>(pTextEnd - p) < kcbTextStep || m_cbQuickBuffer - m_dwQuickBufferPosition <= kcbStep) return p;
+    const char* const pLastStep = pTextEnd - kcbTextStep;
+    // The bytes a run stops at, as SkipPlainBytes finds them.
+    const RunStops stops(m_bLossless);
+    __m128i run = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    unsigned mask = stops.In(run);
+    // A long run after the command, text in few fonts, is the scan's at once,
+    // before the loop takes its place and state.
+    if (mask == 0) return p + kcbShortRun;
+    // The place written at, the character state in force and the slots stay
+    // in registers or on the stack through the loop, and go back to the
+    // members when it ends: the words are written through a char pointer,
+    // which would otherwise have them all read again after every write.
+    char* const pQuick = m_body.End();
+    char* pOut = pQuick + m_dwQuickBufferPosition;
+    char* const pLastOut = pQuick + (m_cbQuickBuffer - kcbStep - 1);
+    CharacterParts partsInForce = m_inForce;
+    unsigned char attributesInForce = m_attributes;
+    RememberedFontCmd* const slots = m_rememberedFontCmds.get();
+    for (;;) {
         const std::size_t cbRun = static_cast<std::size_t>(__builtin_ctz(mask));
         const char* const pStop = p + cbRun;
-        // The run, then what follows it, at the quick buffer's end.
-        auto writeRun = [&]() {
-            char* const pOut = m_body.End() + m_dwQuickBufferPosition;
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut), run);
-            if (cbRun > 0) {
-                chLast = static_cast<unsigned char>(pStop[-1]);
-                nTextPos += static_cast<unsigned>(cbRun);
-            }
-            return pOut + cbRun;
-        };
         const ByteClass c = kByteClass.cls[static_cast<unsigned char>(*pStop)];
-        if (c == bcTab || c == bcLineFeed || c == bcReturn) {
+        // What follows the run: a font command met before (the most
+        // frequent, asked for first), a line mark, or a byte written escaped
+        // (an RTF special; for the lossless writer a byte from 0x80 up).
+        const bool bMark = c == bcTab || c == bcLineFeed || c == bcReturn;
+        const RememberedFontCmd* pSlot = nullptr;
+        if (c == bcCmdStart && pStop[1] == CDocCmd::font) {
+            pSlot = RememberedFontCmdAt(slots, pStop);
+            if (!pSlot) {
+                p = pStop;
+                break;
+            }
+        } else if (!bMark && c != bcEscaped && static_cast<unsigned char>(*pStop) <= 0x7F) {
+            p = pStop;
+            break;
+        }
+        // The run, then what follows it.
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut), run);
+        pOut += cbRun;
+        nTextPos += static_cast<unsigned>(cbRun);
+        if (cbRun > 0) chLast = static_cast<unsigned char>(pStop[-1]);
+        if (pSlot) {
+            pOut += WriteFontWords(pSlot->words, partsInForce, attributesInForce, pOut);
+            p = pRun = pStop + pSlot->cb;
+        } else if (bMark) {
             const ControlWord& word = ControlWordOf(c);
-            std::memcpy(writeRun(), word.text, sizeof word.text);
-            m_dwQuickBufferPosition += static_cast<DWORD>(cbRun + static_cast<std::size_t>(word.n));
+            std::memcpy(pOut, word.text, sizeof word.text);
+            pOut += word.n;
             chLast = static_cast<unsigned char>(*pStop);
             ++nTextPos;
             p = pRun = pStop + 1;
-            continue;
+        } else {
+            // An escaped byte, as the scan writes it: the default writer
+            // puts a backslash before the special, which then starts the
+            // next run; the lossless one escapes the byte, or a double-byte
+            // character, in the current font's page (see flushRunAndEscapes).
+            int nTaken = 1;
+            if (m_bLossless) {
+                m_inForce = partsInForce;
+                const bool bNextInRun = kRunByteClass.cls[static_cast<unsigned char>(pStop[1])] == bcPlain;
+                std::size_t cbEscape = 0;
+                nTaken = EscapeKeepingByte(PageOfCurrentFont(), pStop, bNextInRun, pOut, cbEscape);
+                pOut += cbEscape;
+            } else {
+                pOut[0] = '\\';
+                pOut[1] = *pStop;
+                pOut += 2;
+            }
+            nTextPos += static_cast<unsigned>(nTaken);
+            chLast = static_cast<unsigned char>(pStop[nTaken - 1]);
+            p = pRun = pStop + nTaken;
         }
-        if (c != bcCmdStart || pStop[1] != CDocCmd::font) return pStop;
-        const RememberedFontCmd* const pSlot = RememberedFontCmdAt(pStop);
-        if (!pSlot) return pStop;
-        char* const pWords = writeRun();
-        m_dwQuickBufferPosition += static_cast<DWORD>(cbRun + WriteFontWords(pSlot->words, pWords));
-        p = pRun = pStop + pSlot->cb;
+        if (p > pLastStep || pOut > pLastOut) break;
+        run = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        mask = stops.In(run);
+        if (mask == 0) {
+            p += kcbShortRun;
+            break;
+        }
     }
+    m_dwQuickBufferPosition = static_cast<DWORD>(pOut - pQuick);
+    m_inForce = partsInForce;
+    m_attributes = attributesInForce;
 #else
     (void)pTextEnd;
     (void)chLast;
@@ -1133,58 +1239,65 @@ const COldToRTF::FontCmdWords& COldToRTF::CachedFontWords(const char* pFontCmd, 
     // words are gathered where AddToBuffer would copy them.
     const bool bInPlace = m_cbQuickBuffer - m_dwQuickBufferPosition > CWordBuffer::kcbWords;
     char spare[CWordBuffer::kcbWords];
-    const std::size_t cbWords = WriteFontWords(w, bInPlace ? m_body.End() + m_dwQuickBufferPosition : spare);
+    CharacterParts partsInForce = m_inForce;
+    unsigned char attributesInForce = m_attributes;
+    const std::size_t cbWords = WriteFontWords(w, partsInForce, attributesInForce, bInPlace ? m_body.End() + m_dwQuickBufferPosition : spare);
+    m_inForce = partsInForce;
+    m_attributes = attributesInForce;
     if (bInPlace) m_dwQuickBufferPosition += static_cast<DWORD>(cbWords);
     else if (cbWords > 0) AddToBuffer(spare, static_cast<int>(cbWords));
 }
 
-// The same words, with their blank, written in the CWordBuffer::kcbWords
-// bytes at pWords, which may take blocks past the count; their count, 0 when
-// nothing changes. The place and the count are plain locals, not a
-// CWordBuffer, so that they stay in registers across the block copies.
-[[gnu::always_inline]] inline std::size_t COldToRTF::WriteFontWords(const FontCmdWords& w, char* pWords)
+namespace {
+
+// Bit k set for each of the four parts of the character state that differ
+// (COldToRTF::CharacterParts, aligned for one load each).
+template <class TParts>
+unsigned DifferingParts(const TParts& a, const TParts& b)
+{
+#if RTFCONV_SCAN_SSE2
+    const __m128i same = _mm_cmpeq_epi32(_mm_load_si128(reinterpret_cast<const __m128i*>(&a)), _mm_load_si128(reinterpret_cast<const __m128i*>(&b)));
+    return ~static_cast<unsigned>(_mm_movemask_ps(_mm_castsi128_ps(same))) & 15u;
+#else
+    return unsigned(a.nFont != b.nFont) | unsigned(a.nPoints != b.nPoints) << 1 | unsigned(a.nColor != b.nColor) << 2 |
+           unsigned(a.nBackColor != b.nBackColor) << 3;
+#endif
+}
+
+} // namespace
+
+// The words of what differs from the character state in force, which
+// becomes the command's, with their blank, written in the
+// CWordBuffer::kcbWords bytes at pWords, which may take blocks past the
+// count; their count, 0 when nothing changes. The parts in force are
+// compared with the command's at once, and the words that change found by
+// one mask, whose bits are in the order the words are written.
+[[gnu::always_inline]] inline std::size_t COldToRTF::WriteFontWords(const FontCmdWords& w, CharacterParts& partsInForce,
+                                                                     unsigned char& attributesInForce, char* pWords)
 {
     static_assert(std::size(kAttributeWords) <= 8, "one bit of the attributes in force per attribute word");
     static_assert(kAttributeWords[1].isOn == &CFontCmd::IsUnderline && kUnderlineBit == 1u << 1, "the underline's bit");
-    const FontCmdMeaning& meaning = w.meaning;
+    static_assert(FontCmdWords::wordBack == 3 && FontCmdWords::wordBackPattern == 4 && FontCmdWords::wordFirstAttribute == 5,
+                  "the mask's bits: four parts, the back colour's second word, the attributes");
+    const unsigned parts = DifferingParts(w.parts, partsInForce);
+    unsigned changed = parts | (parts & 8u) << 1 | static_cast<unsigned>(w.attributes ^ attributesInForce) << FontCmdWords::wordFirstAttribute;
+    partsInForce = w.parts;
+    attributesInForce = w.attributes;
+    if (changed == 0) return 0;
+    // Every word's block and then the blank fit in the room the words are
+    // gathered in.
+    static_assert(sizeof w.bytes + 1 <= CWordBuffer::kcbWords, "the blocks of every word fit in the words' room");
     std::size_t cbWords = 0;
-    // A part is at most 33 bytes and ends at most 75 bytes in: a block of 48
-    // bytes from its start stays within w.bytes.
-    constexpr std::size_t kcbPartBlock = 48;
-    static_assert(13 + 15 + 14 + kcbPartBlock <= sizeof w.bytes, "a part's block stays within the words");
-    auto appendPart = [pWords, &cbWords, &w](FontCmdWords::Part part) {
-        const unsigned begin = part == FontCmdWords::partFont ? 0u : w.partEnd[part - 1];
-        std::memcpy(pWords + cbWords, w.bytes + begin, kcbPartBlock);
-        cbWords += w.partEnd[part] - begin;
+    auto copyWords = [&](auto cbBlock) {
+        for (; changed != 0; changed &= changed - 1) {
+            const int k = __builtin_ctz(changed);
+            std::memcpy(pWords + cbWords, w.bytes + w.wordBegin[k], decltype(cbBlock)::value);
+            cbWords += w.wordLength[k];
+        }
     };
-    if (meaning.nFont != m_nCurrentFont) {
-        m_nCurrentFont = meaning.nFont;
-        appendPart(FontCmdWords::partFont);
-    }
-    if (meaning.nPoints != m_nCurrentPoints) {
-        m_nCurrentPoints = meaning.nPoints;
-        appendPart(FontCmdWords::partPoints);
-    }
-    if (meaning.nColor != m_nCurrentColor) {
-        m_nCurrentColor = meaning.nColor;
-        appendPart(FontCmdWords::partColor);
-    }
-    if (meaning.nBackColor != m_nCurrentBackColor) {
-        m_nCurrentBackColor = meaning.nBackColor;
-        appendPart(FontCmdWords::partBackColor);
-    }
-    // The attributes that change, in the order of their words.
-    // Every part's words, every attribute's block and then one block more
-    // fit in the room the words are gathered in.
-    static_assert(13 + 15 + 14 + 33 + std::size(kAttributeWords) * sizeof(ShortWord::text) + kcbPartBlock <= CWordBuffer::kcbWords,
-                  "the blocks of every part and attribute fit in the words' room");
-    for (unsigned changed = w.attributes ^ m_attributes; changed != 0; changed &= changed - 1) {
-        const int k = __builtin_ctz(changed);
-        std::memcpy(pWords + cbWords, w.attributeWords[k], sizeof w.attributeWords[k]);
-        cbWords += w.attributeWordLength[k];
-    }
-    m_attributes = w.attributes;
-    if (cbWords > 0) pWords[cbWords++] = ' ';
+    if (w.bLongWords) copyWords(std::integral_constant<std::size_t, FontCmdWords::kcbWordBlock>());
+    else copyWords(std::integral_constant<std::size_t, FontCmdWords::kcbShortWordBlock>());
+    pWords[cbWords++] = ' ';
     return cbWords;
 }
 
@@ -1427,7 +1540,7 @@ int COldToRTF::AddNumberToBuffer(const char* pCmd, int nCmd)
     if (meaning.nBulletFont >= 0) addFontWord(meaning.nBulletFont);
     VQASSERT(0 < meaning.csText.GetLength());
     AddTextRun(meaning.csText.GetString(), meaning.csText.GetLength());
-    if (meaning.nBulletFont >= 0) addFontWord(m_fontTable[m_nCurrentFont].nFontNumber);
+    if (meaning.nBulletFont >= 0) addFontWord(m_fontTable[m_inForce.nFont].nFontNumber);
     return meaning.nAdvance;
 }
 
@@ -1562,7 +1675,7 @@ void COldToRTF::AddTextKeepingEveryByte(const char* p, int n)
 // the set changes: the lookup takes the process-wide lock of the page table.
 const CCodePage* COldToRTF::PageOfCurrentFont() const
 {
-    const int charset = m_nCurrentFont >= 0 && m_nCurrentFont < m_fontTable.GetSize() ? m_fontTable[m_nCurrentFont].nCharset : 0;
+    const int charset = m_inForce.nFont >= 0 && m_inForce.nFont < m_fontTable.GetSize() ? m_fontTable[m_inForce.nFont].nCharset : 0;
     if (charset != m_nPageCharset) {
         m_pPageOfCharset = CCodePage::Get(CodePageOfCharset(charset));
         m_nPageCharset = charset;

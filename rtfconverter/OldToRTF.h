@@ -218,22 +218,36 @@ private:
         static constexpr std::size_t nSlots = 512;
         std::unique_ptr<Slot[]> m_slots;
     };
+    // The four numbered parts of the character state, side by side so that
+    // a font command's are compared with those in force at once.
+    struct alignas(16) CharacterParts {
+        int nFont = 0;
+        int nPoints = 0;
+        int nColor = 0;
+        int nBackColor = 0;
+    };
     // A font command's meaning with the control words that set each part of
     // it, worked out once per command text: most font commands change a word
     // or two, and those are copied, not formatted again.
     struct FontCmdWords {
-        enum Part { partFont, partPoints, partColor, partBackColor, nParts };
-        FontCmdMeaning meaning;
+        // The words in the order the font writer writes them, by the bit of
+        // the mask of what changes: the four parts (the back colour as two
+        // words, which change together), then the attribute words.
+        enum Word { wordFont, wordPoints, wordColor, wordBack, wordBackPattern, wordFirstAttribute, nWords = wordFirstAttribute + 6 };
+        CharacterParts parts;
         unsigned char attributes = 0;  // bit k: attribute word k on
-        // Attribute word k as the command sets it, on or off, in a block of
-        // 16 bytes, and its length: the words of the attributes that change
-        // are copied without a choice between the two.
-        char attributeWords[6][16] = {};
-        unsigned char attributeWordLength[6] = {};
-        unsigned char partEnd[nParts] = {};  // where each part's words end in bytes
-        // "\fN", "\fsN", "\cfN" and "\cbN\chcbpatN" back to back: at most
-        // 13 + 15 + 14 + 33 bytes, with room for a part to be copied as a block.
-        char bytes[112] = {};
+        // Where each word starts in bytes, and its length: at most 19 bytes
+        // ("\chcbpat" and ten digits), copied as a block of kcbWordBlock,
+        // or of kcbShortWordBlock when none is longer (the back colour's
+        // words are, only with a table of a hundred million colours).
+        unsigned char wordBegin[nWords] = {};
+        unsigned char wordLength[nWords] = {};
+        bool bLongWords = false;
+        static constexpr std::size_t kcbWordBlock = 32;
+        static constexpr std::size_t kcbShortWordBlock = 16;
+        // The words back to back, at most 141 bytes, with room for the last
+        // to be copied as a block.
+        char bytes[141 + kcbWordBlock] = {};
     };
     // What a numbering command writes but for the current font: the number of
     // its bullet font (-1: none), its text with the blanks of its tab, and the
@@ -250,7 +264,8 @@ private:
     const char* AddRememberedFontCmd(const char* pCmd, const char* pTextEnd);
     const char* AddRunsAndRememberedFontCmds(const char*& pRun, const char* pTextEnd, unsigned char& chLast, unsigned& nTextPos);
     void AddFontWords(const FontCmdWords& words);
-    std::size_t WriteFontWords(const FontCmdWords& words, char* pWords);
+    static std::size_t WriteFontWords(const FontCmdWords& words, CharacterParts& partsInForce, unsigned char& attributesInForce,
+                                      char* pWords);
     FontCmdMeaning ParseFontCmd(const CString& sFontCmd);
     void ClearCommandCaches();
     int AddLayoutCmdToBuffer(const char* pLayoutCmd, int nLayoutCmd);
@@ -324,11 +339,8 @@ private:
     // --- lossless writing: each function keeps what the specified bytes lose
     // The character state the font writer tracks, which a group of the RTF
     // (a hyperlink's display text) changes only inside itself.
-    typedef std::tuple<int, int, int, int, unsigned char> CharacterState;
-    std::tuple<int&, int&, int&, int&, unsigned char&> CharacterStateMembers()
-    {
-        return std::tie(m_nCurrentFont, m_nCurrentPoints, m_nCurrentColor, m_nCurrentBackColor, m_attributes);
-    }
+    typedef std::tuple<CharacterParts, unsigned char> CharacterState;
+    std::tuple<CharacterParts&, unsigned char&> CharacterStateMembers() { return std::tie(m_inForce, m_attributes); }
     CharacterState SaveCharacterState();
     void RestoreCharacterState(const CharacterState& state);
     void AddTextRun(const char* p, int n);
@@ -400,7 +412,7 @@ private:
         FontCmdWords words;
     };
     static constexpr unsigned kRememberedFontCmdBits = 8;
-    const RememberedFontCmd* RememberedFontCmdAt(const char* pCmd);
+    const RememberedFontCmd* RememberedFontCmdAt(RememberedFontCmd* slots, const char* pCmd);
     void RememberFontCmd(RememberedFontCmd& slot, const char* pCmd, std::size_t cb,
                          const std::uint64_t (&source)[kFontCmdLookWords]);
     std::unique_ptr<RememberedFontCmd[]> m_rememberedFontCmds;
@@ -414,9 +426,11 @@ private:
     DWORD m_dwQuickBufferPosition = 0;
     CString m_csHeader;
     CArray<FontTableStruct, FontTableStruct&> m_fontTable;
-    int m_nCurrentFont = 0;
     int m_nFontCount = 0;
-    int m_nCurrentPoints = -1;
+    // The font, size, colour and back colour in force: table indexes, the
+    // size in points, and before the first font command the colour value
+    // itself (see ResetParagraphAttributes).
+    CharacterParts m_inForce;
     // The character attributes in force, bit k for the k-th attribute word
     // the font writer writes (bold, underline, italic, strikeout,
     // superscript, subscript): a font command's are compared and taken over
@@ -424,8 +438,6 @@ private:
     unsigned char m_attributes = 0;
     static constexpr unsigned char kUnderlineBit = 1u << 1;
     CArray<COLORREF, COLORREF> m_colorTable;
-    int m_nCurrentColor = 0;
-    int m_nCurrentBackColor = 0;
     const char* m_pszText = nullptr;
     LOGFONT m_logFont{};
     COLORREF m_crDefaultText = 0;
