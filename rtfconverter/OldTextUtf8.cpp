@@ -1433,12 +1433,6 @@ std::string RoomFor(std::size_t cbUtf8)
     return out;
 }
 
-// Below this a text is encoded on one thread: a thread's start, its own
-// memo and room, and the copy of the second part cost about as much as the
-// half saved (at one megabyte, a whole conversion is no faster when the
-// other core is busy part of the time; at two, it is).
-constexpr std::size_t kcbSplitAbove = std::size_t(2) << 20;
-
 // Where a text is cut in two: just before the first command from its middle
 // on (or the last before it), where the text outside commands ends and the
 // encoding of the command starts afresh; 0: not cut.
@@ -1446,7 +1440,9 @@ std::size_t SplitPoint(std::string_view utf8, const OldTextFromUtf8Options& opti
 {
     if (options.nThreads < 2) return 0;
     if (options.splitAt) return options.splitAt < utf8.size() ? options.splitAt : 0;
-    if (utf8.size() < kcbSplitAbove) return 0;
+    // At one megabyte a whole conversion is no faster when the other core is
+    // busy part of the time; at two it is.
+    if (utf8.size() < options.cbLeastToSplit || utf8.size() > options.cbMostToSplit) return 0;
     const std::size_t middle = utf8.size() / 2;
     std::size_t at = utf8.find(CDocCmd::chCmdStart, middle);
     if (at == std::string_view::npos) at = utf8.rfind(CDocCmd::chCmdStart, middle);

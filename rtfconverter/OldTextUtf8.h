@@ -122,7 +122,7 @@ RTFCONV_API std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePa
 
 // The same on more than one thread, for a caller with a core to spare (the
 // one-call form above never starts a thread: a host may call it from many
-// threads at once). With nThreads >= 2 a text of two megabytes or more is
+// threads at once). With nThreads >= 2 a text of two to 64 megabytes is
 // cut in two just before a command near its middle, and the second part is
 // encoded on a thread of its own from the font command in force there, as
 // the first part is on the calling thread. The result is the same text and
@@ -132,6 +132,12 @@ RTFCONV_API std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePa
 // the second part is dropped and the calling thread encodes on to the end.
 struct OldTextFromUtf8Options {
     unsigned nThreads = 1;
+    // The sizes of text that are cut: below the least, a thread's start, its
+    // memo and the copy of the second part cost about what they save; above
+    // the most, the second part's own room (half the text) would take more
+    // memory than a conversion may beyond its input and output.
+    std::size_t cbLeastToSplit = std::size_t(2) << 20;
+    std::size_t cbMostToSplit = std::size_t(64) << 20;
     // For tests: the text is cut at this offset whatever its size (0: as
     // above), and the second part is waited for.
     std::size_t splitAt = 0;

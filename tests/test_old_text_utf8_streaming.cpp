@@ -343,4 +343,12 @@ TEST(ParallelConversion, OldTextFromUtf8InTwoPartsOnTheCorpus)
     ExpectSameInTwoParts(large, 0);
     EXPECT_TRUE(ExpectSameInTwoParts(large, large.find('\x01', large.size() / 2)));
     EXPECT_FALSE(ExpectSameInTwoParts(large.substr(0, cbLarge - 1), 0));
+    // Nor is one longer than the most that is cut.
+    OldTextFromUtf8Options options;
+    options.nThreads = 2;
+    options.cbMostToSplit = large.size() - 1;
+    bool bUsed = true;
+    options.pbSplitUsed = &bUsed;
+    EXPECT_EQ(OldTextFromUtf8(large, 1252, options), OldTextFromUtf8(large, 1252));
+    EXPECT_FALSE(bUsed);
 }
