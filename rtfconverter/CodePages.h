@@ -1,6 +1,6 @@
 // Windows code pages for the Unicode reader and writer: decoding tables built
-// at run time, one per page, shared by every reader and writer in the process;
-// Western (1252) and the Symbol font's characters, which iconv does not know,
+// at run time, one per page, shared by every reader and writer in the process:
+// Western (1252) and the Symbol font's characters (which iconv does not know)
 // from tables compiled in, every other page from glibc's iconv.
 #pragma once
 #include "rtfconverter/Export.h"

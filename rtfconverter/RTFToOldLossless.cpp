@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -150,10 +151,10 @@ namespace {
 template <class Row, std::size_t cCapacity>
 class CLosslessKeywordTable {
 public:
+    static constexpr std::size_t kCapacity = cCapacity;
+    // The caller's rows are counted against the capacity where they are made.
     void Add(const Row& row)
     {
-        if (m_cRows == cCapacity)
-            return;  // never: the capacity holds every row
         m_rows[m_cRows] = row;
         m_index.Add(row.szKeyword, static_cast<int>(m_cRows));
         const unsigned bit = FirstBytesBit(row.szKeyword);
@@ -304,6 +305,7 @@ bool CRTFImport::LosslessKeyword::FillTables()
         {"f", &LK::GetFontNumKeepingCharset, false},
         {"plain", &LK::ApplyPlainKeepingCharset, false},
     };
+    static_assert(std::size(rows) + std::size(kSpecialChars) <= Table::kCapacity, "the table holds every row");
     for (const LosslessKeyword& row : rows)
         s_table.Add(row);
     for (const SpecialChar& special : kSpecialChars)
