@@ -18,6 +18,12 @@
 #if RTFCONV_SCAN_SSE2 && defined(__x86_64__)
 #include <immintrin.h>
 #define RTFCONV_SCAN_AVX2 1
+#if defined(__has_include)
+#if __has_include(<sys/platform/x86.h>)
+#include <sys/platform/x86.h>
+#define RTFCONV_SCAN_GLIBC_CPU_FEATURES 1
+#endif
+#endif
 #endif
 
 namespace rtf_converter {
@@ -517,10 +523,31 @@ __attribute__((target("avx2"))) inline std::size_t FindInvalidUtf8ByBlocks(const
 }
 
 // Whether this processor can run FindInvalidUtf8ByBlocks; asked once.
+// Where the C library tells (glibc 2.33 on), its answer is read from what
+// the loader found at start; the compiler's own asks the processor again
+// at every process start (a dozen cpuid instructions, each a trap to the
+// hypervisor on a virtual machine), for every program that links it.
 inline bool CanFindInvalidUtf8ByBlocks()
 {
+#if RTFCONV_SCAN_GLIBC_CPU_FEATURES
+    static const bool bAvx2 = CPU_FEATURE_ACTIVE(AVX2);
+#else
     static const bool bAvx2 = __builtin_cpu_supports("avx2");
+#endif
     return bAvx2;
+}
+
+// Whether this processor has AVX2, BMI1 and BMI2, for code compiled with
+// target("avx2,bmi,bmi2"); asked once.
+inline bool CanUseAvx2AndBmi2()
+{
+#if RTFCONV_SCAN_GLIBC_CPU_FEATURES
+    static const bool bYes = CPU_FEATURE_ACTIVE(AVX2) && CPU_FEATURE_ACTIVE(BMI1) && CPU_FEATURE_ACTIVE(BMI2);
+#else
+    static const bool bYes =
+        __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2");
+#endif
+    return bYes;
 }
 #endif
 
