@@ -116,11 +116,6 @@ struct CFdCloser {
 
 // After this much more is consumed, the pages behind are given back.
 constexpr std::size_t kcbReleaseStep = 8 << 20;
-// How far ahead of the reader the mapped pages are faulted in, in one call
-// each time the reader has used half of it: one page fault per page costs a
-// reader of pictures a fifth of its time; a window keeps the resident pages
-// bounded however large the file.
-constexpr std::size_t kcbPopulateStep = 16 << 20;
 
 } // namespace
 
@@ -178,9 +173,12 @@ bool CInputBytes::Map(int fd, std::size_t cb)
     m_p = p;
     m_cb = cb;
     m_mapSlot = slot;
+    // Read ahead generously, and each fault maps the pages around it that
+    // are in the page cache already. Faulting the pages in ahead of the
+    // reader in one call (MADV_POPULATE_READ) was measured slower: the
+    // kernel takes them one by one there, where a fault maps them in runs.
     ::madvise(pReserved, cb, MADV_SEQUENTIAL);
     p[cb] = '\0';
-    PopulateAhead(0);
     return true;
 }
 
@@ -211,26 +209,9 @@ void CInputBytes::ReadAll(int fd, std::size_t cbExpected)
     m_p = m_pRead.get();
 }
 
-void CInputBytes::PopulateAhead(std::size_t cbConsumed)
-{
-#ifdef MADV_POPULATE_READ
-    if (cbConsumed + kcbPopulateStep / 2 < m_cbPopulated || m_cbPopulated >= m_cb) return;
-    const std::size_t cbBegin = std::max(m_cbPopulated, cbConsumed) & ~(g_cbPage - 1);
-    const std::size_t cbEnd = std::min(m_cb, cbConsumed + kcbPopulateStep);
-    // Only advice: a kernel without it, or a file cut short, leaves the pages
-    // to be faulted in one by one as before (a shrunken file is then caught by
-    // the SIGBUS guard as ever).
-    if (cbEnd > cbBegin) (void)::madvise(m_p + cbBegin, cbEnd - cbBegin, MADV_POPULATE_READ);
-    m_cbPopulated = cbEnd;
-#else
-    (void)cbConsumed;
-#endif
-}
-
 void CInputBytes::DoneWith(std::size_t cbConsumed)
 {
     if (m_mapSlot < 0) return;
-    PopulateAhead(cbConsumed);
     if (cbConsumed < m_cbReleased + kcbReleaseStep) return;
     const std::size_t cbRelease = std::min(cbConsumed, m_cb) & ~(g_cbPage - 1);
     if (cbRelease <= m_cbReleased) return;

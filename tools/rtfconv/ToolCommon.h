@@ -203,8 +203,6 @@ private:
     std::unique_ptr<char, CFree> m_pRead; // the bytes read, when not mapped (malloc'ed: grown by realloc)
     int m_mapSlot = -1;          // the mapping's entry in the SIGBUS handler's table
     std::size_t m_cbReleased = 0; // mapped pages before this were given back
-    std::size_t m_cbPopulated = 0; // mapped pages before this were faulted in ahead of the reader
-    void PopulateAhead(std::size_t cbConsumed);
 };
 
 // On SIGINT, SIGTERM and SIGHUP, removes the temporary files of the outputs
