@@ -72,7 +72,7 @@ public:
     // The document of [pText, pText + cbText) (a NUL ends the text there, as
     // the end of Convert's string does) in the font pBaseFont, the same bytes
     // as Convert then Export, handed to `sink` as it is made, in blocks of at
-    // most 128 KiB, the head first: neither the body nor the document is ever
+    // most 256 KiB, the head first: neither the body nor the document is ever
     // held whole. Keeps no body: Export needs a Convert afterwards.
     void WriteDocument(const char* pText, std::size_t cbText, const LOGFONT* pBaseFont, const BlockSink& sink);
 

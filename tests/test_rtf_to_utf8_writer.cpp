@@ -68,7 +68,7 @@ std::string Written(const char* pText, std::size_t cbText, int codePage)
     std::size_t cbDoneBefore = 0;
     writer.WriteDocument(pText, cbText, &lf, [&](const char* p, std::size_t cb, std::size_t cbTextDone) {
         EXPECT_GT(cb, 0u);
-        EXPECT_LE(cb, std::size_t(128) << 10);
+        EXPECT_LE(cb, std::size_t(256) << 10);
         EXPECT_GE(cbTextDone, cbDoneBefore);
         EXPECT_LE(cbTextDone, cbText);
         cbDoneBefore = cbTextDone;

@@ -426,6 +426,12 @@ void COutput::Write(const char* p, std::size_t cb)
     m_cbBuffered += cb;
 }
 
+void COutput::WriteBlock(const char* p, std::size_t cb)
+{
+    Flush();
+    WriteThrough(p, cb);
+}
+
 void COutput::Flush()
 {
     if (m_cbBuffered == 0) return;

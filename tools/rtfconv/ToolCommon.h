@@ -230,6 +230,10 @@ public:
 
     void Write(const char* p, std::size_t cb);
     void Write(std::string_view s) { Write(s.data(), s.size()); }
+    // A block the caller has made whole, for a writer that makes its output
+    // in blocks of its own: written at once, after what is buffered, and
+    // never copied, whatever its size.
+    void WriteBlock(const char* p, std::size_t cb);
     void Commit();
     const std::string& Name() const { return m_displayName; }
 

@@ -102,7 +102,7 @@ void WriteUtf8TextAsRtf(const Txt2RtfOptions& options, std::string_view text, bo
     writer.SetCodePage(options.codePage.empty() ? std::stoi(kDefaultCodePage) : CodePageNumberOf(options.codePage));
     writer.WriteDocument(text.data(), text.size(), pFont,
                          [&conversion, bTextIsInput](const char* p, std::size_t cb, std::size_t cbTextDone) {
-                             conversion.Out().Write(p, cb);
+                             conversion.Out().WriteBlock(p, cb);
                              if (bTextIsInput) conversion.ReportConsumed(cbTextDone);
                          });
     conversion.ReportConsumed(conversion.Data().size());
