@@ -507,21 +507,20 @@ inline void Copy16(char* to, const unsigned char* from)
 // PutDenseText looks at the text this many bytes a step, three blocks of 16.
 constexpr std::size_t kcbWindow = 48;
 
-// Copies what follows the first 16 bytes of a run of cb bytes, from 17 up to
-// a window's length (the first 16 are copied already): up to 15 bytes more
-// are read and written.
-inline void CopyRunTail(char* to, const unsigned char* from, std::size_t cb)
+// What follows a stop's piece, up to the next stop: most runs between stops
+// are shorter than 32 bytes, so that only a longer one takes a branch of its
+// own, where one of 16 would be taken the wrong way often.
+inline void Copy32(char* to, const unsigned char* from)
 {
+    Copy16(to, from);
     Copy16(to + 16, from + 16);
-    if (cb > 32) Copy16(to + 32, from + 32);
 }
 
 // A step takes at most this many bytes of the text: its window, and the
 // rest of a run of characters begun at its last byte.
 constexpr std::size_t kcbStepText = kcbWindow + CCharacterPieces::kcbRunKey - 1;
-// And reads at most this far: 16 bytes are copied from after that run, a
-// run in the window reads up to 15 bytes past it.
-constexpr std::size_t kcbStepReach = kcbStepText + 16;
+// And reads at most this far: 32 bytes are copied from after that run.
+constexpr std::size_t kcbStepReach = kcbStepText + 32;
 // And writes at most this far: a piece of at most kcbLongestPiece (written
 // whole) for each of its bytes, and a run copied after the last.
 constexpr std::size_t kcbStepRoom = kcbStepText * kcbLongestPiece + kcbWindow;
@@ -559,7 +558,7 @@ static_assert(kcbHeadRoom >= kcbStepRoom, "a fresh block's room for a step");
             _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16), v1);
             _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 32), v2);
             // The stops not yet written, bit 0 for the byte at `done`, the
-            // first not yet written, whose 16 bytes are written already.
+            // first not yet written, whose 32 bytes are written already.
             std::uint64_t stops = std::uint64_t(StopsIn(v0)) | std::uint64_t(StopsIn(v1)) << 16 |
                                   std::uint64_t(StopsIn(v2)) << 32;
             if (stops == 0) {
@@ -570,7 +569,7 @@ static_assert(kcbHeadRoom >= kcbStepRoom, "a fresh block's room for a step");
             const unsigned char* done = p;
             do {
                 const std::size_t cbRun = static_cast<std::size_t>(__builtin_ctzll(stops));
-                if (cbRun > 16) CopyRunTail(out, done, cbRun);
+                if (cbRun > 32) Copy16(out + 32, done + 32);
                 const unsigned char* next = done + cbRun;
                 out += cbRun;
                 if (*next >= 0x80) {
@@ -590,20 +589,17 @@ static_assert(kcbHeadRoom >= kcbStepRoom, "a fresh block's room for a step");
                     }
                     ++next;
                 }
-                Copy16(out, next);
+                Copy32(out, next);
                 stops >>= next - done;  // at most kcbStepText
                 done = next;
             } while (stops != 0);
             // The rest of the window is written already, unless the last
-            // piece took it all, or it is longer than 16.
+            // piece took it all, or it is longer than 32.
             const unsigned char* const windowEnd = p + kcbWindow;
-            if (done < windowEnd) {
-                if (windowEnd - done > 16) CopyRunTail(out, done, static_cast<std::size_t>(windowEnd - done));
-                out += windowEnd - done;
-                p = windowEnd;
-            } else {
-                p = done;
-            }
+            const std::size_t cbRest = done < windowEnd ? static_cast<std::size_t>(windowEnd - done) : 0;
+            if (cbRest > 32) Copy16(out + 32, done + 32);
+            out += cbRest;
+            p = done + cbRest;
         } while (--cSteps != 0);
     }
     block.Advance(static_cast<std::size_t>(out - block.Cursor()));
