@@ -166,8 +166,9 @@ struct Written {
 // A run of characters past ASCII, and its pieces.
 constexpr std::size_t kcbRunPiece = 32;
 struct RunEntry {
-    std::uint64_t key;  // the run's bytes, first byte lowest; 0, never a run (its first byte is past ASCII), marks an empty entry
-    unsigned char cbText;
+    // The run's bytes, first byte lowest, each past ASCII, so that the
+    // key tells its length; 0, never a run, marks an empty entry.
+    std::uint64_t key;
     unsigned char cb;
     char piece[kcbRunPiece];
 };
@@ -193,8 +194,9 @@ public:
     // but that of a character beyond U+FFFF, which is rare and is made anew.
     static constexpr std::size_t kcbEntryPiece = 16;
     struct Entry {
-        std::uint32_t key = 0;  // the sequences' bytes, first byte lowest; 0, never a sequence, marks an empty entry
-        unsigned char cbSequence = 0;
+        // The sequences' bytes, first byte lowest (their first byte tells
+        // how many); 0, never a sequence, marks an empty entry.
+        std::uint32_t key = 0;
         unsigned char cb = 0;
         char piece[kcbEntryPiece] = {};
     };
@@ -258,9 +260,8 @@ public:
         const RunEntry& run = m_runs[RunSlotOf(key)];
         if (run.key != key) return PutNewRun(p, end, out, key, cbKey);
         std::memcpy(out, run.piece, kcbRunPiece);
-        // The key's length, which its entry holds too: known from the bytes,
-        // where the entry's is known only once it is loaded, the next stop
-        // is looked for at once.
+        // The run's length from its bytes, not from its entry: the next stop
+        // is looked for at once, before the entry is loaded.
         return {p + cbKey, out + run.cb};
     }
     // The longest run PutRun takes, and how far it reads: the byte after it.
@@ -282,8 +283,8 @@ private:
         // that starts no sequence never has an entry, whatever it keeps.
         static constexpr std::uint32_t kKeep[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF,
                                                     0xFFFF, 0xFFFF, 0xFFFFFF, 0xFFFFFFFF};
-        // A kept sequence's length, known from its first byte (as for a run's
-        // key, so that the next stop is looked for before the entry is loaded).
+        // A kept sequence's length, from its first byte: the next stop is
+        // looked for at once, before the entry is loaded.
         static constexpr unsigned char kLength[16] = {1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2, 2, 3, 4};
         const std::uint32_t key = word & kKeep[p[0] >> 4];
         const Entry& entry = m_characters[SlotOf(key)];
@@ -363,7 +364,6 @@ Written CCharacterPieces::PutNew(const unsigned char* p, const unsigned char* en
     if (cb <= kcbEntryPiece) {
         Entry& entry = m_characters[SlotOf(key)];
         entry.key = key;
-        entry.cbSequence = static_cast<unsigned char>(next - p);
         entry.cb = static_cast<unsigned char>(cb);
         std::memcpy(entry.piece, out, cb);
     }
@@ -382,7 +382,6 @@ Written CCharacterPieces::PutNewPair(const unsigned char* p, const unsigned char
     if (second.next != p + 4) return second;
     Entry& pair = m_pairs[SlotOf(word)];
     pair.key = word;
-    pair.cbSequence = 4;
     pair.cb = static_cast<unsigned char>(second.out - out);
     std::memcpy(pair.piece, out, pair.cb);
     return second;
@@ -483,7 +482,6 @@ inline const unsigned char* PutStop(const unsigned char* p, const unsigned char*
         }
         RunEntry& run = m_keptRuns[RunSlotOf(key)];
         run.key = key;
-        run.cbText = static_cast<unsigned char>(cbKey);
         run.cb = static_cast<unsigned char>(cb);
         std::memcpy(run.piece, out, cb);
     }
@@ -536,7 +534,7 @@ static_assert(kcbHeadRoom >= kcbStepRoom, "a fresh block's room for a step");
 // room than a step needs. Where stops are dense (a tab, a line end or a
 // character past ASCII every few bytes) a scan that starts again after each
 // costs more than the stop: each step copies its window as it stands, then
-// writes each stop of its mask over its own byte and copies the 16 bytes
+// writes each stop of its mask over its own byte and copies the 32 bytes
 // after it again behind the piece (the rest of a longer run as well), the
 // next stop of the same mask coming next.
 [[gnu::always_inline]] inline const unsigned char* PutDenseTextSteps(CCharacterPieces& pieces, const unsigned char* p,
