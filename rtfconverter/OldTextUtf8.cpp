@@ -11,11 +11,6 @@
 #include <system_error>
 #include <thread>
 
-#if defined(__linux__)
-#include <pthread.h>
-#include <sched.h>
-#endif
-
 #include "platform/ObjBase.h"
 #include "platform/WinGdi.h"
 #include "rtfconverter/ByteScan.h"
@@ -1467,48 +1462,6 @@ std::size_t FontCommandBefore(std::string_view utf8, std::size_t at)
     return std::string_view::npos;
 }
 
-// Where the helper runs. A new thread is queued on the core of the thread
-// that made it until the system balances its load, some milliseconds later,
-// which is the whole of a second part's work: the helper is placed on
-// another core than the caller's at once, where the process may use more
-// than one, and once running there lets itself run anywhere again, so that
-// a core the caller leaves idle can take it over.
-class CHelperPlacement {
-public:
-    // Before the helper starts: the cores the process may use.
-    CHelperPlacement()
-    {
-#if defined(__linux__)
-        m_bKnown = sched_getaffinity(0, sizeof m_allowed, &m_allowed) == 0 && CPU_COUNT(&m_allowed) > 1;
-#endif
-    }
-    // From the calling thread, once the helper exists.
-    void MoveOffCallersCore([[maybe_unused]] std::thread& helper) const
-    {
-#if defined(__linux__)
-        const int here = sched_getcpu();
-        if (!m_bKnown || here < 0 || here >= CPU_SETSIZE || !CPU_ISSET(here, &m_allowed)) return;
-        cpu_set_t elsewhere = m_allowed;
-        CPU_CLR(here, &elsewhere);
-        // Only a hint: refused, the helper runs where the system puts it.
-        (void)pthread_setaffinity_np(helper.native_handle(), sizeof elsewhere, &elsewhere);
-#endif
-    }
-    // From the helper, once it runs.
-    void LetRunAnywhere() const
-    {
-#if defined(__linux__)
-        if (m_bKnown) (void)sched_setaffinity(0, sizeof m_allowed, &m_allowed);
-#endif
-    }
-
-private:
-#if defined(__linux__)
-    cpu_set_t m_allowed{};
-    bool m_bKnown = false;
-#endif
-};
-
 // The second part of a text cut at `at`, encoded from a guess of the state
 // there; its bytes follow those of the guessed font command. The guess is
 // handed over under the lock; the rest is the helper's until it is joined.
@@ -1524,13 +1477,10 @@ struct SecondPart {
     bool bGuessed = false;  // the guess is set, and the part is being encoded
     bool bFailed = false;   // no guess will come
     bool bDropped = false;  // the caller goes on alone: the part is not begun
-
-    CHelperPlacement placement;
 };
 
 void EncodeSecondPart(std::string_view utf8, int defaultCodePage, std::size_t at, SecondPart& part) noexcept
 {
-    part.placement.LetRunAnywhere();
     try {
         {
             std::lock_guard<std::mutex> hold(part.lock);
@@ -1603,7 +1553,6 @@ std::string OldTextFromUtf8(std::string_view utf8, int defaultCodePage, const Ol
     CJoined helper;
     try {
         helper.thread = std::thread(EncodeSecondPart, utf8, defaultCodePage, at, std::ref(second));
-        second.placement.MoveOffCallersCore(helper.thread);
     } catch (const std::system_error&) {
         return OldTextFromUtf8(utf8, defaultCodePage, pCounts);  // no thread to be had: one does it all
     }
