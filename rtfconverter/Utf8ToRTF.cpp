@@ -25,10 +25,6 @@ constexpr char32_t kInvalid = 0xFFFFFFFF;
 constexpr int kWesternCodePage = 1252;
 // Room for the header, font table and colour table in front of the body.
 constexpr int kcbHeadRoom = 4096;
-// The document is made in blocks of this size: large enough that handing one
-// on costs next to nothing (a file system takes a write of 64 KB at half
-// the speed of one of 256 KB), small enough to stay in the processor's cache.
-constexpr std::size_t kcbBlock = std::size_t(256) << 10;
 // The longest piece written for one byte or character of the text (or a
 // pair of two-byte characters, at most twice "\u2047?" or "\'hh\'hh"): a
 // character beyond U+FFFF, as two \uN? ("\u-10240?\u-9216?").
@@ -527,6 +523,8 @@ static_assert(kcbRunPiece <= 2 * kcbLongestPiece, "a run's piece within the room
 static_assert(CCharacterPieces::kcbRunReach < kcbStepReach, "a run's key read within a step's reach");
 // A block just handed on has room for a step: WriteBody never hands on an empty one.
 static_assert(kcbHeadRoom >= kcbStepRoom, "a fresh block's room for a step");
+// The first block holds the head (a few hundred bytes) and the room for a step.
+static_assert(CUTF8TextToRTF::kcbLeastBlock >= 2 * kcbHeadRoom, "the least block's room for the head");
 
 // Writes the pieces of the text from p on, a window of kcbWindow bytes a
 // step, while the text and the block's room last for a step, and returns
@@ -651,6 +649,8 @@ void CUTF8TextToRTF::SetCodePage(int codePage)
     m_pPage = pPage && !pPage->IsSymbol() ? pPage : CCodePage::Get(kWesternCodePage);
 }
 
+void CUTF8TextToRTF::SetBlockSize(std::size_t cb) { m_cbBlock = std::clamp(cb, kcbLeastBlock, kcbMostBlock); }
+
 void CUTF8TextToRTF::ChooseFont(const LOGFONT* pBaseFont)
 {
     if (pBaseFont) {
@@ -696,8 +696,8 @@ void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CStr
     // A short text gets a block to its measure (no character takes more than
     // five bytes a byte of text), so that converting many small texts costs
     // no large allocation each; the head always fits.
-    CBlock block(std::min(kcbBlock, static_cast<std::size_t>(kcbHeadRoom + opening.GetLength()) +
-                                        5 * std::min(cbText, kcbBlock)));
+    CBlock block(std::min(m_cbBlock, static_cast<std::size_t>(kcbHeadRoom + opening.GetLength()) +
+                                         5 * std::min(cbText, m_cbBlock)));
     const unsigned char* const begin = reinterpret_cast<const unsigned char*>(pText);
     CCharacterPieces pieces(m_pPage, begin);
     const unsigned char* const end = begin + cbText;

@@ -53,6 +53,19 @@ public:
     // The code page whose characters are written as bytes; one that iconv
     // does not know, or Symbol, gives 1252. Before Convert.
     void SetCodePage(int codePage);
+
+    // The sizes of the blocks WriteDocument hands on.
+    static constexpr std::size_t kcbLeastBlock = std::size_t(16) << 10;
+    static constexpr std::size_t kcbDefaultBlock = std::size_t(64) << 10;
+    static constexpr std::size_t kcbMostBlock = std::size_t(256) << 10;
+    // The size of the blocks WriteDocument hands on (a short text's one
+    // block is smaller), kept within [kcbLeastBlock, kcbMostBlock]. A block
+    // is fresh memory until it is first filled, whose pages cost more than
+    // converting the bytes they hold: where the document goes to memory or
+    // to a pipe, small blocks are faster. A file system, though, takes a
+    // few large writes faster than many small ones: a sink that writes to a
+    // file gains from the largest.
+    void SetBlockSize(std::size_t cb);
     // Builds the body for the zero-terminated UTF-8 text (null reads as
     // empty) in the font pBaseFont, or Arial 10 at the screen's resolution
     // when null. A second call replaces the body and the font of the first.
@@ -72,8 +85,8 @@ public:
     // The document of [pText, pText + cbText) (a NUL ends the text there, as
     // the end of Convert's string does) in the font pBaseFont, the same bytes
     // as Convert then Export, handed to `sink` as it is made, in blocks of at
-    // most 256 KiB, the head first: neither the body nor the document is ever
-    // held whole. Keeps no body: Export needs a Convert afterwards.
+    // most the block size, the head first: neither the body nor the document
+    // is ever held whole. Keeps no body: Export needs a Convert afterwards.
     void WriteDocument(const char* pText, std::size_t cbText, const LOGFONT* pBaseFont, const BlockSink& sink);
 
 protected:
@@ -88,6 +101,7 @@ private:
     const CCodePage* m_pPage;
     LOGFONT m_logFont;
     CString m_csBuffer;
+    std::size_t m_cbBlock = kcbDefaultBlock;
 };
 
 } // namespace rtf_converter

@@ -58,17 +58,21 @@ std::string ToUtf8(const std::string& rtf)
     return out;
 }
 
-// The document WriteDocument hands on, checking the blocks as they come.
-std::string Written(const char* pText, std::size_t cbText, int codePage)
+// The document WriteDocument hands on in blocks of cbBlock (0: the default
+// size), checking the blocks as they come.
+std::string Written(const char* pText, std::size_t cbText, int codePage, std::size_t cbBlock = 0)
 {
     CUTF8TextToRTF writer;
     writer.SetCodePage(codePage);
+    if (cbBlock) writer.SetBlockSize(cbBlock);
+    const std::size_t cbMost = std::clamp(cbBlock ? cbBlock : CUTF8TextToRTF::kcbDefaultBlock,
+                                          CUTF8TextToRTF::kcbLeastBlock, CUTF8TextToRTF::kcbMostBlock);
     const LOGFONT lf = ArialTenPoints();
     std::string rtf;
     std::size_t cbDoneBefore = 0;
     writer.WriteDocument(pText, cbText, &lf, [&](const char* p, std::size_t cb, std::size_t cbTextDone) {
         EXPECT_GT(cb, 0u);
-        EXPECT_LE(cb, std::size_t(256) << 10);
+        EXPECT_LE(cb, cbMost);
         EXPECT_GE(cbTextDone, cbDoneBefore);
         EXPECT_LE(cbTextDone, cbText);
         cbDoneBefore = cbTextDone;
@@ -182,12 +186,15 @@ TEST(Utf8ToRtf, WriteDocumentIsExport)
         for (int codePage : {1252, 932})
             EXPECT_EQ(Written(text.data(), text.size(), codePage), ToRtf(text, codePage))
                 << text.size() << " bytes, code page " << codePage;
-    for (std::size_t cbFill : {0, 1, 5, 15, 16, 17, 33, 47, 100, 1000}) {
-        const PiecesText made = PiecesAmongRuns(300000, cbFill);
-        const std::string written = Written(made.text.data(), made.text.size(), 1252);
-        EXPECT_EQ(written, ToRtf(made.text, 1252)) << cbFill;
-        EXPECT_TRUE(Body(written) == made.body) << cbFill;
-    }
+    // Every block size, the least and the most asked for outside the range.
+    for (std::size_t cbBlock : {std::size_t(1), CUTF8TextToRTF::kcbLeastBlock, CUTF8TextToRTF::kcbMostBlock,
+                                CUTF8TextToRTF::kcbMostBlock * 2})
+        for (std::size_t cbFill : {0, 1, 5, 15, 16, 17, 33, 47, 100, 1000}) {
+            const PiecesText made = PiecesAmongRuns(300000, cbFill);
+            const std::string written = Written(made.text.data(), made.text.size(), 1252, cbBlock);
+            EXPECT_EQ(written, ToRtf(made.text, 1252)) << cbFill << " between pieces, blocks of " << cbBlock;
+            EXPECT_TRUE(Body(written) == made.body) << cbFill << " between pieces, blocks of " << cbBlock;
+        }
 }
 
 // The text's end is cbText, or a NUL before it; nothing past it is read: a

@@ -433,6 +433,12 @@ void COutput::WriteBlock(const char* p, std::size_t cb)
     WriteThrough(p, cb);
 }
 
+bool COutput::GoesToFile() const
+{
+    struct stat st {};
+    return ::fstat(m_fd, &st) == 0 && S_ISREG(st.st_mode);
+}
+
 void COutput::Flush()
 {
     if (m_cbBuffered == 0) return;

@@ -234,6 +234,10 @@ public:
     // in blocks of its own: written at once, after what is buffered, and
     // never copied, whatever its size.
     void WriteBlock(const char* p, std::size_t cb);
+    // Whether the bytes go to a regular file (a file system takes a few
+    // large writes faster than many small ones), not to a pipe, a terminal
+    // or a device.
+    bool GoesToFile() const;
     void Commit();
     const std::string& Name() const { return m_displayName; }
 

@@ -100,6 +100,7 @@ void WriteUtf8TextAsRtf(const Txt2RtfOptions& options, std::string_view text, bo
 {
     rtf_converter::CUTF8TextToRTF writer;
     writer.SetCodePage(options.codePage.empty() ? std::stoi(kDefaultCodePage) : CodePageNumberOf(options.codePage));
+    if (conversion.Out().GoesToFile()) writer.SetBlockSize(rtf_converter::CUTF8TextToRTF::kcbMostBlock);
     writer.WriteDocument(text.data(), text.size(), pFont,
                          [&conversion, bTextIsInput](const char* p, std::size_t cb, std::size_t cbTextDone) {
                              conversion.Out().WriteBlock(p, cb);
