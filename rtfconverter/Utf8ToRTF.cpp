@@ -29,6 +29,12 @@ constexpr int kcbHeadRoom = 4096;
 // pair of two-byte characters, at most twice "\u2047?" or "\'hh\'hh"): a
 // character beyond U+FFFF, as two \uN? ("\u-10240?\u-9216?").
 constexpr std::size_t kcbLongestPiece = 17;
+// How far past where it starts one character's (or one pair's) piece is
+// written: pieces are copied whole from the caches, 16 bytes at a time,
+// and the second of a pair that is not kept yet is copied so after a first
+// of at most 8 bytes.
+constexpr std::size_t kcbPutRoom = 8 + 16;
+static_assert(kcbPutRoom >= kcbLongestPiece, "room for a piece made anew");
 
 using byte_scan::IsUtf8TrailByte;
 
@@ -207,7 +213,7 @@ public:
     }
 
     // Writes the piece of the character at p (a byte from 0x80 up), or of
-    // it and the next, at `out`, which has room for kcbLongestPiece, and
+    // it and the next, at `out`, which has room for kcbPutRoom, and
     // returns where it ends, in the text (one byte past a byte that starts
     // no well-formed sequence) and in the block.
     Written Put(const unsigned char* p, const unsigned char* end, char* out)
@@ -389,13 +395,15 @@ Written CCharacterPieces::PutDecoded(const unsigned char* p, const unsigned char
     return {p, out + MakeCharacterPiece(m_pPage, cp == kInvalid ? kReplacement : cp, out)};
 }
 
+static_assert(kcbPutRoom >= 8 + CCharacterPieces::kcbEntryPiece, "room for a pair's second piece, copied whole");
+
 // Writes the pieces of a word of characters past ASCII, the first at p, while
 // the room for the longest piece lasts, and returns what follows them.
 const unsigned char* PutOtherCharacters(CCharacterPieces& pieces, const unsigned char* p, const unsigned char* end,
                                         CBlock& block)
 {
     char* out = block.Cursor();
-    char* const outLast = out + (block.Room() - kcbLongestPiece);
+    char* const outLast = out + (block.Room() - kcbPutRoom);
     do {
         const Written written = pieces.Put(p, end, out);
         p = written.next;
@@ -721,8 +729,9 @@ void CUTF8TextToRTF::WriteBody(const char* pText, std::size_t cbText, const CStr
         // few hundred bytes a run and a stop at a time would cost more.
         if (block.Room() < kcbStepRoom && p < end && *p != 0) handOn();
 #endif
-        if (block.Room() < 2 * kcbLongestPiece) handOn();
-        const std::size_t cbMost = std::min(static_cast<std::size_t>(end - p), block.Room() - kcbLongestPiece);
+        // Room for a run and the piece after it.
+        if (block.Room() < 2 * kcbPutRoom) handOn();
+        const std::size_t cbMost = std::min(static_cast<std::size_t>(end - p), block.Room() - kcbPutRoom);
         // Printable ASCII up to 'z' but the backslash: { | } ~ are rare
         // enough in text to be taken one by one, and one comparison fewer
         // on every 16 bytes pays for that many times over.
