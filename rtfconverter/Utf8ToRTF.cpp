@@ -29,12 +29,6 @@ constexpr int kcbHeadRoom = 4096;
 // pair of two-byte characters, at most twice "\u2047?" or "\'hh\'hh"): a
 // character beyond U+FFFF, as two \uN? ("\u-10240?\u-9216?").
 constexpr std::size_t kcbLongestPiece = 17;
-// How far past where it starts one character's (or one pair's) piece is
-// written: pieces are copied whole from the caches, 16 bytes at a time,
-// and the second of a pair that is not kept yet is copied so after a first
-// of at most 8 bytes.
-constexpr std::size_t kcbPutRoom = 8 + 16;
-static_assert(kcbPutRoom >= kcbLongestPiece, "room for a piece made anew");
 
 using byte_scan::IsUtf8TrailByte;
 
@@ -395,7 +389,13 @@ Written CCharacterPieces::PutDecoded(const unsigned char* p, const unsigned char
     return {p, out + MakeCharacterPiece(m_pPage, cp == kInvalid ? kReplacement : cp, out)};
 }
 
-static_assert(kcbPutRoom >= 8 + CCharacterPieces::kcbEntryPiece, "room for a pair's second piece, copied whole");
+// The longest piece of a two-byte character: "\'hh\'hh" or "\u2047?".
+constexpr std::size_t kcbLongestTwoBytePiece = 8;
+// How far past where it starts one character's (or one pair's) piece is
+// written: pieces are copied whole from the caches, and the second of a
+// pair that is not kept yet is copied so after the first.
+constexpr std::size_t kcbPutRoom = kcbLongestTwoBytePiece + CCharacterPieces::kcbEntryPiece;
+static_assert(kcbPutRoom >= kcbLongestPiece, "room for a piece made anew");
 
 // Writes the pieces of a word of characters past ASCII, the first at p, while
 // the room for the longest piece lasts, and returns what follows them.
